@@ -1,0 +1,18 @@
+#!/usr/bin/env bash
+# Builds Vorn twice and runs every test in both builds:
+#   build/release  optimised, warnings are errors
+#   build/asan     AddressSanitizer + UndefinedBehaviorSanitizer
+set -euo pipefail
+cd "$(dirname "$0")/.."
+scripts/install-deps.sh
+
+jobs=$(nproc)
+cmake -S . -B build/release -DCMAKE_BUILD_TYPE=Release -DVORN_WERROR=ON
+cmake --build build/release -j"$jobs"
+ctest --test-dir build/release --output-on-failure -j"$jobs"
+
+cmake -S . -B build/asan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVORN_WERROR=ON \
+  -DVORN_SANITIZE=ON -DVORN_BUILD_BENCH=OFF
+cmake --build build/asan -j"$jobs"
+ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+  ctest --test-dir build/asan --output-on-failure -j"$jobs"
