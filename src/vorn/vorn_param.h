@@ -9,12 +9,12 @@
 namespace vorn {
 
 // Sizes of the module regions; each module checks the size it is handed.
-constexpr int32_t kNsParamSize = 40;       // suppressor call record
-constexpr int32_t kBfParamSize = 56;       // beamformer call record
-constexpr int32_t kBfBuffSize = 240000;
-constexpr int32_t kNsBuffSize = 64000;
-constexpr int32_t kAgcBuffSize = 388;
-constexpr int32_t kAecBuffSize = 464724;
+constexpr int32_t kRegionNsParamSize = 40;       // suppressor call record
+constexpr int32_t kRegionBfParamSize = 56;       // beamformer call record
+constexpr int32_t kRegionBfBuffSize = 240000;
+constexpr int32_t kRegionNsBuffSize = 64000;
+constexpr int32_t kRegionAgcBuffSize = 388;
+constexpr int32_t kRegionAecBuffSize = 464724;
 constexpr int32_t kVornParamSize = 1680;
 constexpr int32_t kVornStateSize = 961328;
 constexpr int32_t kVornStateSlack = 256;
@@ -25,14 +25,14 @@ constexpr int kVornModeCount = 3;
 // this order. The parameter records are held as raw bytes here; the front end
 // views them through the module's own record type.
 struct TVornState {
-  unsigned char ns_pm[3][kNsParamSize];
-  unsigned char ns_vad_pm[kNsParamSize];
-  unsigned char bf_pm[kBfParamSize];
-  unsigned char bf_buff[kBfBuffSize];
-  unsigned char ns_buff[3][kNsBuffSize];
-  unsigned char ns_vad_buff[kNsBuffSize];
-  unsigned char agc_buff[kAgcBuffSize];
-  unsigned char aec_buff[kAecBuffSize];
+  unsigned char ns_pm[3][kRegionNsParamSize];
+  unsigned char ns_vad_pm[kRegionNsParamSize];
+  unsigned char bf_pm[kRegionBfParamSize];
+  unsigned char bf_buff[kRegionBfBuffSize];
+  unsigned char ns_buff[3][kRegionNsBuffSize];
+  unsigned char ns_vad_buff[kRegionNsBuffSize];
+  unsigned char agc_buff[kRegionAgcBuffSize];
+  unsigned char aec_buff[kRegionAecBuffSize];
 };
 
 static_assert(sizeof(T_VornKey) == 540);
