@@ -13,8 +13,8 @@
 // names compare ASCII case-insensitively against fixed tables, integer values
 // are stored only when the whole value is a decimal number, and the filter
 // path is copied over the previous one in place. Anything else is skipped
-// without a word: a configuration file can only make switches zero or set,
-// never make the front end fail to start.
+// silently; whether the values make sense is for the front end's parameter
+// check to judge once a mode is selected.
 #include "conf_read/conf_read.h"
 
 #include <climits>
@@ -184,11 +184,13 @@ bool iniGetValue(const char* text, int32_t* value) {
   return true;
 }
 
-// Copies the path over the field without clearing what lies behind it (a
-// shorter later value leaves the earlier tail in place, as configuration
-// files written for this reader expect), then drops a pair of enclosing
-// quotes. At most kPathMaxChars characters are taken so the last byte of the
-// field stays the terminator.
+// Copies the path's characters over the field without clearing what lies
+// behind them, so a shorter later value for the same mode shows the tail of
+// the earlier one; existing files give the path once per section and are
+// read exactly as before. Then a pair of enclosing quotes is dropped. A path
+// is cut at kPathMaxChars characters: the field's last byte is never written
+// and stays the terminator. No real path is that long; a cut one simply fails
+// to open later, as any wrong path does.
 void iniGetString(const char* text, char* field) {
   size_t copy_len = std::strlen(text);
   if (copy_len > static_cast<size_t>(kPathMaxChars)) copy_len = kPathMaxChars;
