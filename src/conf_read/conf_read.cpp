@@ -44,7 +44,6 @@ struct LineScan {
   bool in_double_quotes = false;
   bool in_single_quotes = false;
   bool in_comment = false;
-  bool content_started = false;
   bool too_long = false;
   int scanned_len = 0;   // content characters stored so far, blanks included
   int content_len = 0;   // up to and including the last non-blank one
@@ -106,10 +105,7 @@ ELineType GetLine(const char* window, int window_len, bool last_chunk, LineScan&
       continue;
     }
     const bool blank = IsBlank(c);
-    if (!scan.content_started) {
-      if (blank) continue;
-      scan.content_started = true;
-    }
+    if (blank && scan.scanned_len == 0) continue;  // content starts at its first non-blank
     // Blanks past the limit are dropped: trailing ones do not count, and a
     // later non-blank character makes the line too long anyway.
     if (scan.scanned_len < kIniMaxContent) {
