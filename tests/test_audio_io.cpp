@@ -4,10 +4,12 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <filesystem>
 #include <string>
 #include <vector>
 
 #include "audio_io/audio_io.h"
+#include "support/wav_file.h"
 
 namespace {
 
@@ -53,19 +55,21 @@ std::string BuildWave(const WaveSpec& spec) {
   return Bytes().id(spec.riff).le(totsize, 4).id(spec.wave).raw(chunks.out).out;
 }
 
+// Files live in a fresh directory that goes away with the test program.
+struct ScratchDir {
+  std::string path = vorn::test::MakeTempDir("audio_io");
+  ~ScratchDir() { std::filesystem::remove_all(path); }
+};
+
 std::string TempPath(const std::string& tag) {
+  static const ScratchDir dir;
   static int serial = 0;
-  return ::testing::TempDir() + "vorn_audio_io_" + tag + "_" + std::to_string(serial++) + ".wav";
+  return dir.path + "/" + tag + "_" + std::to_string(serial++) + ".wav";
 }
 
 std::string WriteFile(const std::string& bytes) {
   const std::string path = TempPath("in");
-  FILE* file = std::fopen(path.c_str(), "wb");
-  EXPECT_NE(file, nullptr);
-  if (file != nullptr) {
-    std::fwrite(bytes.data(), 1, bytes.size(), file);
-    std::fclose(file);
-  }
+  EXPECT_TRUE(vorn::test::WriteBytes(path, bytes)) << path;
   return path;
 }
 
@@ -223,12 +227,7 @@ TEST(AudioIo, MonoHeaderBytesAndRoundTrip) {
                                .id("fmt ").le(16, 4).le(1, 2).le(1, 2).le(16000, 4).le(32000, 4).le(2, 2).le(16, 2)
                                .id("data").le(1000, 4)
                                .out;
-  FILE* in = std::fopen(path.c_str(), "rb");
-  ASSERT_NE(in, nullptr);
-  std::string got(44, '\0');
-  ASSERT_EQ(std::fread(got.data(), 1, 44, in), 44u);
-  std::fclose(in);
-  EXPECT_EQ(got, want);
+  EXPECT_EQ(vorn::test::ReadText(path).substr(0, 44), want);
 
   const Opened o = OpenWave(path);
   EXPECT_EQ(o.rc, 44);

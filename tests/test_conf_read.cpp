@@ -7,11 +7,13 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <random>
 #include <string>
 #include <vector>
 
 #include "conf_read/conf_read.h"
+#include "support/wav_file.h"
 
 namespace {
 
@@ -24,17 +26,17 @@ int32_t T_VornKey::*const kIntFields[] = {
     &T_VornKey::ns_flag,  &T_VornKey::bf_azimuth, &T_VornKey::vad_mode};
 enum Field { kAgc, kBf, kDoa, kAec, kNs, kAzimuth, kVad };
 
+// Files live in a fresh directory that goes away with the test program.
+struct ScratchDir {
+  std::string path = vorn::test::MakeTempDir("conf_read");
+  ~ScratchDir() { std::filesystem::remove_all(path); }
+};
+
 std::string WriteFile(const std::string& bytes) {
+  static const ScratchDir dir;
   static int serial = 0;
-  const std::string path = ::testing::TempDir() + "vorn_conf_read_" +
-                           ::testing::UnitTest::GetInstance()->current_test_info()->name() + "_" +
-                           std::to_string(serial++) + ".ini";
-  FILE* file = std::fopen(path.c_str(), "wb");
-  EXPECT_NE(file, nullptr) << path;
-  if (file != nullptr) {
-    std::fwrite(bytes.data(), 1, bytes.size(), file);
-    std::fclose(file);
-  }
+  const std::string path = dir.path + "/" + std::to_string(serial++) + ".ini";
+  EXPECT_TRUE(vorn::test::WriteBytes(path, bytes)) << path;
   return path;
 }
 
@@ -333,7 +335,7 @@ TEST(ConfRead, FailuresAreReportedNotCrashed) {
   ASSERT_EQ(LoadConfFileInit(scratch, 3676), 0);
   T_VornKey dummy{};
   T_VornKey* keys = &dummy;
-  const std::string missing = ::testing::TempDir() + "vorn_conf_read_does_not_exist.ini";
+  const std::string missing = WriteFile("") + ".missing";
   EXPECT_EQ(LoadConfFileProc(missing.c_str(), scratch, &keys), -1);
   EXPECT_EQ(keys, nullptr);
   keys = &dummy;
@@ -346,7 +348,8 @@ TEST(ConfRead, FailuresAreReportedNotCrashed) {
   EXPECT_EQ(empty.rc, 0);
   EXPECT_TRUE(SameKeys(empty.keys, {}));
   keys = nullptr;
-  const int32_t rc = LoadConfFileProc(::testing::TempDir().c_str(), scratch, &keys);
+  const std::string directory = std::filesystem::path(WriteFile("")).parent_path().string();
+  const int32_t rc = LoadConfFileProc(directory.c_str(), scratch, &keys);
   EXPECT_TRUE(rc == 0 || rc == -1) << rc;
   if (rc == 0) {
     ASSERT_NE(keys, nullptr);
