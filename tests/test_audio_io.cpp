@@ -27,7 +27,7 @@ struct Bytes {
   Bytes& raw(const std::string& bytes) { out += bytes; return *this; }
 };
 
-struct WaveSpec {
+struct WaveLayout {
   int fmt_size = 16;          // 18 and 40 carry an extension
   bool fact = false;          // a "fact" chunk before "data"
   const char* other_chunk = "";  // id of a further chunk before "data" ("LIST")
@@ -39,20 +39,20 @@ struct WaveSpec {
 };
 
 // A three-channel 16 kHz file; audio sample n holds the value n.
-std::string BuildWave(const WaveSpec& spec) {
+std::string BuildWave(const WaveLayout& layout) {
   Bytes chunks;
-  chunks.id("fmt ").le(spec.fmt_size, 4).le(1, 2).le(3, 2).le(16000, 4).le(96000, 4).le(6, 2).le(16, 2);
-  if (spec.fmt_size >= 18) chunks.le(spec.fmt_size - 18, 2);  // extension size
-  for (int i = 18; i < spec.fmt_size; ++i) chunks.le(0xAB, 1);
-  if (spec.fact) chunks.id("fact").le(4, 4).le(spec.data_bytes / 6, 4);
-  if (*spec.other_chunk != '\0') chunks.id(spec.other_chunk).le(6, 4).raw("INFOab");
-  chunks.id("data").le(spec.data_bytes, 4);
-  const int present = static_cast<int>(spec.data_bytes) + spec.length_change;
+  chunks.id("fmt ").le(layout.fmt_size, 4).le(1, 2).le(3, 2).le(16000, 4).le(96000, 4).le(6, 2).le(16, 2);
+  if (layout.fmt_size >= 18) chunks.le(layout.fmt_size - 18, 2);  // extension size
+  for (int i = 18; i < layout.fmt_size; ++i) chunks.le(0xAB, 1);
+  if (layout.fact) chunks.id("fact").le(4, 4).le(layout.data_bytes / 6, 4);
+  if (*layout.other_chunk != '\0') chunks.id(layout.other_chunk).le(6, 4).raw("INFOab");
+  chunks.id("data").le(layout.data_bytes, 4);
+  const int present = static_cast<int>(layout.data_bytes) + layout.length_change;
   for (int n = 0; 2 * n + 1 < present; ++n) chunks.le(static_cast<uint32_t>(n), 2);
   if (present % 2 == 1) chunks.le(0x55, 1);
   const uint32_t totsize =
-      4 + static_cast<uint32_t>(chunks.out.size()) - spec.length_change + spec.totsize_change;
-  return Bytes().id(spec.riff).le(totsize, 4).id(spec.wave).raw(chunks.out).out;
+      4 + static_cast<uint32_t>(chunks.out.size()) - layout.length_change + layout.totsize_change;
+  return Bytes().id(layout.riff).le(totsize, 4).id(layout.wave).raw(chunks.out).out;
 }
 
 // Files live in a fresh directory that goes away with the test program.
@@ -103,7 +103,7 @@ TEST(AudioIo, HeaderLayoutsAndMessages) {
   const char* const not_wave = "sig_wave_stream_init(): stream @ is not a WAVE format\n";
   struct Case {
     const char* name;
-    WaveSpec spec;
+    WaveLayout layout;
     int32_t want_rc;
     std::string want_messages;
   };
@@ -129,7 +129,7 @@ TEST(AudioIo, HeaderLayoutsAndMessages) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
-    const std::string bytes = BuildWave(c.spec);
+    const std::string bytes = BuildWave(c.layout);
     const std::string path = WriteFile(bytes);
     Opened o = OpenWave(path);
     EXPECT_EQ(o.rc, c.want_rc);
@@ -140,11 +140,11 @@ TEST(AudioIo, HeaderLayoutsAndMessages) {
       EXPECT_EQ(o.header.numchans, 3);
       EXPECT_EQ(o.header.Fs, 16000);
       EXPECT_EQ(o.header.nbytespersample, 6);
-      EXPECT_EQ(o.header.datsize, c.spec.data_bytes);
+      EXPECT_EQ(o.header.datsize, c.layout.data_bytes);
       // The stream stands at the first audio sample.
       int16_t first[2] = {-1, -1};
       const size_t got = std::fread(first, sizeof(int16_t), 2, o.stream);
-      if (c.spec.data_bytes >= 4) {
+      if (c.layout.data_bytes >= 4) {
         EXPECT_EQ(got, 2u);
         EXPECT_EQ(first[0], 0);
         EXPECT_EQ(first[1], 1);
