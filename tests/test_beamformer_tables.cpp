@@ -13,6 +13,7 @@
 
 #include "adsp_bf/fixed_beamformer.h"
 #include "adsp_bf/weight_tables.h"
+#include "common/adsp_common_fft_rel.h"
 #include "support/signals.h"
 
 namespace vorn {
@@ -98,8 +99,9 @@ Beam SetBeam(const float* set) {
 }
 
 // The module's frame flow: 512-sample history per microphone, unwindowed
-// transform, beam, inverse transform, keep samples 256..511.
-Signal OverlapSave(const ThreeMics& mics, const Beam& beam) {
+// transform, beam, inverse transform, keep samples 256..511. The transforms
+// are the direct DFT in double, or the library's own fft_rel/ifft_rel.
+Signal OverlapSave(const ThreeMics& mics, const Beam& beam, bool shared_fft = false) {
   const std::size_t hops = mics[0].size() / kHop;
   Signal y(hops * kHop, 0.0f);
   std::array<std::array<double, kN>, 3> history{};
@@ -108,11 +110,21 @@ Signal OverlapSave(const ThreeMics& mics, const Beam& beam) {
     for (int m = 0; m < 3; ++m) {
       std::copy(history[m].begin() + kHop, history[m].end(), history[m].begin());
       for (int n = 0; n < kHop; ++n) history[m][kHop + n] = mics[m][h * kHop + n];
-      const std::array<float, kN> spectrum = PackedDft(history[m].data());
-      std::copy(spectrum.begin(), spectrum.end(), f[m]);
+      if (shared_fft) {
+        for (int n = 0; n < kN; ++n) f[m][n] = float(history[m][n]);
+        fft_rel(f[m], kN, 9);
+      } else {
+        const std::array<float, kN> spectrum = PackedDft(history[m].data());
+        std::copy(spectrum.begin(), spectrum.end(), f[m]);
+      }
     }
     float out[kN];
     beam(f, out);
+    if (shared_fft) {
+      ifft_rel(out, kN, 9);
+      for (int n = 0; n < kHop; ++n) y[h * kHop + n] = out[kHop + n];
+      continue;
+    }
     const std::array<double, kN> time = PackedIdft(out);
     for (int n = 0; n < kHop; ++n) y[h * kHop + n] = float(time[kHop + n]);
   }
@@ -272,6 +284,18 @@ TEST(FixedBeams, DelayAndSumPassesLookDirectionWithCommonDelay) {
   // The same beam does not pass a source it is not steered to.
   const Signal off = OverlapSave(test::PlaneWave(source, 180, 0), TableBeam(1, 0));
   EXPECT_GT(BandResidualDb(off, want, 300.0, 7000.0), -10.0);
+}
+
+// The tables and the library's own transform agree on sign and packing:
+// the beams pass their look direction through fft_rel/ifft_rel as well.
+TEST(FixedBeams, LookDirectionPassesThroughTheSharedFft) {
+  const Signal source = test::MakeSpeechLike(16 * kHop, 5).samples;
+  const Signal want = Delayed(source, kPlaneWaveDelay + kBeamDelay);
+  for (int type : {1, 2}) {
+    SCOPED_TRACE(testing::Message() << "type " << type);
+    const Signal y = OverlapSave(test::PlaneWave(source, 250, 0), TableBeam(type, 250), true);
+    EXPECT_LT(BandResidualDb(y, want, 300.0, 7000.0), -45.0);
+  }
 }
 
 // MVDR: distortionless in every third-octave band from 300 Hz to 7 kHz.
