@@ -222,14 +222,23 @@ TEST(WeightTables, EveryListEntryPassesItsOwnDirection) {
     const char* name;
     const float* const* sets;
     int count;
-    double step_deg, theta_deg, radius;
+    double first_deg, step_deg, theta_deg, radius;
   };
+  const float* const sector_mvdr[3] = {mvdr_w_0, mvdr_w_120, mvdr_w_240};
+  const float* const loudspeaker_set[1] = {ls_w_300};
   const List lists[] = {
-      {"doa_tab", doa_tab, 72, 5, 90, kRadiusSamples},       {"doa_tab80", doa_tab80, 72, 5, 80, kRadiusSamples},
-      {"doa_tab70", doa_tab70, 72, 5, 70, kRadiusSamples},   {"doa_tab60", doa_tab60, 72, 5, 60, kRadiusSamples},
-      {"doa_tab55", doa_tab55, 72, 5, 55, kRadiusSamples},   {"mbf_bf_mvdr_tab", mbf_bf_mvdr_tab, 72, 5, 90, kRadiusSamples},
-      {"mvdr_tab", mvdr_tab, 3, 120, 90, kRadiusSamples},    {"ds_tab", ds_tab, 3, 120, 90, 1.812},
-      {"mbf_tab", mbf_tab, 3, 120, 90, 1.812},               {"doa_ele_azi_tab", doa_ele_azi_tab[0], 72, 5, 60, kRadiusSamples},
+      {"doa_tab", doa_tab, 72, 0, 5, 90, kRadiusSamples},
+      {"doa_tab80", doa_tab80, 72, 0, 5, 80, kRadiusSamples},
+      {"doa_tab70", doa_tab70, 72, 0, 5, 70, kRadiusSamples},
+      {"doa_tab60", doa_tab60, 72, 0, 5, 60, kRadiusSamples},
+      {"doa_tab55", doa_tab55, 72, 0, 5, 55, kRadiusSamples},
+      {"doa_ele_azi_tab", doa_ele_azi_tab[0], 72, 0, 5, 60, kRadiusSamples},
+      {"mbf_bf_mvdr_tab", mbf_bf_mvdr_tab, 72, 0, 5, 90, kRadiusSamples},
+      {"mvdr_tab", mvdr_tab, 3, 0, 120, 90, kRadiusSamples},
+      {"ds_tab", ds_tab, 3, 0, 120, 90, 1.812},  // sector sets: 1.812-sample advance
+      {"mbf_tab", mbf_tab, 3, 0, 120, 90, 1.812},
+      {"mvdr_w_*", sector_mvdr, 3, 0, 120, 90, 1.812},
+      {"ls_w_300", loudspeaker_set, 1, 300, 0, 90, kRadiusSamples},
   };
   for (const List& list : lists)
     for (int i = 0; i < list.count; ++i) {
@@ -238,7 +247,7 @@ TEST(WeightTables, EveryListEntryPassesItsOwnDirection) {
       for (int k = 1; k < 256; ++k) {
         Complex response = 0.0;
         for (int m = 0; m < 3; ++m)
-          response += Weight(list.sets[i], k, m) * Steering(k, m, i * list.step_deg, list.theta_deg, list.radius);
+          response += Weight(list.sets[i], k, m) * Steering(k, m, list.first_deg + i * list.step_deg, list.theta_deg, list.radius);
         worst = std::max(worst, std::abs(response - CommonDelay(k)));
       }
       EXPECT_LT(worst, 1e-5);
