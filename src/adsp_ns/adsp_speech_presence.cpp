@@ -155,6 +155,11 @@ void EstGain(T_AdspNsState *ns_st, float *q, float *g) {
     } else if (v > 0.0f) {
       speech_gain = ExpExpint(v) * eta / (eta + 1.0f);
     }
+    if (presence == 1.0f) {
+      // x^0 * y^1 is y exactly; the floor would be discarded.
+      g[k] = speech_gain;
+      continue;
+    }
     const double weight = presence;
     g[k] = static_cast<float>(std::pow(static_cast<double>(scaled_floor), 1.0 - weight) *
                               std::pow(static_cast<double>(speech_gain), weight));
