@@ -38,7 +38,6 @@ constexpr int kFastStartFrames = 50;        // long-term SNRs adapt faster until
 void NoiseEst(T_AdspNsState *ns_st, float *psd) {
   T_AdspNsState &st = *ns_st;
   float smoothed_psd[kNsBins];
-  float presence[kNsBins] = {};
   float noise_indicator[kNsBins];
   float indicated_psd[kNsBins];
   float indicator_weight[kNsBins];
@@ -103,26 +102,27 @@ void NoiseEst(T_AdspNsState *ns_st, float *psd) {
     const float minimum = st.s_min_t[k] < kTiny ? kTiny : st.s_min_t[k];
     const float gamma_min = psd[k] / kBiasMinimum / minimum;
     const float zeta = st.s[k] / kBiasMinimum / minimum;
+    float presence = 0.0f;  // stays 0 where the periodogram is at or below the minimum
     if (gamma_min > 1.0f && gamma_min < kGammaMax && zeta < kZetaMax) {
       const double absence = (3.0 - static_cast<double>(gamma_min)) * 0.5;
       const double not_absent = 1.0 - absence;
-      presence[k] = static_cast<float>(
+      presence = static_cast<float>(
           not_absent / (not_absent + (1.0 + static_cast<double>(st.eta[k])) * absence *
                                          std::exp(-static_cast<double>(st.v[k]))));
     }
     if (gamma_min > kGammaMax || zeta > kZetaMax) {
       // Surely speech: both averages hold their value.
-      presence[k] = 1.0f;
+      presence = 1.0f;
     } else {
-      const float alpha = 0.85f + 0.15f * presence[k];
-      const float alpha_long = 0.99f + 0.01f * presence[k];
+      const float alpha = 0.85f + 0.15f * presence;
+      const float alpha_long = 0.99f + 0.01f * presence;
       st.lambda_dav[k] = alpha * st.lambda_dav[k] + (1.0f - alpha) * psd[k];
       st.lambda_dav_long[k] = alpha_long * st.lambda_dav_long[k] + (1.0f - alpha_long) * psd[k];
     }
     st.lambda_d[k] = kBiasAverage * st.lambda_dav[k];
     if (k >= kSumFirstBin && k <= kSumLastBin) {
       sum_noise += st.lambda_d[k];
-      sum_presence += presence[k];
+      sum_presence += presence;
       sum_psd += psd[k];
     }
   }
@@ -148,8 +148,10 @@ void NoiseEst(T_AdspNsState *ns_st, float *psd) {
                                                    : 0.99f * st.long_eta_high + 0.01f * st.f_snr;
   }
   if (st.frame > kFastStartFrames) {
-    // The floor rises with the long-term SNR: clean speech tolerates little
-    // residual noise, noisy speech needs more to stay natural.
+    // The floor follows the long-term SNR: it stays low while the input is
+    // mostly noise and opens up (to -5 dB) once speech stands well above it,
+    // where deep suppression would only add musical noise. 2^long_eta is
+    // formed in double and rounded once.
     float gain_floor = static_cast<float>(0.01766 * std::exp2(static_cast<double>(st.long_eta)) - 0.025);
     float eta_floor;
     if (gain_floor < 0.01f) {
