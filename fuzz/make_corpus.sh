@@ -1,0 +1,68 @@
+#!/usr/bin/env bash
+# Writes the hand-made seed inputs of the fuzz targets into fuzz/corpus/.
+# The files are checked in; rerun this only to change them. Seeds named ok_*
+# are valid inputs that the regression test expects the reader to accept.
+set -euo pipefail
+cd "$(dirname "$0")/corpus"
+
+le16() { printf "\\x$(printf %02x $(($1 & 255)))\\x$(printf %02x $((($1 >> 8) & 255)))"; }
+le32() { le16 $(($1 & 65535)); le16 $((($1 >> 16) & 65535)); }
+
+mkdir -p conf_read wav_header filter_read
+
+# Configuration files.
+cat > conf_read/ok_three_modes.conf <<'CONF'
+# wake-up, recognition and communication switches
+[VORN_WKP]
+agc_flag = 1
+bf_flag = 3
+doa_flag = 1
+aec_flag = 1
+ns_flag = 1
+bf_zaimuth = 90
+vad_mode = 1
+preaec_filter_path = "/data/vorn/aec_path.bin"
+
+[VORN_ASR]
+agc_flag = 2
+bf_flag = 7
+doa_flag = 3
+aec_flag = 3
+ns_flag = 2
+bf_zaimuth = 359
+vad_mode = 2
+
+[VORN_COM]
+agc_flag = 0
+aec_flag = 2
+ns_flag = 2
+bf_zaimuth = -1
+CONF
+printf '; CR LF lines, odd case and quoting\r\n  [ vorn_com ]  \r\nAEC_FLAG=2;comment\r\nPreAec_Filter_Path = '"'"'/tmp/a b#c.bin'"'"'\r\nbf_flag = +4\r\nns_flag = 99999999999\r\n[VORN_WKP]\rvad_mode=2\n\rdoa_flag = 0x1' \
+  > conf_read/ok_crlf_quotes.conf
+
+# WAV headers: RIFF size, "WAVE", "fmt " chunk, optional "fact", "data".
+wav() {  # fmt_size extra_fmt_bytes fact(0/1) data_bytes channels
+  local fmt_size=$1 extra=$2 fact=$3 data_bytes=$4 channels=$5
+  local header_len=$((20 + fmt_size + 8 + (fact ? 12 : 0)))
+  printf 'RIFF'; le32 $((header_len - 8 + data_bytes)); printf 'WAVEfmt '
+  le32 "$fmt_size"; le16 1; le16 "$channels"; le32 16000; le32 $((32000 * channels))
+  le16 $((2 * channels)); le16 16
+  printf "$extra"
+  if [ "$fact" = 1 ]; then printf 'fact'; le32 4; le32 $((data_bytes / 2 / channels)); fi
+  printf 'data'; le32 "$data_bytes"
+  head -c "$data_bytes" /dev/zero | tr '\0' '\001'
+}
+wav 16 '' 0 24 4 > wav_header/ok_four_channels.wav
+wav 18 '\x00\x00' 0 12 1 > wav_header/ok_extended_format.wav
+wav 16 '' 1 12 3 > wav_header/ok_fact_chunk.wav
+{ wav 16 '' 0 12 1; printf 'LISTjunk'; } > wav_header/trailing_chunk.wav
+
+# Filter files: head length byte, head, float count, then the file's blocks.
+{ printf '\x08AEC----_'; le32 2
+  printf 'OTHER___'; le32 4; printf '\x01\x02\x03\x04'
+  printf 'AEC----_'; le32 8; head -c 8 /dev/zero; } > filter_read/ok_second_block.bin
+{ printf '\x03BF_'; le32 1; printf 'BF_W0000'; le32 4; printf '\x00\x00\x80\x3f'; } \
+  > filter_read/ok_short_head.bin
+{ printf '\x08AEC----_'; le32 4; printf 'AEC----_'; le32 16; head -c 8 /dev/zero; } \
+  > filter_read/cut_short.bin
