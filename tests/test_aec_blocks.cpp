@@ -157,5 +157,252 @@ TEST(RingBuffer, RandomTrafficMatchesAStreamModel) {
   }
 }
 
+// ------------------------------------------------------------- 128-point FFT
+
+// Direct DFT in double with the transform's packing and sine sign.
+std::array<double, 128> DirectPackedDft(const float* x) {
+  std::array<double, 128> packed{};
+  for (int k = 0; k <= 64; ++k) {
+    double re = 0.0, im = 0.0;
+    for (int j = 0; j < 128; ++j) {
+      const double phase = 2.0 * kPi * ((j * k) % 128) / 128.0;
+      re += x[j] * std::cos(phase);
+      im += x[j] * std::sin(phase);
+    }
+    if (k == 0) packed[0] = re;
+    else if (k == 64) packed[1] = re;
+    else {
+      packed[2 * k] = re;
+      packed[2 * k + 1] = im;
+    }
+  }
+  return packed;
+}
+
+// Inverse of the packing, scaled as the inverse transform is (n/2 times).
+std::array<double, 128> DirectPackedInverse(const float* packed) {
+  std::array<double, 128> x{};
+  for (int j = 0; j < 128; ++j) {
+    double sum = 0.5 * packed[0] + 0.5 * packed[1] * ((j % 2) ? -1.0 : 1.0);
+    for (int k = 1; k < 64; ++k) {
+      const double phase = 2.0 * kPi * ((j * k) % 128) / 128.0;
+      sum += packed[2 * k] * std::cos(phase) + packed[2 * k + 1] * std::sin(phase);
+    }
+    x[j] = sum;
+  }
+  return x;
+}
+
+enum class Stages { kPlain, kInstalled };
+
+void SelectStages(Stages stages) {
+  aec_rdft_init();
+  if (stages == Stages::kPlain) {
+    cft1st_128 = cft1st_128_C;
+    cftmdl_128 = cftmdl_128_C;
+    rftfsub_128 = rftfsub_128_C;
+    rftbsub_128 = rftbsub_128_C;
+  }
+}
+
+struct StagesGuard {
+  explicit StagesGuard(Stages stages) { SelectStages(stages); }
+  ~StagesGuard() { aec_rdft_init(); }
+};
+
+std::vector<std::array<float, 128>> FftInputs() {
+  std::vector<std::array<float, 128>> inputs;
+  std::array<float, 128> x{};
+  x[0] = 1.0f;
+  inputs.push_back(x);
+  x = {};
+  x[77] = -3.0f;
+  inputs.push_back(x);
+  for (int j = 0; j < 128; ++j) x[j] = static_cast<float>(std::sin(2.0 * kPi * 5.0 * j / 128.0 + 0.3));
+  inputs.push_back(x);
+  for (unsigned seed = 1; seed <= 20; ++seed) {
+    const test::Signal noise = test::WhiteNoise(128, seed % 2 ? 1.0 : 3000.0, seed);
+    std::copy(noise.begin(), noise.end(), x.begin());
+    inputs.push_back(x);
+  }
+  return inputs;
+}
+
+double MaxAbs(const std::array<double, 128>& v) {
+  double m = 0.0;
+  for (double e : v) m = std::max(m, std::fabs(e));
+  return m;
+}
+
+// Error relative to the largest value of the exact result, over impulses, a
+// tone and noise at two scales, for both stage sets. Single-precision radix-4
+// stages over 7 levels stay within a few float epsilons of the peak.
+TEST(Rdft128, ForwardAndInverseMatchADirectDftInDouble) {
+  for (Stages stages : {Stages::kPlain, Stages::kInstalled}) {
+    StagesGuard guard(stages);
+    double worst_forward = 0.0, worst_inverse = 0.0, worst_round_trip = 0.0;
+    for (const auto& input : FftInputs()) {
+      alignas(16) std::array<float, 128> a = input;
+      const auto exact = DirectPackedDft(input.data());
+      aec_rdft_forward_128(a.data());
+      double err = 0.0;
+      for (int i = 0; i < 128; ++i) err = std::max(err, std::fabs(a[i] - exact[i]));
+      worst_forward = std::max(worst_forward, err / MaxAbs(exact));
+
+      const auto exact_inverse = DirectPackedInverse(a.data());
+      alignas(16) std::array<float, 128> b = a;
+      aec_rdft_inverse_128(b.data());
+      err = 0.0;
+      for (int i = 0; i < 128; ++i) err = std::max(err, std::fabs(b[i] - exact_inverse[i]));
+      worst_inverse = std::max(worst_inverse, err / MaxAbs(exact_inverse));
+
+      double in_peak = 0.0;
+      err = 0.0;
+      for (int i = 0; i < 128; ++i) {
+        in_peak = std::max(in_peak, std::fabs(double{input[i]}));
+        err = std::max(err, std::fabs(double{b[i] * (2.0f / 128.0f)} - input[i]));
+      }
+      worst_round_trip = std::max(worst_round_trip, err / in_peak);
+    }
+    std::printf("[ figures  ] %s stages: forward %.3g, inverse %.3g, round trip %.3g (max error / peak)\n",
+                stages == Stages::kPlain ? "plain" : "installed", worst_forward, worst_inverse, worst_round_trip);
+    EXPECT_LT(worst_forward, 1e-6);
+    EXPECT_LT(worst_inverse, 1e-6);
+    EXPECT_LT(worst_round_trip, 1e-6);
+  }
+}
+
+TEST(Rdft128, ImpulseAndSineGiveTheirKnownSpectra) {
+  for (Stages stages : {Stages::kPlain, Stages::kInstalled}) {
+    StagesGuard guard(stages);
+    alignas(16) std::array<float, 128> a{};
+    a[0] = 1.0f;
+    aec_rdft_forward_128(a.data());
+    EXPECT_FLOAT_EQ(a[0], 1.0f);
+    EXPECT_FLOAT_EQ(a[1], 1.0f);
+    for (int k = 1; k < 64; ++k) {
+      EXPECT_NEAR(a[2 * k], 1.0f, 1e-6f) << k;
+      EXPECT_NEAR(a[2 * k + 1], 0.0f, 1e-6f) << k;
+    }
+    for (int j = 0; j < 128; ++j) a[j] = static_cast<float>(std::sin(2.0 * kPi * j / 128.0));
+    aec_rdft_forward_128(a.data());
+    EXPECT_NEAR(a[3], 64.0f, 1e-4f);  // I[1] carries the sine's own sign
+    for (int i = 0; i < 128; ++i) {
+      if (i != 3) {
+        EXPECT_NEAR(a[i], 0.0f, 1e-4f) << i;
+      }
+    }
+  }
+}
+
+// Every table entry is its rule's value in double rounded to float,
+// recomputed here with the C library's sin and cos.
+TEST(Rdft128, TwiddleTablesAreTheirRuleRoundedToFloat) {
+  auto rev4 = [](int m) { return ((m & 1) << 3) | ((m & 2) << 1) | ((m & 4) >> 1) | ((m & 8) >> 3); };
+  auto theta = [&](int m) { return 2.0 * rev4(m) * kPi / 64.0; };
+  auto f = [](double v) { return static_cast<float>(std::fabs(v) < 1e-12 ? 0.0 : v); };
+  for (int m = 0; m < 16; ++m) {
+    SCOPED_TRACE(m);
+    EXPECT_EQ(rdft_w[2 * m], f(std::cos(theta(m))));
+    EXPECT_EQ(rdft_w[2 * m + 1], f(std::sin(theta(m))));
+    for (int mult = 1; mult <= 3; ++mult) {
+      const auto& wkr = mult == 1 ? rdft_wk1r : mult == 2 ? rdft_wk2r : rdft_wk3r;
+      const auto& wki = mult == 1 ? rdft_wk1i : mult == 2 ? rdft_wk2i : rdft_wk3i;
+      EXPECT_EQ(wkr[2 * m], f(std::cos(mult * theta(m))));
+      EXPECT_EQ(wkr[2 * m + 1], wkr[2 * m]);
+      EXPECT_EQ(wki[2 * m], -f(std::sin(mult * theta(m))));
+      EXPECT_EQ(wki[2 * m + 1], f(std::sin(mult * theta(m))));
+    }
+  }
+  for (int m = 0; m < 8; ++m) {
+    EXPECT_EQ(rdft_wk3ri_first[2 * m], f(std::cos(3 * theta(2 * m))));
+    EXPECT_EQ(rdft_wk3ri_first[2 * m + 1], f(std::sin(3 * theta(2 * m))));
+    EXPECT_EQ(rdft_wk3ri_second[2 * m], f(std::cos(3 * theta(2 * m + 1))));
+    EXPECT_EQ(rdft_wk3ri_second[2 * m + 1], f(std::sin(3 * theta(2 * m + 1))));
+  }
+  const float* c = rdft_w.data() + 32;
+  EXPECT_EQ(c[0], f(std::cos(kPi / 4)));
+  EXPECT_EQ(c[16], 0.5f * c[0]);
+  for (int j = 1; j < 16; ++j) {
+    EXPECT_EQ(c[j], f(0.5 * std::cos(j * kPi / 64)));
+    EXPECT_EQ(c[32 - j], f(0.5 * std::sin(j * kPi / 64)));
+  }
+}
+
+#if defined(__SSE2__)
+// Stage by stage on the same random input. The real-data stages and every
+// twiddle group without a plain shortcut round exactly like the plain code;
+// the shortcut groups (cft1st's first 16 floats, cftmdl's groups 0 and 1)
+// may differ by float rounding only.
+TEST(Rdft128, Sse2StagesMatchThePlainStages) {
+  struct StagePair {
+    const char* name;
+    RdftStage128 plain, sse2;
+    int exact_from;  // floats from here on must be bit-identical (128: none)
+  };
+  const StagePair pairs[] = {
+      {"cft1st", cft1st_128_C, cft1st_128_SSE2, 16},
+      {"cftmdl", cftmdl_128_C, cftmdl_128_SSE2, 64},
+      {"rftfsub", rftfsub_128_C, rftfsub_128_SSE2, 0},
+      {"rftbsub", rftbsub_128_C, rftbsub_128_SSE2, 0},
+  };
+  for (const StagePair& pair : pairs) {
+    SCOPED_TRACE(pair.name);
+    for (unsigned seed = 1; seed <= 10; ++seed) {
+      const test::Signal noise = test::WhiteNoise(128, 1000.0, seed);
+      alignas(16) std::array<float, 128> plain;
+      std::copy(noise.begin(), noise.end(), plain.begin());
+      alignas(16) std::array<float, 128> sse2 = plain;
+      pair.plain(plain.data());
+      pair.sse2(sse2.data());
+      for (int i = 0; i < 128; ++i) {
+        if (i >= pair.exact_from) {
+          ASSERT_EQ(std::bit_cast<uint32_t>(plain[i]), std::bit_cast<uint32_t>(sse2[i])) << i;
+        } else {
+          ASSERT_NEAR(plain[i], sse2[i], 4e-7 * 4000.0) << i;
+        }
+      }
+    }
+  }
+  // The whole transform, forward and inverse.
+  double worst = 0.0;
+  for (unsigned seed = 1; seed <= 10; ++seed) {
+    const test::Signal noise = test::WhiteNoise(128, 1000.0, seed);
+    alignas(16) std::array<float, 128> plain, sse2;
+    std::copy(noise.begin(), noise.end(), plain.begin());
+    sse2 = plain;
+    {
+      StagesGuard guard(Stages::kPlain);
+      aec_rdft_forward_128(plain.data());
+    }
+    aec_rdft_forward_128(sse2.data());
+    double peak = 0.0;
+    for (float v : plain) peak = std::max(peak, std::fabs(double{v}));
+    for (int i = 0; i < 128; ++i) worst = std::max(worst, std::fabs(double{plain[i]} - sse2[i]) / peak);
+    {
+      StagesGuard guard(Stages::kPlain);
+      aec_rdft_inverse_128(plain.data());
+    }
+    aec_rdft_inverse_128(sse2.data());
+    peak = 0.0;
+    for (float v : plain) peak = std::max(peak, std::fabs(double{v}));
+    for (int i = 0; i < 128; ++i) worst = std::max(worst, std::fabs(double{plain[i]} - sse2[i]) / peak);
+  }
+  std::printf("[ figures  ] plain vs SSE2 transform: max difference %.3g of the peak\n", worst);
+  EXPECT_LT(worst, 1e-6);
+}
+
+TEST(Rdft128, InitInstallsTheSse2Stages) {
+  aec_rdft_init();
+  EXPECT_EQ(cft1st_128, &cft1st_128_SSE2);
+  EXPECT_EQ(cftmdl_128, &cftmdl_128_SSE2);
+  EXPECT_EQ(rftfsub_128, &rftfsub_128_SSE2);
+  EXPECT_EQ(rftbsub_128, &rftbsub_128_SSE2);
+  EXPECT_EQ(bitrv2_128, &bitrv2_128_C);
+  EXPECT_EQ(cftfsub_128, &cftfsub_128_C);
+  EXPECT_EQ(cftbsub_128, &cftbsub_128_C);
+}
+#endif
+
 }  // namespace
 }  // namespace vorn
