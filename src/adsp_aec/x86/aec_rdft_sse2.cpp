@@ -58,7 +58,9 @@ inline __m128 LowPairs(__m128 a, __m128 b) { return _mm_shuffle_ps(a, b, _MM_SHU
 inline __m128 HighPairs(__m128 a, __m128 b) { return _mm_shuffle_ps(a, b, _MM_SHUFFLE(3, 2, 3, 2)); }
 
 // Two floats c[i], c[i + 1] without reading past them.
-inline __m128 LoadPair(const float* c) { return _mm_castpd_ps(_mm_load_sd(reinterpret_cast<const double*>(c))); }
+inline __m128 LoadPair(const float* c) {
+  return _mm_castsi128_ps(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(c)));
+}
 
 }  // namespace
 
