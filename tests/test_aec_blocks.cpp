@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <memory>
 #include <numbers>
 #include <random>
 #include <string>
@@ -403,6 +404,67 @@ TEST(Rdft128, InitInstallsTheSse2Stages) {
   EXPECT_EQ(cftbsub_128, &cftbsub_128_C);
 }
 #endif
+
+// ---------------------------------------------------------- random generators
+
+TEST(Random, UniformSequenceFollowsTheCongruentialStep) {
+  // First value from the canceller's seed, computed in 64 bits.
+  uint32_t seed = 777;
+  const uint64_t first_state = (777ull * 69069ull + 1ull) & 0x7FFFFFFFull;
+  EXPECT_EQ(AdspSpl_RandU(&seed), static_cast<int16_t>(first_state >> 16));
+  EXPECT_EQ(seed, first_state);
+
+  // The array form is the same sequence; a length below 1 writes nothing.
+  uint32_t seed_a = 777, seed_b = 777;
+  int16_t values[65];
+  values[64] = -1;
+  EXPECT_EQ(AdspSpl_RandUArray(values, 64, &seed_a), 64);
+  uint64_t state = 777;
+  for (int i = 0; i < 64; ++i) {
+    state = (state * 69069ull + 1ull) & 0x7FFFFFFFull;
+    EXPECT_EQ(values[i], static_cast<int16_t>(state >> 16)) << i;
+    EXPECT_GE(values[i], 0);
+  }
+  EXPECT_EQ(values[64], -1);
+  EXPECT_EQ(seed_a, state);
+  EXPECT_EQ(AdspSpl_RandUArray(values, 0, &seed_b), 0);
+  EXPECT_EQ(seed_b, 777u);
+}
+
+TEST(Random, NormalTableIsAStratifiedNormalSampleInQ13) {
+  // Entry i is the normal quantile of stratum q of 512: q = 2j + (j & 1) in
+  // the first half and 2j + 1 - (j & 1) in the second, j = rev8(i mod 256).
+  // Check it with the C library's erfc: Phi(x) = erfc(-x / sqrt 2) / 2.
+  std::vector<int> strata;
+  for (int i = 0; i < kRandNTableSize; ++i) {
+    int j = 0;
+    for (int b = 0; b < 8; ++b) j |= ((i >> b) & 1) << (7 - b);
+    const int stratum = 2 * j + ((j & 1) ^ (i >> 8));
+    strata.push_back(stratum);
+    const double p = (stratum + 0.5) / 512.0;
+    const double x = kRandNTable[i] / 8192.0;
+    const double slope = std::exp(-0.5 * x * x) / std::sqrt(2.0 * kPi);  // dPhi/dx
+    EXPECT_NEAR(0.5 * std::erfc(-x / std::sqrt(2.0)), p, slope * 0.6 / 8192.0) << i;  // within rounding
+  }
+  std::sort(strata.begin(), strata.end());
+  for (int q = 0; q < kRandNTableSize; ++q) ASSERT_EQ(strata[q], q);  // every stratum once
+  // The reachable half (indices below 256) is itself a normal sample.
+  double sum = 0.0, sum2 = 0.0;
+  for (int i = 0; i < 256; ++i) {
+    sum += kRandNTable[i];
+    sum2 += static_cast<double>(kRandNTable[i]) * kRandNTable[i];
+  }
+  EXPECT_NEAR(sum / 256.0, 0.0, 1.0);
+  EXPECT_NEAR(std::sqrt(sum2 / 256.0) / 8192.0, 1.0, 0.02);
+
+  uint32_t seed = 777, check = 777;
+  for (int n = 0; n < 1000; ++n) {
+    const int16_t value = AdspSpl_RandN(&seed);
+    check = (check * 69069u + 1u) & 0x7FFFFFFFu;
+    ASSERT_LT(check >> 23, 256u);
+    ASSERT_EQ(value, kRandNTable[check >> 23]);
+  }
+}
 
 }  // namespace
 }  // namespace vorn
