@@ -466,5 +466,96 @@ TEST(Random, NormalTableIsAStratifiedNormalSampleInQ13) {
   }
 }
 
+// ------------------------------------------------------- resampler and skew
+
+struct Resampler {
+  Resampler() {
+    handle = AdspAec_CreateResampler(&storage);
+    EXPECT_EQ(AdspAec_InitResampler(handle, 16000), 0);
+  }
+  AecResampler storage;
+  void* handle;
+};
+
+TEST(Resampler, ZeroSkewDelaysByOneSample) {
+  Resampler r;
+  std::vector<float> out(300);
+  int out_count = 0;
+  std::vector<float> previous(64, 0.0f);
+  for (int frame = 0; frame < 3; ++frame) {
+    std::vector<float> in(64);
+    for (int i = 0; i < 64; ++i) in[i] = static_cast<float>(100 * frame + i + 1);
+    AdspAec_ResampleLinear(r.handle, in.data(), 64, 0.0f, out.data(), &out_count);
+    ASSERT_EQ(out_count, 64);
+    EXPECT_EQ(out[0], previous[63]);
+    for (int i = 1; i < 64; ++i) EXPECT_EQ(out[i], in[i - 1]) << i;
+    previous = in;
+  }
+}
+
+// A slow sine through the resampler over many frames: the output count follows
+// 1 / (1 + skew) and every output sample sits on the input's time axis at
+// g * (1 + skew) - 1, as a continuous stretch across frame boundaries would.
+TEST(Resampler, StretchesAndCompressesContinuouslyAcrossFrames) {
+  for (float skew : {0.01f, -0.01f, 0.2f, -0.3f}) {
+    for (int size : {64, 128}) {
+      SCOPED_TRACE(testing::Message() << "skew " << skew << " size " << size);
+      Resampler r;
+      const double omega = 2.0 * kPi * 100.0 / 16000.0;  // linear interpolation error ~ (omega)^2 / 8
+      std::vector<float> output;
+      const int frames = 100;
+      for (int f = 0; f < frames; ++f) {
+        std::vector<float> in(size);
+        for (int i = 0; i < size; ++i) in[i] = static_cast<float>(std::sin(omega * (f * size + i)));
+        std::vector<float> out(2 * size + 4);
+        int count = 0;
+        AdspAec_ResampleLinear(r.handle, in.data(), size, skew, out.data(), &count);
+        ASSERT_LE(count, static_cast<int>(size / (1.0f + skew)) + 2);
+        output.insert(output.end(), out.begin(), out.begin() + count);
+      }
+      EXPECT_NEAR(static_cast<double>(output.size()), frames * size / (1.0 + skew), 2.0);
+      for (size_t g = 2; g < output.size(); ++g) {
+        const double t = static_cast<double>(g) * (1.0 + skew) - 1.0;
+        ASSERT_NEAR(output[g], std::sin(omega * t), 2e-3) << g;
+      }
+    }
+  }
+}
+
+TEST(Resampler, SkewFitCollectsFourHundredFiguresThenReports) {
+  struct Case {
+    const char* name;
+    std::vector<int> figures;
+    int fit_result;
+    float estimate;
+  };
+  std::vector<int> noisy(400);
+  std::mt19937 rng(5);
+  for (int& x : noisy) x = 30 + static_cast<int>(rng() % 7) - 3;  // 27..33, mean 30
+  std::vector<int> with_outliers = noisy;
+  for (int i = 0; i < 400; i += 40) with_outliers[i] = 400;  // inside 4 % of 16 kHz, far beyond 5 MADs
+  const Case cases[] = {
+      {"identical figures", std::vector<int>(400, 25), 0, 25.0f},
+      {"negative identical figures", std::vector<int>(400, -17), 0, -17.0f},
+      {"all beyond 4 % of the rate", std::vector<int>(400, 700), -1, 0.0f},
+      {"noisy constant", noisy, 0, 30.0f},
+      {"noisy constant with outliers", with_outliers, 0, 30.0f},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    Resampler r;
+    float estimate = 123.0f;
+    for (int i = 0; i < 400; ++i) ASSERT_EQ(AdspAec_GetSkew(r.handle, c.figures[i], &estimate), 0);
+    EXPECT_EQ(estimate, 123.0f);  // untouched while collecting
+    EXPECT_EQ(AdspAec_GetSkew(r.handle, 0, &estimate), c.fit_result);
+    // The slope of a cumulative sum of noisy figures sits near their mean.
+    EXPECT_NEAR(estimate, c.estimate, c.figures == noisy || c.figures == with_outliers ? 0.5f : 0.0f);
+    EXPECT_EQ(r.storage.skewDataIndex, 401);
+    float later = 123.0f;
+    EXPECT_EQ(AdspAec_GetSkew(r.handle, 99, &later), 0);
+    EXPECT_EQ(later, estimate);
+  }
+}
+
 }  // namespace
 }  // namespace vorn
