@@ -557,5 +557,141 @@ TEST(Resampler, SkewFitCollectsFourHundredFiguresThenReports) {
   }
 }
 
+// ------------------------------------------------------------ filter file
+
+using Planes = std::array<std::array<float, kAecFilterPlaneLen>, 2>;
+
+std::vector<unsigned char> Record(const char (&tag)[9], uint32_t length, const std::vector<float>& payload) {
+  std::vector<unsigned char> bytes(tag, tag + 8);
+  for (int b = 0; b < 4; ++b) bytes.push_back(static_cast<unsigned char>(length >> (8 * b)));
+  for (float v : payload) {
+    const uint32_t bits = std::bit_cast<uint32_t>(v);
+    for (int b = 0; b < 4; ++b) bytes.push_back(static_cast<unsigned char>(bits >> (8 * b)));
+  }
+  return bytes;
+}
+
+std::string WriteFile(const std::string& name, const std::vector<unsigned char>& bytes) {
+  // Inside this build's tree, so that builds testing side by side never share a file.
+  const std::filesystem::path dir = std::filesystem::path(VORN_BINARY_DIR) / "test_aec_blocks_files";
+  std::filesystem::create_directories(dir);
+  const std::string path = (dir / name).string();
+  std::FILE* f = std::fopen(path.c_str(), "wb");
+  EXPECT_NE(f, nullptr);
+  if (f != nullptr) {
+    if (!bytes.empty()) std::fwrite(bytes.data(), 1, bytes.size(), f);
+    std::fclose(f);
+  }
+  return path;
+}
+
+int ReadInto(const std::string& path, Planes& planes) {
+  float (*wf)[kAecFilterPlaneLen] = reinterpret_cast<float (*)[kAecFilterPlaneLen]>(planes.data());
+  return AdspAec_FilterReadPlanes(path.c_str(), wf);
+}
+
+// Expected planes from a direct DFT in double of each zero-padded partition.
+Planes ExpectedPlanes(const std::vector<float>& taps) {
+  Planes planes{};
+  for (int p = 0; p < kAecFilterFilePartitions; ++p) {
+    for (int k = 0; k <= 64; ++k) {
+      double re = 0.0, im = 0.0;
+      for (int t = 0; t < 64; ++t) {
+        const double phase = 2.0 * kPi * t * k / 128.0;
+        re += taps[p * 64 + t] * std::cos(phase);
+        im += taps[p * 64 + t] * std::sin(phase);
+      }
+      planes[0][p * 65 + k] = static_cast<float>(re);
+      planes[1][p * 65 + k] = (k == 0 || k == 64) ? 0.0f : static_cast<float>(im);
+    }
+  }
+  return planes;
+}
+
+TEST(FilterFile, LoadsGoodFilesAndRejectsBadOnes) {
+  std::vector<float> taps(768);
+  std::mt19937 rng(11);
+  std::normal_distribution<float> dist(0.0f, 0.1f);
+  for (float& t : taps) t = dist(rng);
+  std::vector<float> unit(768, 0.0f);
+  unit[0] = 1.0f;
+  const std::vector<float> other(10, 5.0f);
+
+  auto join = [](std::vector<unsigned char> a, const std::vector<unsigned char>& b) {
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
+  };
+  const auto good = Record("AEC----_", 3072, taps);
+  const auto truncated = std::vector<unsigned char>(good.begin(), good.begin() + 12 + 5 * 256 + 100);
+  std::vector<float> taps_short(taps.begin(), taps.begin() + 767);
+
+  struct Case {
+    const char* name;
+    std::vector<unsigned char> bytes;
+    int result;
+    const std::vector<float>* loaded;  // null: the planes must end up all zero
+  };
+  const Case cases[] = {
+      {"single record", good, 0, &taps},
+      {"unit tap", Record("AEC----_", 3072, unit), 0, &unit},
+      {"after other records", join(join(Record("NS-----_", 40, other), Record("AEC----x", 40, other)), good), 0, &taps},
+      {"trailing records after it", join(good, Record("NS-----_", 40, other)), 0, &taps},
+      {"length 3068", Record("AEC----_", 3068, taps_short), -1, nullptr},
+      {"length 3076", join(Record("AEC----_", 3076, taps), {0, 0, 0, 0}), -1, nullptr},
+      {"payload cut after five partitions", truncated, -1, nullptr},
+      {"declared length beyond the file", std::vector<unsigned char>(good.begin(), good.end() - 4), -1, nullptr},
+      {"no filter record", join(Record("NS-----_", 40, other), Record("AEC----x", 40, other)), -1, nullptr},
+      {"header only", std::vector<unsigned char>(good.begin(), good.begin() + 12), -1, nullptr},
+      {"empty", {}, -1, nullptr},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    const std::string path = WriteFile("filter.bin", c.bytes);
+    auto planes = std::make_unique<Planes>();
+    // A failing read leaves the cleared filter of a fresh canceller as it is,
+    // and a short payload clears whatever had been added already.
+    ASSERT_EQ(ReadInto(path, *planes), c.result);
+    const Planes expected = c.loaded ? ExpectedPlanes(*c.loaded) : Planes{};
+    for (int plane = 0; plane < 2; ++plane) {
+      for (int i = 0; i < kAecFilterPlaneLen; ++i) {
+        ASSERT_NEAR((*planes)[plane][i], expected[plane][i], 2e-6) << plane << " " << i;
+      }
+    }
+    std::filesystem::remove(path);
+  }
+}
+
+// The transform is added into the planes (the canceller hands over cleared
+// ones); a file rejected before its payload is read leaves them as they were.
+TEST(FilterFile, AddsIntoThePlanes) {
+  std::vector<float> unit(768, 0.0f);
+  unit[64] = 2.0f;  // tap 0 of partition 1
+  const auto bytes = Record("AEC----_", 3072, unit);
+  const std::string path = WriteFile("add.bin", bytes);
+  auto planes = std::make_unique<Planes>();
+  for (auto& plane : *planes) plane.fill(0.5f);
+  ASSERT_EQ(ReadInto(path, *planes), 0);
+  const std::string cut = WriteFile("cut.bin", std::vector<unsigned char>(bytes.begin(), bytes.end() - 1));
+  ASSERT_EQ(ReadInto(cut, *planes), -1);
+  for (int k = 0; k <= 64; ++k) {
+    EXPECT_FLOAT_EQ((*planes)[0][65 + k], 2.5f) << k;  // real bins of partition 1
+    EXPECT_FLOAT_EQ((*planes)[0][k], 0.5f) << k;       // partition 0 unchanged
+    EXPECT_FLOAT_EQ((*planes)[1][65 + k], 0.5f) << k;  // no imaginary part added
+  }
+  std::filesystem::remove(path);
+  std::filesystem::remove(cut);
+}
+
+TEST(FilterFile, EntryPointRejectsMissingArguments) {
+  struct FakeCore {
+    float wfBuf_ini[2][kAecFilterPlaneLen];
+  };
+  auto core = std::make_unique<FakeCore>();
+  char missing[] = "/nonexistent/vorn/filter.bin";
+  EXPECT_EQ(AdspAec_FilterRead(missing, core.get()), -1);
+  EXPECT_EQ(AdspAec_FilterRead(static_cast<char*>(nullptr), core.get()), -1);
+  EXPECT_EQ(AdspAec_FilterRead(missing, static_cast<FakeCore*>(nullptr)), -1);
+}
+
 }  // namespace
 }  // namespace vorn
