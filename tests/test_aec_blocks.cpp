@@ -693,5 +693,288 @@ TEST(FilterFile, EntryPointRejectsMissingArguments) {
   EXPECT_EQ(AdspAec_FilterRead(missing, static_cast<FakeCore*>(nullptr)), -1);
 }
 
+// ------------------------------------------------------------ delay estimator
+
+// Power spectra (65 bins) of 128-sample frames advancing by 64, as the
+// canceller forms them for each 64-sample block.
+std::vector<std::array<float, 65>> BlockSpectra(const test::Signal& x) {
+  std::vector<std::array<float, 65>> spectra;
+  for (size_t start = 0; start + 128 <= x.size(); start += 64) {
+    alignas(16) std::array<float, 128> a;
+    std::copy(x.begin() + start, x.begin() + start + 128, a.begin());
+    aec_rdft_forward_128(a.data());
+    std::array<float, 65> power{};
+    power[0] = a[0] * a[0];
+    power[64] = a[1] * a[1];
+    for (int k = 1; k < 64; ++k) power[k] = a[2 * k] * a[2 * k] + a[2 * k + 1] * a[2 * k + 1];
+    spectra.push_back(power);
+  }
+  return spectra;
+}
+
+struct Estimator {
+  explicit Estimator(bool robust, int allowed_offset = 6) {
+    farend = Adsp_CreateDelayEstimatorFarend(&farend_buf, 65, kHistorySizeBlocks);
+    near = Adsp_CreateDelayEstimator(&near_buf, farend, kHistorySizeBlocks);
+    EXPECT_NE(farend, nullptr);
+    EXPECT_NE(near, nullptr);
+    EXPECT_EQ(Adsp_set_lookahead(near, kLookahead), kLookahead);
+    EXPECT_EQ(Adsp_set_allowed_offset(near, allowed_offset), 0);
+    EXPECT_EQ(Adsp_enable_robust_validation(near, robust ? 1 : 0), 0);
+  }
+  int Step(const std::array<float, 65>& far, const std::array<float, 65>& near_spectrum) {
+    EXPECT_EQ(Adsp_AddFarSpectrumFloat(farend, far.data(), 65), 0);
+    return Adsp_DelayEstimatorProcessFloat(near, near_spectrum.data(), 65);
+  }
+  static constexpr int kLookahead = 15;
+  DelayEstimatorFarend farend_buf;
+  DelayEstimator near_buf;
+  void* farend;
+  void* near;
+};
+
+// Near end: the far end delayed by delay_samples at -10 dB plus white room
+// noise about 40 dB below the far end's level.
+test::Signal EchoOf(const test::Signal& far, int delay_samples, uint32_t seed) {
+  test::Signal near(far.size(), 0.0f);
+  for (size_t i = delay_samples; i < far.size(); ++i) near[i] = 0.316f * far[i - delay_samples];
+  return test::Mix(near, test::WhiteNoise(far.size(), 0.01 * 3000.0 * 0.316, seed));
+}
+
+TEST(DelayEstimator, BinarySpectrumMarksBandsAboveTheirRunningMean) {
+  Estimator e(false);
+  std::array<float, 65> spectrum;
+  spectrum.fill(1e9f);  // bands outside 12..43 play no part
+  for (int k = kBandFirst; k <= kBandLast; ++k) spectrum[k] = 1.0f;
+  spectrum[20] = 0.0f;  // never positive: no mean, no bit
+  ASSERT_EQ(Adsp_AddFarSpectrumFloat(e.farend, spectrum.data(), 65), 0);
+  const BinaryDelayEstimatorFarend& far = *e.farend_buf.binary_farend;
+  // First spectrum: every mean starts at half the power, so every positive band is above it.
+  EXPECT_EQ(far.binary_far_history[0], 0xFFFFFFFFu & ~(1u << (20 - kBandFirst)));
+  EXPECT_EQ(far.far_bit_counts[0], 31);
+
+  for (int k = kBandFirst; k <= kBandLast; ++k) spectrum[k] = (k - kBandFirst) % 2 == 0 ? 2.0f : 0.1f;
+  ASSERT_EQ(Adsp_AddFarSpectrumFloat(e.farend, spectrum.data(), 65), 0);
+  EXPECT_EQ(far.binary_far_history[0], 0x55555555u);  // bit k - 12 for band k
+  EXPECT_EQ(far.far_bit_counts[0], 16);
+  EXPECT_EQ(far.binary_far_history[1], 0xFFFFFFFFu & ~(1u << 8));
+  EXPECT_EQ(far.far_bit_counts[1], 31);
+
+  // The near end builds its words the same way, with its own means.
+  ASSERT_EQ(Adsp_DelayEstimatorProcessFloat(e.near, spectrum.data(), 65), -2);  // no delay yet
+  EXPECT_EQ(e.near_buf.binary_handle->binary_near_history[0], 0xFFFFFFFFu);
+
+  EXPECT_EQ(Adsp_AddFarSpectrumFloat(nullptr, spectrum.data(), 65), -1);
+  EXPECT_EQ(Adsp_AddFarSpectrumFloat(e.farend, nullptr, 65), -1);
+  EXPECT_EQ(Adsp_AddFarSpectrumFloat(e.farend, spectrum.data(), 64), -1);
+  EXPECT_EQ(Adsp_DelayEstimatorProcessFloat(nullptr, spectrum.data(), 65), -1);
+  EXPECT_EQ(Adsp_DelayEstimatorProcessFloat(e.near, nullptr, 65), -1);
+  EXPECT_EQ(Adsp_DelayEstimatorProcessFloat(e.near, spectrum.data(), 66), -1);
+}
+
+TEST(DelayEstimator, CreationChecksSizesAndSettingsKeepTheirRanges) {
+  DelayEstimatorFarend far_buf;
+  DelayEstimator near_buf;
+  EXPECT_EQ(Adsp_CreateDelayEstimatorFarend(&far_buf, 64, 125), nullptr);
+  EXPECT_EQ(Adsp_CreateDelayEstimatorFarend(&far_buf, 65, 1), nullptr);
+  EXPECT_EQ(Adsp_CreateDelayEstimatorFarend(&far_buf, 65, 126), nullptr);
+  void* far = Adsp_CreateDelayEstimatorFarend(&far_buf, 65, 125);
+  ASSERT_EQ(far, &far_buf);
+  EXPECT_EQ(Adsp_CreateDelayEstimator(&near_buf, nullptr, 125), nullptr);
+  EXPECT_EQ(Adsp_CreateDelayEstimator(&near_buf, far, 126), nullptr);
+  void* near = Adsp_CreateDelayEstimator(&near_buf, far, 125);
+  ASSERT_EQ(near, &near_buf);
+  EXPECT_EQ(Adsp_last_delay(near), -2);
+  EXPECT_EQ(Adsp_lookahead(near), 125);
+  EXPECT_EQ(Adsp_set_lookahead(near, 126), -1);
+  EXPECT_EQ(Adsp_set_lookahead(near, 15), 15);
+  EXPECT_EQ(Adsp_enable_robust_validation(near, 2), -1);
+  EXPECT_EQ(Adsp_enable_robust_validation(near, 1), 0);
+  EXPECT_EQ(Adsp_set_allowed_offset(near, 6), 0);
+  // A restart clears the estimate but keeps the owner's settings.
+  EXPECT_EQ(Adsp_InitDelayEstimator(near), 0);
+  EXPECT_EQ(Adsp_lookahead(near), 15);
+  EXPECT_EQ(Adsp_is_robust_validation_enabled(near), 1);
+  EXPECT_EQ(Adsp_get_allowed_offset(near), 6);
+  EXPECT_EQ(Adsp_set_history_size(near, 40), 40);
+  EXPECT_EQ(Adsp_history_size(near), 40);
+  EXPECT_EQ(far_buf.binary_farend->history_size, 40);
+  EXPECT_EQ(Adsp_set_history_size(near, 126), -1);
+  EXPECT_EQ(Adsp_last_delay(nullptr), -1);
+}
+
+TEST(DelayEstimator, MeanEstimatorShiftsTheDifferenceMagnitude) {
+  struct Case {
+    int32_t new_value, factor, mean, expected;
+  };
+  const Case cases[] = {
+      {1000, 3, 0, 125},      {0, 3, 1000, 875},   // symmetric steps
+      {0, 3, 1001, 876},                           // -1001 >> 3 would give -126; the magnitude gives -125
+      {5, 3, 0, 0},           {0, 3, 5, 5},        // steps below one unit do not move the mean
+      {16384, 7, 10240, 10288}, {0, 13, 8191, 8191}, {0, 13, 8192, 8191},
+  };
+  for (const Case& c : cases) {
+    int32_t mean = c.mean;
+    Adsp_MeanEstimatorFix(c.new_value, c.factor, &mean);
+    EXPECT_EQ(mean, c.expected) << c.new_value << " " << c.factor << " " << c.mean;
+  }
+}
+
+TEST(DelayEstimator, SoftResetsShiftTheFarHistoryAndAbsorbShiftsInTheLookahead) {
+  BinaryDelayEstimatorFarend far;
+  ASSERT_EQ(Adsp_CreateBinaryDelayEstimatorFarend(&far, 6), 0);
+  for (uint32_t word : {0x1u, 0x3u, 0x7u, 0xFu, 0x1Fu, 0x3Fu}) Adsp_AddBinaryFarSpectrum(&far, word);
+  // Newest first: 0x3F 0x1F 0xF 0x7 0x3 0x1.
+  Adsp_SoftResetBinaryDelayEstimatorFarend(&far, 2);
+  const uint32_t after_forward[6] = {0, 0, 0x3F, 0x1F, 0xF, 0x7};
+  const int counts_forward[6] = {0, 0, 6, 5, 4, 3};
+  for (int i = 0; i < 6; ++i) {
+    EXPECT_EQ(far.binary_far_history[i], after_forward[i]) << i;
+    EXPECT_EQ(far.far_bit_counts[i], counts_forward[i]) << i;
+  }
+  Adsp_SoftResetBinaryDelayEstimatorFarend(&far, -3);
+  const uint32_t after_back[6] = {0x1F, 0xF, 0x7, 0, 0, 0};
+  for (int i = 0; i < 6; ++i) EXPECT_EQ(far.binary_far_history[i], after_back[i]) << i;
+
+  BinaryDelayEstimator near;
+  ASSERT_EQ(Adsp_CreateBinaryDelayEstimator(&near, &far, 20), 0);  // lookahead 0..20
+  near.lookahead = 15;
+  struct Case {
+    int shift, lookahead, unabsorbed;
+  };
+  const Case cases[] = {{5, 10, 0}, {12, 0, 2}, {-30, 20, -10}, {0, 20, 0}, {3, 17, 0}};
+  for (const Case& c : cases) {
+    EXPECT_EQ(Adsp_SoftResetBinaryDelayEstimator(&near, c.shift), c.unabsorbed) << c.shift;
+    EXPECT_EQ(near.lookahead, c.lookahead) << c.shift;
+  }
+}
+
+struct RunResult {
+  std::vector<int> accepted;  // every delay value taken, in order
+  int first_correct_block = -1;
+  float final_quality = 0.0f;
+};
+
+// The settled invariants of robust validation, checked after every block.
+void CheckRobustBounds(const BinaryDelayEstimator& e) {
+  for (int i = 0; i < e.history_size; ++i) {
+    ASSERT_GE(e.histogram[i], 0.0f);
+    ASSERT_LE(e.histogram[i], 3000.0f);
+  }
+  if (e.last_delay >= 0) {
+    ASSERT_EQ(e.last_delay_histogram, std::min(e.histogram[e.last_delay], 250.0f));
+  }
+  if (e.compare_delay >= 0) {
+    ASSERT_EQ(Adsp_binary_last_delay_quality(&e), e.histogram[e.compare_delay] / 3000.0f);
+  }
+}
+
+RunResult RunEstimator(Estimator& e, const test::Signal& far, const test::Signal& near, int correct) {
+  const auto far_spectra = BlockSpectra(far);
+  const auto near_spectra = BlockSpectra(near);
+  RunResult result;
+  int last = -2;
+  for (size_t b = 0; b < far_spectra.size(); ++b) {
+    const int d = e.Step(far_spectra[b], near_spectra[b]);
+    if (d != last) result.accepted.push_back(d);
+    if (d == correct && result.first_correct_block < 0) result.first_correct_block = static_cast<int>(b);
+    last = d;
+    if (e.near_buf.binary_handle->robust_validation_enabled) CheckRobustBounds(*e.near_buf.binary_handle);
+  }
+  result.final_quality = Adsp_last_delay_quality(e.near);
+  return result;
+}
+
+// Echo of pink noise at known delays. The estimator reports the delay plus
+// its 15-block lookahead. Its smoothing is slow by design (a far word with
+// about 12 of 32 bits set moves its mean by 1/2048 of the difference per
+// block), so a first estimate within 800 blocks (3.2 s) is the bound; a delay
+// that is not a whole number of blocks still lands on the nearer block. The
+// only delay ever reported must be the right one, and with robust validation
+// the quality must end above the 0.07 the canceller requires before it trusts
+// a later correction.
+TEST(DelayEstimator, ConvergesOnAKnownEchoDelay) {
+  struct Case {
+    int delay_samples, expected_blocks;
+  };
+  const Case cases[] = {{0, 0}, {64 * 9, 9}, {64 * 9 + 20, 9}, {64 * 60, 60}, {64 * 100 + 40, 101}};
+  const test::Signal far = test::PinkNoise(64 * 1000, 3000.0, 3);
+  for (const Case& c : cases) {
+    const test::Signal near = EchoOf(far, c.delay_samples, 4);
+    for (bool robust : {false, true}) {
+      SCOPED_TRACE(testing::Message() << "delay " << c.delay_samples << (robust ? " robust" : " plain"));
+      Estimator e(robust);
+      const RunResult r = RunEstimator(e, far, near, c.expected_blocks + Estimator::kLookahead);
+      ASSERT_EQ(r.accepted, (std::vector<int>{c.expected_blocks + Estimator::kLookahead}));
+      EXPECT_LT(r.first_correct_block, 800);
+      EXPECT_GT(r.final_quality, robust ? 0.07f : 0.3f);
+      EXPECT_LE(r.final_quality, 1.0f);
+    }
+  }
+}
+
+// The echo path jumps from 8 blocks to a nearby (12) or distant (40) delay.
+// The plain rule takes the new delay as soon as it becomes the candidate;
+// robust validation waits for its histogram to outweigh the old delay's
+// capped value, longer for the jump beyond the allowed offset, but within
+// 200 blocks (0.8 s) of the candidate change.
+TEST(DelayEstimator, RobustValidationFollowsAPathChangeAfterConfirmingIt) {
+  const int old_delay = 8, switch_block = 1200;
+  const test::Signal far = test::PinkNoise(64 * 2900, 3000.0, 3);
+  const test::Signal before = EchoOf(far, 64 * old_delay, 4);
+  int robust_wait[2] = {};
+  for (int new_delay : {12, 40}) {
+    const test::Signal after = EchoOf(far, 64 * new_delay, 4);
+    test::Signal near(before.begin(), before.begin() + 64 * switch_block);
+    near.insert(near.end(), after.begin() + 64 * switch_block, after.end());
+    int candidate_block[2] = {-1, -1}, accepted_block[2] = {-1, -1};
+    for (bool robust : {false, true}) {
+      SCOPED_TRACE(testing::Message() << "to " << new_delay << (robust ? " robust" : " plain"));
+      Estimator e(robust);
+      const auto far_spectra = BlockSpectra(far);
+      const auto near_spectra = BlockSpectra(near);
+      const int target = new_delay + Estimator::kLookahead;
+      for (int b = 0; b < static_cast<int>(far_spectra.size()); ++b) {
+        const int d = e.Step(far_spectra[b], near_spectra[b]);
+        const BinaryDelayEstimator& binary = *e.near_buf.binary_handle;
+        if (robust) CheckRobustBounds(binary);
+        if (b == switch_block) {
+          ASSERT_EQ(d, old_delay + Estimator::kLookahead);
+        }
+        if (candidate_block[robust] < 0 && b > switch_block && binary.last_candidate_delay == target) {
+          candidate_block[robust] = b;
+        }
+        if (accepted_block[robust] < 0 && d == target) accepted_block[robust] = b;
+      }
+      ASSERT_GE(candidate_block[robust], 0);
+      ASSERT_GE(accepted_block[robust], 0);
+      EXPECT_EQ(Adsp_last_delay(e.near), target);
+    }
+    EXPECT_EQ(candidate_block[0], candidate_block[1]);  // the validation does not alter the estimate itself
+    EXPECT_EQ(accepted_block[0], candidate_block[0]);
+    const int wait = accepted_block[1] - candidate_block[1];
+    EXPECT_GE(wait, 11);  // at least the hits a histogram-only takeover needs
+    EXPECT_LE(wait, 200);
+    robust_wait[new_delay == 40] = wait;
+  }
+  EXPECT_GT(robust_wait[1], robust_wait[0]);  // the distant jump is weighed down
+}
+
+// A strongly periodic talker makes neighbouring delays nearly equally good
+// (the pitch period is about two blocks), so the candidate wanders between
+// them; robust validation must change the reported delay less often than the
+// plain rule.
+TEST(DelayEstimator, RobustValidationStaysSteadierOnAPeriodicTalker) {
+  const test::Signal far = test::MakeSpeechLike(64 * 3000, 3).samples;
+  const test::Signal near = EchoOf(far, 64 * 20 + 10, 4);
+  Estimator plain(false), robust(true);
+  const RunResult plain_run = RunEstimator(plain, far, near, -1);
+  const RunResult robust_run = RunEstimator(robust, far, near, -1);
+  std::printf("[ figures  ] delay changes on a periodic talker: plain %zu, robust %zu\n", plain_run.accepted.size(),
+              robust_run.accepted.size());
+  EXPECT_LT(robust_run.accepted.size(), plain_run.accepted.size());
+  for (int d : robust_run.accepted) EXPECT_NEAR(d, 20 + Estimator::kLookahead, 2);
+}
+
 }  // namespace
 }  // namespace vorn
