@@ -772,6 +772,31 @@ TEST(DelayEstimator, BinarySpectrumMarksBandsAboveTheirRunningMean) {
   EXPECT_EQ(Adsp_DelayEstimatorProcessFloat(e.near, spectrum.data(), 66), -1);
 }
 
+// The fixed-point front builds the same words from the same spectra given in
+// any Q domain, and rejects a domain beyond Q15.
+TEST(DelayEstimator, FixedPointFrontBuildsTheSameWords) {
+  for (int q : {0, 4, 7}) {  // 300 in Q7 still fits 16 bits
+    SCOPED_TRACE(q);
+    Estimator e(false);
+    std::array<uint16_t, 65> spectrum{};
+    auto fill = [&](auto value_of_band) {
+      for (int k = kBandFirst; k <= kBandLast; ++k) spectrum[k] = static_cast<uint16_t>(value_of_band(k) << q);
+    };
+    fill([](int k) { return k == 20 ? 0 : 100; });
+    ASSERT_EQ(Adsp_AddFarSpectrumFix(e.farend, spectrum.data(), 65, q), 0);
+    fill([](int k) { return (k - kBandFirst) % 2 == 0 ? 300 : 10; });
+    ASSERT_EQ(Adsp_AddFarSpectrumFix(e.farend, spectrum.data(), 65, q), 0);
+    const BinaryDelayEstimatorFarend& far = *e.farend_buf.binary_farend;
+    EXPECT_EQ(far.binary_far_history[1], 0xFFFFFFFFu & ~(1u << (20 - kBandFirst)));
+    EXPECT_EQ(far.binary_far_history[0], 0x55555555u);
+    ASSERT_EQ(Adsp_DelayEstimatorProcessFix(e.near, spectrum.data(), 65, q), -2);
+    EXPECT_EQ(e.near_buf.binary_handle->binary_near_history[0], 0xFFFFFFFFu);
+    EXPECT_EQ(Adsp_AddFarSpectrumFix(e.farend, spectrum.data(), 65, 16), -1);
+    EXPECT_EQ(Adsp_DelayEstimatorProcessFix(e.near, spectrum.data(), 65, -1), -1);
+    EXPECT_EQ(Adsp_DelayEstimatorProcessFix(e.near, nullptr, 65, q), -1);
+  }
+}
+
 TEST(DelayEstimator, CreationChecksSizesAndSettingsKeepTheirRanges) {
   DelayEstimatorFarend far_buf;
   DelayEstimator near_buf;
