@@ -8,7 +8,7 @@ cd "$(dirname "$0")/corpus"
 le16() { printf "\\x$(printf %02x $(($1 & 255)))\\x$(printf %02x $((($1 >> 8) & 255)))"; }
 le32() { le16 $(($1 & 65535)); le16 $((($1 >> 16) & 65535)); }
 
-mkdir -p conf_read wav_header filter_read
+mkdir -p conf_read wav_header filter_read aec_filter_file
 
 # Configuration files.
 cat > conf_read/ok_three_modes.conf <<'CONF'
@@ -66,3 +66,14 @@ wav 16 '' 1 12 3 > wav_header/ok_fact_chunk.wav
   > filter_read/ok_short_head.bin
 { printf '\x08AEC----_'; le32 4; printf 'AEC----_'; le32 16; head -c 8 /dev/zero; } \
   > filter_read/cut_short.bin
+
+# Stored echo paths: records of 8-byte tag, 32-bit length, payload; the
+# canceller's record holds 12 x 64 float taps.
+taps() {  # a decaying, sign-changing path: 1, -0.5, 0.25, -0.125, then small values
+  printf '\x00\x00\x80\x3f\x00\x00\x00\xbf\x00\x00\x80\x3e\x00\x00\x00\xbe'
+  for _ in $(seq 5 768); do printf '\x6f\x12\x83\x3a'; done
+}
+{ printf 'GAIN____'; le32 4; printf '\x00\x00\x80\x3f'
+  printf 'AEC----_'; le32 3072; taps; } > aec_filter_file/ok_echo_path.bin
+{ printf 'AEC----_'; le32 3072; taps; printf 'TRAILER_'; le32 0; } > aec_filter_file/ok_first_record.bin
+{ printf 'AEC----_'; le32 3068; taps | head -c 3068; } > aec_filter_file/short_record.bin

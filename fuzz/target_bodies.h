@@ -11,5 +11,6 @@ namespace vorn::fuzz {
 bool FuzzConfRead(const uint8_t* data, size_t size);
 bool FuzzWavHeader(const uint8_t* data, size_t size);
 bool FuzzFilterRead(const uint8_t* data, size_t size);
+bool FuzzAecFilterFile(const uint8_t* data, size_t size);
 
 }  // namespace vorn::fuzz

@@ -29,6 +29,7 @@ const Target kTargets[] = {
     {"conf_read", vorn::fuzz::FuzzConfRead},
     {"wav_header", vorn::fuzz::FuzzWavHeader},
     {"filter_read", vorn::fuzz::FuzzFilterRead},
+    {"aec_filter_file", vorn::fuzz::FuzzAecFilterFile},
 };
 
 void PrintTo(const Target& target, std::ostream* out) { *out << target.name; }
