@@ -18,8 +18,10 @@
 // sizes use the counter-based in-place swap.
 //
 // The sums of the forward stage butterflies are formed as 2a - (a - b) from
-// the difference stored just before; the rounding of every later caller is
-// tuned to that form, so it stays.
+// the difference stored just before, not as a + b. The two round differently
+// in the last bit, and the spectra (hence every module's output) must stay the
+// same bytes from release to release, so the form is fixed. The length-2 and
+// length-4 passes use plain sums.
 #include "common/adsp_common_fft_rel.h"
 
 #include "common/adsp_common_rom.h"

@@ -163,25 +163,19 @@ float GetCentroid(const float *x, const int len) {
   return mass / moment;
 }
 
-// Bins outside 0..fft_len/2 hold nothing and add nothing; the divisor is still
-// the caller's band width. An empty band (eh < el) gives 0.
+// DC and Nyquist are real and enter once each; the interior bins carry their
+// real and imaginary parts. A band reaching beyond 0..fft_len/2 is clipped to
+// the spectrum (no read outside f), while the divisor stays the caller's band
+// width. An empty band (eh < el) gives 0.
 float GetSubbandEng(float *f, int fft_len, int el, int eh) {
   const int width = eh - el + 1;
   if (fft_len <= 0 || width <= 0) return 0.0f;
   const int half = fft_len / 2;
   float sum = 0.0f;
-  int first = el;
-  int last = eh;
-  if (el == 0) {
-    sum += f[0] * f[0];
-    first = 1;
-  }
-  if (eh == half) {
-    sum += f[eh] * f[eh];
-    last = eh - 1;
-  }
-  if (first < 1) first = 1;
-  if (last > half - 1) last = half - 1;
+  if (el <= 0 && eh >= 0) sum += f[0] * f[0];
+  if (el <= half && eh >= half) sum += f[half] * f[half];
+  const int first = el > 1 ? el : 1;
+  const int last = eh < half - 1 ? eh : half - 1;
   for (int k = first; k <= last; ++k) sum += f[k] * f[k] + f[fft_len - k] * f[fft_len - k];
   return sum / static_cast<float>(width);
 }

@@ -1,0 +1,79 @@
+/*
+ * Vorn: speech front end for a three-microphone circular array and a
+ * loudspeaker. Public, C-compatible interface.
+ *
+ * Per 16 ms frame (256 samples per channel at 16 kHz, 16-bit) the library
+ * takes the three microphones and the loudspeaker reference and returns one
+ * enhanced mono channel, a speech flag and the talker's azimuth. All state
+ * lives in a caller-provided buffer of at least 1,000,000 bytes; the library
+ * allocates nothing.
+ */
+#ifndef VORN_PROC_H
+#define VORN_PROC_H
+
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* One operating mode's switches (540 bytes). The struct tags avoid the
+ * reserved leading-underscore form; the typedef names are the interface. */
+typedef struct VornKey {
+  int32_t agc_flag;   /* digital AGC: 0 off, 1 or 2 on (also the AGC's wake-up/command mode) */
+  int32_t bf_flag;    /* beamformer variant 0..7 */
+  int32_t doa_flag;   /* direction finding: 0 none, 1 per-hop search, 2 or 3 elevation/azimuth search */
+  int32_t aec_flag;   /* echo canceller: 0 off, 1 ASR output, 2 communication output, 3 both */
+  int32_t ns_flag;    /* noise suppression: 0 off, 1 single channel, 2 multi-channel post filter */
+  int32_t bf_azimuth; /* fixed steering azimuth, degrees 0..359 */
+  int32_t vad_mode;   /* VAD operating mode, 1 or 2 */
+  char preaec_filter_path[512]; /* echo-path filter file, NUL-terminated, empty when absent */
+} T_VornKey;
+
+/* The caller's parameter record (1680 bytes on a 64-bit target). */
+typedef struct VornParam {
+  unsigned char* p_data; /* caller's state buffer */
+  int32_t buff_size;     /* its size in bytes, at least 1,000,000 */
+  int32_t param_size;    /* sizeof(T_VornParam), i.e. 1680: a layout/version check */
+  int32_t agc_flag;      /* active switches, copied from in_argv[vorn_mode] on every call */
+  int32_t bf_flag;
+  int32_t bf_azimuth;
+  int32_t vad_mode;
+  int32_t doa_flag;
+  int32_t aec_flag;
+  int32_t ns_flag;
+  int32_t azimuth;         /* output: azimuth reported for the last frame, degrees */
+  int32_t vad_flag;        /* output: 1 when the last frame held speech */
+  int32_t doa_update_flag; /* input: 1 feeds the suppressor's noise estimate to direction finding */
+  int32_t vorn_mode;       /* input: 0 wake-up, 1 recognition, 2 communication */
+  T_VornKey in_argv[3];    /* per-mode switches, indexed by vorn_mode */
+} T_VornParam;
+
+/* Size of the state record plus slack. Note: the parameter check requires
+ * buff_size >= 1,000,000, which is more than this figure. */
+int32_t VornGetBuffSize(void);
+
+/* The library version, "0.4.4". */
+const char* VornGetVersion(void);
+
+/* Prepares all module state in pm->p_data. config_file may be NULL (built-in
+ * per-mode defaults) or the path of a configuration file. Returns 0 on
+ * success, 1..10 for a failed parameter check, -1 when the configuration file
+ * cannot be loaded, 100 when the AGC or the echo canceller fails to
+ * initialise, otherwise a module's own code. */
+int32_t VornInit(T_VornParam* pm, char* config_file);
+
+/* Processes one frame: inp holds 3 x 256 interleaved microphone samples,
+ * aec_ref 256 reference samples (needed when the echo canceller is on), out
+ * receives 256 samples, mic_oder gives three channel indices. */
+int32_t VornProc(T_VornParam* pm, short* inp, short* aec_ref, short* out, short* mic_oder);
+
+/* Direction finding alone over sample_len_pre_channel samples per channel of
+ * interleaved three-microphone audio; the result is left in pm->azimuth. */
+int32_t VornDoa(T_VornParam* pm, short* inp, short* mic_oder, int sample_len_pre_channel);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* VORN_PROC_H */
