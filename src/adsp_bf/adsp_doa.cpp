@@ -23,9 +23,6 @@
 namespace vorn {
 
 namespace {
-constexpr int kLowBin = 17;   // about 531 Hz ...
-constexpr int kHighBin = 221; // ... to 6.9 kHz, inclusive
-constexpr int kBandBins = kHighBin - kLowBin + 1;
 constexpr float kMagFloor = 1e-8f;
 }  // namespace
 
@@ -64,37 +61,31 @@ int DoaSelectBfElevationAzimuth(T_AudioDspState* st, float f[3][512], float* w) 
       for (int h = 0; h < kBfHistory - 1; ++h) st->pr_ele[e][d][h] = st->pr_ele[e][d][h + 1];
 
   // Unit-magnitude microphone bins of the search band, [bin][mic][re, im].
-  float unit[kBandBins][kBfChannels][2];
-  for (int k = kLowBin; k <= kHighBin; ++k) {
+  float unit[kDoaBandBins][kBfChannels][2];
+  for (int k = kDoaLowBin; k <= kDoaHighBin; ++k) {
     for (int m = 0; m < kBfChannels; ++m) {
       const float re = f[m][k], im = f[m][kBfFftLen - k];
       float mag = std::sqrt(re * re + im * im);
       if (!(mag > kMagFloor)) mag = kMagFloor;
-      unit[k - kLowBin][m][0] = re / mag;
-      unit[k - kLowBin][m][1] = im / mag;
+      unit[k - kDoaLowBin][m][0] = re / mag;
+      unit[k - kDoaLowBin][m][1] = im / mag;
     }
   }
 
   EleAziStruct per_set[kBfDoaElevations];
   for (int e = 0; e < kBfDoaElevations; ++e) {
+    float scores[kBfDoaDirections];
+#if defined(__SSE2__)
+    DoaSteeredPowerSse2(doa_ele_azi_tab[e], kBfDoaDirections, unit, w, scores);
+#else
+    DoaSteeredPowerPlain(doa_ele_azi_tab[e], kBfDoaDirections, unit, w, scores);
+#endif
     int best_dir = 0;
     float best_score = 0.0f;
     for (int d = 0; d < kBfDoaDirections; ++d) {
-      const float* set = doa_ele_azi_tab[e][d];
-      float score = 0.0f;
-      for (int k = kLowBin; k <= kHighBin; ++k) {
-        const float* wk = set + 6 * k;
-        const float(*x)[2] = unit[k - kLowBin];
-        float re = 0.0f, im = 0.0f;
-        for (int m = 0; m < kBfChannels; ++m) {
-          re += wk[2 * m] * x[m][0] - wk[2 * m + 1] * x[m][1];
-          im += wk[2 * m + 1] * x[m][0] + wk[2 * m] * x[m][1];
-        }
-        score += (re * re + im * im) * w[k];
-      }
-      st->pr_ele[e][d][kBfHistory - 1] = score;
-      if (score > best_score) {
-        best_score = score;
+      st->pr_ele[e][d][kBfHistory - 1] = scores[d];
+      if (scores[d] > best_score) {
+        best_score = scores[d];
         best_dir = d;
       }
     }

@@ -32,6 +32,23 @@ void GetBfWeight(float* curr_freq_amp, float* ns_amp, float* w, int len);
 // magnitude-normalised microphone spectra weighted by w, ages and fills
 // pr_ele and frame_bf_en, and returns the winning direction index 0..71.
 int DoaSelectBfElevationAzimuth(T_AudioDspState* st, float f[3][512], float* w);
+// Search band of the direction scores: bins 17..221, about 531 Hz to 6.9 kHz.
+constexpr int kDoaLowBin = 17;
+constexpr int kDoaHighBin = 221;
+constexpr int kDoaBandBins = kDoaHighBin - kDoaLowBin + 1;
+
+// Steered power of num_sets weight sets over the search band:
+// scores[d] = sum over k of |sum_m W_d,m(k) U_m(k)|^2 w[k], bins in rising
+// order, with U the unit-magnitude microphone bins (unit[k - kDoaLowBin][m]
+// = re, im). The plain loop is the reference; the SSE2 one scores four sets
+// at once with the same operations per set and gives the same bits.
+void DoaSteeredPowerPlain(const float* const* sets, int num_sets, const float (*unit)[3][2], const float* w,
+                          float* scores);
+#if defined(__SSE2__)
+void DoaSteeredPowerSse2(const float* const* sets, int num_sets, const float (*unit)[3][2], const float* w,
+                         float* scores);
+#endif
+
 // Position of the largest en (first on ties) and that entry's idx.
 void SelectSort(EleAziStruct* ele_azi_struct, int len, EleAziIndex* phai_theta);
 
