@@ -249,7 +249,8 @@ TEST(VornMbf, ThreeBeamsWithTheirEdgeBinCarries) {
     int angle;
     int sets[3];
   };
-  const Case cases[] = {{0, {0, 24, 48}}, {250, {50, 2, 26}}, {359, {71, 23, 47}}, {125, {25, 49, 1}}};
+  const Case cases[] = {{0, {0, 24, 48}},   {250, {50, 2, 26}},  {359, {71, 23, 47}},
+                        {125, {25, 49, 1}}, {365, {1, 25, 49}},  {-115, {49, 1, 25}}};
   float f[3][512];
   for (int m = 0; m < 3; ++m) {
     const std::vector<float> r = RandomVector(512, 10 + static_cast<std::uint32_t>(m), 100.0f);
@@ -367,6 +368,7 @@ TEST(GscVad, SilentFixedBeamCountsAsNoise) {
   float silent[512] = {};
   EXPECT_EQ(GscVad(st, refs, silent), 0);
   EXPECT_FLOAT_EQ(st->vad_noise, (1.0f - 0.9f) * 9.0f + 0.9f);
+  EXPECT_EQ(st->long_snr, 0.0f);  // the silent hop's -inf stays out of the average
 
   // A fixed beam far above the tracked noise is speech.
   BfInstance fresh(3, 0);
@@ -378,7 +380,8 @@ TEST(GscVad, SilentFixedBeamCountsAsNoise) {
   EXPECT_EQ(GscVad(fresh.st(), refs, loud), 1);
 }
 
-// A white-noise interferer at 120 degrees and no talker: once adapted, the
+// A white-noise interferer at 120 degrees after a stretch of digital silence,
+// and no talker: once adapted, the
 // canceller takes a clear margin more off the interferer than its fixed
 // beam. A talker from the look direction meanwhile keeps its level within
 // 2 dB: a shadow instance carries the talker alone through the same filters.
@@ -390,8 +393,10 @@ TEST(GscVad, SilentFixedBeamCountsAsNoise) {
 TEST(AdaptGsc, CancelsAnInterfererAndKeepsTheTalker) {
   constexpr std::size_t kHops = 500;  // 8 s
   const std::size_t n = kHops * kBfHop;
-  const ThreeMics interferer = test::Mix(test::PlaneWave(test::WhiteNoise(n, 1000.0, 51), 120.0),
-                                         test::IndependentNoise(n, 3.0, 52));
+  ThreeMics interferer = test::Mix(test::PlaneWave(test::WhiteNoise(n, 1000.0, 51), 120.0),
+                                   test::IndependentNoise(n, 3.0, 52));
+  // The device starts on digital silence, as a muted or just-opened input does.
+  for (Signal& mic : interferer) std::fill(mic.begin(), mic.begin() + 20 * kBfHop, 0.0f);
   test::SpeechLikeOptions opt;
   opt.rms = 1000.0;
   const ThreeMics talker = test::PlaneWave(test::MakeSpeechLike(n, 53, opt).samples, 0.0);

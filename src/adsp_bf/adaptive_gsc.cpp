@@ -107,7 +107,11 @@ int GscVad(T_AudioDspState* st, float bm_f[3][512], float* fbf_f) {
   const float snr = std::log10(fixed_en / noise_level);
   st->long_fbf_en = c * fixed_en + kSmooth * st->long_fbf_en;
   if (0.1f * st->long_fbf_en > fixed_en || snr < 0.5f) st->vad_noise = c * ref_en + kSmooth * st->vad_noise;
-  st->long_snr = c * snr + kSmooth * st->long_snr;
+  // A hop of digital silence has snr = -inf. It still counts as noise
+  // (below), but it must not enter the long-term average: once that is
+  // -inf it stays there, every later hop would be judged speech and the
+  // filters would never adapt again.
+  if (std::isfinite(snr)) st->long_snr = c * snr + kSmooth * st->long_snr;
   return snr > 0.2f + st->long_snr ? 1 : 0;
 }
 

@@ -16,7 +16,11 @@ void VornMbf(float f[3][512], float out[3][512], int angle) {
   constexpr int kHalf = kBfFftLen / 2;
   float acc_re = 0.0f;   // bin 0, then the real part of each bin 1..255
   float acc_nyq = 0.0f;  // bin 256, summed across the beams
-  int beam_angle = angle;
+  // The call record bounds bf_azimuth only for the steered fixed beams; an
+  // angle outside 0..359 is taken modulo 360 here so that it can never pick
+  // a set outside the table.
+  int beam_angle = angle % 360;
+  if (beam_angle < 0) beam_angle += 360;
   for (int b = 0; b < 3; ++b) {
     if (b > 0) {
       beam_angle += 120;
