@@ -138,6 +138,10 @@ TEST(BfProc, RejectedCallsTouchNeitherStateNorOutput) {
   EXPECT_EQ(BfProc(&bf.pm, pcm.data(), out.data(), nullptr), 2);
   bf.pm.bf_flag = -1;
   EXPECT_EQ(BfProc(&bf.pm, pcm.data(), out.data(), nullptr), 2);
+  bf.pm.bf_flag = 1;
+  short outside[3] = {0, 3, 1}, negative[3] = {-1, 0, 1};
+  EXPECT_EQ(BfProc(&bf.pm, pcm.data(), out.data(), outside), 2);
+  EXPECT_EQ(BfProc(&bf.pm, pcm.data(), out.data(), negative), 2);
   EXPECT_EQ(std::memcmp(before.data(), bf.buffer.data(), before.size() * sizeof(float)), 0);
   EXPECT_TRUE(std::all_of(out.begin(), out.end(), [](short v) { return v == 123; }));
 }

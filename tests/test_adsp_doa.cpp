@@ -349,6 +349,8 @@ TEST(VornDoaProc, ScoresOneHopFewerThanItSearches) {
   }
   BfInstance bf(2);
   EXPECT_EQ(VornDoaProc(&bf.pm, nullptr, nullptr, 4096), 1);
+  short outside[3] = {0, 1, 3};
+  EXPECT_EQ(VornDoaProc(&bf.pm, pcm.data(), outside, 4096), 2);
   EXPECT_EQ(VornDoaProc(nullptr, pcm.data(), nullptr, 4096), 1);
 }
 

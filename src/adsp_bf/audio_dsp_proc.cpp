@@ -10,6 +10,7 @@
 
 #include "adsp_bf/adsp_doa.h"
 #include "adsp_bf/beamformer.h"
+#include "adsp_bf/util.h"
 #include "common/adsp_common_fft_rel.h"
 #include "common/adsp_common_rom.h"
 #include "common/adsp_common_util.h"
@@ -59,11 +60,13 @@ int BFInit(T_AudioDspParam* pm) {
 }
 
 int BfProc(T_AudioDspParam* pm, short* inp, short* out, short* mic_order) {
-  short order[kBfChannels] = {0, 1, 2};
-  if (mic_order != nullptr)
-    for (int m = 0; m < kBfChannels; ++m) order[m] = mic_order[m];
+  short order[kBfChannels];
+  const bool order_ok = TakeMicOrder(mic_order, order);
   if (pm == nullptr || pm->p_data == nullptr || inp == nullptr || out == nullptr) return kBfErrNull;
   if (pm->bf_flag < 0 || pm->bf_flag >= kBeamTypes) return kBfErrParam;
+  // A slot outside the frame would be read past the caller's buffer; refuse
+  // it like any other out-of-range parameter, before the state changes.
+  if (!order_ok) return kBfErrParam;
 
   auto* st = static_cast<T_AudioDspState*>(pm->p_data);
   st->frame_num = st->frame_num < kBfFrameNumMax ? st->frame_num + 1 : kBfFrameNumMax;

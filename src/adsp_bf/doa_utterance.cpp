@@ -16,6 +16,7 @@
 
 #include "adsp_bf/adsp_doa.h"
 #include "adsp_bf/audio_dsp_proc.h"
+#include "adsp_bf/util.h"
 #include "adsp_ns/adsp_ns_proc.h"
 #include "common/adsp_common_fft_rel.h"
 #include "common/adsp_common_rom.h"
@@ -68,9 +69,8 @@ int VornDoaProc(T_AudioDspParam* pm, short* inp, short* mic_order, int sample_le
   auto* st = static_cast<T_AudioDspState*>(pm->p_data);
   std::memset(st->pr_ele, 0, sizeof(st->pr_ele));
   if (inp == nullptr) return kBfErrNull;
-  short order[kBfChannels] = {0, 1, 2};
-  if (mic_order != nullptr)
-    for (int m = 0; m < kBfChannels; ++m) order[m] = mic_order[m];
+  short order[kBfChannels];
+  if (!TakeMicOrder(mic_order, order)) return kBfErrParam;  // slot outside the frame
 
   alignas(16) unsigned char ns_block[kNsScratchBytes];
   std::memset(ns_block, 0, sizeof(ns_block));

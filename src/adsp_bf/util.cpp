@@ -1,6 +1,6 @@
 // Overlap-save plumbing of the beamformer: sliding a two-hop history, out of
 // place transforms, and the per-bin product that applies a frequency-domain
-// filter to a packed spectrum.
+// filter to a packed spectrum; plus the microphone order of the input.
 #include "adsp_bf/util.h"
 
 #include "common/adsp_common_fft_rel.h"
@@ -42,6 +42,16 @@ void FreqFilter(float* f, float* g, float* out) {
     out[k] = g_re * f_re - g_im * f_im;
     out[kLen - k] = g_im * f_re + f_im * g_re;
   }
+}
+
+bool TakeMicOrder(const short* mic_order, short order[3]) {
+  for (int m = 0; m < 3; ++m) order[m] = static_cast<short>(m);
+  if (mic_order == nullptr) return true;
+  for (int m = 0; m < 3; ++m) {
+    if (mic_order[m] < 0 || mic_order[m] > 2) return false;
+    order[m] = mic_order[m];
+  }
+  return true;
 }
 
 }  // namespace vorn
