@@ -5,8 +5,10 @@
 // blocks) only in hops the small detector judges free of speech, predict the
 // noise that leaks into the fixed beam; their summed output is subtracted
 // from the fixed beam delayed by a quarter block, which keeps the filters
-// causal relative to it. The taps' joint norm is capped so that a
-// misadapted filter can never cancel more than the beam itself carries.
+// causal relative to it. The taps' joint norm is capped at 1/sqrt(2), which
+// bounds what a filter misadapted on leaking speech can take out of the
+// talker; the same cap bounds the cancellation when the blocking outputs are
+// weak against the fixed beam.
 #include <cmath>
 
 #include "adsp_bf/beamformer.h"
