@@ -292,6 +292,40 @@ TEST(DOA, PerHopDecisionsAndUtteranceSearchesFindTheTalker) {
   EXPECT_GE(voiced_hits, voiced_hops * 95 / 100);
 }
 
+// Which DOA work a hop does, by doa_flag and the caller's permission: flag 1
+// decides a direction, flag 3 only records per-bin speech weights (newest
+// row first) for the utterance search, and without permission nothing moves.
+TEST(BfProc, DoaWorkFollowsTheFlags) {
+  std::vector<short> pcm = test::Interleave(test::PlaneWave(test::WhiteNoise(3 * kBfHop, 3000.0, 4), 100.0));
+  struct Case {
+    int doa_flag, permission;
+    bool decides, weighs;
+  };
+  const Case cases[] = {{1, 1, true, false}, {3, 1, false, true}, {2, 1, false, false},
+                        {0, 1, false, false}, {1, 0, false, false}, {3, 0, false, false}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(testing::Message() << "doa_flag " << c.doa_flag << " permission " << c.permission);
+    BfInstance bf(c.doa_flag);
+    bf.pm.ext_doa_update_flag = c.permission;
+    bf.pm.azimuth = -1;
+    T_AudioDspState* st = bf.st();
+    short out[kBfHop];
+    // Hop 1 against a noise floor far above the signal, hop 2 far below it.
+    for (int k = 0; k < kBfNumBins; ++k) st->ns_psd[k] = 1e30f;
+    ASSERT_EQ(BfProc(&bf.pm, pcm.data(), out, nullptr), 0);
+    for (int k = 0; k < kBfNumBins; ++k) st->ns_psd[k] = 1e-3f;
+    ASSERT_EQ(BfProc(&bf.pm, pcm.data() + 3 * kBfHop, out, nullptr), 0);
+
+    EXPECT_EQ(bf.pm.azimuth >= 0, c.decides);
+    EXPECT_EQ(st->pr_ele[0][20][63] > 0.0f, c.decides);
+    for (int k = 17; k <= 221; ++k) {
+      EXPECT_EQ(st->speech_noise_weight[0][k], c.weighs ? 100.0f : 1.0f) << k;
+      EXPECT_EQ(st->speech_noise_weight[1][k], c.weighs ? 0.1f : 1.0f) << k;
+      EXPECT_EQ(st->speech_noise_weight[2][k], 1.0f) << k;
+    }
+  }
+}
+
 TEST(AudioDspDoa, SumsTheNewestHopsOfStoredScores) {
   BfInstance bf;
   T_AudioDspState* st = bf.st();
