@@ -373,11 +373,11 @@ TEST(GscVad, SilentFixedBeamCountsAsNoise) {
   EXPECT_EQ(GscVad(fresh.st(), refs, loud), 1);
 }
 
-// A white-noise interferer at 120 degrees after a stretch of digital silence,
-// and no talker: once adapted, the
-// canceller takes a clear margin more off the interferer than its fixed
-// beam. A talker from the look direction meanwhile keeps its level within
-// 2 dB: a shadow instance carries the talker alone through the same filters.
+// A white-noise interferer 120 degrees off the look direction, after a
+// stretch of digital silence, and no talker: once adapted, the canceller
+// takes a clear margin more off the interferer than its fixed beam. A talker
+// near the look direction meanwhile keeps its level within 2 dB: a shadow
+// instance carries the talker alone through the same filters.
 //
 // The margin is bounded by the joint tap cap (0.7071), not by adaptation:
 // with blocking outputs of at most 2/3 per microphone the unconstrained
@@ -386,20 +386,31 @@ TEST(GscVad, SilentFixedBeamCountsAsNoise) {
 TEST(AdaptGsc, CancelsAnInterfererAndKeepsTheTalker) {
   constexpr std::size_t kHops = 500;  // 8 s
   const std::size_t n = kHops * kBfHop;
-  ThreeMics interferer = test::Mix(test::PlaneWave(test::WhiteNoise(n, 1000.0, 51), 120.0),
-                                   test::IndependentNoise(n, 3.0, 52));
-  // The device starts on digital silence, as a muted or just-opened input does.
-  for (Signal& mic : interferer) std::fill(mic.begin(), mic.begin() + 20 * kBfHop, 0.0f);
+  const Signal noise_source = test::WhiteNoise(n, 1000.0, 51);
   test::SpeechLikeOptions opt;
   opt.rms = 1000.0;
-  const ThreeMics talker = test::PlaneWave(test::MakeSpeechLike(n, 53, opt).samples, 0.0);
-  std::vector<short> pcm_noise = test::Interleave(interferer);
-  std::vector<short> pcm_mix = test::Interleave(test::Mix(interferer, talker));
-  std::vector<short> pcm_talker = test::Interleave(talker);
+  const Signal talk_source = test::MakeSpeechLike(n, 53, opt).samples;
+  struct Case {
+    int bf_flag, look;
+    double interferer_az;
+  };
+  // The first two are the canonical setting; the others exercise the other
+  // blocking matrices (type 3 at 60 degrees keeps its 20-degree reference).
+  const Case cases[] = {{3, 0, 120.0}, {4, 0, 120.0}, {4, 300, 60.0}, {3, 60, 180.0}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(testing::Message() << "bf_flag " << c.bf_flag << " look " << c.look);
+    ThreeMics interferer =
+        test::Mix(test::PlaneWave(noise_source, c.interferer_az), test::IndependentNoise(n, 3.0, 52));
+    // The device starts on digital silence, as a muted or just-opened input does.
+    for (Signal& mic : interferer) std::fill(mic.begin(), mic.begin() + 20 * kBfHop, 0.0f);
+    // The talker stands 10 degrees off the look direction, a steering error
+    // that lets some of it leak into the blocking outputs.
+    const ThreeMics talker = test::PlaneWave(talk_source, c.look + 10.0);
+    std::vector<short> pcm_noise = test::Interleave(interferer);
+    std::vector<short> pcm_mix = test::Interleave(test::Mix(interferer, talker));
+    std::vector<short> pcm_talker = test::Interleave(talker);
 
-  for (int bf_flag : {3, 4}) {
-    SCOPED_TRACE(bf_flag);
-    BfInstance alone(bf_flag, 0), mixed(bf_flag, 0), shadow(bf_flag, 0);
+    BfInstance alone(c.bf_flag, c.look), mixed(c.bf_flag, c.look), shadow(c.bf_flag, c.look);
     ASSERT_EQ(BFInit(&alone.pm), 0);
     ASSERT_EQ(BFInit(&mixed.pm), 0);
     ASSERT_EQ(BFInit(&shadow.pm), 0);
@@ -407,31 +418,27 @@ TEST(AdaptGsc, CancelsAnInterfererAndKeepsTheTalker) {
     std::vector<short> y(kBfHop);
     for (std::size_t h = 0; h < kHops; ++h) {
       const std::size_t at = h * 3 * kBfHop;
-      ASSERT_EQ(BfProc(&alone.pm, pcm_noise.data() + at, y.data(), nullptr), 0);
       const bool adapted = h >= kHops / 2;
-      if (adapted) {
-        for (int i = 0; i < kBfHop; ++i) {
-          out_en += static_cast<double>(y[static_cast<std::size_t>(i)]) * y[static_cast<std::size_t>(i)];
-          // The fixed beam of this hop, as the canceller aligns it.
-          const double fixed = alone.st()->td_fbf_out[i + 128];
-          fixed_en += fixed * fixed;
-        }
+      ASSERT_EQ(BfProc(&alone.pm, pcm_noise.data() + at, y.data(), nullptr), 0);
+      for (int i = 0; adapted && i < kBfHop; ++i) {
+        out_en += static_cast<double>(y[static_cast<std::size_t>(i)]) * y[static_cast<std::size_t>(i)];
+        // The fixed beam of this hop, as the canceller aligns it.
+        const double fixed = alone.st()->td_fbf_out[i + 128];
+        fixed_en += fixed * fixed;
       }
       std::memcpy(shadow.st()->fd_g, mixed.st()->fd_g, sizeof(shadow.st()->fd_g));
       ASSERT_EQ(BfProc(&mixed.pm, pcm_mix.data() + at, y.data(), nullptr), 0);
       ASSERT_EQ(BfProc(&shadow.pm, pcm_talker.data() + at, y.data(), nullptr), 0);
-      if (adapted) {
-        for (int i = 0; i < kBfHop; ++i) {
-          talker_out += static_cast<double>(y[static_cast<std::size_t>(i)]) * y[static_cast<std::size_t>(i)];
-          const double fixed = shadow.st()->td_fbf_out[i + 128];
-          talker_fixed += fixed * fixed;
-        }
+      for (int i = 0; adapted && i < kBfHop; ++i) {
+        talker_out += static_cast<double>(y[static_cast<std::size_t>(i)]) * y[static_cast<std::size_t>(i)];
+        const double fixed = shadow.st()->td_fbf_out[i + 128];
+        talker_fixed += fixed * fixed;
       }
     }
     const double extra_reduction_db = 10.0 * std::log10(fixed_en / out_en);
     const double talker_change_db = 10.0 * std::log10(talker_out / talker_fixed);
-    std::printf("bf_flag %d: interferer %.1f dB below the fixed beam; talker changed by %.2f dB\n", bf_flag,
-                extra_reduction_db, talker_change_db);
+    std::printf("bf_flag %d look %d: interferer %.1f dB below the fixed beam; talker changed by %.2f dB\n",
+                c.bf_flag, c.look, extra_reduction_db, talker_change_db);
     EXPECT_GT(extra_reduction_db, 4.5);
     EXPECT_LT(std::fabs(talker_change_db), 2.0);
   }
