@@ -199,6 +199,77 @@ TEST(BenchScene, LevelsLandWhereAsked) {
   EXPECT_NEAR(LevelSpreadDb(levels), 15.0, 1.0);
 }
 
+// Zero-lag correlation between microphones 0 and 1 of each noise field
+// alone. For white noise up to 8 kHz in a diffuse field it is
+// Si(2 pi B d / c) / (2 pi B d / c) with d the microphones' spacing (0.166);
+// sensor noise is uncorrelated; a point source straight across the pair's
+// bisector reaches both at once.
+TEST(BenchScene, NoiseFieldsHaveTheirSpatialCorrelation) {
+  const double x = 2.0 * kPi * 8000.0 * kArrayRadiusM * std::sqrt(3.0) / kSpeedOfSound;
+  double si = 0.0;  // Si(x) by the midpoint rule
+  for (int k = 0; k < 10000; ++k) {
+    const double t = (k + 0.5) * x / 10000;
+    si += std::sin(t) / t * x / 10000;
+  }
+  struct Case {
+    const char* name;
+    NoiseSource noise;
+    double want, tolerance;
+  };
+  const Case cases[] = {
+      {"sensor", {NoiseKind::kSensor, NoiseColour::kWhite, 0.0}, 0.0, 0.02},
+      {"diffuse", {NoiseKind::kDiffuse, NoiseColour::kWhite, 0.0}, si / x, 0.06},
+      {"interferer on the bisector", {NoiseKind::kInterferer, NoiseColour::kWhite, 0.0, 240.0, 0.0, 1.2}, 1.0, 0.02},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    Scene scene = ShortScene();
+    scene.room.rt60_s = 0.0;
+    scene.duration_s = 2.0;
+    scene.talker_end_s = scene.talker_begin_s;  // noise alone
+    scene.far_end_s = 0.0;
+    scene.noises = {c.noise};
+    const RenderedScene r = Render(scene);
+    const Signal m0 = Channel(r.mics, 0), m1 = Channel(r.mics, 1);
+    double cross = 0.0, e0 = 0.0, e1 = 0.0;
+    for (std::size_t i = 0; i < m0.size(); ++i) {
+      cross += static_cast<double>(m0[i]) * m1[i];
+      e0 += static_cast<double>(m0[i]) * m0[i];
+      e1 += static_cast<double>(m1[i]) * m1[i];
+    }
+    const double correlation = cross / std::sqrt(e0 * e1);
+    EXPECT_NEAR(correlation, c.want, c.tolerance);
+    RecordProperty(std::string("correlation_") + c.name, std::to_string(correlation));
+  }
+}
+
+// The loudspeaker's clipping and playback delay change what the microphones
+// hear, never the reference.
+TEST(BenchScene, LoudspeakerClipsAndLagsTheEchoNotTheReference) {
+  Scene plain = ShortScene();
+  plain.talker_end_s = plain.talker_begin_s;  // far end alone
+  const RenderedScene base = Render(plain);
+  const long base_lag = FindLatency(ToSignal(base.reference), Channel(base.mics, 0), 1024);
+  EXPECT_GT(base_lag, 0);
+  EXPECT_LT(base_lag, 24);  // 6 cm away plus the interpolator's 8 samples
+
+  Scene late = plain;
+  late.echo_delay_ms = 20.0;
+  const RenderedScene lagged = Render(late);
+  EXPECT_EQ(lagged.reference, base.reference);
+  EXPECT_EQ(FindLatency(ToSignal(lagged.reference), Channel(lagged.mics, 0), 1024), base_lag + 320);
+
+  // Clipped playback: the echo is no longer a scaled copy of the clean one.
+  Scene clipped = plain;
+  clipped.clip_fraction = 0.3;
+  const RenderedScene hard = Render(clipped);
+  EXPECT_EQ(hard.reference, base.reference);
+  const double si_sdr = SiSdrDb(Channel(hard.mics, 0), Channel(base.mics, 0));
+  EXPECT_LT(si_sdr, 20.0);
+  EXPECT_GT(si_sdr, 3.0);
+  RecordProperty("clip_0.3_si_sdr_db", std::to_string(si_sdr));
+}
+
 TEST(BenchScene, EchoSpansAndErle) {
   Scene scene = ShortScene();
   scene.echo_level_dbfs = -22.0;
