@@ -151,6 +151,10 @@ TEST(BenchScene, ImpulseResponseDecaysAtTheRequestedRt60) {
 
 TEST(BenchScene, SameSeedSameScene) {
   Scene scene = ShortScene();
+  scene.duration_s = 2.0;
+  scene.far_end_s = 1.2;
+  scene.talker_begin_s = 0.6;
+  scene.talker_end_s = 2.0;
   scene.noises = {{NoiseKind::kSensor, NoiseColour::kWhite, 30.0},
                   {NoiseKind::kDiffuse, NoiseColour::kPink, 20.0},
                   {NoiseKind::kBabble, NoiseColour::kSpeech, 15.0, 0.0, 0.0, 0.0, 3},
@@ -177,7 +181,7 @@ TEST(BenchScene, LevelsLandWhereAsked) {
   const Case cases[] = {
       {"white sensor", {NoiseKind::kSensor, NoiseColour::kWhite, 10.0}, -30.0},
       {"pink diffuse", {NoiseKind::kDiffuse, NoiseColour::kPink, 5.0}, -25.0},
-      {"babble", {NoiseKind::kBabble, NoiseColour::kSpeech, 0.0}, -35.0},
+      {"babble", {NoiseKind::kBabble, NoiseColour::kSpeech, 0.0, 0.0, 0.0, 0.0, 4}, -35.0},
       {"interferer", {NoiseKind::kInterferer, NoiseColour::kPink, 15.0, 150.0, 0.0, 1.0}, -20.0},
   };
   std::vector<double> levels;
@@ -296,7 +300,8 @@ TEST(BenchScene, EchoSpansAndErle) {
 TEST(BenchScene, IdentityScoresNoImprovementAndTargetScoresHigh) {
   Scene scene = ShortScene();
   scene.far_end_s = 0.0;
-  scene.noises = {{NoiseKind::kBabble, NoiseColour::kSpeech, 5.0}, {NoiseKind::kSensor, NoiseColour::kWhite, 25.0}};
+  scene.noises = {{NoiseKind::kBabble, NoiseColour::kSpeech, 5.0, 0.0, 0.0, 0.0, 4},
+                  {NoiseKind::kSensor, NoiseColour::kWhite, 25.0}};
   const RenderedScene r = Render(scene);
   const Signal mic0 = Channel(r.mics, 0);
 

@@ -33,19 +33,23 @@ std::vector<double> Numbers(const std::string& text) {
   return values;
 }
 
+// KIND[:COLOUR]=SNR_DB
 bool ParseNoise(const std::string& text, NoiseSource* noise) {
   const std::size_t eq = text.find('=');
   if (eq == std::string::npos) return false;
-  const std::string kind = text.substr(0, text.find(':') < eq ? text.find(':') : eq);
-  const std::string colour = text.find(':') < eq ? text.substr(text.find(':') + 1, eq - text.find(':') - 1) : "";
+  const std::string name = text.substr(0, eq);
+  const std::size_t colon = name.find(':');
+  const std::string kind = name.substr(0, colon);
+  const std::string colour = colon == std::string::npos ? "white" : name.substr(colon + 1);
   if (kind == "sensor") noise->kind = NoiseKind::kSensor;
   else if (kind == "diffuse") noise->kind = NoiseKind::kDiffuse;
   else if (kind == "babble") noise->kind = NoiseKind::kBabble;
   else if (kind == "interferer") noise->kind = NoiseKind::kInterferer;
   else return false;
-  if (colour == "pink") noise->colour = NoiseColour::kPink;
+  if (colour == "white") noise->colour = NoiseColour::kWhite;
+  else if (colour == "pink") noise->colour = NoiseColour::kPink;
   else if (colour == "speech") noise->colour = NoiseColour::kSpeech;
-  else if (colour != "" && colour != "white") return false;
+  else return false;
   noise->snr_db = std::atof(text.c_str() + eq + 1);
   return true;
 }

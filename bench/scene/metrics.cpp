@@ -171,7 +171,7 @@ DoaScores ScoreDoa(const std::vector<double>& estimates_deg, const std::vector<d
 double ActiveLevelDbfs(const Signal& x, const std::vector<std::uint8_t>& labels, std::size_t frame_lag) {
   double sum = 0.0;
   std::size_t count = 0;
-  for (std::size_t f = 0; f < labels.size(); ++f) {
+  for (std::size_t f = 0; f < labels.size() && (f + frame_lag + 1) * kFrame <= x.size(); ++f) {
     if (!labels[f]) continue;
     sum += FramePower(x, f + frame_lag);
     ++count;

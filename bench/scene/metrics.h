@@ -63,7 +63,7 @@ struct DoaScores {
 DoaScores ScoreDoa(const std::vector<double>& estimates_deg, const std::vector<double>& truths_deg);
 
 // Mean power over the frames labelled speech (label f applies to frame
-// f + frame_lag of x), in dBFS.
+// f + frame_lag of x; labels past the end of x are left out), in dBFS.
 double ActiveLevelDbfs(const Signal& x, const std::vector<std::uint8_t>& labels, std::size_t frame_lag = 0);
 // Largest minus smallest of a set of levels (dB).
 double LevelSpreadDb(const std::vector<double>& levels_db);

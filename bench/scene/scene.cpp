@@ -123,7 +123,7 @@ ThreeMics Babble(const Scene& scene, int talkers, std::size_t n, std::uint32_t s
     const double elevation = 20.0 * unit(rng);
     double distance = 1.5 + unit(rng);
     Point where = PointToward(scene.array_centre, azimuth, elevation, distance);
-    while (!InsideRoom(scene.room.size, where, kWallMarginM) && distance > 0.3) {
+    while (!InsideRoom(scene.room.size, where, kWallMarginM) && distance > 0.1) {
       distance *= 0.9;
       where = PointToward(scene.array_centre, azimuth, elevation, distance);
     }
@@ -226,7 +226,7 @@ std::vector<std::uint8_t> EnergyActivity(const Signal& x) {
   const double floor = sorted[frames / 10], loudest = sorted.back();
   const double threshold = std::max(floor * std::pow(10.0, 1.5), loudest * 1e-5);
   for (std::size_t f = 0; f < frames; ++f) {
-    if (power[f] <= threshold || power[f] == 0.0) continue;
+    if (power[f] <= threshold) continue;
     std::fill(active.begin() + static_cast<long>(f * kFrame),
               active.begin() + static_cast<long>(std::min(x.size(), (f + 1) * kFrame)), 1);
   }
