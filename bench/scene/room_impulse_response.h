@@ -17,8 +17,9 @@ double WallReflection(const Room& room);
 
 // Impulse response from `source` to `mic` (both inside the room), sampled at
 // 16 kHz: a windowed-sinc tap per image source, amplitude beta^order / (4 pi d),
-// delayed by kInterpHalfWidth samples beyond the true arrival. It ends RT60
-// after the direct arrival, where the decay has reached -60 dB.
+// delayed by kInterpHalfWidth samples beyond the true arrival, the sum
+// high-passed at 50 Hz. It ends RT60 after the direct arrival, where the
+// decay has reached -60 dB.
 std::vector<double> RoomImpulseResponse(const Room& room, const Point& source, const Point& mic);
 
 }  // namespace vorn::bench
