@@ -105,22 +105,7 @@ TEST(AgcGainTable, MatchesIndependentEvaluation) {
   }
 }
 
-TEST(AgcGainTable, DefaultCurveEndsAtTargetAndMaximumGain) {
-  Instance inst;
-  const int32_t* table = inst.digital()->gainTable;
-  // Entry 1 serves a full-scale input: the output lands on the -6 dB target.
-  EXPECT_NEAR(table[1], 65536.0 * std::pow(10.0, -6.0 / 20.0), 1.0);
-  // Quiet inputs get the full 44 dB; the table saturates there and is filled.
-  const double max_gain = std::round(65536.0 * std::pow(10.0, 44.0 / 20.0));
-  EXPECT_EQ(table[31], max_gain);
-  int first_full = 31;
-  while (first_full > 0 && table[first_full - 1] == table[31]) --first_full;
-  EXPECT_LT(first_full, 28);
-  EXPECT_GT(first_full, 15);
-  for (int k = 1; k < 32; ++k) EXPECT_GE(table[k], table[k - 1]) << k;
-}
-
-TEST(AgcGainTable, ReturnCodesAndFixedRatio) {
+TEST(AgcGainTable, ReturnCodesAndWhatShapesTheTable) {
   int32_t table[32];
   EXPECT_EQ(DigitalAgc_CalculateGainTable_Float(nullptr, 50, 6, 80), -3);
   EXPECT_EQ(DigitalAgc_CalculateGainTable_Float(nullptr, 50, -1, 1), -3);  // null is checked first
@@ -138,18 +123,16 @@ TEST(AgcGainTable, ReturnCodesAndFixedRatio) {
   DigitalAgc_config_t read{};
   ASSERT_EQ(DigitalAgc_get_config(b.bytes, &read), 0);
   EXPECT_EQ(read.CompRatio, 20);
-}
 
-TEST(AgcGainTable, FixedDigitalModeAddsTargetToGain) {
-  Instance inst;
-  inst.agc()->agcMode = kAgcModeFixedDigital;
-  ASSERT_EQ(DigitalAgc_set_config(inst.bytes, DigitalAgc_config_t{6, 10, 3, 1}), 0);
+  // In fixed-digital mode the gain counts from the target.
+  Instance fixed;
+  fixed.agc()->agcMode = kAgcModeFixedDigital;
+  ASSERT_EQ(DigitalAgc_set_config(fixed.bytes, DigitalAgc_config_t{6, 10, 3, 1}), 0);
   int32_t want[32];
   ASSERT_EQ(DigitalAgc_CalculateGainTable_Float(want, 16, 6, 80), 0);
-  EXPECT_EQ(0, std::memcmp(inst.digital()->gainTable, want, sizeof(want)));
-  EXPECT_EQ(inst.agc()->compressionGaindB, 16);
-  EXPECT_EQ(inst.agc()->analogTarget, 16);
-  EXPECT_EQ(inst.agc()->usedConfig.compressionGaindB, 10);
+  EXPECT_EQ(0, std::memcmp(fixed.digital()->gainTable, want, sizeof(want)));
+  EXPECT_EQ(fixed.agc()->analogTarget, 16);
+  EXPECT_EQ(fixed.agc()->usedConfig.compressionGaindB, 10);
 }
 
 // ---------------------------------------------------------------------------
@@ -208,48 +191,49 @@ TEST(AgcInterface, ProcessChecksInOrder) {
   std::vector<int16_t> out(512);
   const int32_t snr[3] = {1000, 2000, 3000};
 
+  enum : unsigned { kInstance = 1, kIn = 2, kOut = 4, kSnr = 8 };  // which pointer is null
   struct Case {
     const char* name;
     void (*prepare)(Agc_t*);
-    bool null_instance, null_in, null_out, null_snr;
+    unsigned null_args;
     int32_t samples;
     int16_t vad_flag, cmd_wkp;
     int want;
     bool steering_stored;  // flags and mode; the SNR figures too unless null
   } const cases[] = {
-      {"valid", nullptr, false, false, false, false, 256, -1, 2, 0, true},
-      {"two blocks", nullptr, false, false, false, false, 512, 1, 1, 0, true},
-      {"null instance", nullptr, true, false, false, false, 256, -1, 2, -1, false},
-      {"vad flag 2", nullptr, false, false, false, false, 256, 2, 2, -1, false},
-      {"vad flag -2", nullptr, false, false, false, false, 256, -2, 2, -1, false},
-      {"wake-up mode 0", nullptr, false, false, false, false, 256, -1, 0, -1, false},
-      {"wake-up mode 3", nullptr, false, false, false, false, 256, -1, 3, -1, false},
-      {"steering before null buffer", nullptr, false, true, false, false, 256, -1, 2, -3, true},
-      {"null output", nullptr, false, false, true, false, 256, -1, 2, -3, true},
-      {"null SNR", nullptr, false, false, false, true, 256, -1, 2, -3, true},
-      {"steering before length", nullptr, false, false, false, false, 320, -1, 2, -2, true},
-      {"upper-band rate before init flag", [](Agc_t* a) { a->fs = 32000; a->initFlag = 0; }, false, true, false,
-       false, 256, -1, 2, -3, true},
-      {"not initialised", [](Agc_t* a) { a->initFlag = 0; }, false, false, false, false, 256, -1, 2, -2, true},
-      {"wrong rate", [](Agc_t* a) { a->fs = 8000; }, false, false, false, false, 256, -1, 2, -2, true},
-      {"wrong length", [](Agc_t* a) { a->Agc_t_len = 400; }, false, false, false, false, 256, -1, 2, -2, true},
-      {"zero samples", nullptr, false, false, false, false, 0, -1, 2, -2, true},
+      {"valid", nullptr, 0, 256, -1, 2, 0, true},
+      {"two blocks", nullptr, 0, 512, 1, 1, 0, true},
+      {"null instance", nullptr, kInstance, 256, -1, 2, -1, false},
+      {"vad flag 2", nullptr, 0, 256, 2, 2, -1, false},
+      {"vad flag -2", nullptr, 0, 256, -2, 2, -1, false},
+      {"wake-up mode 0", nullptr, 0, 256, -1, 0, -1, false},
+      {"wake-up mode 3", nullptr, 0, 256, -1, 3, -1, false},
+      {"steering before null buffer", nullptr, kIn, 256, -1, 2, -3, true},
+      {"null output", nullptr, kOut, 256, -1, 2, -3, true},
+      {"null SNR", nullptr, kSnr, 256, -1, 2, -3, true},
+      {"steering before length", nullptr, 0, 320, -1, 2, -2, true},
+      {"zero samples", nullptr, 0, 0, -1, 2, -2, true},
+      {"upper-band rate before init flag", [](Agc_t* a) { a->fs = 32000; a->initFlag = 0; }, kIn, 256, -1, 2, -3, true},
+      {"not initialised", [](Agc_t* a) { a->initFlag = 0; }, 0, 256, -1, 2, -2, true},
+      {"wrong rate", [](Agc_t* a) { a->fs = 8000; }, 0, 256, -1, 2, -2, true},
+      {"wrong length", [](Agc_t* a) { a->Agc_t_len = 400; }, 0, 256, -1, 2, -2, true},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     Instance inst;
     if (c.prepare != nullptr) c.prepare(inst.agc());
-    const int32_t result =
-        DigitalAgc_Process(c.null_instance ? nullptr : inst.bytes, c.null_in ? nullptr : frame.data(), c.samples,
-                           c.null_out ? nullptr : out.data(), c.vad_flag, c.cmd_wkp, c.null_snr ? nullptr : snr, 1);
+    const int32_t result = DigitalAgc_Process((c.null_args & kInstance) ? nullptr : inst.bytes,
+                                              (c.null_args & kIn) ? nullptr : frame.data(), c.samples,
+                                              (c.null_args & kOut) ? nullptr : out.data(), c.vad_flag, c.cmd_wkp,
+                                              (c.null_args & kSnr) ? nullptr : snr, 1);
     EXPECT_EQ(result, c.want);
     const DigitalAgc_t* d = inst.digital();
     if (c.steering_stored) {
       EXPECT_EQ(d->AgcVadFlag, c.vad_flag);
       EXPECT_EQ(d->cmdWkp, c.cmd_wkp);
       EXPECT_EQ(d->snrFlag, 1);
-      EXPECT_EQ(d->SNR[2], c.null_snr ? 0 : 3000);
-    } else if (!c.null_instance) {
+      EXPECT_EQ(d->SNR[2], (c.null_args & kSnr) ? 0 : 3000);
+    } else if (!(c.null_args & kInstance)) {
       EXPECT_EQ(d->cmdWkp, 1);  // the values Init left
       EXPECT_EQ(d->SNR[2], 0);
     }
@@ -555,10 +539,11 @@ double ActiveLevel(const std::vector<int16_t>& out, const std::vector<uint8_t>& 
   return Dbfs(test::MaskedMeanSquare(Tail(out, from, to), mask, 1));
 }
 
-TEST(AgcBehaviour, WakeUpModesRecoverAtTheirOwnRates) {
+TEST(AgcBehaviour, WakeUpModesAndSnrSetTheRecoveryRate) {
   // A loud talker, then a talker 20 dB quieter over a -62 dBFS floor. The
   // slow envelope falls at 65 (mode 1) or 15 (mode 2) parts in 65536 per
-  // millisecond, so the gain climbs back about 65/15 times as fast in mode 1.
+  // millisecond, so the gain climbs back about 65/15 times as fast in mode 1;
+  // high SNR figures speed mode 1 up further and leave mode 2 alone.
   const size_t loud_len = 4 * 16000, quiet_len = 16 * 16000;
   test::SpeechLikeOptions options;
   options.rms = 32768.0 * std::pow(10.0, -16.0 / 20.0);
@@ -567,27 +552,29 @@ TEST(AgcBehaviour, WakeUpModesRecoverAtTheirOwnRates) {
   const test::SpeechLike quiet = test::MakeSpeechLike(quiet_len, 4, options);
   talk.samples.insert(talk.samples.end(), quiet.samples.begin(), quiet.samples.end());
   talk.active.insert(talk.active.end(), quiet.active.begin(), quiet.active.end());
-  const Signal x = test::Mix(talk.samples, test::WhiteNoise(talk.samples.size(), 26.0, 9));
-  const std::vector<int16_t> in = test::ToPcm(x);
+  const std::vector<int16_t> in = test::ToPcm(test::Mix(talk.samples, test::WhiteNoise(talk.samples.size(), 26.0, 9)));
   const size_t end = in.size() / 256 * 256;
 
-  double rise_db[2];
-  for (int16_t mode : {int16_t{1}, int16_t{2}}) {
+  // SNR figures: frame SNR 30 dB, long-term 10 dB, segmental 20 dB.
+  const Steering cases[] = {{1, {0, 0, 0}, 0}, {2, {0, 0, 0}, 0}, {1, {30720, 10240, 20480}, 1},
+                            {2, {30720, 10240, 20480}, 1}};
+  double rise_db[4], final_db[4];
+  std::vector<int16_t> outputs[4];
+  for (int i = 0; i < 4; ++i) {
     Instance inst;
-    Steering steer;
-    steer.cmd_wkp = mode;
-    steer.snr_flag = 0;
-    const std::vector<int16_t> out = RunFrames(inst, in, steer);
-    const double early = ActiveLevel(out, talk.active, loud_len + 16000, loud_len + 3 * 16000);
-    const double late = ActiveLevel(out, talk.active, end - 2 * 16000, end);
-    rise_db[mode - 1] = late - early;
-    std::printf("mode %d: quiet talker's output rises %.1f dB over 14 s\n", mode, rise_db[mode - 1]);
+    outputs[i] = RunFrames(inst, in, cases[i]);
+    const double early = ActiveLevel(outputs[i], talk.active, loud_len + 16000, loud_len + 3 * 16000);
+    final_db[i] = ActiveLevel(outputs[i], talk.active, end - 2 * 16000, end);
+    rise_db[i] = final_db[i] - early;
+    std::printf("mode %d, SNR steering %d: quiet talker at %.1f dBFS after 1-3 s, %.1f dBFS after 14-16 s\n",
+                cases[i].cmd_wkp, cases[i].snr_flag, early, final_db[i]);
   }
   EXPECT_GE(rise_db[0], 6.0);
   EXPECT_GT(rise_db[1], 0.5);
-  const double ratio = rise_db[0] / rise_db[1];
-  EXPECT_GT(ratio, 3.0);
-  EXPECT_LT(ratio, 6.0);
+  EXPECT_GT(rise_db[0] / rise_db[1], 3.0);
+  EXPECT_LT(rise_db[0] / rise_db[1], 6.0);
+  EXPECT_GE(final_db[2], final_db[0] + 6.0);
+  EXPECT_EQ(outputs[3], outputs[1]);
 }
 
 TEST(AgcBehaviour, LoudNoiseFloorHoldsTheSlowEnvelopeInModeOne) {

@@ -2,8 +2,8 @@
 //
 // Every 1 ms sub-frame the peak energy (largest squared sample) feeds two
 // envelope followers: a fast one that jumps up to every peak and decays in
-// about 65 ms, and a slow one that rises over tens of milliseconds and only
-// falls while a level detector says speech is present. The louder of the two
+// about 65 ms, and a slow one that rises with a time constant of about
+// 130 ms and only falls while a level detector says speech is present. The louder of the two
 // is the level; its base-2 logarithm (one step is 3 dB of energy) indexes a
 // 32-entry gain table holding a soft-knee compressor curve, interpolated
 // linearly within each step. A gate pulls the gain toward the table's
@@ -35,7 +35,6 @@ namespace vorn {
 namespace {
 
 constexpr int kSubFrames = 16;
-constexpr int kMaxSubFrameLength = 16;
 constexpr int kVadRounds = 16;
 constexpr int kVadRoundOutput = 8;  // 8 kHz samples per round
 constexpr int16_t kVadCounterMax = 250;
@@ -43,13 +42,13 @@ constexpr int16_t kNoiseVoiceStart = 110;
 constexpr int32_t kNoiseFloorFreezeLevel = 0x800000;  // squared amplitude, about -21 dBFS peak
 
 // High-pass of the level detector: y[n] = x[n] - x[n-1] + a y[n-1] with
-// a = 0.75 (Q10 768), corner near 370 Hz at 8 kHz. It keeps DC offsets,
-// mains hum and the low rumble that dominates most room noise out of the
-// level, so that the statistics react to the formant region where speech
-// carries its energy. In transposed form the single state is
-// s = a y - x, a low-pass of x with unity DC gain, which therefore stays
-// within the 16-bit range of the input (it is saturated against the few
-// units that flooring can add).
+// a = 0.75 (Q10 768): -3 dB near 300 Hz at 8 kHz, -10 dB at 100 Hz. It
+// keeps DC offsets, mains hum and the low rumble that dominates most room
+// noise out of the level, so that the statistics react to the formant region
+// where speech carries its energy. In transposed form the single state is
+// s = a y - x = a s[-1] - (1 - a) x, a low-pass of -x whose gain is one at
+// DC and less elsewhere, so it stays within the 16-bit range of the input
+// (it is saturated against the few units that flooring can add).
 constexpr int32_t kHighPassPoleQ10 = 768;
 
 int32_t SaturateW32(int64_t value) {
@@ -140,8 +139,9 @@ int32_t SlowEnvelopeDecay(const DigitalAgc_t* stt, int16_t logRatio) {
   if (stt->agcMode == kAgcModeFixedDigital) return decay;
 
   // Only a signal that varies like speech keeps the envelope falling: a
-  // moderate long-term deviation scales the decay, and otherwise a short-term
-  // deviation clearly above the long-term one (an onset) does.
+  // moderate long-term deviation scales the decay; outside that range
+  // (steady input, or input swinging between speech and near silence) only a
+  // short-term deviation clearly above the long-term one, an onset, does.
   const int32_t std_long = stt->vadNearend.stdLongTerm;
   const int32_t std_short = stt->vadNearend.stdShortTerm;
   int32_t adjusted = 0;
@@ -166,31 +166,28 @@ struct LevelLog {
 };
 
 LevelLog LevelLogOf(int32_t level) {
-  LevelLog log{};
-  if (level <= 0) {
-    log.zeros = 31;
-    log.fraction_Q12 = 0;
-    return log;
-  }
-  log.zeros = std::countl_zero(static_cast<uint32_t>(level));
-  log.fraction_Q12 = static_cast<int32_t>(((static_cast<uint32_t>(level) << log.zeros) & 0x7FFFFFFFu) >> 19);
-  return log;
+  if (level <= 0) return LevelLog{31, 0};
+  const int zeros = std::countl_zero(static_cast<uint32_t>(level));
+  const uint32_t mantissa = (static_cast<uint32_t>(level) << zeros) & 0x7FFFFFFFu;
+  return LevelLog{zeros, static_cast<int32_t>(mantissa >> 19)};
 }
 
-int32_t GainForLevel(const int32_t* gainTable, const LevelLog& log) {
-  const int64_t step = static_cast<int64_t>(gainTable[log.zeros - 1]) - gainTable[log.zeros];
-  return SaturateW32(gainTable[log.zeros] + ((step * log.fraction_Q12) >> 12));
+int32_t GainForLevel(const int32_t* gainTable, const LevelLog& level) {
+  const int64_t step = static_cast<int64_t>(gainTable[level.zeros - 1]) - gainTable[level.zeros];
+  return SaturateW32(gainTable[level.zeros] + ((step * level.fraction_Q12) >> 12));
 }
 
 // Log level in Q9 counted as leading zeros (larger is quieter).
-int32_t ZerosQ9(const LevelLog& log) { return log.zeros * 512 - (log.fraction_Q12 >> 3); }
+int32_t ZerosQ9(const LevelLog& level) { return level.zeros * 512 - (level.fraction_Q12 >> 3); }
 
 // Lowers gain_Q16 in -0.1 dB steps until envelope * gain^2 (the squared
 // output peak) fits under full scale. The squared gain is formed from the
 // gain shifted down by z bits, z = 10 or more for large gains; the test
 // (env/2^12 + 1)(g/2^z + 1)^2 / 2^13 > 32767 * 2^(2(11 - z)) is that
 // product compared with 32767^2 on a common scale, evaluated in 64 bits
-// without truncating either side.
+// without truncating either side. z follows the gain as it falls: held at
+// 16, the +1 terms alone would exceed the bound for a full-scale envelope
+// and the loop would never end.
 int32_t LimitGain(int32_t gain_Q16, int32_t envelope) {
   const int64_t envelope_term = (envelope >> 12) + 1;
   for (;;) {
@@ -207,12 +204,12 @@ int32_t LimitGain(int32_t gain_Q16, int32_t envelope) {
 // Applies the sub-frame gains in place, the gain ramping linearly (Q20)
 // from each sub-frame's start value to its end value. A coarse product in
 // units of 8 output steps decides saturation before the exact one is formed.
-void ApplyGains(const int32_t* gains_Q16, int sub_frame_length, int16_t* samples) {
+void ApplyGains(const int32_t* gains_Q16, int sub_frame_length, int16_t* block) {
   const int ramp_scale = 16 / sub_frame_length;
   for (int k = 0; k < kSubFrames; ++k) {
     int64_t gain_Q20 = static_cast<int64_t>(gains_Q16[k]) * 16;
     const int64_t step_Q20 = (static_cast<int64_t>(gains_Q16[k + 1]) - gains_Q16[k]) * ramp_scale;
-    int16_t* sub_frame = samples + k * sub_frame_length;
+    int16_t* sub_frame = block + k * sub_frame_length;
     for (int n = 0; n < sub_frame_length; ++n) {
       const int64_t coarse = (sub_frame[n] * ((gain_Q20 + 127) >> 7)) >> 16;
       if (coarse > 4095) {
@@ -241,13 +238,16 @@ int32_t DigitalAgc_CalculateGainTable_Float(int32_t* gainTable, int16_t compress
   const double R = compRatio;
   const double A = std::log(std::pow(kE, G) + 1.0);
   const double max_Q16 = 65536.0 * std::pow(10.0, (G - T) / 20.0);
-  // Entry k serves an input 3.0103 (k - 1) dB below full scale; the curve
-  // is a soft knee between unity slope and slope 1/R, ending at G - T dB.
+  // Entry k serves an input peak 3.0103 (k - 1) dB below full scale. Above
+  // a soft knee (ln(1 + e^x) ~ x) the output rises with slope 1/R and
+  // reaches -T dB at full scale; below it (ln(1 + e^x) ~ 0) the gain levels
+  // off at its maximum, G - T dB.
   auto entry = [&](double step) {
     const double x = G - step * 3.0103 * (R - 1.0) / R;
     return RoundSaturate(max_Q16 * std::pow(10.0, -0.05 * G * std::log(1.0 + std::pow(kE, x)) / A));
   };
 
+  // Once an entry reaches the last one the curve is flat: fill the rest.
   const int32_t last = entry(30.0);
   gainTable[31] = last;
   for (int k = 0; k < 31; ++k) {
