@@ -349,7 +349,7 @@ int32_t DigitalAgc_ProcessDigital(DigitalAgc_t* stt, const int16_t* in_near, con
     if (stt->SNR[2] < 10241) {
       low_snr = stt->SNR[2] < 2048;
     } else {
-      high_snr = stt->SNR[0] > stt->SNR[1] + 4096;
+      high_snr = stt->SNR[0] > static_cast<int64_t>(stt->SNR[1]) + 4096;  // caller's figures may be extreme
     }
   }
 
