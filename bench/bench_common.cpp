@@ -1,0 +1,51 @@
+// Cost of the shared real FFT at the size every caller uses (512 points):
+// one forward and one inverse transform, as each analysis/synthesis hop of
+// the suppressor, the VAD path and the post filter runs them.
+#include <benchmark/benchmark.h>
+
+#include <vector>
+
+#include "common/adsp_common_fft_rel.h"
+#include "support/signals.h"
+
+namespace {
+
+void BM_FftRelPair512(benchmark::State& state) {
+  const std::vector<float> input = vorn::test::WhiteNoise(512, 3000.0, 42u);
+  std::vector<float> x = input;
+  for (auto _ : state) {
+    vorn::fft_rel(x.data(), 512, 9);
+    vorn::ifft_rel(x.data(), 512, 9);
+    benchmark::DoNotOptimize(x.data());
+    benchmark::ClobberMemory();
+  }
+  state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(BM_FftRelPair512);
+
+void BM_FftRel512(benchmark::State& state) {
+  const std::vector<float> input = vorn::test::WhiteNoise(512, 3000.0, 43u);
+  std::vector<float> x(512);
+  for (auto _ : state) {
+    x = input;
+    vorn::fft_rel(x.data(), 512, 9);
+    benchmark::DoNotOptimize(x.data());
+    benchmark::ClobberMemory();
+  }
+}
+BENCHMARK(BM_FftRel512);
+
+void BM_IfftRel512(benchmark::State& state) {
+  std::vector<float> spectrum = vorn::test::WhiteNoise(512, 3000.0, 44u);
+  vorn::fft_rel(spectrum.data(), 512, 9);
+  std::vector<float> x(512);
+  for (auto _ : state) {
+    x = spectrum;
+    vorn::ifft_rel(x.data(), 512, 9);
+    benchmark::DoNotOptimize(x.data());
+    benchmark::ClobberMemory();
+  }
+}
+BENCHMARK(BM_IfftRel512);
+
+}  // namespace
