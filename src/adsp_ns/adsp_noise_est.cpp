@@ -1,0 +1,236 @@
+// Noise power tracking for the suppressor: improved minima-controlled
+// recursive averaging.
+//
+// A first minimum search over a smoothed periodogram gives a rough speech
+// indicator per bin; a second periodogram, smoothed only over the bins that
+// indicator calls noise, gives a minimum that speech cannot pull up. From that
+// minimum comes a conditional speech-presence probability, and the noise
+// average moves fast where speech is surely absent and freezes where it is
+// surely present. Minimum tracking underestimates the mean of a chi-square
+// periodogram, hence the fixed bias factor 1.4685 on the average and 1.66 on
+// the minimum. Minima span 120 frames, kept as 8 sub-windows of 15 so the
+// search window slides without storing 120 spectra.
+//
+// Arithmetic is single precision; the speech-presence probability and the
+// exponential inside it are formed in double, as the gain rule does.
+#include <cmath>
+
+#include "adsp_ns/adsp_ns_proc.h"
+#include "common/adsp_common_util.h"
+
+namespace vorn {
+namespace {
+
+constexpr float kBiasAverage = 1.4685f;    // mean / minimum of the smoothed periodogram
+constexpr float kBiasMinimum = 1.66f;
+constexpr float kIndicatorPsd = 7.636f;    // 1.66 * 4.6
+constexpr float kIndicatorSmooth = 2.7722f; // 1.66 * 1.67
+constexpr float kGammaMax = 3.0f;           // periodogram-to-minimum ratio that is surely speech
+constexpr float kZetaMax = 1.67f;
+constexpr float kTiny = 1e-10f;
+constexpr int kSumFirstBin = 7;             // frame figures use bins 7..149
+constexpr int kSumLastBin = 149;
+constexpr int kWarmupFrames = 15;           // minima follow the periodogram until then
+constexpr int kFastStartFrames = 50;        // long-term SNRs adapt faster until then
+
+}  // namespace
+
+void NoiseEst(T_AdspNsState *ns_st, float *psd) {
+  T_AdspNsState &st = *ns_st;
+  float smoothed_psd[kNsBins];
+  float noise_indicator[kNsBins];
+  float indicated_psd[kNsBins];
+  float indicator_weight[kNsBins];
+  float indicated_sum[kNsBins];
+
+  st.spec_centroid = GetCentroid(psd, kNsBins);
+  Conv(psd, kNsBins, st.b, 3, smoothed_psd);
+
+  if (st.frame < 2) {
+    CopyData(st.lambda_d, psd, kNsBins);
+    CopyData(st.s, smoothed_psd, kNsBins);
+    CopyData(st.st, smoothed_psd, kNsBins);
+    CopyData(st.lambda_dav, psd, kNsBins);
+  } else {
+    SmoothData(st.s, smoothed_psd, 0.9f, kNsBins);
+  }
+
+  if (st.frame < kWarmupFrames) {
+    CopyData(st.s_min, st.s, kNsBins);
+    CopyData(st.s_mact, st.s, kNsBins);
+  } else {
+    DataMin(st.s, st.s_min, kNsBins, st.s_min);
+    DataMin(st.s, st.s_mact, kNsBins, st.s_mact);
+  }
+
+  for (int k = 0; k < kNsBins; ++k) {
+    const bool noise_like = psd[k] < kIndicatorPsd * st.s_min[k] && st.s[k] < kIndicatorSmooth * st.s_min[k];
+    noise_indicator[k] = noise_like ? 1.0f : 0.0f;
+  }
+  Conv(st.b, 3, noise_indicator, kNsBins, indicator_weight);
+  DataMult(noise_indicator, psd, kNsBins, 1.0f, indicated_psd);
+  Conv(st.b, 3, indicated_psd, kNsBins, indicated_sum);
+  // A bin with no noise-like neighbour keeps its previous value.
+  float noise_only_psd[kNsBins];
+  for (int k = 0; k < kNsBins; ++k)
+    noise_only_psd[k] = indicator_weight[k] > kTiny ? indicated_sum[k] / indicator_weight[k] : st.st[k];
+
+  if (st.frame < kWarmupFrames) {
+    CopyData(st.st, st.s, kNsBins);
+    CopyData(st.s_min_t, st.st, kNsBins);
+    CopyData(st.s_mact_t, st.st, kNsBins);
+  } else {
+    SmoothData(st.st, noise_only_psd, 0.9f, kNsBins);
+    DataMin(st.s_min_t, st.st, kNsBins, st.s_min_t);
+    DataMin(st.s_mact_t, st.st, kNsBins, st.s_mact_t);
+  }
+
+  float sum_noise = 0.0f;
+  float sum_presence = 0.0f;
+  float sum_psd = 0.0f;
+  for (int k = 0; k < kNsBins; ++k) {
+    const float noise = st.lambda_d[k] < kTiny ? kTiny : st.lambda_d[k];
+    st.gamma[k] = psd[k] / noise;
+    // Decision-directed a priori SNR; the weight of the new term is 1 - 0.95
+    // as a float (0.050000012).
+    const float excess = st.gamma[k] - 1.0f;
+    const float new_term = excess > 0.0f ? (1.0f - 0.95f) * excess : 0.0f;
+    const float eta = new_term + 0.95f * st.eta_2term[k];
+    st.eta[k] = eta > st.eta_min ? eta : st.eta_min;
+    st.v[k] = st.gamma[k] * st.eta[k] / (st.eta[k] + 1.0f);
+
+    const float minimum = st.s_min_t[k] < kTiny ? kTiny : st.s_min_t[k];
+    const float gamma_min = psd[k] / kBiasMinimum / minimum;
+    const float zeta = st.s[k] / kBiasMinimum / minimum;
+    float presence = 0.0f;  // stays 0 where the periodogram is at or below the minimum
+    if (gamma_min > 1.0f && gamma_min < kGammaMax && zeta < kZetaMax) {
+      const double absence = (3.0 - static_cast<double>(gamma_min)) * 0.5;
+      const double not_absent = 1.0 - absence;
+      presence = static_cast<float>(
+          not_absent / (not_absent + (1.0 + static_cast<double>(st.eta[k])) * absence *
+                                         std::exp(-static_cast<double>(st.v[k]))));
+    }
+    if (gamma_min > kGammaMax || zeta > kZetaMax) {
+      // Surely speech: both averages hold their value.
+      presence = 1.0f;
+    } else {
+      const float alpha = 0.85f + 0.15f * presence;
+      const float alpha_long = 0.99f + 0.01f * presence;
+      st.lambda_dav[k] = alpha * st.lambda_dav[k] + (1.0f - alpha) * psd[k];
+      st.lambda_dav_long[k] = alpha_long * st.lambda_dav_long[k] + (1.0f - alpha_long) * psd[k];
+    }
+    st.lambda_d[k] = kBiasAverage * st.lambda_dav[k];
+    if (k >= kSumFirstBin && k <= kSumLastBin) {
+      sum_noise += st.lambda_d[k];
+      sum_presence += presence;
+      sum_psd += psd[k];
+    }
+  }
+
+  if (st.t_ref_to_aec > 20.0f) {
+    st.speech_interference_eng = st.speech_interference_eng < 0.0f
+                                     ? sum_psd
+                                     : 0.9f * st.speech_interference_eng + 0.1f * sum_psd;
+    st.f_sir = sum_psd / (st.speech_interference_eng + 1e-5f);
+  }
+  // The band holds 143 bins; 144 is the divisor the thresholds were tuned with.
+  st.phat_mean = sum_presence / 144.0f;
+  st.f_snr = CalcDB(sum_psd, sum_noise);
+
+  if (st.f_snr > 1.5f) {
+    st.long_eta = st.frame < kFastStartFrames ? 0.7f * (0.99f * st.long_eta) + 0.307f * st.f_snr
+                                              : 0.99f * st.long_eta + 0.01f * st.f_snr;
+  }
+  if (st.phat_mean < 0.3f) st.noise_spec_centroid = 0.9f * st.noise_spec_centroid + 0.1f * st.spec_centroid;
+
+  if (st.f_snr > 3.5f) {
+    st.long_eta_high = st.frame < kFastStartFrames ? 0.7f * (0.99f * st.long_eta_high) + 0.307f * st.f_snr
+                                                   : 0.99f * st.long_eta_high + 0.01f * st.f_snr;
+  }
+  if (st.frame > kFastStartFrames) {
+    // The floor follows the long-term SNR: it stays low while the input is
+    // mostly noise and opens up (to -5 dB) once speech stands well above it,
+    // where deep suppression would only add musical noise. 2^long_eta is
+    // formed in double and rounded once.
+    float gain_floor = static_cast<float>(0.01766 * std::exp2(static_cast<double>(st.long_eta)) - 0.025);
+    float eta_floor;
+    if (gain_floor < 0.01f) {
+      gain_floor = 0.01f;
+      eta_floor = 0.0001f;
+    } else if (gain_floor > 0.56f) {
+      gain_floor = 0.56f;
+      eta_floor = 0.3136f;
+    } else {
+      eta_floor = gain_floor * gain_floor;
+    }
+    st.g_f = gain_floor;
+    st.eta_min = eta_floor * st.external_ns_level;
+  }
+
+  UpdatePsd(ns_st);
+
+  for (int k = 0; k < kNsBins; ++k) {
+    const float v = st.v[k];
+    float gain_sq = 1.0f;
+    if (v > 5.0f) {
+      const float gain = st.eta[k] / (st.eta[k] + 1.0f);
+      gain_sq = gain * gain;
+    } else if (v > 0.0f) {
+      const float gain = ExpExpint(v) * st.eta[k] / (st.eta[k] + 1.0f);
+      gain_sq = gain * gain;
+    }
+    st.eta_2term[k] = gain_sq * st.gamma[k];
+  }
+}
+
+void UpdatePsd(T_AdspNsState *ns_st) {
+  T_AdspNsState &st = *ns_st;
+  if (++st.l_mod_lswitch < kNsSubWindowLen) return;
+  st.l_mod_lswitch = 0;
+  if (st.frame == kNsSubWindowLen) {
+    // First switch after start: the whole window begins from the present.
+    for (int row = 0; row < kNsSubWindows; ++row) {
+      CopyData(st.sw + row * kNsBins, st.s, kNsBins);
+      CopyData(st.swt + row * kNsBins, st.st, kNsBins);
+    }
+    return;
+  }
+  CopyData(st.sw + st.sw_idx * kNsBins, st.s_mact, kNsBins);
+  CopyData(st.s_mact, st.s, kNsBins);
+  CopyData(st.swt + st.sw_idx * kNsBins, st.s_mact_t, kNsBins);
+  CopyData(st.s_mact_t, st.st, kNsBins);
+  CopyData(st.s_min, st.sw, kNsBins);
+  CopyData(st.s_min_t, st.swt, kNsBins);
+  for (int row = 1; row < kNsSubWindows; ++row) {
+    DataMin(st.sw + row * kNsBins, st.s_min, kNsBins, st.s_min);
+    DataMin(st.swt + row * kNsBins, st.s_min_t, kNsBins, st.s_min_t);
+  }
+  st.sw_idx = (st.sw_idx + 1) % kNsSubWindows;
+}
+
+void MinTrace(const float *x, int rows, int len, float *out) {
+  // The stride is len + 1: each older row is read one bin higher. The
+  // spectral-scale mode was tuned with this diagonal search.
+  const int stride = len + 1;
+  for (int k = 0; k < len; ++k) {
+    double minimum = x[k];
+    for (int j = 1; j < rows; ++j) minimum = std::fmin(minimum, static_cast<double>(x[k + j * stride]));
+    out[k] = static_cast<float>(minimum);
+  }
+}
+
+void GetNsScale(const float *amp, int len, const float *min, float *scale) {
+  for (int k = 0; k < len; ++k) {
+    double twice_min = 2.0 * static_cast<double>(min[k]);
+    if (!(twice_min > 1e-8)) twice_min = 1e-8;
+    const float ratio = static_cast<float>(static_cast<double>(amp[k]) / twice_min);
+    if (ratio < 1.0f) {
+      scale[k] = 0.0f;
+    } else {
+      const float kept = (ratio - 1.0f) / ratio;
+      scale[k] = kept < 1.0f ? kept : 1.0f;
+    }
+  }
+}
+
+}  // namespace vorn

@@ -1,0 +1,181 @@
+// Speech presence and the suppression gain.
+//
+// The a priori speech absence probability of a bin is read from how the
+// smoothed a priori SNR looks at three scales: around the bin (3 bins), over a
+// wide band (31 bins) and over the whole frame, each mapped to a likelihood
+// by a ramp between -10 and -5 dB. A frame-level factor also tracks whether
+// the frame SNR is falling away from its recent peak (speech offsets). Bins
+// sitting on long-term spectral peaks of the noise (tones, hum) get their
+// absence probability raised. The gain is the log-spectral-amplitude gain
+// where speech is present and a floor where it is absent, blended
+// geometrically by the presence probability; next to tonal noise peaks the
+// floor is lowered so the tone is not left standing out.
+//
+// The presence probability and the geometric blend are formed in double.
+#include <cmath>
+
+#include "adsp_ns/adsp_ns_proc.h"
+#include "common/adsp_common_util.h"
+
+namespace vorn {
+namespace {
+
+constexpr float kMinLikelihood = 0.005f;
+constexpr float kMaxAbsence = 0.998f;
+constexpr int kPeakFirstBin = 6;  // tonal-peak rules cover bins 6..199
+constexpr int kPeakLastBin = 199;
+
+float PowerDb(float ratio) {
+  return ratio > 0.0f ? static_cast<float>(10.0 * std::log10(static_cast<double>(ratio))) : -100.0f;
+}
+
+// Likelihood of speech from an SNR in dB: 0.005 up to -10 dB, 1 from -5 dB.
+float Ramp(float snr_db) {
+  if (snr_db <= -10.0f) return kMinLikelihood;
+  if (snr_db >= -5.0f) return 1.0f;
+  return ((snr_db + 10.0f) / 5.0f) * 0.995f + kMinLikelihood;
+}
+
+// Ramp(PowerDb(ratio)). The ramp is flat outside -10..-5 dB, so the
+// logarithm is taken only for ratios near 0.1..0.316; the brackets keep a
+// margin of several thousandths of a dB, so the result is unchanged.
+float RampOfRatio(float ratio) {
+  if (ratio < 0.0999f) return kMinLikelihood;
+  if (ratio > 0.3165f) return 1.0f;
+  return Ramp(PowerDb(ratio));
+}
+
+}  // namespace
+
+void EstAbsenceProb(T_AdspNsState *ns_st, float *q) {
+  T_AdspNsState &st = *ns_st;
+  float local_xi[kNsBins];
+  float global_xi[kNsBins];
+  float local_likelihood[kNsBins];
+
+  SmoothData(st.xi, st.eta, 0.7f, kNsBins);
+  Conv(st.b_xi_local, 3, st.xi, kNsBins, local_xi);
+  Conv(st.b_xi_global, 31, st.xi, kNsBins, global_xi);
+
+  const float previous_frame_xi = st.xi_frame;
+  st.xi_frame = DataMean(st.xi, 2, kNsBins);
+  const float frame_db = PowerDb(st.xi_frame);
+
+  for (int k = 0; k < kNsBins; ++k) {
+    const float likelihood = RampOfRatio(local_xi[k]);
+    local_likelihood[k] = likelihood > 1.0f ? 1.0f : likelihood;
+  }
+  // A frame whose low and middle band looks like noise throughout loses its
+  // local evidence in the speech band, so isolated noise bins do not pass.
+  if (DataMean(local_likelihood, 3, 126) < 0.25f) {
+    for (int k = 16; k < 114; ++k) local_likelihood[k] = kMinLikelihood;
+  }
+
+  float frame_likelihood;
+  if (frame_db < -10.0f) {
+    frame_likelihood = kMinLikelihood;
+  } else if (st.xi_frame - previous_frame_xi < 0.0f) {
+    const float peak_db = st.xi_m_db;
+    if (frame_db > peak_db - 5.0f) {
+      frame_likelihood = 1.0f;
+    } else if (frame_db <= peak_db - 10.0f) {
+      frame_likelihood = kMinLikelihood;
+    } else {
+      frame_likelihood = ((frame_db - peak_db + 10.0f) / 5.0f) * 0.995f + kMinLikelihood;
+    }
+  } else {
+    st.xi_m_db = frame_db < 0.0f ? 0.0f : (frame_db > 10.0f ? 10.0f : frame_db);
+    frame_likelihood = 1.0f;
+  }
+
+  for (int k = 0; k < kNsBins; ++k) {
+    const float absence = 1.0f - local_likelihood[k] * frame_likelihood * RampOfRatio(global_xi[k]);
+    q[k] = absence < kMaxAbsence ? absence : kMaxAbsence;
+  }
+}
+
+void UpdateAbsenceProb(float *lambda_dav_long, float *q) {
+  const float *ldl = lambda_dav_long;
+  for (int k = kPeakFirstBin; k <= kPeakLastBin; ++k) {
+    if (ldl[k] > 2.3f * (ldl[k - 2] + ldl[k + 2])) {
+      q[k] = 0.3f * q[k] + 0.6986f;
+      q[k - 1] = 0.3f * q[k - 1] + 0.6986f;
+      q[k + 1] = 0.3f * q[k + 1] + 0.6986f;
+    }
+  }
+}
+
+void EstGain(T_AdspNsState *ns_st, float *q, float *g) {
+  const T_AdspNsState &st = *ns_st;
+  const float *ldl = st.lambda_dav_long;
+  const float *noise = st.lambda_d;
+  const float snr_weight = 2.0f * st.long_eta / (st.long_eta + 5.0f);
+  int peak_count = 0;
+
+  for (int k = 0; k < kNsBins; ++k) {
+    const float eta = st.eta[k];
+    const float v = st.v[k];
+
+    float presence = 0.0f;
+    if (q[k] < 0.9f) {
+      const double absence = q[k];
+      presence = static_cast<float>(
+          1.0 / (1.0 + (absence / (1.0 - absence)) * (1.0 + static_cast<double>(eta)) *
+                           std::exp(-static_cast<double>(v))));
+    }
+
+    float floor = st.g_f;
+    if (k >= kPeakFirstBin && k <= kPeakLastBin) {
+      // Near a long-term noise peak the floor follows the local noise valley,
+      // so a hum is pulled down to the level of its surroundings.
+      bool lower_floor;
+      if (ldl[k + 1] > 2.07f * (ldl[k - 1] + ldl[k + 3])) {
+        lower_floor = true;
+        peak_count = 2;
+      } else {
+        lower_floor = peak_count >= 1;
+        --peak_count;
+      }
+      if (lower_floor) {
+        float valley = noise[k - 2] < noise[k] ? noise[k - 2] : noise[k];
+        valley = noise[k + 2] < valley ? noise[k + 2] : valley;
+        floor = (st.g_f * valley / (st.s[k] + 1e-8f)) * snr_weight;
+      }
+    }
+    const float scaled_floor = floor * st.external_ns_level;
+
+    if (presence == 0.0f) {
+      // x^1 * y^0 is x exactly; the speech gain would be discarded.
+      g[k] = scaled_floor;
+      continue;
+    }
+    float speech_gain = 1.0f;
+    if (v > 5.0f) {
+      speech_gain = eta / (eta + 1.0f);
+    } else if (v > 0.0f) {
+      speech_gain = ExpExpint(v) * eta / (eta + 1.0f);
+    }
+    if (presence == 1.0f) {
+      // x^0 * y^1 is y exactly; the floor would be discarded.
+      g[k] = speech_gain;
+      continue;
+    }
+    const double weight = presence;
+    g[k] = static_cast<float>(std::pow(static_cast<double>(scaled_floor), 1.0 - weight) *
+                              std::pow(static_cast<double>(speech_gain), weight));
+  }
+}
+
+void NsFreqFilter(float *spec, float *gain, float *out) {
+  // Below 156 Hz and at Nyquist there is no speech worth keeping.
+  for (int k = 0; k < 5; ++k) gain[k] = 0.0f;
+  gain[kNsBins - 1] = 0.0f;
+  out[0] = 0.0f;
+  out[kNsFftLen / 2] = 0.0f;
+  for (int k = 1; k < kNsFftLen / 2; ++k) {
+    out[k] = spec[k] * gain[k];
+    out[kNsFftLen - k] = spec[kNsFftLen - k] * gain[k];
+  }
+}
+
+}  // namespace vorn
