@@ -14,7 +14,7 @@
 namespace vorn::bench {
 
 enum class NoiseKind {
-  kSensor,      // independent on each microphone (electronics, wind-free self noise)
+  kSensor,      // independent on each microphone (the microphones' own noise)
   kDiffuse,     // many uncorrelated far sources spread over the sphere
   kBabble,      // several speech-like talkers around the array, through the room
   kInterferer,  // one point source through the room
