@@ -9,7 +9,9 @@
 #include <cmath>
 #include <cstdint>
 #include <cstring>
+#include <cstdio>
 #include <memory>
+#include <string>
 #include <random>
 #include <vector>
 
@@ -491,6 +493,32 @@ TEST(AdspAecInterface, QueryResultCodes) {
   EXPECT_EQ(spread, -1);
 }
 
+TEST(AdspAecInterface, ReportedDelayStartupTrimsTheFarEnd) {
+  Instance inst;
+  ASSERT_EQ(InitDefault(inst, 1), 0);
+  Aec* self = static_cast<Aec*>(inst.get());
+  AdspAec_enable_reported_delay(self->aec, 1);
+  self->startup_phase = 1;
+  std::vector<float> far(kBlock, 500.0f), near(kBlock), out(kBlock), coh(130);
+  for (int i = 0; i < kBlock; ++i) near[i] = static_cast<float>(i);
+  // The caller fed 20 frames of far end ahead of the near end.
+  for (int f = 0; f < 20; ++f) ASSERT_EQ(AdspAec_BufferFarend(inst.get(), far.data(), kBlock), 0);
+  const float* near_bands[1] = {near.data()};
+  float* out_bands[1] = {out.data()};
+  int frames = 0;
+  while (self->startup_phase == 1 && frames < 100) {
+    ASSERT_EQ(AdspAec_BufferFarend(inst.get(), far.data(), kBlock), 0);
+    ASSERT_EQ(AdspAec_Process(inst.get(), near_bands, 1, out_bands, nullptr, coh.data(), 130, kBlock, 40, 0), 0);
+    EXPECT_EQ(std::memcmp(out.data(), near.data(), sizeof(float) * kBlock), 0);  // passed through
+    ++frames;
+  }
+  // A steady 40 ms report (+10 ms) for six frames sizes the buffer to
+  // 50 * 24 * 2 / 256 = 9 blocks, and the surplus far end is dropped.
+  EXPECT_EQ(frames, 6);
+  EXPECT_EQ(self->bufSizeStart, 9);
+  EXPECT_EQ(AdspAec_system_delay(self->aec), 9 * kBlock);
+}
+
 // ---------------------------------------------------------------- kernels
 
 TEST(AdspAecKernels, CurvesFollowTheirRules) {
@@ -614,6 +642,140 @@ TEST(AdspAecScene, MetricsReportTheEchoPath) {
   // 10 ms bulk delay: the estimate lands within two blocks of it.
   EXPECT_NEAR(median, 10, 8);
   EXPECT_GE(spread, 0);
+}
+
+TEST(AdspAecScene, FramesOf128AreTwoBlocksOf64) {
+  const Scene s = MakeScene(1.0, 160, 8);
+  const Signal mic = s.mic();
+  Instance small, large;
+  ASSERT_EQ(InitDefault(small, 3), 0);
+  ASSERT_EQ(InitDefault(large, 3), 0);
+  std::vector<float> coh(130);
+  Signal asr_small(mic.size()), com_small(mic.size()), asr_large(mic.size()), com_large(mic.size());
+  for (std::size_t i = 0; i + 128 <= mic.size(); i += 128) {
+    for (std::size_t j = i; j < i + 128; j += kBlock) {
+      const float* near[1] = {&mic[j]};
+      float* asr[1] = {&asr_small[j]};
+      float* com[1] = {&com_small[j]};
+      ASSERT_EQ(AdspAec_BufferFarend(small.get(), &s.far[j], kBlock), 0);
+      ASSERT_EQ(AdspAec_Process(small.get(), near, 1, asr, com, coh.data(), 130, kBlock, 0, 0), 0);
+    }
+    const float* near[1] = {&mic[i]};
+    float* asr[1] = {&asr_large[i]};
+    float* com[1] = {&com_large[i]};
+    ASSERT_EQ(AdspAec_BufferFarend(large.get(), &s.far[i], 128), 0);
+    ASSERT_EQ(AdspAec_Process(large.get(), near, 1, asr, com, coh.data(), 130, 128, 0, 0), 0);
+  }
+  EXPECT_EQ(std::memcmp(asr_small.data(), asr_large.data(), sizeof(float) * mic.size()), 0);
+  EXPECT_EQ(std::memcmp(com_small.data(), com_large.data(), sizeof(float) * mic.size()), 0);
+}
+
+TEST(AdspAecScene, StoredEchoPathCancelsFromTheStart) {
+  // The room's own impulse response (640 taps, within the file's 768) as a
+  // filter file: the canceller is converged from the first block.
+  const int bulk = 160;
+  const Signal path = MakeEchoPath(bulk, 480, 12, 0.3);
+  const Scene s = MakeScene(1.0, bulk, 11);  // seed 11 + 1: the same path
+  std::vector<char> file(12 + 3072, 0);
+  std::memcpy(file.data(), "AEC----_", 8);
+  const std::uint32_t length = 3072;
+  for (int b = 0; b < 4; ++b) file[8 + b] = static_cast<char>((length >> (8 * b)) & 0xFF);
+  for (std::size_t t = 0; t < path.size(); ++t) std::memcpy(&file[12 + 4 * t], &path[t], 4);
+  const std::string name = std::string(VORN_BINARY_DIR) + "/aec_echo_path.bin";
+  FILE* f = std::fopen(name.c_str(), "wb");
+  ASSERT_NE(f, nullptr);
+  ASSERT_EQ(std::fwrite(file.data(), 1, file.size(), f), file.size());
+  std::fclose(f);
+
+  std::vector<char> path_arg(name.begin(), name.end());
+  path_arg.push_back('\0');
+  Instance seeded, cold, missing;
+  ASSERT_EQ(InitDefault(seeded, 3, path_arg.data()), 0);
+  std::string absent = name + ".absent";
+  std::vector<char> absent_arg(absent.begin(), absent.end());
+  absent_arg.push_back('\0');
+  ASSERT_EQ(InitDefault(missing, 3, absent_arg.data()), 0);  // no file: still a canceller
+
+  auto run = [&](Instance& inst) {
+    Signal asr(s.far.size());
+    std::vector<float> coh(130), com(kBlock);
+    const Signal mic = s.mic();
+    for (std::size_t i = 0; i + kBlock <= mic.size(); i += kBlock) {
+      const float* near[1] = {&mic[i]};
+      float* a[1] = {&asr[i]};
+      float* c[1] = {com.data()};
+      AdspAec_BufferFarend(inst.get(), &s.far[i], kBlock);
+      EXPECT_EQ(AdspAec_Process(inst.get(), near, 1, a, c, coh.data(), 130, kBlock, 0, 0), 0);
+    }
+    return asr;
+  };
+  ASSERT_EQ(InitDefault(cold, 3), 0);
+  const double seeded_db = LinearErleDb(s, run(seeded), 0.05, 0.3);
+  const double cold_db = LinearErleDb(s, run(cold), 0.05, 0.3);
+  const double missing_db = LinearErleDb(s, run(missing), 0.05, 0.3);
+  std::printf("first 0.3 s: linear ERLE %.1f dB seeded, %.1f dB cold, %.1f dB missing file\n", seeded_db, cold_db,
+              missing_db);
+  EXPECT_GE(seeded_db, 20.0);
+  EXPECT_LT(cold_db, seeded_db - 6.0);
+  EXPECT_EQ(cold_db, missing_db);
+  std::remove(name.c_str());
+}
+
+TEST(AdspAecScene, ExtendedFilterCancelsAndWaitsForTheFarEnd) {
+  const Scene s = MakeScene(4.0, 160, 11);
+  const Signal mic = s.mic();
+  Instance inst;
+  ASSERT_EQ(InitDefault(inst, 3), 0);
+  AecCore* core = AdspAec_aec_core(inst.get());
+  AdspAec_enable_delay_correction(core, 1);
+  ASSERT_EQ(core->num_partitions, kExtendedNumPartitions);
+  std::vector<float> coh(130);
+  Signal asr(mic.size()), com(mic.size());
+  // Before the first far-end frame the near end passes through untouched.
+  {
+    const float* near[1] = {&mic[0]};
+    float* a[1] = {&asr[0]};
+    float* c[1] = {&com[0]};
+    EXPECT_EQ(AdspAec_Process(inst.get(), near, 1, a, c, coh.data(), 130, kBlock, 0, 0), 0);
+    EXPECT_EQ(std::memcmp(&asr[0], &mic[0], sizeof(float) * kBlock), 0);
+    EXPECT_EQ(std::memcmp(&com[0], &mic[0], sizeof(float) * kBlock), 0);
+  }
+  for (std::size_t i = kBlock; i + kBlock <= mic.size(); i += kBlock) {
+    const float* near[1] = {&mic[i]};
+    float* a[1] = {&asr[i]};
+    float* c[1] = {&com[i]};
+    ASSERT_EQ(AdspAec_BufferFarend(inst.get(), &s.far[i], kBlock), 0);
+    ASSERT_EQ(AdspAec_Process(inst.get(), near, 1, a, c, coh.data(), 130, kBlock, 0, 0), 0);
+  }
+  // The pass-through frame never reached the core, so from the second frame
+  // on the outputs keep the usual one-block lag.
+  const double best = LinearErleDb(s, asr, 3.0, 3.9);
+  std::printf("extended filter: linear ERLE %.1f dB\n", best);
+  EXPECT_GE(best, 12.0);
+}
+
+TEST(AdspAecScene, UpperBandsFollowTheLowBand) {
+  // 32 kHz in two bands: the upper band has no filter of its own; it is
+  // delayed with the lowest band and suppressed with it.
+  const Scene s = MakeScene(3.0, 160, 11);
+  const Signal mic = s.mic();
+  const Signal upper = test::PinkNoise(mic.size(), 300.0, 99);
+  Instance inst;
+  ASSERT_EQ(AdspAec_Init(inst.get(), kAecInstanceBytes, 32000, 32000, 3, nullptr), 0);
+  std::vector<float> coh(130);
+  Signal asr0(mic.size()), asr1(mic.size()), com0(mic.size()), com1(mic.size());
+  for (std::size_t i = 0; i + kBlock <= mic.size(); i += kBlock) {
+    const float* near[2] = {&mic[i], &upper[i]};
+    float* a[2] = {&asr0[i], &asr1[i]};
+    float* c[2] = {&com0[i], &com1[i]};
+    ASSERT_EQ(AdspAec_BufferFarend(inst.get(), &s.far[i], kBlock), 0);
+    ASSERT_EQ(AdspAec_Process(inst.get(), near, 2, a, c, coh.data(), 130, kBlock, 0, 0), 0);
+  }
+  // The linear output passes the upper band one block late and unchanged.
+  for (std::size_t n = kOutputLag; n < mic.size(); ++n) ASSERT_EQ(asr1[n], upper[n - kOutputLag]) << n;
+  // The suppressed output never amplifies it.
+  EXPECT_LE(MeanSquare(com1, kRate, mic.size()), MeanSquare(upper, kRate, mic.size()) * 1.0001);
+  EXPECT_GE(LinearErleDb(s, asr0, 2.0, 3.0), 12.0);
 }
 
 }  // namespace
