@@ -590,6 +590,75 @@ TEST(AdspAecKernels, ComfortNoiseFillsWhatWasTaken) {
   }
 }
 
+TEST(AdspAecKernels, CoherenceSeparatesEchoFromNearEnd) {
+  // Near-end noise with a silent far end: the filters stay at zero, so the
+  // error equals the near end (near/error coherence 1) and nothing is
+  // coherent with the far end. Then a pure echo: the far/near coherence
+  // rises where the echo has its energy.
+  const std::size_t n = kRate;
+  const Signal noise = test::WhiteNoise(n, 300.0, 4);
+  const Signal silence(n, 0.0f);
+  Instance inst;
+  ASSERT_EQ(InitDefault(inst, 1), 0);
+  std::vector<float> coh(130), out(kBlock);
+  for (std::size_t i = 0; i + kBlock <= n; i += kBlock) {
+    const float* near[1] = {&noise[i]};
+    float* asr[1] = {out.data()};
+    AdspAec_BufferFarend(inst.get(), &silence[i], kBlock);
+    ASSERT_EQ(AdspAec_Process(inst.get(), near, 1, asr, nullptr, coh.data(), 130, kBlock, 0, 0), 0);
+  }
+  for (int k = 0; k < kAecBins; ++k) {
+    EXPECT_NEAR(coh[kAecBins + k], 1.0f, 1e-3) << k;
+    EXPECT_LT(coh[k], 0.05f) << k;
+  }
+
+  const Scene s = MakeScene(2.0, 160, 11);
+  Instance echo_only;
+  ASSERT_EQ(InitDefault(echo_only, 1), 0);
+  double xd_sum = 0.0;
+  int blocks = 0;
+  for (std::size_t i = 0; i + kBlock <= s.far.size(); i += kBlock) {
+    const float* near[1] = {&s.echo[i]};
+    float* asr[1] = {out.data()};
+    AdspAec_BufferFarend(echo_only.get(), &s.far[i], kBlock);
+    ASSERT_EQ(AdspAec_Process(echo_only.get(), near, 1, asr, nullptr, coh.data(), 130, kBlock, 0, 0), 0);
+    if (i >= static_cast<std::size_t>(kRate) && MeanSquare(s.echo, i, i + kBlock) > 1e4) {
+      for (int k = 2; k < 8; ++k) xd_sum += coh[k];  // 250..1000 Hz, where the talker's energy is
+      blocks += 6;
+    }
+  }
+  EXPECT_GT(xd_sum / blocks, 0.5);
+}
+
+TEST(AdspAecKernels, RunawayMainFilterRestartsFromTheStoredPath) {
+  const Scene s = MakeScene(2.0, 160, 11);
+  const Signal mic = s.mic();
+  Instance inst;
+  ASSERT_EQ(InitDefault(inst, 1), 0);
+  AecCore* core = AdspAec_aec_core(inst.get());
+  std::vector<float> coh(130), out(kBlock);
+  bool reset_seen = false;
+  for (std::size_t i = 0; i + kBlock <= mic.size(); i += kBlock) {
+    if (i == static_cast<std::size_t>(kRate)) {
+      // Blow the main filter up: its error now towers over the near end.
+      for (float& w : core->wfBuf_main[0]) w *= 40.0f;
+      for (float& w : core->wfBuf_main[1]) w *= 40.0f;
+    }
+    const float* near[1] = {&mic[i]};
+    float* asr[1] = {out.data()};
+    AdspAec_BufferFarend(inst.get(), &s.far[i], kBlock);
+    ASSERT_EQ(AdspAec_Process(inst.get(), near, 1, asr, nullptr, coh.data(), 130, kBlock, 0, 0), 0);
+    if (i >= static_cast<std::size_t>(kRate) && !reset_seen) {
+      // No stored path: the restart is to an all-zero filter.
+      float largest = 0.0f;
+      for (float w : core->wfBuf_main[0]) largest = std::max(largest, std::fabs(w));
+      reset_seen = largest < 1e-6f;
+    }
+  }
+  EXPECT_TRUE(reset_seen);
+  EXPECT_EQ(core->divergeState, 0);
+}
+
 // ------------------------------------------------------------- whole canceller
 
 TEST(AdspAecScene, OutputIsDeterministic) {

@@ -159,12 +159,17 @@ void ProcessBlock(AecCore* aec) {
   float* near_block = nullptr;
   Adsp_ReadBuffer(&aec->nearFrBuf, reinterpret_cast<void**>(&near_block), near_copy, kAecBlockLen);
   std::memcpy(aec->dBuf + kAecBlockLen, near_block, sizeof(float) * kAecBlockLen);
-  for (int b = 0; b < aec->num_bands - 1; ++b) {
+  for (int b = 0; b < aec->num_bands - 1 && b < kMaxUpperBands; ++b) {
     float band_copy[kAecBlockLen];
     float* band_block = nullptr;
-    Adsp_ReadBuffer(&aec->nearFrBufH[b], reinterpret_cast<void**>(&band_block), band_copy,
-                    kAecBlockLen);
-    std::memcpy(aec->dBufH[b] + kAecBlockLen, band_block, sizeof(float) * kAecBlockLen);
+    // A caller that hands in fewer bands than the rate implies leaves the
+    // missing ones silent.
+    if (Adsp_ReadBuffer(&aec->nearFrBufH[b], reinterpret_cast<void**>(&band_block), band_copy,
+                        kAecBlockLen) == static_cast<size_t>(kAecBlockLen)) {
+      std::memcpy(aec->dBufH[b] + kAecBlockLen, band_block, sizeof(float) * kAecBlockLen);
+    } else {
+      std::memset(aec->dBufH[b] + kAecBlockLen, 0, sizeof(float) * kAecBlockLen);
+    }
   }
 
   // The far-end spectra of this block; an empty ring (no far end buffered at
@@ -247,7 +252,7 @@ void ProcessBlock(AecCore* aec) {
   std::memmove(aec->dBuf, aec->dBuf + kAecBlockLen, sizeof(float) * kAecBlockLen);
   std::memmove(aec->eBuf, aec->eBuf + kAecBlockLen, sizeof(float) * kAecBlockLen);
   std::memmove(aec->cBuf, aec->cBuf + kAecBlockLen, sizeof(float) * kAecBlockLen);
-  for (int b = 0; b < aec->num_bands - 1; ++b)
+  for (int b = 0; b < aec->num_bands - 1 && b < kMaxUpperBands; ++b)
     std::memmove(aec->dBufH[b], aec->dBufH[b] + kAecBlockLen, sizeof(float) * kAecBlockLen);
   aec->frame_count += 1;
 }
