@@ -301,6 +301,8 @@ TEST(AdspAecInterface, InitResultCodes) {
   }
   EXPECT_EQ(AdspAec_aec_core(nullptr), nullptr);
   EXPECT_EQ(AdspAec_Init(nullptr, kAecInstanceBytes, 16000, 16000, 1, nullptr), -1);
+  Instance roomy;
+  EXPECT_EQ(AdspAec_Init(static_cast<char*>(roomy.get()) + 4, kAecInstanceBytes, 16000, 16000, 1, nullptr), -1);
 }
 
 TEST(AdspAecInterface, ConfigResultCodes) {

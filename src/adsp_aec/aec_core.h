@@ -205,6 +205,12 @@ void ComfortNoise(AecCore* aec, float efw[2][kAecBins], complex_t* comfortNoiseH
 void SubbandCoherence(AecCore* aec, float efw[2][kAecBins], float xfw[2][kAecBins], float* fft,
                       float* cohde, float* cohxd, float* cohxe, float* Rbb, int PostFilterflag);
 
+// Records this block's comparison of the two filters' error energies in
+// double_filter and copies one filter into the other when the record says
+// so (aec_core_filter.cpp).
+void UpdateDoubleFilter(AecCore* aec, float main_error_energy, float adaptive_error_energy,
+                        float far_mean_square);
+
 int AdspAec_CreateAec(AecCore* aec);
 int AdspAec_InitAec(AecCore* aec, int sampFreq);
 void AdspAec_BufferFarendPartition(AecCore* aec, const float* farend);

@@ -200,8 +200,9 @@ int32_t ProcessExtended(Aec* self, const float* const* nearend, int num_bands,
 
 int32_t AdspAec_Init(void* aecInst, uint32_t aecInst_buf_len, int32_t sampFreq, int32_t scSampFreq,
                      const int NlpPf, char* filter_conf) {
-  // Nowhere to record an error for a missing instance.
-  if (aecInst == nullptr) return -1;
+  // Nowhere to record an error for a missing or misaligned instance (the
+  // record holds pointers and sizes, which need their natural alignment).
+  if (aecInst == nullptr || reinterpret_cast<std::uintptr_t>(aecInst) % alignof(Aec) != 0) return -1;
   Aec* self = static_cast<Aec*>(aecInst);
   if ((sampFreq != 8000 && sampFreq != 16000 && sampFreq != 32000 && sampFreq != 48000) ||
       scSampFreq < 1 || scSampFreq > 96000) {
