@@ -525,6 +525,31 @@ TEST(AdspAecInterface, ReportedDelayStartupTrimsTheFarEnd) {
   EXPECT_EQ(AdspAec_system_delay(self->aec), 9 * kBlock);
 }
 
+TEST(AdspAecInterface, ReportedDelayMovesTheKnownDelay) {
+  // Far and near fed in step while the sound card reports 100 ms: the far
+  // end our buffer holds is 110 ms (+10) short of the report, and after the
+  // difference has persisted for 25 frames the core reads the far end that
+  // much earlier, less a 10 ms safety margin.
+  Instance inst;
+  ASSERT_EQ(InitDefault(inst, 1), 0);
+  Aec* self = static_cast<Aec*>(inst.get());
+  AdspAec_enable_reported_delay(self->aec, 1);
+  std::vector<float> far(kBlock, 0.0f), near(kBlock, 0.0f), out(kBlock), coh(130);
+  const float* near_bands[1] = {near.data()};
+  float* out_bands[1] = {out.data()};
+  for (int frame = 0; frame < 60; ++frame) {
+    ASSERT_EQ(AdspAec_BufferFarend(inst.get(), far.data(), kBlock), 0);
+    ASSERT_EQ(AdspAec_Process(inst.get(), near_bands, 1, out_bands, nullptr, coh.data(), 130, kBlock, 100, 0), 0);
+  }
+  // 110 ms at 16 kHz = 1760 samples, minus the 64 buffered, plus one block
+  // of 128: 1824; the new known delay keeps 160 samples in hand.
+  EXPECT_NEAR(self->filtDelay, 1824, 8);
+  EXPECT_NEAR(self->knownDelay, 1824 - 160, 8);
+  // The core moved its far-end read position back by whole blocks toward it.
+  EXPECT_NEAR(self->aec->knownDelay, self->knownDelay, 96);
+  EXPECT_EQ(self->aec->knownDelay % kBlock, 0);
+}
+
 // ---------------------------------------------------------------- kernels
 
 TEST(AdspAecKernels, CurvesFollowTheirRules) {

@@ -45,7 +45,7 @@ void EstBufDelayNormal(Aec* self) {
                       AdspAec_system_delay(self->aec) + block;
   if (self->skewMode == 1 && self->resample == 1) current_delay -= kResamplingDelay;
   if (current_delay < kAecBlockLen)
-    current_delay += AdspAec_MoveFarReadPtr(self->aec, 1) * block;
+    current_delay += AdspAec_MoveFarReadPtr(self->aec, 1) * kAecBlockLen;
   const int previous = self->filtDelay < 0 ? 0 : self->filtDelay;
   const int smoothed = static_cast<int>(0.8f * previous + 0.2f * current_delay);
   self->filtDelay = ClampToInt16(static_cast<float>(smoothed < 0 ? 0 : smoothed));
@@ -70,7 +70,7 @@ void EstBufDelayExtended(Aec* self) {
   int current_delay = self->msInSndCardBuf * sampMsNb * self->rate_factor -
                       AdspAec_system_delay(self->aec) + block;
   if (current_delay < kAecBlockLen)
-    current_delay += AdspAec_MoveFarReadPtr(self->aec, 2) * block;
+    current_delay += AdspAec_MoveFarReadPtr(self->aec, 2) * kAecBlockLen;
   int smoothed;
   if (self->filtDelay == -1) {
     smoothed = static_cast<int>(0.5f * current_delay);
