@@ -878,5 +878,51 @@ TEST(AdspAecScene, UpperBandsFollowTheLowBand) {
   EXPECT_GE(LinearErleDb(s, asr0, 2.0, 3.0), 12.0);
 }
 
+TEST(AdspAecScene, SilenceAndFullScaleStayFinite) {
+  struct Case {
+    const char* name;
+    float far_level, near_level;
+    int period;  // square-wave period in samples; 0 for silence
+  };
+  const Case cases[] = {
+      {"silence", 0.0f, 0.0f, 0},
+      {"full-scale far, silent near", 32767.0f, 0.0f, 50},
+      {"full-scale both", 32767.0f, -32768.0f, 37},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    const std::size_t n = kRate;
+    Signal far(n), near(n);
+    for (std::size_t i = 0; i < n; ++i) {
+      const bool high = c.period > 0 && (i / (c.period / 2)) % 2 == 0;
+      far[i] = high ? c.far_level : -c.far_level;
+      near[i] = high ? c.near_level : -c.near_level;
+    }
+    for (int nlp_pf : {1, 2, 3}) {
+      Instance inst;
+      ASSERT_EQ(InitDefault(inst, nlp_pf), 0);
+      std::vector<float> asr(kBlock), com(kBlock), coh(130);
+      for (std::size_t i = 0; i + kBlock <= n; i += kBlock) {
+        const float* near_bands[1] = {&near[i]};
+        float* a[1] = {asr.data()};
+        float* cm[1] = {com.data()};
+        ASSERT_EQ(AdspAec_BufferFarend(inst.get(), &far[i], kBlock), 0);
+        ASSERT_EQ(AdspAec_Process(inst.get(), near_bands, 1, a, cm, coh.data(), 130, kBlock, 0, 0), 0);
+        for (int k = 0; k < kBlock; ++k) {
+          for (float v : {asr[k], com[k]}) {
+            ASSERT_TRUE(std::isfinite(v));
+            ASSERT_LE(std::fabs(v), 32768.0f);
+            // Digital silence stays digital silence, comfort noise included.
+            if (c.period == 0) {
+              ASSERT_EQ(v, 0.0f);
+            }
+          }
+        }
+        for (float v : coh) ASSERT_TRUE(std::isfinite(v));
+      }
+    }
+  }
+}
+
 }  // namespace
 }  // namespace vorn

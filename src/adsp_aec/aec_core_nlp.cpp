@@ -266,18 +266,21 @@ void SubbandCoherence(AecCore* aec, float efw[2][kAecBins], float xfw[2][kAecBin
   if (!aec->extended_filter_enabled && se_sum > kMainFilterResetRatio * sd_sum)
     std::memcpy(aec->wfBuf_main, aec->wfBuf_ini, sizeof(aec->wfBuf_main));
 
+  // A coherence cannot exceed 1, but for two nearly identical signals the
+  // rounding of the smoothed sums can put it a hair above; 1 - coherence must
+  // not go negative, since the gains are raised to fractional powers.
   for (int k = 0; k < kAecBins; ++k) {
-    cohde[k] = (aec->sde[k][0] * aec->sde[k][0] + aec->sde[k][1] * aec->sde[k][1]) /
-               (aec->sd[k] * aec->se[k] + 1e-10f);
-    cohxd[k] = (aec->sxd[k][0] * aec->sxd[k][0] + aec->sxd[k][1] * aec->sxd[k][1]) /
-               (aec->sx[k] * aec->sd[k] + 1e-10f);
+    cohde[k] = std::min(1.0f, (aec->sde[k][0] * aec->sde[k][0] + aec->sde[k][1] * aec->sde[k][1]) /
+                                  (aec->sd[k] * aec->se[k] + 1e-10f));
+    cohxd[k] = std::min(1.0f, (aec->sxd[k][0] * aec->sxd[k][0] + aec->sxd[k][1] * aec->sxd[k][1]) /
+                                  (aec->sx[k] * aec->sd[k] + 1e-10f));
   }
   // Post-filter variant: the far/error coherence, and from it the part of the
   // error power that is still echo.
   if (PostFilterflag == 1) {
     for (int k = 0; k < kAecBins; ++k) {
-      cohxe[k] = (aec->sxe[k][0] * aec->sxe[k][0] + aec->sxe[k][1] * aec->sxe[k][1]) /
-                 (aec->sx[k] * aec->se[k] + 1e-10f);
+      cohxe[k] = std::min(1.0f, (aec->sxe[k][0] * aec->sxe[k][0] + aec->sxe[k][1] * aec->sxe[k][1]) /
+                                    (aec->sx[k] * aec->se[k] + 1e-10f));
       Rbb[k] = cohxe[k] * aec->se[k];
     }
   }
