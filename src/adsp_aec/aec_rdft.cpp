@@ -1,4 +1,4 @@
-// 128-point real FFT (Ooura's split-radix real DFT, specialised to n = 128).
+// 128-point real FFT: a split-radix real DFT with radix-4 stages, specialised to n = 128.
 //
 // Forward: the 128 reals are taken as 64 complex pairs, bit-reversed, run
 // through a complex FFT of three radix-4 stages (cft1st: groups of 16 floats,
@@ -10,7 +10,7 @@
 //
 // These plain stages are the reference; where SSE2 is available the hot stages
 // are replaced through the stage pointers. The first group of cft1st and the
-// first two of cftmdl keep the published shortcuts for the trivial twiddles
+// first two of cftmdl take shortcuts for their trivial twiddles
 // (1 and e^(i pi/4)), so plain and vector stages agree to float rounding, not
 // bit for bit, in those groups.
 #include "adsp_aec/aec_rdft.h"

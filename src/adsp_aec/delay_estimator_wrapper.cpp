@@ -26,6 +26,28 @@ uint32_t BinarySpectrumFloat(const float* spectrum, SpectrumType* threshold_spec
   return out;
 }
 
+// Fixed-point twin: the spectrum is brought to Q15 and the means follow it
+// with the same 1/64 weight, in integer steps.
+uint32_t BinarySpectrumFix(const uint16_t* spectrum, SpectrumType* threshold_spectrum, int q_domain,
+                           int* threshold_initialized) {
+  const int shift_to_q15 = 15 - q_domain;
+  if (!*threshold_initialized) {
+    for (int k = kBandFirst; k <= kBandLast; ++k) {
+      if (spectrum[k] > 0) {
+        threshold_spectrum[k].int32_ = (static_cast<int32_t>(spectrum[k]) << shift_to_q15) >> 1;
+        *threshold_initialized = 1;
+      }
+    }
+  }
+  uint32_t out = 0;
+  for (int k = kBandFirst; k <= kBandLast; ++k) {
+    const int32_t spectrum_Q15 = static_cast<int32_t>(spectrum[k]) << shift_to_q15;
+    Adsp_MeanEstimatorFix(spectrum_Q15, 6, &threshold_spectrum[k].int32_);
+    if (spectrum_Q15 > threshold_spectrum[k].int32_) out |= 1u << (k - kBandFirst);
+  }
+  return out;
+}
+
 DelayEstimatorFarend* Farend(void* handle) { return static_cast<DelayEstimatorFarend*>(handle); }
 DelayEstimator* Near(void* handle) { return static_cast<DelayEstimator*>(handle); }
 const DelayEstimator* Near(const void* handle) { return static_cast<const DelayEstimator*>(handle); }
@@ -64,6 +86,16 @@ int Adsp_AddFarSpectrumFloat(void* handle, const float* far_spectrum, int spectr
   return 0;
 }
 
+int Adsp_AddFarSpectrumFix(void* handle, const uint16_t* far_spectrum, int spectrum_size, int far_q) {
+  DelayEstimatorFarend* self = Farend(handle);
+  if (self == nullptr || far_spectrum == nullptr || spectrum_size != self->spectrum_size) return -1;
+  if (far_q < 0 || far_q > 15) return -1;
+  const uint32_t binary_spectrum =
+      BinarySpectrumFix(far_spectrum, self->mean_far_spectrum, far_q, &self->far_spectrum_initialized);
+  Adsp_AddBinaryFarSpectrum(self->binary_farend, binary_spectrum);
+  return 0;
+}
+
 void* Adsp_CreateDelayEstimator(DelayEstimator* self_buf, void* farend_handle, int max_lookahead) {
   DelayEstimatorFarend* farend = Farend(farend_handle);
   if (self_buf == nullptr || farend == nullptr || farend->spectrum_size != kDelayEstimatorSpectrumSize) {
@@ -97,6 +129,15 @@ int Adsp_DelayEstimatorProcessFloat(void* handle, const float* near_spectrum, in
   if (self == nullptr || near_spectrum == nullptr || spectrum_size != self->spectrum_size) return -1;
   const uint32_t binary_spectrum =
       BinarySpectrumFloat(near_spectrum, self->mean_near_spectrum, &self->near_spectrum_initialized);
+  return Adsp_ProcessBinarySpectrum(self->binary_handle, binary_spectrum);
+}
+
+int Adsp_DelayEstimatorProcessFix(void* handle, const uint16_t* near_spectrum, int spectrum_size, int near_q) {
+  DelayEstimator* self = Near(handle);
+  if (self == nullptr || near_spectrum == nullptr || spectrum_size != self->spectrum_size) return -1;
+  if (near_q < 0 || near_q > 15) return -1;
+  const uint32_t binary_spectrum =
+      BinarySpectrumFix(near_spectrum, self->mean_near_spectrum, near_q, &self->near_spectrum_initialized);
   return Adsp_ProcessBinarySpectrum(self->binary_handle, binary_spectrum);
 }
 

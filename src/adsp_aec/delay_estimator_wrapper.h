@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 
 #include "adsp_aec/delay_estimator.h"
 
@@ -47,15 +48,22 @@ int Adsp_InitDelayEstimatorFarend(void* handle);  // 0, or -1 for a null handle
 void Adsp_SoftResetDelayEstimatorFarend(void* handle, int delay_shift);
 // 0, or -1 for a null handle, a null spectrum or a size other than the created one.
 int Adsp_AddFarSpectrumFloat(void* handle, const float* far_spectrum, int spectrum_size);
+// Fixed-point twin: the spectrum is in Q far_q (0..15; -1 beyond).
+int Adsp_AddFarSpectrumFix(void* handle, const uint16_t* far_spectrum, int spectrum_size, int far_q);
 
 // Near end over a far-end handle; null unless the far end has 65 bins and
 // max_lookahead is 0..125.
 void* Adsp_CreateDelayEstimator(DelayEstimator* self_buf, void* farend_handle, int max_lookahead);
 int Adsp_InitDelayEstimator(void* handle);  // 0, or -1 for a null handle
+// Lowers the lookahead by delay_shift after the owner moved its far-end data;
+// returns the part of the shift the lookahead could not absorb (-1 for a null
+// handle).
 int Adsp_SoftResetDelayEstimator(void* handle, int delay_shift);
 // Returns the current delay in blocks (-2 while none is known), or -1 for a
 // null handle, a null spectrum or a size other than the created one.
 int Adsp_DelayEstimatorProcessFloat(void* handle, const float* near_spectrum, int spectrum_size);
+// Fixed-point twin: the spectrum is in Q near_q (0..15; -1 beyond).
+int Adsp_DelayEstimatorProcessFix(void* handle, const uint16_t* near_spectrum, int spectrum_size, int near_q);
 
 // Changes the history of both ends (2..125) and restarts them; returns the
 // new size, or -1.

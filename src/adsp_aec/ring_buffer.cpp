@@ -61,7 +61,7 @@ size_t Adsp_ReadBuffer(RingBuffer* self, void** data_ptr, void* data, size_t ele
   if (self == nullptr || data == nullptr) return 0;
   const size_t read_elements = std::min(Adsp_available_read(self), element_count);
   const size_t to_end = self->element_count - self->read_pos;
-  const char* first = self->data + self->read_pos * self->element_size;
+  char* first = self->data + self->read_pos * self->element_size;
   if (read_elements > to_end) {
     // The elements wrap: join both pieces in the caller's buffer.
     const size_t first_bytes = to_end * self->element_size;
@@ -70,7 +70,7 @@ size_t Adsp_ReadBuffer(RingBuffer* self, void** data_ptr, void* data, size_t ele
                 (read_elements - to_end) * self->element_size);
     if (data_ptr != nullptr) *data_ptr = data;
   } else if (data_ptr != nullptr) {
-    *data_ptr = const_cast<char*>(first);
+    *data_ptr = first;
   } else {
     std::memcpy(data, first, read_elements * self->element_size);
   }
