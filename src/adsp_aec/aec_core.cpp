@@ -141,7 +141,6 @@ void ProcessBlock(AecCore* aec) {
     abs_near[k] = std::sqrt(df[0][k] * df[0][k] + df[1][k] * df[1][k]);
   }
 
-
   // Newest far spectrum goes one place back in the circular history, so that
   // partition p reads position (xfBufBlockPos + p).
   aec->xfBufBlockPos -= 1;
