@@ -878,6 +878,38 @@ TEST(AdspAecScene, UpperBandsFollowTheLowBand) {
   EXPECT_GE(LinearErleDb(s, asr0, 2.0, 3.0), 12.0);
 }
 
+TEST(AdspAecScene, SilentFarEndLeavesTheNearEndAlone) {
+  // The loudspeaker says nothing (as when the tool feeds a cleared
+  // reference): every output is the near end, one block late.
+  const std::size_t n = 2 * kRate;
+  const Signal talker = test::MakeSpeechLike(n, 8, {}).samples;
+  const Signal noise = test::PinkNoise(n, 100.0, 9);
+  const Signal near = test::Mix(talker, noise);
+  const Signal far(n, 0.0f);
+  for (int nlp_pf : {1, 2, 3}) {
+    SCOPED_TRACE(nlp_pf);
+    Instance inst;
+    ASSERT_EQ(InitDefault(inst, nlp_pf), 0);
+    Signal asr(n), com(n);
+    std::vector<float> coh(130);
+    for (std::size_t i = 0; i + kBlock <= n; i += kBlock) {
+      const float* near_bands[1] = {&near[i]};
+      float* a[1] = {&asr[i]};
+      float* c[1] = {&com[i]};
+      ASSERT_EQ(AdspAec_BufferFarend(inst.get(), &far[i], kBlock), 0);
+      ASSERT_EQ(AdspAec_Process(inst.get(), near_bands, 1, a, c, coh.data(), 130, kBlock, 0, 0), 0);
+    }
+    const Signal& heard = nlp_pf == 2 ? com : asr;
+    double error = 0.0;
+    for (std::size_t i = kOutputLag; i < n; ++i) {
+      const double d = heard[i] - near[i - kOutputLag];
+      error += d * d;
+    }
+    const double error_db = 10.0 * std::log10(error / (n - kOutputLag) / MeanSquare(near, 0, n));
+    EXPECT_LT(error_db, -60.0);
+  }
+}
+
 TEST(AdspAecScene, SilenceAndFullScaleStayFinite) {
   struct Case {
     const char* name;
