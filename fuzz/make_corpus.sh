@@ -8,7 +8,7 @@ cd "$(dirname "$0")/corpus"
 le16() { printf "\\x$(printf %02x $(($1 & 255)))\\x$(printf %02x $((($1 >> 8) & 255)))"; }
 le32() { le16 $(($1 & 65535)); le16 $((($1 >> 16) & 65535)); }
 
-mkdir -p conf_read wav_header filter_read aec_filter_file
+mkdir -p conf_read wav_header filter_read aec_filter_file vorn_proc
 
 # Configuration files.
 cat > conf_read/ok_three_modes.conf <<'CONF'
@@ -77,3 +77,30 @@ taps() {  # a decaying, sign-changing path: 1, -0.5, 0.25, -0.125, then small va
   printf 'AEC----_'; le32 3072; taps; } > aec_filter_file/ok_echo_path.bin
 { printf 'AEC----_'; le32 3072; taps; printf 'TRAILER_'; le32 0; } > aec_filter_file/ok_first_record.bin
 { printf 'AEC----_'; le32 3068; taps | head -c 3068; } > aec_filter_file/short_record.bin
+
+# Front-end runs: flags, active switches (agc bf doa aec ns vad, azimuth
+# pick), vorn_mode, doa_update_flag, azimuth, [config], the switches of modes
+# 0..2, frame count - 1, per-frame changes, microphone order, samples. A small
+# switch value v is written as the byte v + 1; an azimuth pick below 0x80
+# is (pick % 7) * 60 degrees.
+talker() {  # 400 samples of a two-tone, slowly swelling waveform
+  awk 'BEGIN { for (n = 0; n < 400; n++) {
+      v = int((3000 + 20 * n) * (sin(n * 0.1963) + 0.5 * sin(n * 0.9817)));
+      if (v < 0) v += 65536;
+      printf "\\%03o\\%03o", v % 256, int(v / 256) } }' | xargs -0 printf
+}
+mode_switches='\x02\x01\x01\x01\x02\x02\x00\x03\x06\x02\x04\x03\x03\x01\x03\x04\x04\x03\x02\x03\x05'
+{ printf '\x00\x02\x01\x01\x01\x02\x02\x00\x01\x02\x01'; printf "$mode_switches"
+  printf '\x07'; head -c 8 /dev/zero; printf '\x00\x01\x02'; talker; } > vorn_proc/ok_wakeup.bin
+# Modes 1 and 2 (echo canceller, post filter, fixed beams, DOA) in turn.
+{ printf '\x00\x02\x01\x01\x01\x02\x02\x00\x02\x02\x01'; printf "$mode_switches"
+  printf '\x0b\x00\x00\x01\x03\x00\x00\x01\x02\x00\x03\x01\x01\x00\x00\x05\x03\x02\x03\x04\x02\x03\x02\x00\x00\x00'
+  printf '\x02\x00\x01'; talker; } > vorn_proc/ok_mode_changes.bin
+# The record's own switches (vorn_mode outside 0..2): all on, AGC 2, beam 7.
+{ printf '\x00\x03\x08\x02\x02\x03\x03\x00\x00\x02\x01'; printf "$mode_switches"
+  printf '\x05'; head -c 6 /dev/zero; printf '\x00\x01\x02'; talker; } > vorn_proc/ok_record_switches.bin
+# A configuration file read by VornInit.
+conf='[VORN_WKP]\nagc_flag = 1\nns_flag = 2\nvad_mode = 1\n'
+{ printf '\x04\x02\x01\x01\x01\x02\x02\x00\x01\x02\x01'; le16 $(printf "$conf" | wc -c); printf "$conf"
+  printf "$mode_switches"; printf '\x03'; head -c 4 /dev/zero; printf '\x00\x01\x02'; talker; } \
+  > vorn_proc/ok_config_file.bin

@@ -12,5 +12,6 @@ bool FuzzConfRead(const uint8_t* data, size_t size);
 bool FuzzWavHeader(const uint8_t* data, size_t size);
 bool FuzzFilterRead(const uint8_t* data, size_t size);
 bool FuzzAecFilterFile(const uint8_t* data, size_t size);
+bool FuzzVornProc(const uint8_t* data, size_t size);
 
 }  // namespace vorn::fuzz

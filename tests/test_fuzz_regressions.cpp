@@ -30,6 +30,7 @@ const Target kTargets[] = {
     {"wav_header", vorn::fuzz::FuzzWavHeader},
     {"filter_read", vorn::fuzz::FuzzFilterRead},
     {"aec_filter_file", vorn::fuzz::FuzzAecFilterFile},
+    {"vorn_proc", vorn::fuzz::FuzzVornProc},
 };
 
 void PrintTo(const Target& target, std::ostream* out) { *out << target.name; }
