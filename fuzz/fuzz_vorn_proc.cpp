@@ -6,7 +6,8 @@
 //   flags byte: bit 0 switch values as raw 32-bit words instead of the
 //     mostly-valid small range; bit 1 a state buffer smaller than required;
 //     bit 2 VornInit reads a configuration file (the text follows, 16-bit
-//     length first); bit 3 no reference buffer
+//     length first); bit 3 no reference buffer; bit 4 the whole run is made
+//     twice, on fresh buffers, and must give the same bytes
 //   the record's active switches, vorn_mode, doa_update_flag and azimuth
 //   the switches of the three modes, written after VornInit (as a caller
 //   overriding a mode's switches would)
@@ -20,7 +21,9 @@
 // Checks: a record that fails the parameter check (judged by the record's
 // own check on a copy) gets that code from VornProc and leaves the state
 // buffer, the output and the record's outputs untouched; a frame processed
-// without error reports a speech flag of 0 or 1.
+// without error reports a speech flag of 0 or 1; a repeated run reproduces
+// every result, output sample, speech flag and azimuth (no hidden state, no
+// read of memory that was never written).
 #include <cstring>
 #include <string>
 #include <vector>
@@ -74,86 +77,120 @@ int32_t ExpectedCheck(const T_VornParam& pm) {
   return VornParamCheck(&copy);
 }
 
-}  // namespace
+struct FrameChange {
+  bool new_mode, new_update, new_keys;
+  int32_t mode, update;
+  int keys_mode;
+  T_VornKey keys;
+};
 
-bool FuzzVornProc(const uint8_t* data, size_t size) {
-  InputBytes input(data, size);
-  const uint8_t flags = input.Byte();
-  const bool raw_words = (flags & 1) != 0;
-  const bool small_buffer = (flags & 2) != 0;
-  const bool with_config = (flags & 4) != 0;
-  const bool no_reference = (flags & 8) != 0;
-
-  T_VornParam pm{};
-  const int32_t buff_size = small_buffer ? kVornMinBuffSize - 1 - input.Le16() : kVornMinBuffSize;
-  std::vector<unsigned char> state(static_cast<size_t>(buff_size));
-  pm.p_data = state.data();
-  pm.buff_size = buff_size;
-  pm.param_size = sizeof(T_VornParam);
-  T_VornKey active{};
-  ReadSwitches(input, raw_words, &active);
-  ActivateSwitches(active, &pm);
-  pm.vorn_mode = SwitchValue(input, raw_words, 3);
-  pm.doa_update_flag = SwitchValue(input, raw_words, 2);
-  pm.azimuth = SwitchValue(input, raw_words, 360);
-
+// Everything the input asks for, decoded once so that a run can be repeated.
+struct Plan {
+  bool raw_words, small_buffer, with_config, no_reference, twice;
+  int32_t buff_size;
+  T_VornKey active;
+  int32_t vorn_mode, doa_update_flag, azimuth;
   std::string config_path;
-  if (with_config) {
+  T_VornKey mode_keys[3];
+  std::vector<FrameChange> changes;
+  short mic_order[3];
+  const uint8_t* samples;
+  size_t sample_count;
+};
+
+Plan Decode(const uint8_t* data, size_t size) {
+  InputBytes input(data, size);
+  Plan plan{};
+  const uint8_t flags = input.Byte();
+  plan.raw_words = (flags & 1) != 0;
+  plan.small_buffer = (flags & 2) != 0;
+  plan.with_config = (flags & 4) != 0;
+  plan.no_reference = (flags & 8) != 0;
+  plan.twice = (flags & 16) != 0;
+  plan.buff_size = plan.small_buffer ? kVornMinBuffSize - 1 - input.Le16() : kVornMinBuffSize;
+  ReadSwitches(input, plan.raw_words, &plan.active);
+  plan.vorn_mode = SwitchValue(input, plan.raw_words, 3);
+  plan.doa_update_flag = SwitchValue(input, plan.raw_words, 2);
+  plan.azimuth = SwitchValue(input, plan.raw_words, 360);
+  if (plan.with_config) {
     const size_t config_len = input.Le16() % 2048;
     const uint8_t* config = input.Take(config_len);
-    config_path = WriteScratchFile(config, static_cast<size_t>(input.rest() - config));
+    plan.config_path = WriteScratchFile(config, static_cast<size_t>(input.rest() - config));
   }
-  const int32_t init = VornInit(&pm, with_config ? config_path.data() : nullptr);
-  if (init == 0) VORN_FUZZ_CHECK(ExpectedCheck(pm) == 0);
-  if (init >= 1 && init <= 10) VORN_FUZZ_CHECK(ExpectedCheck(pm) == init);
-
-  for (T_VornKey& mode_keys : pm.in_argv) ReadSwitches(input, raw_words, &mode_keys);
-  const int frames = 1 + input.Byte() % kMaxFrames;
-  struct FrameChange {
-    bool new_mode, new_update, new_keys;
-    int32_t mode, update;
-    int keys_mode;
-    T_VornKey keys;
-  };
-  std::vector<FrameChange> changes(static_cast<size_t>(frames));
-  for (FrameChange& change : changes) {
+  for (T_VornKey& keys : plan.mode_keys) ReadSwitches(input, plan.raw_words, &keys);
+  plan.changes.resize(1 + input.Byte() % kMaxFrames);
+  for (FrameChange& change : plan.changes) {
     const uint8_t control = input.Byte();
     change.new_mode = (control & 1) != 0;
     change.new_update = (control & 2) != 0;
     change.new_keys = (control & 4) != 0;
-    if (change.new_mode) change.mode = SwitchValue(input, raw_words, 3);
-    if (change.new_update) change.update = SwitchValue(input, raw_words, 2);
+    if (change.new_mode) change.mode = SwitchValue(input, plan.raw_words, 3);
+    if (change.new_update) change.update = SwitchValue(input, plan.raw_words, 2);
     if (change.new_keys) {
       change.keys_mode = input.Byte() % 3;
-      change.keys = pm.in_argv[change.keys_mode];
-      ReadSwitches(input, raw_words, &change.keys);
+      ReadSwitches(input, plan.raw_words, &change.keys);
     }
   }
-  short mic_order[3];
-  for (short& index : mic_order) index = static_cast<short>(input.Byte() % 3);
+  for (short& index : plan.mic_order) index = static_cast<short>(input.Byte() % 3);
+  plan.samples = input.rest();
+  plan.sample_count = input.rest_size() / 2;
+  return plan;
+}
+
+// What a run produced, compared between repeated runs.
+struct RunLog {
+  std::vector<int32_t> values;  // codes, speech flags, azimuths
+  std::vector<short> audio;
+  bool any_processed = false;
+  bool operator==(const RunLog&) const = default;
+};
+
+RunLog Run(const Plan& plan) {
+  RunLog log;
+  T_VornParam pm{};
+  std::vector<unsigned char> state(static_cast<size_t>(plan.buff_size));
+  pm.p_data = state.data();
+  pm.buff_size = plan.buff_size;
+  pm.param_size = sizeof(T_VornParam);
+  ActivateSwitches(plan.active, &pm);
+  pm.vorn_mode = plan.vorn_mode;
+  pm.doa_update_flag = plan.doa_update_flag;
+  pm.azimuth = plan.azimuth;
+
+  std::string config_path = plan.config_path;
+  const int32_t init = VornInit(&pm, plan.with_config ? config_path.data() : nullptr);
+  log.values.push_back(init);
+  if (init == 0) VORN_FUZZ_CHECK(ExpectedCheck(pm) == 0);
+  if (init >= 1 && init <= 10) VORN_FUZZ_CHECK(ExpectedCheck(pm) == init);
+  std::memcpy(pm.in_argv, plan.mode_keys, sizeof(pm.in_argv));
 
   // Samples: the rest of the input, reused cyclically (zeros if there is none).
-  const uint8_t* samples = input.rest();
-  const size_t sample_count = input.rest_size() / 2;
   size_t next_sample = 0;
   auto fill = [&](short* dst, int count) {
     for (int i = 0; i < count; ++i) {
-      if (sample_count == 0) {
+      if (plan.sample_count == 0) {
         dst[i] = 0;
         continue;
       }
-      const uint8_t* at = samples + 2 * (next_sample++ % sample_count);
+      const uint8_t* at = plan.samples + 2 * (next_sample++ % plan.sample_count);
       dst[i] = static_cast<short>(at[0] | (at[1] << 8));
     }
   };
 
+  const int frames = static_cast<int>(plan.changes.size());
   std::vector<short> capture(static_cast<size_t>(frames) * 3 * kFrameSamples);
-  bool any_processed = false;
+  short mic_order[3] = {plan.mic_order[0], plan.mic_order[1], plan.mic_order[2]};
   for (int f = 0; f < frames; ++f) {
-    const FrameChange& change = changes[static_cast<size_t>(f)];
+    const FrameChange& change = plan.changes[static_cast<size_t>(f)];
     if (change.new_mode) pm.vorn_mode = change.mode;
     if (change.new_update) pm.doa_update_flag = change.update;
-    if (change.new_keys) pm.in_argv[change.keys_mode] = change.keys;
+    if (change.new_keys) {
+      ActivateSwitches(change.keys, &pm);  // a caller may also write the active fields
+      T_VornKey& keys = pm.in_argv[change.keys_mode];
+      const T_VornKey path_kept = keys;
+      keys = change.keys;
+      std::memcpy(keys.preaec_filter_path, path_kept.preaec_filter_path, sizeof(keys.preaec_filter_path));
+    }
 
     short* frame = capture.data() + static_cast<size_t>(f) * 3 * kFrameSamples;
     fill(frame, 3 * kFrameSamples);
@@ -167,7 +204,9 @@ bool FuzzVornProc(const uint8_t* data, size_t size) {
     if (init != 0 && expected == 0) continue;
     const T_VornParam before = pm;
     const std::vector<unsigned char> state_before = expected != 0 ? state : std::vector<unsigned char>();
-    const int32_t result = VornProc(&pm, frame, no_reference ? nullptr : reference.data(), out.data(), mic_order);
+    const int32_t result =
+        VornProc(&pm, frame, plan.no_reference ? nullptr : reference.data(), out.data(), mic_order);
+    log.values.push_back(result);
     if (expected != 0) {
       VORN_FUZZ_CHECK(result == expected);
       VORN_FUZZ_CHECK(state == state_before);
@@ -175,16 +214,29 @@ bool FuzzVornProc(const uint8_t* data, size_t size) {
       for (short sample : out) VORN_FUZZ_CHECK(sample == 0x5a5a);
       continue;
     }
+    log.values.push_back(pm.vad_flag);
+    log.values.push_back(pm.azimuth);
+    log.audio.insert(log.audio.end(), out.begin(), out.end());
     if (result == 0) {
       VORN_FUZZ_CHECK(pm.vad_flag == 0 || pm.vad_flag == 1);
-      any_processed = true;
+      log.any_processed = true;
     }
   }
 
-  if (init == 0 && any_processed && pm.doa_flag != 0) {
-    VornDoa(&pm, capture.data(), mic_order, frames * kFrameSamples);
+  if (init == 0 && log.any_processed && pm.doa_flag != 0) {
+    log.values.push_back(VornDoa(&pm, capture.data(), mic_order, frames * kFrameSamples));
+    log.values.push_back(pm.azimuth);
   }
-  return any_processed;
+  return log;
+}
+
+}  // namespace
+
+bool FuzzVornProc(const uint8_t* data, size_t size) {
+  const Plan plan = Decode(data, size);
+  const RunLog first = Run(plan);
+  if (plan.twice) VORN_FUZZ_CHECK(Run(plan) == first);
+  return first.any_processed;
 }
 
 }  // namespace vorn::fuzz

@@ -92,8 +92,9 @@ talker() {  # 400 samples of a two-tone, slowly swelling waveform
 mode_switches='\x02\x01\x01\x01\x02\x02\x00\x03\x06\x02\x04\x03\x03\x01\x03\x04\x04\x03\x02\x03\x05'
 { printf '\x00\x02\x01\x01\x01\x02\x02\x00\x01\x02\x01'; printf "$mode_switches"
   printf '\x07'; head -c 8 /dev/zero; printf '\x00\x01\x02'; talker; } > vorn_proc/ok_wakeup.bin
-# Modes 1 and 2 (echo canceller, post filter, fixed beams, DOA) in turn.
-{ printf '\x00\x02\x01\x01\x01\x02\x02\x00\x02\x02\x01'; printf "$mode_switches"
+# Modes 1 and 2 (echo canceller, post filter, fixed beams, DOA) in turn,
+# run twice to compare.
+{ printf '\x10\x02\x01\x01\x01\x02\x02\x00\x02\x02\x01'; printf "$mode_switches"
   printf '\x0b\x00\x00\x01\x03\x00\x00\x01\x02\x00\x03\x01\x01\x00\x00\x05\x03\x02\x03\x04\x02\x03\x02\x00\x00\x00'
   printf '\x02\x00\x01'; talker; } > vorn_proc/ok_mode_changes.bin
 # The record's own switches (vorn_mode outside 0..2): all on, AGC 2, beam 7.
