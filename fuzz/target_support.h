@@ -13,6 +13,10 @@
 #include <cstdio>
 #include <cstdlib>
 
+#if defined(VORN_LIBFUZZER)
+#include <sanitizer/common_interface_defs.h>
+#endif
+
 namespace vorn::fuzz {
 
 // Replaces the content of this process's scratch file with `data` and returns
@@ -49,8 +53,17 @@ class InputBytes {
   size_t pos_ = 0;
 };
 
+// The fuzzing runs close the targets' standard error (the readers report
+// every refused file there), so the message goes out through the sanitizer's
+// own report channel, which libFuzzer keeps open.
 [[noreturn]] inline void CheckFailed(const char* what, const char* file, int line) {
-  std::fprintf(stderr, "%s:%d: fuzz invariant broken: %s\n", file, line, what);
+  char message[512];
+  std::snprintf(message, sizeof(message), "%s:%d: fuzz invariant broken: %s", file, line, what);
+#if defined(VORN_LIBFUZZER)
+  __sanitizer_report_error_summary(message);
+#else
+  std::fprintf(stderr, "%s\n", message);
+#endif
   std::abort();
 }
 
