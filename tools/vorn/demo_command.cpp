@@ -83,6 +83,29 @@ double MeanSquare(const bench::Signal& x, size_t begin, size_t end) {
   return end > begin ? sum / static_cast<double>(end - begin) : 0.0;
 }
 
+struct Reductions {
+  double noise_db = 0.0;  // noise power in over out, where the noise is alone
+  double echo_db = 0.0;   // echo return loss enhancement over the far end's single talk
+};
+
+// Scores a processed file against the scene. The output is first aligned
+// to the microphones by its latency against the clean talker.
+bool Measure(const bench::Scene& scene, const bench::RenderedScene& rendered, const std::string& output_path,
+             Reductions* reductions, std::string* error) {
+  bench::Signal output;
+  if (!ReadMono(output_path, &output, error)) return false;
+  const bench::Signal mic0 = bench::Channel(rendered.mics, 0);
+  const bench::Enhancement enhancement = bench::ScoreEnhancement(mic0, output, rendered.target);
+  const bench::Signal aligned = bench::Advance(output, enhancement.latency);
+  reductions->echo_db = bench::ErleDb(mic0, aligned, rendered.truth);
+  // The noise is measured in the second half of the lead, where it is alone;
+  // the first half lets the suppressor learn it.
+  const auto lead_end = static_cast<size_t>(scene.far_begin_s * 16000.0);
+  reductions->noise_db =
+      test::PowerDb(MeanSquare(mic0, lead_end / 2, lead_end)) - test::PowerDb(MeanSquare(aligned, lead_end / 2, lead_end));
+  return true;
+}
+
 double Share(const std::vector<std::uint8_t>& labels) {
   size_t on = 0;
   for (auto label : labels) on += label;
@@ -118,22 +141,29 @@ int RunDemo(const DemoOptions& opt) {
   Summary summary;
   std::vector<int> flags;
   if (const int status = ProcessRecording(process, &summary, &flags); status != kExitOk) return status;
-  bench::Signal output;
-  if (!ReadMono(output_path, &output, &error)) {
+  Reductions in_output, before_gain;
+  if (!Measure(scene, rendered, output_path, &in_output, &error)) {
     ReportError(error);
     return kExitFailure;
   }
-
+  // The gain control lifts whatever it takes for speech, the echo's residue
+  // included, so the stages before it are also measured on their own.
+  const bool gain_on = summary.agc != 0;
+  if (gain_on) {
+    ProcessOptions no_gain = process;
+    no_gain.output = (std::filesystem::path(opt.dir) / ".output-without-gain-control.wav").string();
+    no_gain.overrides.agc = 0;
+    Summary unused_summary;
+    std::vector<int> unused_flags;
+    if (const int status = ProcessRecording(no_gain, &unused_summary, &unused_flags); status != kExitOk) return status;
+    const bool measured = Measure(scene, rendered, no_gain.output, &before_gain, &error);
+    std::filesystem::remove(no_gain.output, fs_error);
+    if (!measured) {
+      ReportError(error);
+      return kExitFailure;
+    }
+  }
   const bench::Truth& truth = rendered.truth;
-  const bench::Signal mic0 = bench::Channel(rendered.mics, 0);
-  const bench::Enhancement enhancement = bench::ScoreEnhancement(mic0, output, rendered.target);
-  const bench::Signal aligned = bench::Advance(output, enhancement.latency);
-  const double erle_db = bench::ErleDb(mic0, aligned, truth);
-  // The noise is measured where it is alone, in the second half of the lead
-  // (the first half lets the suppressor learn it).
-  const auto lead_end = static_cast<size_t>(scene.far_begin_s * 16000.0);
-  const double noise_in = MeanSquare(mic0, lead_end / 2, lead_end);
-  const double noise_out = MeanSquare(aligned, lead_end / 2, lead_end);
   std::vector<std::uint8_t> flagged(flags.begin(), flags.end());
 
   std::printf("vorn demo: %.1f s in a %.1f x %.1f x %.1f m room (RT60 %.2f s)\n", scene.duration_s,
@@ -155,10 +185,19 @@ int RunDemo(const DemoOptions& opt) {
     std::printf("  direction   not found (no speech detected), %.0f deg true\n", truth.azimuth_deg);
   std::printf("  speech      %.0f%% of frames flagged, talker in a syllable in %.0f%%\n", 100.0 * Share(flagged),
               100.0 * Share(truth.speech));
-  std::printf("  noise       reduced by %.1f dB where it is alone (%.1f-%.1f s)\n",
-              test::PowerDb(noise_in) - test::PowerDb(noise_out), static_cast<double>(lead_end / 2) / 16000.0,
-              static_cast<double>(lead_end) / 16000.0);
-  std::printf("  echo        reduced by %.1f dB while the loudspeaker plays alone\n", erle_db);
+  const double lead_s = scene.far_begin_s;
+  if (gain_on) {
+    std::printf("  noise       reduced by %.1f dB before the gain control, %.1f dB in the output, where it is alone "
+                "(%.1f-%.1f s)\n",
+                before_gain.noise_db, in_output.noise_db, lead_s / 2, lead_s);
+    std::printf("  echo        reduced by %.1f dB before the gain control, %.1f dB in the output, while the "
+                "loudspeaker plays alone\n",
+                before_gain.echo_db, in_output.echo_db);
+  } else {
+    std::printf("  noise       reduced by %.1f dB where it is alone (%.1f-%.1f s)\n", in_output.noise_db, lead_s / 2,
+                lead_s);
+    std::printf("  echo        reduced by %.1f dB while the loudspeaker plays alone\n", in_output.echo_db);
+  }
   std::printf("  files       %s (3 microphones + reference), %s\n", input_path.c_str(), output_path.c_str());
   return kExitOk;
 }
