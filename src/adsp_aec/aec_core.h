@@ -1,0 +1,259 @@
+// Echo canceller core: far-end spectrum rings, signal-based delay alignment,
+// the pair of partitioned frequency-domain adaptive filters (an adaptive one
+// and a slower main one), coherence-driven residual suppression and comfort
+// noise, block by block on 64 samples. The core lives inside the instance
+// record of echo_cancellation.h; every ring and array below is storage inside
+// it, nothing is allocated.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+
+#include "adsp_aec/delay_estimator_wrapper.h"
+#include "adsp_aec/ring_buffer.h"
+
+namespace vorn {
+
+constexpr int kAecBlockLen = 64;                    // samples per block and band
+constexpr int kAecBlockLen2 = 2 * kAecBlockLen;     // far-end partition / transform size
+constexpr int kAecBins = kAecBlockLen + 1;          // bins 0..64 of a 128-point spectrum
+constexpr int kNormalNumPartitions = 12;
+constexpr int kExtendedNumPartitions = 32;
+constexpr int kMaxPartitions = kExtendedNumPartitions;
+constexpr int kFilterPlaneLen = kMaxPartitions * kAecBins;  // 2080
+constexpr int kFarBufSizePartitions = 250;           // far-end spectra kept for alignment
+constexpr int kLookaheadBlocks = 15;
+constexpr int kMaxUpperBands = 2;
+constexpr int kDoubleFilterLen = 250;
+constexpr float kExtendedMu = 0.4f;
+constexpr float kExtendedErrorThreshold = 1.0e-6f;
+constexpr float kAecOffsetLevel = -100.0f;
+
+typedef float complex_t[2];
+
+enum { kAecNlpConservative = 0, kAecNlpModerate = 1, kAecNlpAggressive = 2 };
+
+// Frame level accumulator of the metrics: a frame is 16 blocks; minlevel is
+// the slowly tracked noise floor of the level.
+struct PowerLevel {
+  float sfrsum;
+  int sfrcounter;
+  float framelevel;
+  float frsum;
+  int frcounter;
+  float minlevel;
+  float averagelevel;
+};
+
+struct Stats {
+  float instant;
+  float average;
+  float min;
+  float max;
+  float sum;
+  float hisum;
+  float himean;
+  int counter;
+  int hicounter;
+};
+
+// Decisions of the main/adaptive filter comparison, one per block.
+struct DoubleFilter {
+  int delta_e_power[kDoubleFilterLen];
+  int32_t index;
+  float delta_e_power_sum;
+  float delta_e_power_mean;
+  int count_positive;
+  int count_negative;
+};
+
+struct AecCore {
+  int frame_count;
+  int farBufWritePos;
+  int farBufReadPos;
+  int knownDelay;
+  int inSamples;
+  int outSamples;
+  int delayEstCtr;
+
+  RingBuffer nearFrBuf;
+  RingBuffer outFrBuf[2];  // 0 feeds outAsr, 1 outCom
+  RingBuffer nearFrBufH[kMaxUpperBands];
+  RingBuffer outFrBufH[2][kMaxUpperBands];
+  float nearFrBuf_data[kAecBlockLen2];
+  float outFrBuf_data[2][kAecBlockLen2];
+  float nearFrBufH_data[kMaxUpperBands][kAecBlockLen2];
+  float outFrBufH_data[2][kMaxUpperBands][kAecBlockLen2];
+
+  float dBuf[kAecBlockLen2];  // near end: previous block, current block
+  float eBuf[kAecBlockLen2];  // main filter's error
+  float cBuf[kAecBlockLen2];  // adaptive filter's error (the second error signal)
+  float dBufH[kMaxUpperBands][kAecBlockLen2];
+
+  float xPow[kAecBins];
+  float dPow[kAecBins];
+  float dMinPow[kAecBins];
+  float dInitMinPow[kAecBins];
+  float* noisePow;
+
+  float xfBuf[2][kFilterPlaneLen];
+  float wfBuf[2][kFilterPlaneLen];
+  float wfBuf_main[2][kFilterPlaneLen];
+  float wfBuf_ini[2][kFilterPlaneLen];
+
+  float wf_main_u;
+  int decay_count;
+  int filter_flag;  // 1: routines act on wfBuf, 0: on wfBuf_main, else nothing
+  DoubleFilter double_filter;
+  float wEng;
+
+  complex_t sde[kAecBins];
+  complex_t sxd[kAecBins];
+  complex_t sxe[kAecBins];
+  complex_t xfwBuf[kFilterPlaneLen];
+
+  int NlpPf;
+
+  float sx[kAecBins], sd[kAecBins], se[kAecBins], sc[kAecBins], sAEC[kAecBins];
+  float sAecPfNlpCng[kAecBins], Rnn[kAecBins], hNs[kAecBins];
+
+  float hNlFbMin, hNlFbLocalMin;
+  float hNlXdAvgMin;
+  float* subcohXd;
+  int hNlNewMin, hNlMinCtr;
+  float overDrive, overDriveSm;
+  int nlp_mode;
+  float outBuf[2][kAecBlockLen];
+  int delayIdx;
+  float hNlXdAvg;
+  int16_t stNearState;
+  int16_t echoState;
+  int16_t divergeState;
+  int xfBufBlockPos;
+
+  RingBuffer far_buf;
+  RingBuffer far_buf_windowed;
+  float far_buf_data[kFarBufSizePartitions][2][kAecBins];
+  float far_buf_windowed_data[kFarBufSizePartitions][2][kAecBins];
+
+  int system_delay;
+  int mult;
+  int sampFreq;
+  int num_bands;
+  uint32_t seed;
+  float normal_mu;
+  float normal_error_threshold;
+  int noiseEstCtr;
+
+  PowerLevel farlevel;
+  PowerLevel nearlevel;
+  PowerLevel linoutlevel;
+  PowerLevel nlpoutlevel;
+  int metricsMode;
+  int stateCounter;
+  Stats erl;
+  Stats erle;
+  Stats aNlp;
+  Stats rerl;
+  int freq_avg_ic;
+  int flag_Hband_cn;
+  float cn_scale_Hband;
+  int delay_histogram[kHistorySizeBlocks];
+  int delay_logging_enabled;
+
+  void* delay_estimator_farend;
+  void* delay_estimator;
+  DelayEstimatorFarend delay_estimator_farend_buf;
+  DelayEstimator delay_estimator_buf;
+  int signal_delay_correction;
+  int previous_delay;
+  int delay_correction_count;
+  int shift_offset;
+  float delay_quality_threshold;
+  int reported_delay_enabled;
+  int extended_filter_enabled;
+  int num_partitions;
+};
+
+// Per-kernel routines; set to the plain versions when a core is created.
+typedef void (*AecFilterFar)(AecCore* aec, float yf[2][kAecBins]);
+typedef void (*AecScaleErrorSignal)(AecCore* aec, float ef[2][kAecBins]);
+typedef void (*AecFilterAdaptation)(AecCore* aec, float* fft, float ef[2][kAecBins]);
+typedef void (*AecOverdriveAndSuppress)(AecCore* aec, float* hNl, const float hNlFb,
+                                        float efw[2][kAecBins], int EnableFlag);
+typedef void (*AecComfortNoise)(AecCore* aec, float efw[2][kAecBins], complex_t* comfortNoiseHband,
+                                const float* noisePow, const float* lambda);
+typedef void (*AecSubbandCoherence)(AecCore* aec, float efw[2][kAecBins], float xfw[2][kAecBins],
+                                    float* fft, float* cohde, float* cohxd, float* cohxe,
+                                    float* Rbb, int PostFilterflag);
+extern AecFilterFar AdspAec_FilterFar;
+extern AecScaleErrorSignal AdspAec_ScaleErrorSignal;
+extern AecFilterAdaptation AdspAec_FilterAdaptation;
+extern AecOverdriveAndSuppress AdspAec_OverdriveAndSuppress;
+extern AecComfortNoise AdspAec_ComfortNoise;
+extern AecSubbandCoherence AdspAec_SubbandCoherence;
+
+// Plain kernels (also reachable through the table above).
+void FilterFar(AecCore* aec, float yf[2][kAecBins]);
+void ScaleErrorSignal(AecCore* aec, float ef[2][kAecBins]);
+void FilterAdaptation(AecCore* aec, float* fft, float ef[2][kAecBins]);
+void OverdriveAndSuppress(AecCore* aec, float* hNl, const float hNlFb, float efw[2][kAecBins],
+                          int EnableFlag);
+void ComfortNoise(AecCore* aec, float efw[2][kAecBins], complex_t* comfortNoiseHband,
+                  const float* noisePow, const float* lambda);
+void SubbandCoherence(AecCore* aec, float efw[2][kAecBins], float xfw[2][kAecBins], float* fft,
+                      float* cohde, float* cohxd, float* cohxe, float* Rbb, int PostFilterflag);
+
+// Records this block's comparison of the two filters' error energies in
+// double_filter and copies one filter into the other when the record says
+// so (aec_core_filter.cpp).
+void UpdateDoubleFilter(AecCore* aec, float main_error_energy, float adaptive_error_energy,
+                        float far_mean_square);
+
+int AdspAec_CreateAec(AecCore* aec);
+int AdspAec_InitAec(AecCore* aec, int sampFreq);
+void AdspAec_BufferFarendPartition(AecCore* aec, const float* farend);
+void AdspAec_ProcessFrames(AecCore* aec, const float* const* nearend, int num_bands,
+                           int num_samples, int knownDelay, float* const* outAsr,
+                           float* const* outCom);
+int AdspAec_MoveFarReadPtr(AecCore* aec, int elements);
+
+int AdspAec_echo_state(AecCore* self);
+int AdspAec_system_delay(AecCore* self);
+void AdspAec_SetSystemDelay(AecCore* self, int delay);
+void AdspAec_enable_reported_delay(AecCore* self, int enable);
+int AdspAec_reported_delay_enabled(AecCore* self);
+void AdspAec_enable_delay_correction(AecCore* self, int enable);
+int AdspAec_delay_correction_enabled(AecCore* self);
+
+// Metrics and comfort noise (aec_core_metrics.cpp).
+void AdspAec_SetConfigCore(AecCore* self, int nlp_mode, int metrics_mode, int delay_logging);
+int AdspAec_GetDelayMetricsCore(AecCore* aec, int* median, int* std);
+void AdspAec_GetEchoStats(AecCore* self, Stats* erl, Stats* erle, Stats* a_nlp);
+void InitLevel(PowerLevel* level);
+void InitStats(Stats* stats);
+void InitMetrics(AecCore* aec);
+// Per-block update of the level records and the ERL/ERLE/A-NLP statistics.
+// Arguments are the block mean squares of far end, near end, linear output
+// and suppressed output.
+void UpdateMetrics(AecCore* aec, float far_ms, float near_ms, float linout_ms, float nlpout_ms);
+
+// Suppression gain selection between coherence and OverdriveAndSuppress
+// (aec_core_nlp.cpp): fills hNl and the feedback value, updates echoState,
+// stNearState and the overdrive.
+void SelectSuppressionGains(AecCore* aec, const float* cohde, const float* cohxd, float* hNl,
+                            float* hNlFb);
+// Smooths overDrive into overDriveSm.
+void SmoothOverdrive(AecCore* aec);
+
+// Constant curves, computed from their rules at compile time.
+extern const std::array<float, kAecBins> AdspAec_sqrtHanning;     // sin(pi k / 128)
+extern const std::array<float, kAecBins> AdspAec_overDriveCurve;  // 1 + sqrt(k / 64), 4 decimals
+extern const std::array<float, kAecBins> AdspAec_weightCurve;     // 0, then 0.1 + 0.3 sqrt((k-1)/63)
+
+// Core output handling after the linear filters (aec_core_nlp.cpp): windowed
+// spectra, coherence, gains, comfort noise and the synthesis of the outputs.
+void ProcessNlpBlock(AecCore* aec, float far_mean_square);
+
+}  // namespace vorn

@@ -1,0 +1,175 @@
+// Generalised sidelobe canceller. The fixed beam is the speech reference;
+// three blocking outputs, each a per-bin combination of the microphones that
+// nulls the look direction, are noise references. Three 256-tap filters,
+// adapted in the frequency domain (constrained, normalised LMS on overlap-save
+// blocks) only in hops the small detector judges free of speech, predict the
+// noise that leaks into the fixed beam; their summed output is subtracted
+// from the fixed beam delayed by a quarter block, which keeps the filters
+// causal relative to it. The taps' joint norm is capped at 1/sqrt(2), which
+// bounds what a filter misadapted on leaking speech can take out of the
+// talker; the same cap bounds the cancellation when the blocking outputs are
+// weak against the fixed beam.
+#include <cmath>
+
+#include "adsp_bf/beamformer.h"
+#include "adsp_bf/util.h"
+#include "adsp_bf/weight_tables.h"
+#include "common/adsp_common_fft_rel.h"
+
+namespace vorn {
+
+namespace {
+
+constexpr int kHalf = kBfFftLen / 2;
+constexpr int kOutputs = 3;
+constexpr int kVadLowBin = 8;    // 250 Hz ...
+constexpr int kVadHighBin = 107; // ... to 3.3 kHz, inclusive
+constexpr float kSmooth = 0.9f;
+constexpr float kStep = 0.1f;
+constexpr float kTapNormLimit = 0.7071f;
+constexpr float kPowerFloor = 1e-8f;
+
+const float* BlockingMatrix(int angle) {
+  if (angle == 0) return bm_0;
+  if (angle == 60) return bm_60;
+  return bm_300;
+}
+
+float BandPower(const float* spec) {
+  float sum = 0.0f;
+  for (int k = kVadLowBin; k <= kVadHighBin; ++k) sum += spec[k] * spec[k] + spec[kBfFftLen - k] * spec[kBfFftLen - k];
+  return sum;
+}
+
+}  // namespace
+
+void Adapt_GSC(T_AudioDspState* st, float f[3][512], float* fbf, int angle, float* out) {
+  const float* bm = BlockingMatrix(angle);
+
+  float fixed_td[kBfFftLen];
+  IFFT(fbf, fixed_td);
+  FrameShiftSave(st->td_fbf_out, fixed_td + kHalf);
+
+  float blocked[kOutputs][kBfFftLen];
+  for (int j = 0; j < kOutputs; ++j) {
+    float dc = 0.0f, nyquist = 0.0f;
+    for (int m = 0; m < kBfChannels; ++m) {
+      dc += bm[6 * j + 2 * m] * f[m][0];
+      nyquist += bm[18 * kHalf + 6 * j + 2 * m] * f[m][kHalf];
+    }
+    blocked[j][0] = dc;
+    blocked[j][kHalf] = nyquist;
+  }
+  for (int k = 1; k < kHalf; ++k) {
+    const float* bin = bm + 18 * k;
+    for (int j = 0; j < kOutputs; ++j) {
+      float re = 0.0f, im = 0.0f;
+      for (int m = 0; m < kBfChannels; ++m) {
+        const float w_re = bin[6 * j + 2 * m], w_im = bin[6 * j + 2 * m + 1];
+        const float x_re = f[m][k], x_im = f[m][kBfFftLen - k];
+        re += w_re * x_re - w_im * x_im;
+        im += w_im * x_re + w_re * x_im;
+      }
+      blocked[j][k] = re;
+      blocked[j][kBfFftLen - k] = im;
+    }
+  }
+
+  // Each blocking output goes back to time so that its reference spectrum
+  // is that of the last two hops, as overlap-save filtering needs.
+  float ref[kOutputs][kBfFftLen];
+  float filtered[kOutputs][kBfFftLen];
+  for (int j = 0; j < kOutputs; ++j) {
+    ifft_rel(blocked[j], kBfFftLen, kBfFftOrder);
+    FrameShiftSave(st->td_bm_out[j], blocked[j] + kHalf);
+    FFT(st->td_bm_out[j], ref[j]);
+    FreqFilter(ref[j], st->fd_g[j], filtered[j]);
+  }
+  float noise_est[kBfFftLen];
+  for (int i = 0; i < kBfFftLen; ++i) noise_est[i] = filtered[0][i] + filtered[1][i] + filtered[2][i];
+  ifft_rel(noise_est, kBfFftLen, kBfFftOrder);
+
+  for (int n = 0; n < kHalf; ++n) out[n] = st->td_fbf_out[n + kHalf / 2] - noise_est[n + kHalf];
+
+  if (GscVad(st, ref, fbf) == 0) UpdateFilter(st, out, ref);
+}
+
+int GscVad(T_AudioDspState* st, float bm_f[3][512], float* fbf_f) {
+  const float c = 1.0f - kSmooth;  // 0.100000024 in single precision, on purpose
+  float ref_sum = 0.0f;
+  for (int j = 0; j < kOutputs; ++j)
+    for (int k = kVadLowBin; k <= kVadHighBin; ++k)
+      ref_sum += bm_f[j][k] * bm_f[j][k] + bm_f[j][kBfFftLen - k] * bm_f[j][kBfFftLen - k];
+  const float ref_en = ref_sum / 3.0f;
+  const float fixed_en = BandPower(fbf_f);
+
+  // The first hops seed the noise level unconditionally.
+  if (st->frame_num <= 9) st->vad_noise = c * ref_en + kSmooth * st->vad_noise;
+  const float noise_level = st->vad_noise > kPowerFloor ? st->vad_noise : kPowerFloor;
+  const float snr = std::log10(fixed_en / noise_level);
+  st->long_fbf_en = c * fixed_en + kSmooth * st->long_fbf_en;
+  if (0.1f * st->long_fbf_en > fixed_en || snr < 0.5f) st->vad_noise = c * ref_en + kSmooth * st->vad_noise;
+  // A hop of digital silence has snr = -inf. It still counts as noise
+  // (below), but it must not enter the long-term average: once that is
+  // -inf it stays there, every later hop would be judged speech and the
+  // filters would never adapt again.
+  if (std::isfinite(snr)) st->long_snr = c * snr + kSmooth * st->long_snr;
+  return snr > 0.2f + st->long_snr ? 1 : 0;
+}
+
+void UpdateFilter(T_AudioDspState* st, float* td_out, float fd_ref[3][512]) {
+  float err[kBfFftLen];
+  for (int n = 0; n < kHalf; ++n) err[n] = 0.0f;
+  for (int n = 0; n < kHalf; ++n) err[n + kHalf] = td_out[n];
+  fft_rel(err, kBfFftLen, kBfFftOrder);
+
+  float* noise = st->noise;
+  {
+    float p = fd_ref[0][0] * fd_ref[0][0] + fd_ref[1][0] * fd_ref[1][0] + fd_ref[2][0] * fd_ref[2][0];
+    noise[0] = kSmooth * noise[0] + kStep * p;
+    p = fd_ref[0][kHalf] * fd_ref[0][kHalf] + fd_ref[1][kHalf] * fd_ref[1][kHalf] +
+        fd_ref[2][kHalf] * fd_ref[2][kHalf];
+    noise[kHalf] = kSmooth * noise[kHalf] + kStep * p;
+  }
+  for (int k = 1; k < kHalf; ++k) {
+    float p = 0.0f;
+    for (int j = 0; j < kOutputs; ++j)
+      p += fd_ref[j][k] * fd_ref[j][k] + fd_ref[j][kBfFftLen - k] * fd_ref[j][kBfFftLen - k];
+    noise[k] = kSmooth * noise[k] + kStep * p;
+  }
+
+  for (int j = 0; j < kOutputs; ++j) {
+    float* g = st->fd_g[j];
+    const float* r = fd_ref[j];
+    g[0] += kStep * err[0] * r[0] / std::fmax(noise[0], kPowerFloor);
+    g[kHalf] += kStep * err[kHalf] * r[kHalf] / std::fmax(noise[kHalf], kPowerFloor);
+    for (int k = 1; k < kHalf; ++k) {
+      const float e_re = err[k], e_im = err[kBfFftLen - k];
+      const float r_re = r[k], r_im = r[kBfFftLen - k];
+      const float norm = std::fmax(noise[k], kPowerFloor);
+      // E times the conjugate of R: correlation of error and reference.
+      g[k] += kStep * (e_re * r_re + e_im * r_im) / norm;
+      g[kBfFftLen - k] += kStep * (e_im * r_re - e_re * r_im) / norm;
+    }
+  }
+
+  // Constrain: keep the filters causal (256 taps) and their joint norm capped.
+  float taps[kOutputs][kBfFftLen];
+  float energy = 0.0f;
+  for (int j = 0; j < kOutputs; ++j) {
+    IFFT(st->fd_g[j], taps[j]);
+    for (int n = 0; n < kHalf; ++n) energy += taps[j][n] * taps[j][n];
+  }
+  const float norm = std::sqrt(energy);
+  if (norm > kTapNormLimit) {
+    const float scale = kTapNormLimit / norm;
+    for (int j = 0; j < kOutputs; ++j)
+      for (int n = 0; n < kHalf; ++n) taps[j][n] *= scale;
+  }
+  for (int j = 0; j < kOutputs; ++j) {
+    for (int n = kHalf; n < kBfFftLen; ++n) taps[j][n] = 0.0f;
+    FFT(taps[j], st->fd_g[j]);
+  }
+}
+
+}  // namespace vorn

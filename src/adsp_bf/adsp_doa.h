@@ -1,0 +1,63 @@
+// Direction of arrival: per-hop steered-response search over 72 azimuths,
+// its tracking history, and the angle helpers the searches share.
+#pragma once
+
+#include "adsp_bf/audio_dsp_proc.h"
+
+namespace vorn {
+
+// Best direction of one elevation set and its score.
+struct EleAziStruct {
+  int idx;
+  float en;
+};
+// Winning set (its position in the list) and its direction index.
+struct EleAziIndex {
+  int elevation;
+  int azimuth;
+};
+
+// One hop of tracking on the windowed microphone spectra f: scores the 72
+// directions, records the decision and returns the tracked azimuth (degrees).
+int DOA(T_AudioDspState* st, float f[3][512]);
+// Power of one packed spectrum of len points into len/2 slots; slot 0 holds
+// the DC magnitude and slot len/2-1 the Nyquist magnitude (not powers), and
+// bin len/2-1's own power is not formed. Those slots lie outside every band
+// the weights are used in.
+void GetDoaPsd(float* fft_data, float* psd, int len);
+// Per-bin weight from how far the bin's power stands above the noise: 0.1 for
+// noise-like bins, growing with the squared power ratio up to 100.
+void GetBfWeight(float* curr_freq_amp, float* ns_amp, float* w, int len);
+// Scores every direction of every elevation set over bins 17..221 with
+// magnitude-normalised microphone spectra weighted by w, ages and fills
+// pr_ele and frame_bf_en, and returns the winning direction index 0..71.
+int DoaSelectBfElevationAzimuth(T_AudioDspState* st, float f[3][512], float* w);
+// Search band of the direction scores: bins 17..221, about 531 Hz to 6.9 kHz.
+constexpr int kDoaLowBin = 17;
+constexpr int kDoaHighBin = 221;
+constexpr int kDoaBandBins = kDoaHighBin - kDoaLowBin + 1;
+
+// Steered power of num_sets weight sets over the search band:
+// scores[d] = sum over k of |sum_m W_d,m(k) U_m(k)|^2 w[k], bins in rising
+// order, with U the unit-magnitude microphone bins (unit[k - kDoaLowBin][m]
+// = re, im). The plain loop is the reference; the SSE2 one scores four sets
+// at once with the same operations per set and gives the same bits.
+void DoaSteeredPowerPlain(const float* const* sets, int num_sets, const float (*unit)[3][2], const float* w,
+                          float* scores);
+#if defined(__SSE2__)
+void DoaSteeredPowerSse2(const float* const* sets, int num_sets, const float (*unit)[3][2], const float* w,
+                         float* scores);
+#endif
+
+// Position of the largest en (first on ties) and that entry's idx.
+void SelectSort(EleAziStruct* ele_azi_struct, int len, EleAziIndex* phai_theta);
+
+int AngleTo180(int a);  // a - 360 when a >= 181
+int AngleTo360(int a);  // a + 360 when a < 0
+// Truncating mean of angles taken in -179..180, mapped back to 0..359.
+int MeanAngle(int* a, int n);
+// Mean of the angles in the most populated 60-degree sector (sectors start
+// every 30 degrees); 0 when no angle falls in any sector.
+int HistAngle(int* a, int n);
+
+}  // namespace vorn

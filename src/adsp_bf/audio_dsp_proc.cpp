@@ -1,0 +1,118 @@
+// Frame flow of the beamformer module. Each hop slides the three 512-sample
+// analysis buffers by 256 and transforms them unwindowed: the beams are
+// formed per bin and brought back by overlap-save, keeping the second half
+// of each inverse transform. The direction finder works on a separately
+// windowed copy of the same buffers, since leakage between bins would blur
+// the per-bin phase it relies on.
+#include "adsp_bf/audio_dsp_proc.h"
+
+#include <cstring>
+
+#include "adsp_bf/adsp_doa.h"
+#include "adsp_bf/beamformer.h"
+#include "adsp_bf/util.h"
+#include "common/adsp_common_fft_rel.h"
+#include "common/adsp_common_rom.h"
+#include "common/adsp_common_util.h"
+
+namespace vorn {
+
+namespace {
+
+constexpr int kBeamTypes = 8;  // bf_flag 0..7
+constexpr float kInitPower = 1e-8f;
+
+bool IsGscAngle(int angle) { return angle == 0 || angle == 60 || angle == 300; }
+
+void WindowedSpectrum(const float* au, float* spec) {
+  for (int n = 0; n < kBfFftLen; ++n) spec[n] = au[n] * hanmming_win[n];
+  fft_rel(spec, kBfFftLen, kBfFftOrder);
+}
+
+}  // namespace
+
+int BfParamCheck(T_AudioDspParam* pm) {
+  if (pm == nullptr || pm->p_data == nullptr) return kBfErrNull;
+  // The first bound is the state record's own size; the second the region
+  // the front end reserves. Both are part of the contract.
+  if (static_cast<unsigned>(pm->buff_size) <= sizeof(T_AudioDspState) - 1) return kBfErrParam;
+  if (pm->buff_size <= kBfBuffSize - 1) return kBfErrParam;
+  if (pm->param_size != kBfParamSize) return kBfErrParam;
+  if (pm->doa_flag < 0 || pm->doa_flag > 3) return kBfErrParam;
+  if ((pm->bf_flag == 1 || pm->bf_flag == 2) && (pm->bf_azimuth < 0 || pm->bf_azimuth > 359)) return kBfErrParam;
+  if (pm->bf_flag < 0 || pm->bf_flag >= kBeamTypes) return kBfErrParam;
+  if ((pm->bf_flag == 3 || pm->bf_flag == 4) && !IsGscAngle(pm->bf_azimuth)) return kBfErrParam;
+  return kBfOk;
+}
+
+int BFInit(T_AudioDspParam* pm) {
+  const int check = BfParamCheck(pm);
+  if (check != kBfOk) return check;
+  if (pm->inner_interface_flag != 0 && pm->inner_interface_flag != 1) return kBfErrParam;
+
+  auto* st = static_cast<T_AudioDspState*>(pm->p_data);
+  std::memset(st, 0, sizeof(*st));
+  InitData(st->ns_psd, kInitPower, kBfNumBins);
+  InitData(st->w, kInitPower, kBfNumBins);
+  InitData(&st->speech_noise_weight[0][0], 1.0f, kBfHistory * kBfNumBins);
+  st->doa_update_flag = 1;
+  return kBfOk;
+}
+
+int BfProc(T_AudioDspParam* pm, short* inp, short* out, short* mic_order) {
+  short order[kBfChannels];
+  const bool order_ok = TakeMicOrder(mic_order, order);
+  if (pm == nullptr || pm->p_data == nullptr || inp == nullptr || out == nullptr) return kBfErrNull;
+  if (pm->bf_flag < 0 || pm->bf_flag >= kBeamTypes) return kBfErrParam;
+  // A slot outside the frame would be read past the caller's buffer; refuse
+  // it like any other out-of-range parameter, before the state changes.
+  if (!order_ok) return kBfErrParam;
+
+  auto* st = static_cast<T_AudioDspState*>(pm->p_data);
+  st->frame_num = st->frame_num < kBfFrameNumMax ? st->frame_num + 1 : kBfFrameNumMax;
+
+  float spec[kBfChannels][kBfFftLen];
+  for (int m = 0; m < kBfChannels; ++m) {
+    float* au = st->au[m];
+    for (int n = 0; n < kBfHop; ++n) au[n] = au[n + kBfHop];
+    for (int n = 0; n < kBfHop; ++n) au[kBfHop + n] = static_cast<float>(inp[kBfChannels * n + order[m]]);
+    CopyData(spec[m], au, kBfFftLen);
+    fft_rel(spec[m], kBfFftLen, kBfFftOrder);
+  }
+
+  if (pm->inner_interface_flag == 1) {
+    float beams[kBfChannels][kBfFftLen];
+    VornMbf(spec, beams, pm->bf_azimuth);
+    for (int b = 0; b < kBfChannels; ++b) {
+      ifft_rel(beams[b], kBfFftLen, kBfFftOrder);
+      Float2PCM(beams[b] + kBfHop, st->inner_data_exchange.mbf_au[b], kBfHop);
+    }
+  }
+
+  if (st->doa_update_flag != 0 && pm->ext_doa_update_flag != 0) {
+    if (pm->doa_flag == 1) {
+      float windowed[kBfChannels][kBfFftLen];
+      for (int m = 0; m < kBfChannels; ++m) WindowedSpectrum(st->au[m], windowed[m]);
+      pm->azimuth = DOA(st, windowed);
+    } else if (pm->doa_flag == 3) {
+      for (int h = kBfHistory - 1; h > 0; --h) CopyData(st->speech_noise_weight[h], st->speech_noise_weight[h - 1], kBfNumBins);
+      // Only microphone row 0 feeds the weights, so only its spectrum is formed.
+      float windowed[kBfFftLen];
+      WindowedSpectrum(st->au[0], windowed);
+      float psd[kBfFftLen / 2];
+      GetDoaPsd(windowed, psd, kBfFftLen);
+      GetBfWeight(psd, st->ns_psd, st->speech_noise_weight[0], kBfFftLen / 2);
+    }
+  }
+
+  if (pm->bf_flag != 0) {
+    float beam[kBfFftLen];
+    BF(st, spec, beam, pm->bf_flag, pm->bf_azimuth);
+    Float2PCM(beam, out, kBfHop);
+  } else {
+    for (int n = 0; n < kBfHop; ++n) out[n] = inp[kBfChannels * n];
+  }
+  return kBfOk;
+}
+
+}  // namespace vorn

@@ -1,0 +1,28 @@
+// Beam forming inside the module: the dispatch from beam type to fixed or
+// adaptive beam, the adaptive generalised sidelobe canceller, and the three
+// simultaneous beams handed to the multi-channel post filter.
+#pragma once
+
+#include "adsp_bf/audio_dsp_proc.h"
+
+namespace vorn {
+
+// One hop of beam type fbf_type (1..7) steered to angle: f holds the three
+// unwindowed microphone spectra; out (512 floats of room) receives the 256
+// output samples in out[0..255].
+void BF(T_AudioDspState* st, float f[3][512], float* out, int fbf_type, int angle);
+
+// Adaptive beam for look direction angle (0, 60, otherwise 300): fbf is the
+// fixed-beam spectrum, out receives 256 samples.
+void Adapt_GSC(T_AudioDspState* st, float f[3][512], float* fbf, int angle, float* out);
+// Speech detector of the GSC on the reference spectra bm_f and the fixed beam:
+// 1 = speech (do not adapt), 0 = not.
+int GscVad(T_AudioDspState* st, float bm_f[3][512], float* fbf_f);
+// One normalised LMS step of the three filters from the 256 output samples.
+void UpdateFilter(T_AudioDspState* st, float* td_out, float fd_ref[3][512]);
+
+// Three delay-and-sum beam spectra steered to angle, angle + 120 and
+// angle + 240 degrees.
+void VornMbf(float f[3][512], float out[3][512], int angle);
+
+}  // namespace vorn
