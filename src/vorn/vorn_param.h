@@ -21,31 +21,9 @@ constexpr int32_t kVornStateSlack = 256;
 constexpr int32_t kVornMinBuffSize = 1000000;
 constexpr int kVornModeCount = 3;
 
-// The state record laid out at the start of the caller's buffer, regions in
-// this order. The parameter records are held as raw bytes here; the front end
-// views them through the module's own record type.
-struct TVornState {
-  unsigned char ns_pm[3][kRegionNsParamSize];
-  unsigned char ns_vad_pm[kRegionNsParamSize];
-  unsigned char bf_pm[kRegionBfParamSize];
-  unsigned char bf_buff[kRegionBfBuffSize];
-  unsigned char ns_buff[3][kRegionNsBuffSize];
-  unsigned char ns_vad_buff[kRegionNsBuffSize];
-  unsigned char agc_buff[kRegionAgcBuffSize];
-  unsigned char aec_buff[kRegionAecBuffSize];
-};
-
 static_assert(sizeof(T_VornKey) == 540);
 static_assert(sizeof(T_VornParam) == kVornParamSize);
 static_assert(offsetof(T_VornParam, in_argv) == 60);
-static_assert(sizeof(TVornState) == kVornStateSize);
-static_assert(offsetof(TVornState, ns_vad_pm) == 120);
-static_assert(offsetof(TVornState, bf_pm) == 160);
-static_assert(offsetof(TVornState, bf_buff) == 216);
-static_assert(offsetof(TVornState, ns_buff) == 240216);
-static_assert(offsetof(TVornState, ns_vad_buff) == 432216);
-static_assert(offsetof(TVornState, agc_buff) == 496216);
-static_assert(offsetof(TVornState, aec_buff) == 496604);
 
 // An empty hook run first by VornInit.
 void AssetCheck();

@@ -1,0 +1,113 @@
+// Cost of one 16 ms frame of the whole front end, per configuration, and the
+// utterance-level direction search. Targets: the default mode under 150 us
+// per frame, the heaviest configuration (beam type 4, DOA tracking, both
+// canceller outputs, post filter, AGC) under 400 us.
+#include <benchmark/benchmark.h>
+
+#include <vector>
+
+#include "support/signals.h"
+#include "vorn/vorn_param.h"
+#include "vorn_proc.h"
+
+namespace {
+
+using namespace vorn;
+
+constexpr int kFrame = 256;
+
+// A talker at 60 degrees in noise with loudspeaker echo on every microphone.
+struct Scene {
+  std::vector<short> mics, ref;
+  std::size_t frames;
+  Scene() {
+    const std::size_t n = 8 * test::kSampleRate;
+    const auto talker = test::MakeSpeechLike(n, 5).samples;
+    const auto far = test::MakeSpeechLike(n, 6, {2000.0, 210.0, 3.0, 0.5, 0.0}).samples;
+    auto mics_f = test::Mix(test::PlaneWave(talker, 60), test::IndependentNoise(n, 100.0, 7));
+    for (auto& m : mics_f)
+      for (std::size_t i = 200; i < n; ++i) m[i] += 0.3f * far[i - 200];
+    mics = test::Interleave(mics_f);
+    const auto ref16 = test::ToPcm(far);
+    ref.assign(ref16.begin(), ref16.end());
+    frames = n / kFrame;
+  }
+};
+
+const Scene& SharedScene() {
+  static const Scene scene;
+  return scene;
+}
+
+struct Config {
+  int agc, bf, doa, aec, ns, azimuth;
+};
+
+void RunFrames(benchmark::State& state, const Config& c) {
+  const Scene& scene = SharedScene();
+  std::vector<unsigned char> buffer(kVornMinBuffSize);
+  T_VornParam pm{};
+  pm.p_data = buffer.data();
+  pm.buff_size = kVornMinBuffSize;
+  pm.param_size = sizeof(T_VornParam);
+  pm.vorn_mode = -1;  // keep the switches below on every frame
+  pm.agc_flag = c.agc;
+  pm.bf_flag = c.bf;
+  pm.doa_flag = c.doa;
+  pm.aec_flag = c.aec;
+  pm.ns_flag = c.ns;
+  pm.bf_azimuth = c.azimuth;
+  pm.vad_mode = 1;
+  pm.doa_update_flag = 1;
+  if (VornInit(&pm, nullptr) != 0) {
+    state.SkipWithError("VornInit failed");
+    return;
+  }
+  std::vector<short> mics = scene.mics, ref = scene.ref;
+  short out[kFrame], order[3] = {0, 1, 2};
+  std::size_t f = 0;
+  for (auto _ : state) {
+    const std::size_t at = f++ % scene.frames;
+    benchmark::DoNotOptimize(VornProc(&pm, &mics[3 * kFrame * at], &ref[kFrame * at], out, order));
+  }
+  // Real-time factor: audio time per frame over processing time per frame.
+  state.counters["x_realtime"] = benchmark::Counter(
+      static_cast<double>(state.iterations()) * 0.016, benchmark::Counter::kIsRate);
+}
+
+void BM_VornProcDefaultMode(benchmark::State& state) { RunFrames(state, {1, 0, 0, 0, 1, 0}); }
+BENCHMARK(BM_VornProcDefaultMode)->Unit(benchmark::kMicrosecond);
+
+void BM_VornProcHeaviest(benchmark::State& state) { RunFrames(state, {1, 4, 1, 3, 2, 60}); }
+BENCHMARK(BM_VornProcHeaviest)->Unit(benchmark::kMicrosecond);
+
+void BM_VornProcPerBeamType(benchmark::State& state) {
+  const int bf = static_cast<int>(state.range(0));
+  RunFrames(state, {1, bf, 1, 1, 1, 60});
+}
+BENCHMARK(BM_VornProcPerBeamType)->DenseRange(0, 7)->Unit(benchmark::kMicrosecond);
+
+// The utterance search over 4 s of audio (doa_flag 2).
+void BM_VornDoaUtterance(benchmark::State& state) {
+  const Scene& scene = SharedScene();
+  std::vector<unsigned char> buffer(kVornMinBuffSize);
+  T_VornParam pm{};
+  pm.p_data = buffer.data();
+  pm.buff_size = kVornMinBuffSize;
+  pm.param_size = sizeof(T_VornParam);
+  pm.vorn_mode = -1;
+  pm.agc_flag = 1;
+  pm.ns_flag = 1;
+  pm.doa_flag = 2;
+  pm.vad_mode = 1;
+  if (VornInit(&pm, nullptr) != 0) {
+    state.SkipWithError("VornInit failed");
+    return;
+  }
+  std::vector<short> mics(scene.mics.begin(), scene.mics.begin() + 3 * 4 * test::kSampleRate);
+  short order[3] = {0, 1, 2};
+  for (auto _ : state) benchmark::DoNotOptimize(VornDoa(&pm, mics.data(), order, 4 * test::kSampleRate));
+}
+BENCHMARK(BM_VornDoaUtterance)->Unit(benchmark::kMillisecond);
+
+}  // namespace

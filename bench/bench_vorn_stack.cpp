@@ -1,0 +1,97 @@
+// Peak stack use of the front end's entry points. Device threads have small
+// stacks, so VornProc must stay under 64 KB; VornDoa holds a private
+// suppressor instance for the length of the call. Each measurement runs the
+// call on a thread whose stack we painted beforehand and reports how deep
+// the paint was disturbed (reported as counters; the timing is incidental).
+#include <benchmark/benchmark.h>
+#include <pthread.h>
+
+#include <cstring>
+#include <vector>
+
+#include "support/signals.h"
+#include "vorn/vorn_param.h"
+#include "vorn_proc.h"
+
+namespace {
+
+using namespace vorn;
+
+constexpr std::size_t kStackBytes = 1 << 20;
+constexpr unsigned char kPaint = 0xA5;
+
+struct Job {
+  int doa_flag = 0;
+  bool utterance = false;
+  int bf = 4, aec = 3, ns = 2;
+};
+
+void* RunJob(void* arg) {
+  const Job& job = *static_cast<const Job*>(arg);
+  const std::size_t n = 2 * test::kSampleRate;
+  static std::vector<unsigned char> buffer(kVornMinBuffSize);
+  static std::vector<short> mics;
+  mics = test::Interleave(test::Mix(test::PlaneWave(test::MakeSpeechLike(n, 3).samples, 60),
+                                    test::IndependentNoise(n, 100.0, 4)));
+  static std::vector<short> ref(n, 0);
+  T_VornParam pm{};
+  pm.p_data = buffer.data();
+  pm.buff_size = kVornMinBuffSize;
+  pm.param_size = sizeof(T_VornParam);
+  pm.vorn_mode = -1;
+  pm.agc_flag = 1;
+  pm.bf_flag = job.bf;
+  pm.doa_flag = job.doa_flag;
+  pm.aec_flag = job.aec;
+  pm.ns_flag = job.ns;
+  pm.bf_azimuth = 60;
+  pm.vad_mode = 1;
+  pm.doa_update_flag = 1;
+  VornInit(&pm, nullptr);
+  short out[256], order[3] = {0, 1, 2};
+  if (job.utterance) {
+    VornDoa(&pm, mics.data(), order, static_cast<int>(n));
+  } else {
+    for (std::size_t f = 0; f + 1 < n / 256; ++f) VornProc(&pm, &mics[3 * 256 * f], &ref[256 * f], out, order);
+  }
+  return nullptr;
+}
+
+// Bytes of the painted stack that the job touched (init included).
+std::size_t PeakStack(const Job& job) {
+  static std::vector<unsigned char> stack(kStackBytes);
+  std::memset(stack.data(), kPaint, stack.size());
+  pthread_attr_t attr;
+  pthread_attr_init(&attr);
+  pthread_attr_setstack(&attr, stack.data(), stack.size());
+  pthread_t thread;
+  pthread_create(&thread, &attr, RunJob, const_cast<Job*>(&job));
+  pthread_join(thread, nullptr);
+  pthread_attr_destroy(&attr);
+  std::size_t untouched = 0;
+  while (untouched < stack.size() && stack[untouched] == kPaint) ++untouched;
+  return stack.size() - untouched;
+}
+
+void BM_StackVornProcHeaviest(benchmark::State& state) {
+  std::size_t peak = 0;
+  for (auto _ : state) peak = PeakStack(Job{1, false});
+  state.counters["stack_bytes"] = static_cast<double>(peak);
+}
+BENCHMARK(BM_StackVornProcHeaviest)->Iterations(1)->Unit(benchmark::kMillisecond);
+
+void BM_StackVornProcDefault(benchmark::State& state) {
+  std::size_t peak = 0;
+  for (auto _ : state) peak = PeakStack(Job{0, false, 0, 0, 1});
+  state.counters["stack_bytes"] = static_cast<double>(peak);
+}
+BENCHMARK(BM_StackVornProcDefault)->Iterations(1)->Unit(benchmark::kMillisecond);
+
+void BM_StackVornDoa(benchmark::State& state) {
+  std::size_t peak = 0;
+  for (auto _ : state) peak = PeakStack(Job{static_cast<int>(state.range(0)), true});
+  state.counters["stack_bytes"] = static_cast<double>(peak);
+}
+BENCHMARK(BM_StackVornDoa)->Arg(1)->Arg(2)->Iterations(1)->Unit(benchmark::kMillisecond);
+
+}  // namespace

@@ -1,0 +1,112 @@
+// Multi-channel post filter.
+//
+// Three fixed beams look at the talker and at two other sectors. Each beam
+// runs its own noise tracker; a bin of the output (beam 0) is treated as
+// speech only when beam 0's excess power over its noise floor dominates the
+// excess seen by the other two beams, so diffuse noise and interferers from
+// other directions are suppressed even when they are not stationary. The
+// speech absence probability built from that comparison replaces the
+// single-channel estimate; the gain rule and synthesis are the suppressor's.
+//
+// Two details differ from the single-channel suppressor on purpose and are
+// kept: the frame counter toggles between 100000 and 100001 instead of
+// saturating, and the gains of beam 0 are applied to the spectrum buffer as
+// the last beam left it (beam 2's spectrum).
+#include "adsp_ns/adsp_ns_mcpf.h"
+
+#include <limits>
+
+#include "common/adsp_common_fft_rel.h"
+#include "common/adsp_common_rom.h"
+#include "common/adsp_common_util.h"
+
+namespace vorn {
+namespace {
+
+constexpr int kBeams = 3;
+constexpr float kTiny = 1e-8f;
+constexpr float kMaxAbsence = 0.998f;
+constexpr float kMinAbsence = 0.01f;
+
+// Absence probability of one output bin from beam 0's a posteriori SNR z and
+// the ratio rho of its excess power over the strongest other beam's.
+float BeamAbsenceProb(float z, float rho) {
+  if (rho < 1.0f) return kMaxAbsence;
+  if (z <= 0.5f) return kMaxAbsence;
+  if (z > 2.0f && rho > 1.75f) return kMinAbsence;
+  float q = (2.0f - z) / 1.5f;
+  const float by_ratio = (1.75f - rho) / 1.4f;
+  if (by_ratio > q) q = by_ratio;
+  if (q < kMinAbsence) q = kMinAbsence;
+  if (q > kMaxAbsence) q = kMaxAbsence;
+  return q;
+}
+
+}  // namespace
+
+int VornMcpfProc(T_AdspNsParam* pm, short mbf_time_signal[][256], short* mcpf_out, int* p_vad_flag) {
+  float spec[kNsFftLen];
+  float psd[kNsBins];
+  float ratio0[kNsBins];            // beam 0: smoothed power over noise
+  float excess[kBeams][kNsBins];    // per beam: smoothed power minus noise
+  int votes = 0;
+
+  *p_vad_flag = 1;
+  for (int b = 0; b < kBeams; ++b) {
+    auto* st = static_cast<T_AdspNsState*>(pm[b].p_data);
+    st->speech_interference = pm[0].speech_iterfrence_flag;
+    if (st->frame < kNsFrameMax + 1)
+      ++st->frame;
+    else
+      st->frame = kNsFrameMax;
+
+    SaveFrameMoveAu(st->au, mbf_time_signal[b], kNsFftLen, kNsHop);
+    AddWin(st->au, hanmming_win, kNsFftLen, spec);
+    fft_rel(spec, kNsFftLen, kNsFftOrder);
+    GetPsd(spec, kNsFftLen, psd);
+    NoiseEst(st, psd);
+    votes += VadDet(st, -100.0f);
+
+    for (int k = 0; k < kNsBins; ++k) {
+      if (b == 0) {
+        const float noise = st->lambda_d[k] > kTiny ? st->lambda_d[k] : kTiny;
+        ratio0[k] = st->s[k] / noise;
+      }
+      const float d = st->s[k] - st->lambda_d[k];
+      excess[b][k] = d >= kTiny ? d : kTiny;
+    }
+    if (++st->curr_trace_id > kNsTraceRows - 1) st->curr_trace_id = 0;
+  }
+  if (votes == 0) *p_vad_flag = 0;
+
+  auto* s0 = static_cast<T_AdspNsState*>(pm[0].p_data);
+  float q[kNsBins];
+  for (int k = 0; k < kNsBins; ++k) {
+    if (!(ratio0[k] > 1.0f)) {
+      q[k] = kMaxAbsence;
+      continue;
+    }
+    float dmax = 0.0f;
+    if (k < kNsBins - 1) {
+      if (excess[1][k] > dmax) dmax = excess[1][k];
+      if (excess[2][k] > dmax) dmax = excess[2][k];
+    }
+    // The Nyquist bin (and any bin the other beams leave empty) compares
+    // against nothing: the ratio is unbounded.
+    const float rho = dmax > 0.0f ? excess[0][k] / dmax : std::numeric_limits<float>::infinity();
+    q[k] = BeamAbsenceProb(s0->gamma[k], rho);
+  }
+
+  if (s0->frame > 120) UpdateAbsenceProb(s0->lambda_dav_long, q);
+  float gain[kNsBins];
+  EstGain(s0, q, gain);
+  NsFreqFilter(spec, gain, spec);
+
+  ifft_rel(spec, kNsFftLen, kNsFftOrder);
+  for (int i = 0; i < kNsFftLen; ++i) s0->ns_out[i] += spec[i] * hanmming_win[i] * 127.99999f;
+  Float2PCM(s0->ns_out, mcpf_out, kNsHop);
+  AddZero(s0->ns_out, kNsFftLen, kNsHop);
+  return 0;
+}
+
+}  // namespace vorn
