@@ -239,6 +239,11 @@ TEST_F(VornCli, CommandLineMistakesAreUsageErrors) {
     EXPECT_EQ(r.status, 2);
     EXPECT_NE(r.err.find(c.want), std::string::npos) << r.err;
     EXPECT_EQ(r.err.rfind("vorn: ", 0), 0u) << r.err;
+    if (!c.args.empty() && c.args[0] == "process" && r.err.find("conflicting options: --channels") == std::string::npos &&
+        r.err.find("already carries") == std::string::npos && r.err.find("needs a loudspeaker") == std::string::npos) {
+      // Mistakes found while parsing point to the subcommand's help.
+      EXPECT_NE(r.err.find("Try 'vorn process --help'"), std::string::npos) << r.err;
+    }
     EXPECT_FALSE(std::filesystem::exists(Path("out.wav")));
   }
 }

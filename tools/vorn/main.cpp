@@ -15,7 +15,8 @@ int main(int argc, char** argv) {
   std::string error;
   if (!ParseCommandLine(args, &parsed, &error)) {
     ReportError(error);
-    std::fprintf(stderr, "Try 'vorn --help' for more information.\n");
+    const bool subcommand = !args.empty() && (args[0] == "process" || args[0] == "demo");
+    std::fprintf(stderr, "Try 'vorn %s--help' for more information.\n", subcommand ? (args[0] + " ").c_str() : "");
     return kExitUsage;
   }
   switch (parsed.command) {
