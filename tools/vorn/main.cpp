@@ -34,12 +34,7 @@ int main(int argc, char** argv) {
     case Command::kProcess:
       return RunProcess(parsed.process);
     case Command::kDemo:
-#if defined(VORN_CLI_HAVE_DEMO)
       return RunDemo(parsed.demo);
-#else
-      ReportError("demo: this build has no scene simulator");
-      return kExitFailure;
-#endif
   }
   return kExitFailure;
 }
