@@ -21,7 +21,7 @@ TEST(BenchQuality, FrameLagRoundsToTheNearestWholeFrameAndNeverLeads) {
     long latency;
     std::size_t frames;
   } cases[] = {{-300, 0}, {0, 0}, {127, 0}, {128, 1}, {383, 1}, {384, 2}, {1024, 4}};
-  for (const auto &c : cases) EXPECT_EQ(FrameLag(c.latency), c.frames) << c.latency;
+  for (const auto& c : cases) EXPECT_EQ(FrameLag(c.latency), c.frames) << c.latency;
 }
 
 TEST(BenchQuality, TableAzimuthSnapsToFiveDegreesAndWraps) {
@@ -29,7 +29,7 @@ TEST(BenchQuality, TableAzimuthSnapsToFiveDegreesAndWraps) {
     double azimuth;
     int table;
   } cases[] = {{17.0, 15}, {17.6, 20}, {357.6, 0}, {-3.0, 355}, {-1.0, 0}, {-7.6, 350}, {362.0, 0}, {181.0, 180}};
-  for (const auto &c : cases) EXPECT_EQ(TableAzimuth(c.azimuth), c.table) << c.azimuth;
+  for (const auto& c : cases) EXPECT_EQ(TableAzimuth(c.azimuth), c.table) << c.azimuth;
 }
 
 TEST(BenchQuality, SpanSamplesJoinsSpansAndStopsAtTheEnd) {
@@ -57,6 +57,17 @@ TEST(BenchQuality, FrameAttenuationReadsTheGainPerFrame) {
   EXPECT_GT(attenuation[2], 60.0);  // bounded by the one-LSB floor, not infinite
   EXPECT_TRUE(std::isfinite(attenuation[2]));
   for (double a : FrameAttenuationDb(silent, silent)) EXPECT_EQ(a, 0.0);
+  // Over three frames centred on frame 1: energies of frames 0..2 together;
+  // at the edges the window slides inwards.
+  const auto smoothed = FrameAttenuationDb(mic, out, 3);
+  auto energy = [](const Signal& x, std::size_t first, std::size_t last) {
+    double e = static_cast<double>((last - first) * kFrame);
+    for (std::size_t i = first * kFrame; i < last * kFrame; ++i) e += static_cast<double>(x[i]) * x[i];
+    return e;
+  };
+  EXPECT_NEAR(smoothed[1], 10.0 * std::log10(energy(mic, 0, 3) / energy(out, 0, 3)), 1e-9);
+  EXPECT_NEAR(smoothed[0], smoothed[1], 1e-9);
+  EXPECT_NEAR(smoothed[3], 10.0 * std::log10(energy(mic, 1, 4) / energy(out, 1, 4)), 1e-9);
 }
 
 TEST(BenchQuality, TrackingIsScoredOnSpeechAfterSettlingAndWithTheLag) {
@@ -83,7 +94,7 @@ TEST(BenchQuality, SpectrogramPutsAFullScaleSineInItsBinAtZeroDbfs) {
     x[n] = static_cast<float>(32767.0 * std::sin(2.0 * std::numbers::pi * bin * n / size));
   const auto rows = Spectrogram(x, size, 256);
   ASSERT_EQ(rows.size(), 7u);  // (2048 - 512) / 256 + 1
-  for (const auto &row : rows) {
+  for (const auto& row : rows) {
     ASSERT_EQ(row.size(), size / 2 + 1);
     EXPECT_NEAR(row[bin], 0.0, 0.01);
     EXPECT_LT(row[bin + 3], -60.0);  // past the Hann main lobe
@@ -92,7 +103,7 @@ TEST(BenchQuality, SpectrogramPutsAFullScaleSineInItsBinAtZeroDbfs) {
 }
 
 // A short scene with a far end, so every input of the runner is exercised.
-RenderedScene ShortScene(Scene *scene) {
+RenderedScene ShortScene(Scene* scene) {
   scene->duration_s = 1.5;
   scene->talker_begin_s = 0.2;
   scene->talker_end_s = 1.5;
@@ -145,7 +156,7 @@ TEST(BenchQuality, GridNamesAreUniqueAndTasksAreAllPresent) {
   const auto scenes = AllScenes();
   std::set<std::string> names;
   int per_task[3] = {0, 0, 0};
-  for (const auto &s : scenes) {
+  for (const auto& s : scenes) {
     EXPECT_TRUE(names.insert(s.name).second) << s.name;
     ++per_task[static_cast<int>(s.task)];
   }

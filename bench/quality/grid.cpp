@@ -12,7 +12,7 @@ namespace {
 constexpr double kRt60s[] = {0.2, 0.4, 0.7};
 constexpr double kSnrsDb[] = {0.0, 10.0, 20.0};
 
-std::string Name(const char *format, double a, double b) {
+std::string Name(const char* format, double a, double b) {
   char text[64];
   std::snprintf(text, sizeof text, format, a, b);
   return text;
@@ -92,8 +92,8 @@ std::vector<GridScene> LevelSweep() {
 
 std::vector<GridScene> AllScenes() {
   std::vector<GridScene> all = DirectionGrid();
-  for (auto &s : EchoScenes()) all.push_back(s);
-  for (auto &s : LevelSweep()) all.push_back(s);
+  for (auto& s : EchoScenes()) all.push_back(s);
+  for (auto& s : LevelSweep()) all.push_back(s);
   return all;
 }
 

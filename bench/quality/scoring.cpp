@@ -14,9 +14,9 @@ std::size_t FrameLag(long latency_samples) {
   return static_cast<std::size_t>((latency_samples + static_cast<long>(kFrame) / 2) / static_cast<long>(kFrame));
 }
 
-Signal SpanSamples(const Signal &x, const std::vector<Span> &spans) {
+Signal SpanSamples(const Signal& x, const std::vector<Span>& spans) {
   Signal cut;
-  for (const Span &span : spans) {
+  for (const Span& span : spans) {
     const std::size_t begin = std::min(span.begin * kFrame, x.size());
     const std::size_t end = std::min(span.end * kFrame, x.size());
     if (begin < end) cut.insert(cut.end(), x.begin() + static_cast<long>(begin), x.begin() + static_cast<long>(end));
@@ -24,23 +24,36 @@ Signal SpanSamples(const Signal &x, const std::vector<Span> &spans) {
   return cut;
 }
 
-std::vector<double> FrameAttenuationDb(const Signal &mic, const Signal &output) {
+std::vector<double> FrameAttenuationDb(const Signal& mic, const Signal& output, std::size_t window) {
   const std::size_t frames = std::min(mic.size(), output.size()) / kFrame;
+  std::vector<double> mic_energy(frames, 0.0), output_energy(frames, 0.0);
+  for (std::size_t f = 0; f < frames; ++f) {
+    for (std::size_t i = f * kFrame; i < (f + 1) * kFrame; ++i) {
+      mic_energy[f] += static_cast<double>(mic[i]) * mic[i];
+      output_energy[f] += static_cast<double>(output[i]) * output[i];
+    }
+  }
+  const std::size_t span = std::max<std::size_t>(window, 1);
   std::vector<double> attenuation(frames);
   for (std::size_t f = 0; f < frames; ++f) {
-    double mic_energy = 0.0, output_energy = 0.0;
-    for (std::size_t i = f * kFrame; i < (f + 1) * kFrame; ++i) {
-      mic_energy += static_cast<double>(mic[i]) * mic[i];
-      output_energy += static_cast<double>(output[i]) * output[i];
+    // The window slides inwards at the edges so that it always holds `span`
+    // frames (fewer only when the signal is shorter).
+    std::size_t first = f > (span - 1) / 2 ? f - (span - 1) / 2 : 0;
+    if (first + span > frames) first = frames > span ? frames - span : 0;
+    const std::size_t last = std::min(frames, first + span);
+    double mic_sum = 0.0, output_sum = 0.0;
+    for (std::size_t g = first; g < last; ++g) {
+      mic_sum += mic_energy[g];
+      output_sum += output_energy[g];
     }
-    // One LSB squared per frame keeps digital silence finite on either side.
-    const double floor = static_cast<double>(kFrame);
-    attenuation[f] = 10.0 * std::log10((mic_energy + floor) / (output_energy + floor));
+    // One LSB squared per sample keeps digital silence finite on either side.
+    const double floor = static_cast<double>((last - first) * kFrame);
+    attenuation[f] = 10.0 * std::log10((mic_sum + floor) / (output_sum + floor));
   }
   return attenuation;
 }
 
-DoaScores ScoreTracking(const std::vector<double> &estimates_deg, const std::vector<std::uint8_t> &labels,
+DoaScores ScoreTracking(const std::vector<double>& estimates_deg, const std::vector<std::uint8_t>& labels,
                         std::size_t frame_lag, double truth_deg, std::size_t settle) {
   std::vector<double> estimates, truths;
   std::size_t spoken = 0;
@@ -53,7 +66,7 @@ DoaScores ScoreTracking(const std::vector<double> &estimates_deg, const std::vec
   return ScoreDoa(estimates, truths);
 }
 
-std::vector<std::vector<double>> Spectrogram(const Signal &x, std::size_t size, std::size_t hop) {
+std::vector<std::vector<double>> Spectrogram(const Signal& x, std::size_t size, std::size_t hop) {
   const std::size_t bins = size / 2 + 1;
   std::vector<double> window(size), cosine(size), sine(size);
   double window_sum = 0.0;

@@ -13,19 +13,19 @@
 
 namespace vorn::bench {
 
-bool RunSpeex(const SpeexConfig &config, const RenderedScene &rendered, SystemRun *run, std::string *error) {
+bool RunSpeex(const SpeexConfig& config, const RenderedScene& rendered, SystemRun* run, std::string* error) {
   if (config.frame <= 0 || kFrame % static_cast<std::size_t>(config.frame) != 0) {
     *error = "the frame must divide 256";
     return false;
   }
   const std::size_t frame = static_cast<std::size_t>(config.frame);
   int rate = kSampleRate;
-  SpeexEchoState *echo = nullptr;
+  SpeexEchoState* echo = nullptr;
   if (config.echo) {
     echo = speex_echo_state_init(config.frame, config.filter_length);
     speex_echo_ctl(echo, SPEEX_ECHO_SET_SAMPLING_RATE, &rate);
   }
-  SpeexPreprocessState *pre = speex_preprocess_state_init(config.frame, rate);
+  SpeexPreprocessState* pre = speex_preprocess_state_init(config.frame, rate);
   int denoise = config.denoise ? 1 : 0, vad = 1, agc = config.agc ? 1 : 0;
   speex_preprocess_ctl(pre, SPEEX_PREPROCESS_SET_DENOISE, &denoise);
   speex_preprocess_ctl(pre, SPEEX_PREPROCESS_SET_VAD, &vad);

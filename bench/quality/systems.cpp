@@ -13,7 +13,7 @@ namespace {
 
 constexpr int kStateBytes = 1000000;
 
-void SetSwitches(const VornConfig &config, int bf_azimuth, T_VornParam *pm) {
+void SetSwitches(const VornConfig& config, int bf_azimuth, T_VornParam* pm) {
   pm->vorn_mode = -1;
   pm->agc_flag = config.agc;
   pm->bf_flag = config.bf;
@@ -25,11 +25,11 @@ void SetSwitches(const VornConfig &config, int bf_azimuth, T_VornParam *pm) {
   pm->doa_update_flag = config.doa != 0 ? 1 : 0;
 }
 
-std::string Failure(const char *call, int code) { return std::string(call) + " returned " + std::to_string(code); }
+std::string Failure(const char* call, int code) { return std::string(call) + " returned " + std::to_string(code); }
 
 }  // namespace
 
-std::size_t WholeFrames(const RenderedScene &rendered) {
+std::size_t WholeFrames(const RenderedScene& rendered) {
   const std::size_t by_mics = rendered.mics.size() / (kMics * kFrame);
   const std::size_t by_reference = rendered.reference.size() / kFrame;
   return by_mics < by_reference ? by_mics : by_reference;
@@ -41,8 +41,8 @@ int TableAzimuth(double azimuth_deg) {
   return (static_cast<int>(std::lround(wrapped / 5.0)) * 5) % 360;
 }
 
-bool RunVorn(const VornConfig &config, const Scene &scene, const RenderedScene &rendered, SystemRun *run,
-             std::string *error) {
+bool RunVorn(const VornConfig& config, const Scene& scene, const RenderedScene& rendered, SystemRun* run,
+             std::string* error) {
   std::vector<unsigned char> state(kStateBytes);
   T_VornParam pm{};
   pm.p_data = state.data();
@@ -87,7 +87,7 @@ bool RunVorn(const VornConfig &config, const Scene &scene, const RenderedScene &
   return true;
 }
 
-SystemRun RunUnprocessed(const RenderedScene &rendered) {
+SystemRun RunUnprocessed(const RenderedScene& rendered) {
   SystemRun run;
   const std::size_t frames = WholeFrames(rendered);
   run.output = Channel(rendered.mics, 0);

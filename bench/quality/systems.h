@@ -31,16 +31,16 @@ struct VornConfig {
 };
 
 // Whole frames in an interleaved three-microphone capture.
-std::size_t WholeFrames(const RenderedScene &rendered);
+std::size_t WholeFrames(const RenderedScene& rendered);
 
 // The table azimuth nearest to `azimuth_deg` (multiples of 5 in 0..355).
 int TableAzimuth(double azimuth_deg);
 
-bool RunVorn(const VornConfig &config, const Scene &scene, const RenderedScene &rendered, SystemRun *run,
-             std::string *error);
+bool RunVorn(const VornConfig& config, const Scene& scene, const RenderedScene& rendered, SystemRun* run,
+             std::string* error);
 
 // Microphone 0 as it is; its speech flag says every frame is speech (the
 // detector that never misses), and it has no direction.
-SystemRun RunUnprocessed(const RenderedScene &rendered);
+SystemRun RunUnprocessed(const RenderedScene& rendered);
 
 }  // namespace vorn::bench
