@@ -7,7 +7,8 @@
 # (SpeexDSP as the measured peer, gnuplot, Google Benchmark, the build tools),
 # builds a Release tree in build-bench/, runs the quality runner and every
 # speed benchmark (JSON output), draws the plots and writes the report.
-# VORN_BENCH_JOBS sets the build's parallelism (default 2).
+# VORN_BENCH_JOBS sets the build's parallelism (default 2); VORN_BENCH_REPEAT=1
+# runs the quality bench twice and fails unless both runs agree byte for byte.
 set -euo pipefail
 
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
@@ -40,6 +41,14 @@ pkg-config --modversion speexdsp >"$data/speexdsp_version.txt" 2>/dev/null || rm
 
 echo "quality: rendering and scoring the scenes"
 "$build/bench/quality/vorn_bench_quality" "$data" >/dev/null 2>"$data/quality.log"
+if [ "${VORN_BENCH_REPEAT:-0}" = 1 ]; then
+  echo "quality: second run, which must write the same figures"
+  "$build/bench/quality/vorn_bench_quality" "$data/repeat" >/dev/null 2>"$data/quality-repeat.log"
+  for file in "$data"/repeat/*; do
+    cmp -s "$file" "$data/$(basename "$file")" || { echo "quality figures differ between runs: $(basename "$file")"; exit 1; }
+  done
+  echo "quality: both runs agree"
+fi
 
 echo "speed: Vorn against SpeexDSP"
 if [ -x "$build/bench/bench_vs_speexdsp" ]; then

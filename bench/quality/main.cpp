@@ -569,6 +569,16 @@ std::string FindingsMarkdown(const Results& results) {
           "quiet, loud ones are held near -15 dBFS. SpeexDSP's AGC slowly steers its gain (up to 30 dB) "
           "towards a fixed target level.\n";
   }
+  const double vad_echo = PooledF1(results, Task::kEcho, kVornMono.name);
+  const double vad_all_speech = PooledF1(results, Task::kEcho, kUnprocessed);
+  if (vad_echo < vad_all_speech + 0.02) {
+    md += "- **Speech flag under echo** (SpeexDSP no better). In the echo scenes Vorn's VAD reaches F1 " +
+          Fixed(vad_echo, 3) + ", no better than calling every frame speech (" + Fixed(vad_all_speech, 3) +
+          "): it flags the far end's echo as speech through far single talk, although the VAD path listens to "
+          "the canceller's output and its coherence. On the noise grid, without echo, it does beat that "
+          "baseline (F1 " +
+          Fixed(PooledF1(results, Task::kDirection, kVornMono.name), 3) + ").\n";
+  }
   const double tracking =
       mean(Task::kDirection, kVornArray.name, [](const Scored& s) { return s.tracking.mean_error_deg; });
   if (tracking > 30.0) {
