@@ -87,6 +87,34 @@ TEST(BenchQuality, TrackingIsScoredOnSpeechAfterSettlingAndWithTheLag) {
   EXPECT_NEAR(all.share_within_10, 5.0 / 8.0, 1e-9);
 }
 
+TEST(BenchQuality, PooledVadSumsTheCountsBeforeTakingRatios) {
+  // Pooling the counts is not averaging the ratios: a small scene with a
+  // perfect score must not weigh as much as a large poor one.
+  VadScores small, large;
+  small.true_positive = 10;
+  large.true_positive = 30;
+  large.false_positive = 60;
+  large.false_negative = 10;
+  const VadScores pooled = PoolVad({small, large});
+  EXPECT_EQ(pooled.true_positive, 40u);
+  EXPECT_EQ(pooled.false_positive, 60u);
+  EXPECT_EQ(pooled.false_negative, 10u);
+  EXPECT_NEAR(pooled.precision, 0.4, 1e-12);
+  EXPECT_NEAR(pooled.recall, 0.8, 1e-12);
+  EXPECT_NEAR(pooled.f1, 2 * 0.4 * 0.8 / 1.2, 1e-12);
+  // Nothing flagged and nothing spoken: zeros, not NaN.
+  const VadScores empty = PoolVad({VadScores{}});
+  EXPECT_EQ(empty.precision, 0.0);
+  EXPECT_EQ(empty.recall, 0.0);
+  EXPECT_EQ(empty.f1, 0.0);
+  // Scored together with ScoreVad: pooling one scene gives its own figures.
+  const std::vector<std::uint8_t> flags = {1, 1, 0, 1, 0, 0}, labels = {0, 1, 1, 1, 0, 1};
+  const VadScores one = ScoreVad(flags, labels);
+  const VadScores again = PoolVad({one});
+  EXPECT_DOUBLE_EQ(again.f1, one.f1);
+  EXPECT_DOUBLE_EQ(again.precision, one.precision);
+}
+
 TEST(BenchQuality, SpectrogramPutsAFullScaleSineInItsBinAtZeroDbfs) {
   const std::size_t size = 512, bin = 40;
   Signal x(4 * size);

@@ -147,6 +147,15 @@ const Scored* Find(const Results& results, const std::string& scene, const std::
   return r == s->second.end() ? nullptr : &r->second;
 }
 
+// The VAD counts of one system pooled over one task's scenes.
+VadScores PooledVad(const Results& results, Task task, const std::string& system) {
+  std::vector<VadScores> scores;
+  for (const GridScene& c : results.scenes)
+    if (c.task == task)
+      if (const Scored* s = Find(results, c.name, system)) scores.push_back(s->vad);
+  return PoolVad(scores);
+}
+
 void WritePlotData(const std::filesystem::path& dir, const Results& results,
                    const std::map<std::string, RenderedScene>& kept) {
   // Direction error over the grid.
@@ -349,17 +358,8 @@ std::string QualityMarkdown(const Results& results) {
   for (const std::string& name : SystemsFor(results, Task::kDirection)) {
     std::string row = "| " + name + " |";
     for (Task task : {Task::kDirection, Task::kEcho}) {
-      std::size_t tp = 0, fp = 0, fn = 0;
-      for (const GridScene* c : cells(task)) {
-        if (const Scored* s = Find(results, c->name, name)) {
-          tp += s->vad.true_positive;
-          fp += s->vad.false_positive;
-          fn += s->vad.false_negative;
-        }
-      }
-      const double precision = tp + fp ? static_cast<double>(tp) / static_cast<double>(tp + fp) : 0.0;
-      const double recall = tp + fn ? static_cast<double>(tp) / static_cast<double>(tp + fn) : 0.0;
-      const double f1 = precision + recall > 0 ? 2 * precision * recall / (precision + recall) : 0.0;
+      const VadScores pooled = PooledVad(results, task, name);
+      const double precision = pooled.precision, recall = pooled.recall, f1 = pooled.f1;
       AddCell(row, Fixed(precision, 3));
       AddCell(row, Fixed(recall, 3));
       AddCell(row, Fixed(f1, 3));
@@ -442,18 +442,8 @@ double MeanOver(const Results& results, Task task, const std::string& system, Fi
   return count ? sum / count : std::nan("");
 }
 
-// F1 of the counts pooled over one task's scenes.
 double PooledF1(const Results& results, Task task, const std::string& system) {
-  double tp = 0, fp = 0, fn = 0;
-  for (const GridScene& c : results.scenes) {
-    if (c.task != task) continue;
-    if (const Scored* s = Find(results, c.name, system)) {
-      tp += static_cast<double>(s->vad.true_positive);
-      fp += static_cast<double>(s->vad.false_positive);
-      fn += static_cast<double>(s->vad.false_negative);
-    }
-  }
-  return tp > 0 ? 2 * tp / (2 * tp + fp + fn) : 0.0;
+  return PooledVad(results, task, system).f1;
 }
 
 double Spread(const Results& results, const std::string& system) {

@@ -66,6 +66,24 @@ DoaScores ScoreTracking(const std::vector<double>& estimates_deg, const std::vec
   return ScoreDoa(estimates, truths);
 }
 
+VadScores PoolVad(const std::vector<VadScores>& scores) {
+  VadScores pooled;
+  for (const VadScores& s : scores) {
+    pooled.true_positive += s.true_positive;
+    pooled.false_positive += s.false_positive;
+    pooled.false_negative += s.false_negative;
+  }
+  const double tp = static_cast<double>(pooled.true_positive);
+  const double flagged = tp + static_cast<double>(pooled.false_positive);
+  const double spoken = tp + static_cast<double>(pooled.false_negative);
+  pooled.precision = flagged > 0 ? tp / flagged : 0.0;
+  pooled.recall = spoken > 0 ? tp / spoken : 0.0;
+  pooled.f1 = pooled.precision + pooled.recall > 0
+                  ? 2.0 * pooled.precision * pooled.recall / (pooled.precision + pooled.recall)
+                  : 0.0;
+  return pooled;
+}
+
 std::vector<std::vector<double>> Spectrogram(const Signal& x, std::size_t size, std::size_t hop) {
   const std::size_t bins = size / 2 + 1;
   std::vector<double> window(size), cosine(size), sine(size);

@@ -31,6 +31,10 @@ std::vector<double> FrameAttenuationDb(const Signal& mic, const Signal& output, 
 DoaScores ScoreTracking(const std::vector<double>& estimates_deg, const std::vector<std::uint8_t>& labels,
                         std::size_t frame_lag, double truth_deg, std::size_t settle);
 
+// Detection counts summed over several scenes, with the precision, recall
+// and F1 of the sums (0 where a ratio has nothing to divide).
+VadScores PoolVad(const std::vector<VadScores>& scores);
+
 // Log-power spectrogram in dBFS: Hann-windowed frames of `size` samples every
 // `hop`, bins 0..size/2. Row t covers samples [t*hop, t*hop+size).
 std::vector<std::vector<double>> Spectrogram(const Signal& x, std::size_t size, std::size_t hop);
