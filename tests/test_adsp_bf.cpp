@@ -375,14 +375,14 @@ TEST(GscVad, SilentFixedBeamCountsAsNoise) {
 
 // A white-noise interferer 120 degrees off the look direction, after a
 // stretch of digital silence, and no talker: once adapted, the canceller
-// takes a clear margin more off the interferer than its fixed beam. A talker
-// near the look direction meanwhile keeps its level within 2 dB: a shadow
-// instance carries the talker alone through the same filters.
+// takes at least 6 dB more off the interferer than its fixed beam, for both
+// canceller types at every look direction. A talker near the look direction
+// meanwhile keeps its level within 2 dB: a shadow instance carries the
+// talker alone through the same filters.
 //
-// The margin is bounded by the joint tap cap (0.7071), not by adaptation:
-// with blocking outputs of at most 2/3 per microphone the unconstrained
-// solution needs about twice the allowed norm, so the cap scales it down
-// and the canceller settles near 5 dB here.
+// The margin is bounded by the joint tap cap (0.7071) as much as by
+// adaptation, so it measures how strong the blocking outputs are against the
+// interferer's leak into the fixed beam.
 TEST(AdaptGsc, CancelsAnInterfererAndKeepsTheTalker) {
   constexpr std::size_t kHops = 500;  // 8 s
   const std::size_t n = kHops * kBfHop;
@@ -394,9 +394,10 @@ TEST(AdaptGsc, CancelsAnInterfererAndKeepsTheTalker) {
     int bf_flag, look;
     double interferer_az;
   };
-  // The first two are the canonical setting; the others exercise the other
-  // blocking matrices (type 3 at 60 degrees keeps its 20-degree reference).
-  const Case cases[] = {{3, 0, 120.0}, {4, 0, 120.0}, {4, 300, 60.0}, {3, 60, 180.0}};
+  // Type 3 at 60 and 300 degrees keeps its 20- and 260-degree fixed sets,
+  // type 4 its delay-and-sum sets at 0 and 240 degrees.
+  const Case cases[] = {{3, 0, 120.0},  {4, 0, 120.0},  {3, 60, 180.0},
+                        {4, 60, 180.0}, {3, 300, 60.0}, {4, 300, 60.0}};
   for (const Case& c : cases) {
     SCOPED_TRACE(testing::Message() << "bf_flag " << c.bf_flag << " look " << c.look);
     ThreeMics interferer =
@@ -439,7 +440,7 @@ TEST(AdaptGsc, CancelsAnInterfererAndKeepsTheTalker) {
     const double talker_change_db = 10.0 * std::log10(talker_out / talker_fixed);
     std::printf("bf_flag %d look %d: interferer %.1f dB below the fixed beam; talker changed by %.2f dB\n",
                 c.bf_flag, c.look, extra_reduction_db, talker_change_db);
-    EXPECT_GT(extra_reduction_db, 4.5);
+    EXPECT_GT(extra_reduction_db, 6.0);
     EXPECT_LT(std::fabs(talker_change_db), 2.0);
   }
 }
