@@ -13,6 +13,7 @@
 
 #include "adsp_bf/audio_dsp_proc.h"
 #include "adsp_bf/beamformer.h"
+#include "adsp_bf/fixed_beamformer.h"
 #include "adsp_bf/util.h"
 #include "adsp_bf/weight_tables.h"
 #include "common/adsp_common_fft_rel.h"
@@ -307,6 +308,39 @@ TEST(AdaptGsc, StartsAsTheDelayedFixedBeam) {
   ASSERT_EQ(BfProc(&sector.pm, pcm.data() + 3 * kBfHop, y_fixed.data(), nullptr), 0);
   for (int n = 0; n < 128; ++n) EXPECT_EQ(y_gsc[static_cast<std::size_t>(n)], 0);
   for (int n = 128; n < kBfHop; ++n) EXPECT_NEAR(y_gsc[static_cast<std::size_t>(n)], y_fixed[static_cast<std::size_t>(n - 128)], 1);
+}
+
+// The beam dispatch hands the canceller one block as both its fixed-beam
+// spectrum and its output. The result, the adaptation and the detector must
+// be exactly those of separate blocks, over hops that adapt and hops that
+// do not (a loud noise burst after a quiet start).
+TEST(AdaptGsc, OutputMayShareTheFixedBeamBlock) {
+  constexpr int kHops = 40;
+  Signal noise = test::WhiteNoise(kHops * kBfHop, 200.0, 61);
+  for (std::size_t i = 20 * kBfHop; i < 24 * kBfHop; ++i) noise[i] *= 30.0f;
+  std::vector<short> pcm =
+      test::Interleave(test::Mix(test::PlaneWave(noise, 120.0), test::IndependentNoise(kHops * kBfHop, 20.0, 62)));
+  BfInstance shared(4, 0), separate(4, 0);
+  ASSERT_EQ(BFInit(&shared.pm), 0);
+  ASSERT_EQ(BFInit(&separate.pm), 0);
+  for (int h = 0; h < kHops; ++h) {
+    float f[3][512];
+    for (int m = 0; m < 3; ++m) {
+      for (int n = 0; n < 512; ++n) {
+        const int at = (h - 1) * kBfHop + n;
+        f[m][n] = at < 0 ? 0.0f : pcm[static_cast<std::size_t>(3 * at + m)];
+      }
+      fft_rel(f[m], 512, 9);
+    }
+    float block[512], fixed[512], out[512];
+    FixedBF(f, block, 4, 0);
+    std::copy(block, block + 512, fixed);
+    Adapt_GSC(shared.st(), f, block, 0, block);
+    Adapt_GSC(separate.st(), f, fixed, 0, out);
+    ASSERT_EQ(std::memcmp(block, out, kBfHop * sizeof(float)), 0) << "hop " << h;
+  }
+  EXPECT_EQ(std::memcmp(shared.st(), separate.st(), sizeof(T_AudioDspState)), 0);
+  EXPECT_GT(std::fabs(shared.st()->fd_g[0][5]) + std::fabs(shared.st()->fd_g[1][5]), 0.0f);  // it did adapt
 }
 
 TEST(UpdateFilter, CapsTheJointTapNormOfAllThreeFilters) {
