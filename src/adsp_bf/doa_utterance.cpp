@@ -43,6 +43,30 @@ int CoarseBest(const T_AudioDspState* st, int hops) {
   return best_dir;
 }
 
+// Scores one frame of the stretch into the newest history entry. Kept out
+// of line so that its spectra are on the stack only while it runs, not
+// under the suppressor's own calls.
+[[gnu::noinline]] void ScoreHop(T_AudioDspState* st, const short* frame, const short order[kBfChannels],
+                                float* noise) {
+  // Slot 0's spectrum is only needed for the weights, so it borrows the
+  // block of microphone row 0's spectrum, formed after it.
+  float spec[kBfChannels][kBfFftLen];
+  float* spec0 = spec[0];
+  for (int n = 0; n < kBfFftLen; ++n) spec0[n] = static_cast<float>(frame[kBfChannels * n]) * hanmming_win[n];
+  fft_rel(spec0, kBfFftLen, kBfFftOrder);
+  float psd[kBfFftLen / 2];
+  GetDoaPsd(spec0, psd, kBfFftLen);
+  float weight[kBfFftLen / 2];
+  GetBfWeight(psd, noise, weight, kBfFftLen / 2);
+
+  for (int m = 0; m < kBfChannels; ++m) {
+    for (int n = 0; n < kBfFftLen; ++n)
+      spec[m][n] = static_cast<float>(frame[kBfChannels * n + order[m]]) * hanmming_win[n];
+    fft_rel(spec[m], kBfFftLen, kBfFftOrder);
+  }
+  DoaSelectBfElevationAzimuth(st, spec, weight);
+}
+
 }  // namespace
 
 int AudioDspDoa(T_AudioDspParam* pm, short* inp, short* mic_oder, int sample_len_pre_channel) {
@@ -105,23 +129,7 @@ int VornDoaProc(T_AudioDspParam* pm, short* inp, short* mic_order, int sample_le
     AdspNsProc(&ns_pm, nullptr, nullptr, nullptr, slot0, ns_audio);
     AdspNsProc(&ns_pm, nullptr, nullptr, nullptr, slot0 + kBfHop, ns_audio);
 
-    // Slot 0's spectrum is only needed for the weights, so it borrows the
-    // block of microphone row 0's spectrum, formed after it.
-    float spec[kBfChannels][kBfFftLen];
-    float* spec0 = spec[0];
-    for (int n = 0; n < kBfFftLen; ++n) spec0[n] = static_cast<float>(slot0[n]) * hanmming_win[n];
-    fft_rel(spec0, kBfFftLen, kBfFftOrder);
-    float psd[kBfFftLen / 2];
-    GetDoaPsd(spec0, psd, kBfFftLen);
-    float weight[kBfFftLen / 2];
-    GetBfWeight(psd, ns_st->lambda_d, weight, kBfFftLen / 2);
-
-    for (int m = 0; m < kBfChannels; ++m) {
-      for (int n = 0; n < kBfFftLen; ++n)
-        spec[m][n] = static_cast<float>(frame[kBfChannels * n + order[m]]) * hanmming_win[n];
-      fft_rel(spec[m], kBfFftLen, kBfFftOrder);
-    }
-    DoaSelectBfElevationAzimuth(st, spec, weight);
+    ScoreHop(st, frame, order, ns_st->lambda_d);
   }
 
   // With no hop scored every sum is 0 and every search keeps direction 0;
