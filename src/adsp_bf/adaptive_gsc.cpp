@@ -35,6 +35,34 @@ const float* BlockingMatrix(int angle) {
   return bm_300;
 }
 
+void CopyBlock(const float* from, float* to) {
+  for (int i = 0; i < kBfFftLen; ++i) to[i] = from[i];
+}
+
+// Blocking output j of the hop: B_j(k) = sum_m bm_j,m(k) X_m(k), no
+// conjugation, microphones in order 0, 1, 2; DC and Nyquist real only.
+void BlockingOutput(const float* bm, int j, float f[3][512], float* blocked) {
+  float dc = 0.0f, nyquist = 0.0f;
+  for (int m = 0; m < kBfChannels; ++m) {
+    dc += bm[6 * j + 2 * m] * f[m][0];
+    nyquist += bm[18 * kHalf + 6 * j + 2 * m] * f[m][kHalf];
+  }
+  blocked[0] = dc;
+  blocked[kHalf] = nyquist;
+  for (int k = 1; k < kHalf; ++k) {
+    const float* w = bm + 18 * k + 6 * j;
+    float re = 0.0f, im = 0.0f;
+    for (int m = 0; m < kBfChannels; ++m) {
+      const float w_re = w[2 * m], w_im = w[2 * m + 1];
+      const float x_re = f[m][k], x_im = f[m][kBfFftLen - k];
+      re += w_re * x_re - w_im * x_im;
+      im += w_im * x_re + w_re * x_im;
+    }
+    blocked[k] = re;
+    blocked[kBfFftLen - k] = im;
+  }
+}
+
 float BandPower(const float* spec) {
   float sum = 0.0f;
   for (int k = kVadLowBin; k <= kVadHighBin; ++k) sum += spec[k] * spec[k] + spec[kBfFftLen - k] * spec[kBfFftLen - k];
@@ -43,55 +71,44 @@ float BandPower(const float* spec) {
 
 }  // namespace
 
+// Stack: a device thread has little of it, so the hop keeps only what must
+// outlive a step: the three reference spectra (read again by the detector and
+// the filter update) and the running sum of the filtered references. One
+// work block serves in turn as the fixed beam in time, each blocking output
+// and each filtered reference, which are dead once consumed. The filtered
+// references are summed as they come, in the same order (0 + 1, then + 2),
+// so the sum is the same to the bit as summing three stored ones.
 void Adapt_GSC(T_AudioDspState* st, float f[3][512], float* fbf, int angle, float* out) {
   const float* bm = BlockingMatrix(angle);
 
-  float fixed_td[kBfFftLen];
-  IFFT(fbf, fixed_td);
-  FrameShiftSave(st->td_fbf_out, fixed_td + kHalf);
-
-  float blocked[kOutputs][kBfFftLen];
-  for (int j = 0; j < kOutputs; ++j) {
-    float dc = 0.0f, nyquist = 0.0f;
-    for (int m = 0; m < kBfChannels; ++m) {
-      dc += bm[6 * j + 2 * m] * f[m][0];
-      nyquist += bm[18 * kHalf + 6 * j + 2 * m] * f[m][kHalf];
-    }
-    blocked[j][0] = dc;
-    blocked[j][kHalf] = nyquist;
-  }
-  for (int k = 1; k < kHalf; ++k) {
-    const float* bin = bm + 18 * k;
-    for (int j = 0; j < kOutputs; ++j) {
-      float re = 0.0f, im = 0.0f;
-      for (int m = 0; m < kBfChannels; ++m) {
-        const float w_re = bin[6 * j + 2 * m], w_im = bin[6 * j + 2 * m + 1];
-        const float x_re = f[m][k], x_im = f[m][kBfFftLen - k];
-        re += w_re * x_re - w_im * x_im;
-        im += w_im * x_re + w_re * x_im;
-      }
-      blocked[j][k] = re;
-      blocked[j][kBfFftLen - k] = im;
-    }
-  }
+  float work[kBfFftLen];
+  CopyBlock(fbf, work);
+  ifft_rel(work, kBfFftLen, kBfFftOrder);
+  FrameShiftSave(st->td_fbf_out, work + kHalf);
 
   // Each blocking output goes back to time so that its reference spectrum
   // is that of the last two hops, as overlap-save filtering needs.
   float ref[kOutputs][kBfFftLen];
-  float filtered[kOutputs][kBfFftLen];
-  for (int j = 0; j < kOutputs; ++j) {
-    ifft_rel(blocked[j], kBfFftLen, kBfFftOrder);
-    FrameShiftSave(st->td_bm_out[j], blocked[j] + kHalf);
-    FFT(st->td_bm_out[j], ref[j]);
-    FreqFilter(ref[j], st->fd_g[j], filtered[j]);
-  }
   float noise_est[kBfFftLen];
-  for (int i = 0; i < kBfFftLen; ++i) noise_est[i] = filtered[0][i] + filtered[1][i] + filtered[2][i];
+  for (int j = 0; j < kOutputs; ++j) {
+    BlockingOutput(bm, j, f, work);
+    ifft_rel(work, kBfFftLen, kBfFftOrder);
+    FrameShiftSave(st->td_bm_out[j], work + kHalf);
+    CopyBlock(st->td_bm_out[j], ref[j]);
+    fft_rel(ref[j], kBfFftLen, kBfFftOrder);
+    FreqFilter(ref[j], st->fd_g[j], j == 0 ? noise_est : work);
+    if (j > 0)
+      for (int i = 0; i < kBfFftLen; ++i) noise_est[i] += work[i];
+  }
   ifft_rel(noise_est, kBfFftLen, kBfFftOrder);
 
-  for (int n = 0; n < kHalf; ++n) out[n] = st->td_fbf_out[n + kHalf / 2] - noise_est[n + kHalf];
-
-  if (GscVad(st, ref, fbf) == 0) UpdateFilter(st, out, ref);
+  // The output is formed in place in the first half of the noise estimate
+  // (each sample reads one 256 further on) and only copied out after the
+  // detector has read the fixed beam: out may be the fixed beam's buffer.
+  for (int n = 0; n < kHalf; ++n) noise_est[n] = st->td_fbf_out[n + kHalf / 2] - noise_est[n + kHalf];
+  const int speech = GscVad(st, ref, fbf);
+  for (int n = 0; n < kHalf; ++n) out[n] = noise_est[n];
+  if (speech == 0) UpdateFilter(st, noise_est, ref);
 }
 
 int GscVad(T_AudioDspState* st, float bm_f[3][512], float* fbf_f) {
@@ -153,22 +170,24 @@ void UpdateFilter(T_AudioDspState* st, float* td_out, float fd_ref[3][512]) {
     }
   }
 
-  // Constrain: keep the filters causal (256 taps) and their joint norm capped.
-  float taps[kOutputs][kBfFftLen];
+  // Constrain: keep the filters causal (256 taps) and their joint norm
+  // capped. The taps are formed in place in the state: the norm needs all
+  // three filters before any can be scaled, and a separate copy of them
+  // would cost 6 KB of stack.
   float energy = 0.0f;
   for (int j = 0; j < kOutputs; ++j) {
-    IFFT(st->fd_g[j], taps[j]);
-    for (int n = 0; n < kHalf; ++n) energy += taps[j][n] * taps[j][n];
+    ifft_rel(st->fd_g[j], kBfFftLen, kBfFftOrder);
+    for (int n = 0; n < kHalf; ++n) energy += st->fd_g[j][n] * st->fd_g[j][n];
   }
   const float norm = std::sqrt(energy);
   if (norm > kTapNormLimit) {
     const float scale = kTapNormLimit / norm;
     for (int j = 0; j < kOutputs; ++j)
-      for (int n = 0; n < kHalf; ++n) taps[j][n] *= scale;
+      for (int n = 0; n < kHalf; ++n) st->fd_g[j][n] *= scale;
   }
   for (int j = 0; j < kOutputs; ++j) {
-    for (int n = kHalf; n < kBfFftLen; ++n) taps[j][n] = 0.0f;
-    FFT(taps[j], st->fd_g[j]);
+    for (int n = kHalf; n < kBfFftLen; ++n) st->fd_g[j][n] = 0.0f;
+    fft_rel(st->fd_g[j], kBfFftLen, kBfFftOrder);
   }
 }
 

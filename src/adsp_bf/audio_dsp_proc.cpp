@@ -29,6 +29,37 @@ void WindowedSpectrum(const float* au, float* spec) {
   fft_rel(spec, kBfFftLen, kBfFftOrder);
 }
 
+// The multi-beam and direction steps run in functions of their own, kept
+// out of line: their blocks then live on the stack only while they run, not
+// through the whole hop and the adaptive beam's deeper calls.
+[[gnu::noinline]] void MultiBeamOutputs(T_AudioDspState* st, float spec[kBfChannels][kBfFftLen], int angle) {
+  // One beam at a time: each is consumed before the next is formed.
+  float beam[kBfFftLen];
+  MbfCarry carry;
+  for (int b = 0; b < kBfChannels; ++b) {
+    MbfBeam(spec, beam, b, angle, carry);
+    ifft_rel(beam, kBfFftLen, kBfFftOrder);
+    Float2PCM(beam + kBfHop, st->inner_data_exchange.mbf_au[b], kBfHop);
+  }
+}
+
+[[gnu::noinline]] int TrackDirection(T_AudioDspState* st) {
+  float windowed[kBfChannels][kBfFftLen];
+  for (int m = 0; m < kBfChannels; ++m) WindowedSpectrum(st->au[m], windowed[m]);
+  return DOA(st, windowed);
+}
+
+[[gnu::noinline]] void SpeechNoiseWeights(T_AudioDspState* st) {
+  for (int h = kBfHistory - 1; h > 0; --h)
+    CopyData(st->speech_noise_weight[h], st->speech_noise_weight[h - 1], kBfNumBins);
+  // Only microphone row 0 feeds the weights, so only its spectrum is formed.
+  float windowed[kBfFftLen];
+  WindowedSpectrum(st->au[0], windowed);
+  float psd[kBfFftLen / 2];
+  GetDoaPsd(windowed, psd, kBfFftLen);
+  GetBfWeight(psd, st->ns_psd, st->speech_noise_weight[0], kBfFftLen / 2);
+}
+
 }  // namespace
 
 int BfParamCheck(T_AudioDspParam* pm) {
@@ -80,28 +111,12 @@ int BfProc(T_AudioDspParam* pm, short* inp, short* out, short* mic_order) {
     fft_rel(spec[m], kBfFftLen, kBfFftOrder);
   }
 
-  if (pm->inner_interface_flag == 1) {
-    float beams[kBfChannels][kBfFftLen];
-    VornMbf(spec, beams, pm->bf_azimuth);
-    for (int b = 0; b < kBfChannels; ++b) {
-      ifft_rel(beams[b], kBfFftLen, kBfFftOrder);
-      Float2PCM(beams[b] + kBfHop, st->inner_data_exchange.mbf_au[b], kBfHop);
-    }
-  }
-
+  if (pm->inner_interface_flag == 1) MultiBeamOutputs(st, spec, pm->bf_azimuth);
   if (st->doa_update_flag != 0 && pm->ext_doa_update_flag != 0) {
     if (pm->doa_flag == 1) {
-      float windowed[kBfChannels][kBfFftLen];
-      for (int m = 0; m < kBfChannels; ++m) WindowedSpectrum(st->au[m], windowed[m]);
-      pm->azimuth = DOA(st, windowed);
+      pm->azimuth = TrackDirection(st);
     } else if (pm->doa_flag == 3) {
-      for (int h = kBfHistory - 1; h > 0; --h) CopyData(st->speech_noise_weight[h], st->speech_noise_weight[h - 1], kBfNumBins);
-      // Only microphone row 0 feeds the weights, so only its spectrum is formed.
-      float windowed[kBfFftLen];
-      WindowedSpectrum(st->au[0], windowed);
-      float psd[kBfFftLen / 2];
-      GetDoaPsd(windowed, psd, kBfFftLen);
-      GetBfWeight(psd, st->ns_psd, st->speech_noise_weight[0], kBfFftLen / 2);
+      SpeechNoiseWeights(st);
     }
   }
 

@@ -12,9 +12,10 @@ namespace vorn {
 
 void BF(T_AudioDspState* st, float f[3][512], float* out, int fbf_type, int angle) {
   if (fbf_type == 3 || fbf_type == 4) {
-    float fixed_beam[kBfFftLen];
-    FixedBF(f, fixed_beam, fbf_type, angle);
-    Adapt_GSC(st, f, fixed_beam, angle, out);
+    // The fixed beam is formed in the output block itself: the canceller
+    // reads it before it writes its samples there.
+    FixedBF(f, out, fbf_type, angle);
+    Adapt_GSC(st, f, out, angle, out);
     return;
   }
   FixedBF(f, out, fbf_type, angle);

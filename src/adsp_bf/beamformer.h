@@ -13,7 +13,7 @@ namespace vorn {
 void BF(T_AudioDspState* st, float f[3][512], float* out, int fbf_type, int angle);
 
 // Adaptive beam for look direction angle (0, 60, otherwise 300): fbf is the
-// fixed-beam spectrum, out receives 256 samples.
+// fixed-beam spectrum, out receives 256 samples; out may be fbf itself.
 void Adapt_GSC(T_AudioDspState* st, float f[3][512], float* fbf, int angle, float* out);
 // Speech detector of the GSC on the reference spectra bm_f and the fixed beam:
 // 1 = speech (do not adapt), 0 = not.
@@ -24,5 +24,14 @@ void UpdateFilter(T_AudioDspState* st, float* td_out, float fd_ref[3][512]);
 // Three delay-and-sum beam spectra steered to angle, angle + 120 and
 // angle + 240 degrees.
 void VornMbf(float f[3][512], float out[3][512], int angle);
+
+// The edge-bin accumulators the beams of one hop hand on to the next beam.
+struct MbfCarry {
+  float re = 0.0f;       // bin 0, then the real part of each bin 1..255
+  float nyquist = 0.0f;  // bin 256, summed across the beams
+};
+// Beam b (0, 1, 2) of VornMbf into y, given the carries of beams 0..b-1;
+// called for b = 0, 1, 2 in turn it forms the same beams one block at a time.
+void MbfBeam(float f[3][512], float* y, int b, int angle, MbfCarry& carry);
 
 }  // namespace vorn

@@ -25,8 +25,7 @@ namespace vorn {
 
 namespace {
 
-constexpr int kNsScratchBytes = 256000;  // block handed to the private suppressor
-constexpr int kNsRegionBytes = 64000;    // size it is told it has
+constexpr int kNsRegionBytes = 64000;  // size the private suppressor is told it has
 constexpr int kMaxStretch = 16384;       // samples after the first frame, i.e. 64 hops
 
 // First direction with the largest score summed over the newest `hops` hops.
@@ -42,6 +41,30 @@ int CoarseBest(const T_AudioDspState* st, int hops) {
     }
   }
   return best_dir;
+}
+
+// Scores one frame of the stretch into the newest history entry. Kept out
+// of line so that its spectra are on the stack only while it runs, not
+// under the suppressor's own calls.
+[[gnu::noinline]] void ScoreHop(T_AudioDspState* st, const short* frame, const short order[kBfChannels],
+                                float* noise) {
+  // Slot 0's spectrum is only needed for the weights, so it borrows the
+  // block of microphone row 0's spectrum, formed after it.
+  float spec[kBfChannels][kBfFftLen];
+  float* spec0 = spec[0];
+  for (int n = 0; n < kBfFftLen; ++n) spec0[n] = static_cast<float>(frame[kBfChannels * n]) * hanmming_win[n];
+  fft_rel(spec0, kBfFftLen, kBfFftOrder);
+  float psd[kBfFftLen / 2];
+  GetDoaPsd(spec0, psd, kBfFftLen);
+  float weight[kBfFftLen / 2];
+  GetBfWeight(psd, noise, weight, kBfFftLen / 2);
+
+  for (int m = 0; m < kBfChannels; ++m) {
+    for (int n = 0; n < kBfFftLen; ++n)
+      spec[m][n] = static_cast<float>(frame[kBfChannels * n + order[m]]) * hanmming_win[n];
+    fft_rel(spec[m], kBfFftLen, kBfFftOrder);
+  }
+  DoaSelectBfElevationAzimuth(st, spec, weight);
 }
 
 }  // namespace
@@ -72,10 +95,13 @@ int VornDoaProc(T_AudioDspParam* pm, short* inp, short* mic_order, int sample_le
   short order[kBfChannels];
   if (!TakeMicOrder(mic_order, order)) return kBfErrParam;  // slot outside the frame
 
-  alignas(16) unsigned char ns_block[kNsScratchBytes];
-  std::memset(ns_block, 0, sizeof(ns_block));
+  // The suppressor reads and writes its state record and nothing past it,
+  // so the block on the stack is that record alone (56 KB), although the
+  // suppressor is told of the region every instance gets.
+  alignas(16) T_AdspNsState ns_block;
+  std::memset(&ns_block, 0, sizeof(ns_block));
   T_AdspNsParam ns_pm;
-  ns_pm.p_data = ns_block;
+  ns_pm.p_data = &ns_block;
   ns_pm.buff_size = kNsRegionBytes;
   ns_pm.param_size = kNsParamSize;
   ns_pm.data_type = kNsDataTimeDomain;
@@ -103,21 +129,7 @@ int VornDoaProc(T_AudioDspParam* pm, short* inp, short* mic_order, int sample_le
     AdspNsProc(&ns_pm, nullptr, nullptr, nullptr, slot0, ns_audio);
     AdspNsProc(&ns_pm, nullptr, nullptr, nullptr, slot0 + kBfHop, ns_audio);
 
-    float spec0[kBfFftLen];
-    for (int n = 0; n < kBfFftLen; ++n) spec0[n] = static_cast<float>(slot0[n]) * hanmming_win[n];
-    fft_rel(spec0, kBfFftLen, kBfFftOrder);
-    float psd[kBfFftLen / 2];
-    GetDoaPsd(spec0, psd, kBfFftLen);
-    float weight[kBfFftLen / 2];
-    GetBfWeight(psd, ns_st->lambda_d, weight, kBfFftLen / 2);
-
-    float spec[kBfChannels][kBfFftLen];
-    for (int m = 0; m < kBfChannels; ++m) {
-      for (int n = 0; n < kBfFftLen; ++n)
-        spec[m][n] = static_cast<float>(frame[kBfChannels * n + order[m]]) * hanmming_win[n];
-      fft_rel(spec[m], kBfFftLen, kBfFftOrder);
-    }
-    DoaSelectBfElevationAzimuth(st, spec, weight);
+    ScoreHop(st, frame, order, ns_st->lambda_d);
   }
 
   // With no hop scored every sum is 0 and every search keeps direction 0;

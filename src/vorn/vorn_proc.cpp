@@ -69,7 +69,9 @@ void RefreshNsParams(const T_VornParam* pm, TVornState* st) {
 int CancelEcho(const T_VornParam* pm, TVornState* st, const short* near, const short* ref, short* out,
                short* vad_in, float* subcoh) {
   void* aec = AecInstanceOf(st);
-  float near_f[kAecBlock], far_f[kAecBlock], asr[kAecBlock], com[kAecBlock];
+  // The canceller writes only the outputs selected when it was initialised;
+  // an output it does not produce reads as silence.
+  float near_f[kAecBlock], far_f[kAecBlock], asr[kAecBlock] = {}, com[kAecBlock] = {};
   for (int block = 0; block < kFrameLen / kAecBlock; ++block) {
     const int at = block * kAecBlock;
     for (int i = 0; i < kAecBlock; ++i) {

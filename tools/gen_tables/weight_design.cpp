@@ -107,13 +107,34 @@ BlockingMatrix Blocking(double az_deg) {
   BlockingMatrix bm;
   for (int k = 0; k < kBins; ++k) {
     const MicVector d = Steering(k, az_deg);
-    for (int out = 0; out < 3; ++out)
+    const Matrix3 diffuse = DiffuseNoise(k);
+    for (int out = 0; out < 3; ++out) {
+      MicVector b;
       for (int m = 0; m < 3; ++m) {
         const Complex aligned = out == m ? std::conj(d[m]) : Complex(0.0);
-        bm[k][out][m] = CommonDelay(k) * (aligned - std::conj(d[m]) / 3.0);
+        b[m] = CommonDelay(k) * (aligned - std::conj(d[m]) / 3.0);
       }
+      // Output power for a diffuse field of unit power per microphone:
+      // E|sum_m b_m X_m|^2 = sum_mn b_m Gamma_mn conj(b_n).
+      double power = 0.0;
+      for (int m = 0; m < 3; ++m)
+        for (int n = 0; n < 3; ++n) power += std::real(b[m] * diffuse[m][n] * std::conj(b[n]));
+      const double gain = BlockingGain(power);
+      for (int m = 0; m < 3; ++m) bm[k][out][m] = gain * b[m];
+    }
   }
   return bm;
+}
+
+double BlockingGain(double diffuse_power) {
+  // The projection's largest weight is 2/3 of the gain: the upper limit
+  // keeps every weight at most kBlockingMaxWeight. A power of 0 (the DC
+  // bin, where the field is fully coherent) takes the limit as well.
+  constexpr double kMaxGain = kBlockingMaxWeight * 1.5;
+  if (!(diffuse_power > 1.0 / (kMaxGain * kMaxGain))) return kMaxGain;
+  const double gain = 1.0 / std::sqrt(diffuse_power);
+  constexpr double kMinGain = kBlockingMinWeight * 3.0;  // smallest weight is 1/3 of the gain
+  return gain < kMinGain ? kMinGain : gain;
 }
 
 }  // namespace vorn::gen

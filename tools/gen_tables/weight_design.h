@@ -31,7 +31,20 @@ WeightSet MvdrDiffuse(double az_deg, double radius_samples = kRadiusSamples);
 WeightSet LeastSquaresInPlane(double az_deg);
 
 // Three outputs, each microphone j aligned to the look direction minus the
-// aligned average of all three: every output nulls a plane wave from az.
+// aligned average of all three, so that every output nulls a plane wave from
+// az. Each output is then scaled per bin so that a diffuse field reaches it
+// with the power it has at one microphone (BlockingGain): the references
+// stay as strong as the noise they describe at every frequency, instead of
+// fading where the microphones are coherent.
 BlockingMatrix Blocking(double az_deg);
+
+// Limits of the blocking weights' magnitudes: the normalising gain is held
+// between kBlockingMinWeight * 3 and kBlockingMaxWeight * 1.5.
+constexpr double kBlockingMinWeight = 0.2;
+constexpr double kBlockingMaxWeight = 1.9;
+
+// Gain that brings an output whose diffuse-field power (per unit power at
+// one microphone) is diffuse_power up to unit power, within those limits.
+double BlockingGain(double diffuse_power);
 
 }  // namespace vorn::gen

@@ -1,0 +1,46 @@
+// The systems the quality bench compares, each run over a whole rendered
+// scene frame by frame as a device would: Vorn through its public API, the
+// unprocessed first microphone, and (when built with it) the peer library.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "scene/scene.h"
+
+namespace vorn::bench {
+
+// What a system returns for one scene: its mono output (frames of 256
+// samples, as long as the whole frames of the capture), a speech flag and an
+// azimuth per frame (empty when it has none), and the utterance-level
+// direction (negative when not run).
+struct SystemRun {
+  Signal output;
+  std::vector<std::uint8_t> speech;
+  std::vector<double> azimuth_deg;
+  double utterance_azimuth_deg = -1.0;
+};
+
+// One Vorn configuration: the switches a caller sets on every frame.
+struct VornConfig {
+  std::string name;
+  int agc = 0, bf = 0, doa = 0, aec = 0, ns = 0, vad_mode = 1;
+  bool steer_to_talker = false;  // bf_azimuth from the truth (a fixed beam aimed by the device)
+  bool utterance_doa = false;    // also VornDoa (doa_flag 2) over the talker's window
+};
+
+// Whole frames in an interleaved three-microphone capture.
+std::size_t WholeFrames(const RenderedScene& rendered);
+
+// The table azimuth nearest to `azimuth_deg` (multiples of 5 in 0..355).
+int TableAzimuth(double azimuth_deg);
+
+bool RunVorn(const VornConfig& config, const Scene& scene, const RenderedScene& rendered, SystemRun* run,
+             std::string* error);
+
+// Microphone 0 as it is; its speech flag says every frame is speech (the
+// detector that never misses), and it has no direction.
+SystemRun RunUnprocessed(const RenderedScene& rendered);
+
+}  // namespace vorn::bench

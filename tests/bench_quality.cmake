@@ -1,0 +1,2 @@
+# The quality bench's runner and scoring steps have their own test.
+target_link_libraries(test_bench_quality PRIVATE vorn_quality)

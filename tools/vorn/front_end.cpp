@@ -1,0 +1,130 @@
+// Driving the library with a mode and per-switch overrides.
+//
+// Every init rebuilds the per-mode switch sets (the built-in ones, or the
+// configuration file's, which replace them wholesale), and each frame copies
+// the selected mode's set into the active fields. Overrides must therefore
+// be in force at init, where the echo canceller takes its post-filter
+// selector, and stay in force on every frame. So the tool initialises twice:
+// once to learn the mode's switches (from the file when there is one), then,
+// with the mode set out of range so that the active fields are judged as the
+// tool filled them, with the overridden switches; afterwards the mode's set
+// is made to hold the same switches and the mode is selected again, so every
+// frame runs with exactly what init saw. The filter file path of mode 0,
+// which init reads, survives the second init because defaults never touch it.
+#include "front_end.h"
+
+#include <cstring>
+
+namespace vorn::cli {
+namespace {
+
+// The library refuses less than this, although its size query reports less.
+constexpr int kStateBytes = 1000000;
+
+const char* CheckFailure(int code) {
+  switch (code) {
+    case 1: return "missing state buffer";
+    case 2: return "state buffer too small";
+    case 3: return "the library was built with another parameter layout";
+    case 4: return "agc must be 0..2";
+    case 5: return "aec must be 0..3";
+    case 6: return "doa must be 0..3";
+    case 7: return "ns must be 0..2";
+    case 8: return "bf must be 0..7";
+    case 9: return "azimuth must be 0..359, and 0, 60 or 300 with bf 3 or 4";
+    case 10: return "vad-mode must be 1 or 2";
+    case 100: return "the gain control or the echo canceller failed to initialise";
+    default: return nullptr;
+  }
+}
+
+}  // namespace
+
+FrontEnd::FrontEnd() : state_(kStateBytes) {
+  pm_.p_data = state_.data();
+  pm_.buff_size = kStateBytes;
+  pm_.param_size = static_cast<int32_t>(sizeof(T_VornParam));
+  pm_.doa_update_flag = 1;  // let the suppressor's noise estimate steer direction finding
+}
+
+std::string FrontEnd::Explain(int code, const char* stage) const {
+  const char* text = CheckFailure(code);
+  std::string message = std::string(stage) + " failed (code " + std::to_string(code) + ")";
+  if (text != nullptr) message += ": " + std::string(text);
+  return message;
+}
+
+bool FrontEnd::LoadModes(int mode, const std::string& config_path, std::string* error) {
+  mode_ = mode;
+  config_path_ = config_path;
+  pm_.vorn_mode = mode;
+  std::vector<char> path(config_path.begin(), config_path.end());
+  path.push_back('\0');
+  const int code = VornInit(&pm_, config_path.empty() ? nullptr : path.data());
+  if (code == -1) {
+    *error = config_path + ": cannot load the configuration file";
+    return false;
+  }
+  // Any other failure judged the mode's switches before the overrides;
+  // Start() judges the final ones.
+  return true;
+}
+
+Switches FrontEnd::ModeSwitches() const {
+  const T_VornKey& key = pm_.in_argv[mode_];
+  return {key.agc_flag, key.bf_flag, key.doa_flag, key.aec_flag, key.ns_flag, key.bf_azimuth, key.vad_mode};
+}
+
+bool FrontEnd::Start(const Switches& s, std::string* error) {
+  pm_.vorn_mode = -1;
+  pm_.agc_flag = s.agc;
+  pm_.bf_flag = s.bf;
+  pm_.doa_flag = s.doa;
+  pm_.aec_flag = s.aec;
+  pm_.ns_flag = s.ns;
+  pm_.bf_azimuth = s.azimuth;
+  pm_.vad_mode = s.vad_mode;
+  const int code = VornInit(&pm_, nullptr);
+  if (code != 0) {
+    std::string where = "mode " + std::string(mode_ == 0 ? "wakeup" : mode_ == 1 ? "asr" : "comm");
+    if (!config_path_.empty()) where += " of " + config_path_;
+    *error = Explain(code, ("initialisation with " + where).c_str());
+    return false;
+  }
+  T_VornKey& key = pm_.in_argv[mode_];
+  key.agc_flag = s.agc;
+  key.bf_flag = s.bf;
+  key.doa_flag = s.doa;
+  key.aec_flag = s.aec;
+  key.ns_flag = s.ns;
+  key.bf_azimuth = s.azimuth;
+  key.vad_mode = s.vad_mode;
+  pm_.vorn_mode = mode_;
+  return true;
+}
+
+int FrontEnd::Process(const int16_t* mics, const int16_t* reference, int16_t* out) {
+  // The entry point takes non-const buffers; it only reads the inputs.
+  short input[kMics * kFrameSamples];
+  short ref[kFrameSamples];
+  std::memcpy(input, mics, sizeof input);
+  if (reference != nullptr) std::memcpy(ref, reference, sizeof ref);
+  return VornProc(&pm_, input, reference != nullptr ? ref : nullptr, out, mic_order_);
+}
+
+int FrontEnd::UtteranceDirection(int doa_flag, const int16_t* mics, int samples_per_channel, int* azimuth_deg) {
+  // The search reads the active switches as they stand and leaves its result
+  // in the azimuth field, which the next frame would pass on; both are put
+  // back so that asking for a direction never changes the processing.
+  const int32_t saved_doa = pm_.doa_flag;
+  const int32_t saved_azimuth = pm_.azimuth;
+  std::vector<short> block(mics, mics + static_cast<size_t>(kMics) * static_cast<size_t>(samples_per_channel));
+  pm_.doa_flag = doa_flag;
+  const int code = VornDoa(&pm_, block.data(), mic_order_, samples_per_channel);
+  *azimuth_deg = pm_.azimuth;
+  pm_.doa_flag = saved_doa;
+  pm_.azimuth = saved_azimuth;
+  return code;
+}
+
+}  // namespace vorn::cli

@@ -1,0 +1,54 @@
+// The library as `vorn` drives it: one instance, its mode and switches, one
+// frame at a time, and the utterance direction search.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "vorn_proc.h"
+
+namespace vorn::cli {
+
+constexpr int kFrameSamples = 256;  // per channel, 16 ms at 16 kHz
+constexpr int kMics = 3;
+
+struct Switches {
+  int agc = 0, bf = 0, doa = 0, aec = 0, ns = 0, azimuth = 0, vad_mode = 0;
+};
+
+class FrontEnd {
+ public:
+  FrontEnd();
+
+  // Reads the modes' switches: the built-in ones, or those of the
+  // configuration file when `config_path` is not empty.
+  bool LoadModes(int mode, const std::string& config_path, std::string* error);
+  // The selected mode's switches as loaded.
+  Switches ModeSwitches() const;
+  // Prepares every module with `switches` in force for the mode.
+  bool Start(const Switches& switches, std::string* error);
+
+  // One frame: kMics x kFrameSamples interleaved values, kFrameSamples of
+  // reference (null without one) and kFrameSamples out. Returns the
+  // library's code.
+  int Process(const int16_t* mics, const int16_t* reference, int16_t* out);
+  int vad_flag() const { return pm_.vad_flag; }
+  int azimuth() const { return pm_.azimuth; }
+
+  // Direction of the talker over `samples_per_channel` interleaved samples
+  // with the direction search `doa_flag` (1 reads the per-frame history, 2
+  // and 3 search the samples). The per-frame switches stay as they were.
+  int UtteranceDirection(int doa_flag, const int16_t* mics, int samples_per_channel, int* azimuth_deg);
+
+ private:
+  std::string Explain(int code, const char* stage) const;
+
+  std::vector<unsigned char> state_;
+  T_VornParam pm_{};
+  short mic_order_[kMics] = {0, 1, 2};
+  int mode_ = 0;
+  std::string config_path_;
+};
+
+}  // namespace vorn::cli
