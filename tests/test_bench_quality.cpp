@@ -180,6 +180,44 @@ TEST(BenchQuality, VornRunReportsDirectionPerFrameAndRefusesBadSwitches) {
   EXPECT_NE(error.find("VornInit returned 8"), std::string::npos) << error;
 }
 
+// The per-frame azimuth is a plain mean of the tracker's last 64 decisions
+// (about a second), and every hop the caller permits adds one, pauses
+// included. In a quiet anechoic room the decisions on speech land near the
+// talker, so a caller that permits updates only while the talker speaks gets
+// a usable track; a caller that always permits them mixes in the pauses'
+// scattered decisions, whose mean sits near 180 degrees, and the track leans
+// that way. The talker is placed well away from 180 and from the 0/360 seam
+// so that the two runs can be told apart.
+TEST(BenchQuality, TrackingFollowsTheTalkerWhenUpdatesArePermittedOnSpeechOnly) {
+  Scene scene;
+  scene.room.rt60_s = 0.0;
+  scene.seed = 7;
+  scene.duration_s = 6.0;
+  scene.far_begin_s = scene.far_end_s = 0.0;
+  scene.talker_begin_s = 1.0;
+  scene.talker_end_s = 6.0;
+  scene.azimuth_deg = 99.0;
+  scene.noises.push_back({NoiseKind::kDiffuse, NoiseColour::kPink, 30.0});
+  scene.noises.push_back({NoiseKind::kSensor, NoiseColour::kWhite, 40.0});
+  RenderedScene rendered;
+  std::string error;
+  ASSERT_TRUE(RenderScene(scene, &rendered, &error)) << error;
+
+  VornConfig config{"array", 0, 2, 1, 1, 1, 2, true, false};
+  SystemRun always;
+  ASSERT_TRUE(RunVorn(config, scene, rendered, &always, &error)) << error;
+  config.doa_updates_on_speech = true;
+  SystemRun on_speech;
+  ASSERT_TRUE(RunVorn(config, scene, rendered, &on_speech, &error)) << error;
+
+  constexpr std::size_t kSettle = 62;
+  const DoaScores gated = ScoreTracking(on_speech.azimuth_deg, rendered.truth.speech, 0, scene.azimuth_deg, kSettle);
+  const DoaScores ungated = ScoreTracking(always.azimuth_deg, rendered.truth.speech, 0, scene.azimuth_deg, kSettle);
+  EXPECT_LT(gated.mean_error_deg, 12.0);
+  EXPECT_GT(gated.share_within_10, 0.7);
+  EXPECT_GT(ungated.mean_error_deg, gated.mean_error_deg + 10.0);
+}
+
 TEST(BenchQuality, GridNamesAreUniqueAndTasksAreAllPresent) {
   const auto scenes = AllScenes();
   std::set<std::string> names;

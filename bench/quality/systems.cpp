@@ -62,6 +62,8 @@ bool RunVorn(const VornConfig& config, const Scene& scene, const RenderedScene& 
   *run = SystemRun{};
   run->output.reserve(frames * kFrame);
   for (std::size_t f = 0; f < frames; ++f) {
+    if (config.doa_updates_on_speech)
+      pm.doa_update_flag = f < rendered.truth.speech.size() && rendered.truth.speech[f] != 0 ? 1 : 0;
     const int code = VornProc(&pm, &mics[f * kMics * kFrame], &reference[f * kFrame], out, order);
     // The chain reports a module's own status codes per frame; only the
     // parameter checks (1..10) mean the frame was not processed.
@@ -78,6 +80,7 @@ bool RunVorn(const VornConfig& config, const Scene& scene, const RenderedScene& 
     std::size_t end = static_cast<std::size_t>(scene.talker_end_s * kSampleRate);
     if (end > frames * kFrame) end = frames * kFrame;
     pm.doa_flag = 2;
+    pm.doa_update_flag = 1;
     if (const int code = VornDoa(&pm, &mics[begin * kMics], order, static_cast<int>(end - begin)); code != 0) {
       *error = Failure("VornDoa", code);
       return false;

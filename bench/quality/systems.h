@@ -19,6 +19,9 @@ struct SystemRun {
   Signal output;
   std::vector<std::uint8_t> speech;
   std::vector<double> azimuth_deg;
+  // The same chain's per-frame azimuth when the caller lets the tracker
+  // update only on frames where the talker speaks (empty when not run).
+  std::vector<double> gated_azimuth_deg;
   double utterance_azimuth_deg = -1.0;
 };
 
@@ -28,6 +31,9 @@ struct VornConfig {
   int agc = 0, bf = 0, doa = 0, aec = 0, ns = 0, vad_mode = 1;
   bool steer_to_talker = false;  // bf_azimuth from the truth (a fixed beam aimed by the device)
   bool utterance_doa = false;    // also VornDoa (doa_flag 2) over the talker's window
+  // doa_update_flag from the scene's speech labels on every frame: a caller
+  // that holds the tracker while nobody talks, with a perfect speech detector.
+  bool doa_updates_on_speech = false;
 };
 
 // Whole frames in an interleaved three-microphone capture.

@@ -29,7 +29,7 @@ constexpr int kBfErrNull = 1;
 constexpr int kBfErrParam = 2;
 constexpr int kBfErrNotReady = 201;  // DOA asked before any hop / private suppressor failed
 
-typedef struct _AudioDspParam {
+typedef struct AudioDspParam {
   void* p_data;              // the T_AudioDspState, caller-owned
   int buff_size;             // bytes at p_data
   int param_size;            // sizeof(T_AudioDspParam), must be kBfParamSize
@@ -55,7 +55,7 @@ struct TBfModelDataExchange {
   short mbf_au[3][kBfHop];
 };
 
-typedef struct _T_AudioDspState {
+typedef struct AudioDspState {
   float noise[kBfNumBins];                   // GSC: smoothed reference power per bin
   float fd_g[kBfChannels][kBfFftLen];        // GSC: adaptive filters, packed spectra
   float td_bm_out[kBfChannels][kBfFftLen];   // GSC: blocking outputs, last two hops

@@ -33,7 +33,7 @@ struct TNsModelDataExchange {
   short mbf_au[3][256];
 };
 
-typedef struct _AdspNsParam {
+typedef struct AdspNsParam {
   void *p_data;                // the instance's T_AdspNsState
   int buff_size;               // bytes at p_data, at least kNsStateBytes
   int param_size;              // sizeof(T_AdspNsParam), must be kNsParamSize
