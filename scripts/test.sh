@@ -16,3 +16,9 @@ cmake -S . -B build/asan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVORN_WERROR=ON \
 cmake --build build/asan -j"$jobs"
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
   ctest --test-dir build/asan --output-on-failure -j"$jobs"
+
+# The two builds must agree byte for byte on the tools' output.
+scripts/check_determinism.sh build/release build/asan
+
+# Replay-free short fuzzing of every target (a longer run: scripts/fuzz.sh).
+FUZZ_BUILD_JOBS="$jobs" scripts/fuzz.sh 10

@@ -294,24 +294,5 @@ TEST(VornProc, BothCancellerOutputsFeedTheirConsumers) {
   std::filesystem::remove_all(dir);
 }
 
-TEST(VornProc, AlignmentOfTheCallersBufferDoesNotMatter) {
-  const std::string dir = test::MakeTempDir("align");
-  Scene s = EchoScene(0.5, 2000.0, 31);
-  std::vector<short> first;
-  for (std::size_t offset : {0u, 1u, 3u, 8u, 13u}) {
-    SCOPED_TRACE(offset);
-    FrontEnd fe(0, offset);
-    ASSERT_EQ(InitWithMode0(fe, dir, 1, 4, 3, 2, 1), 0);
-    fe.pm.in_argv[0].doa_flag = 1;
-    const RunOutput r = Process(fe, s);
-    ASSERT_EQ(r.rc, 0);
-    if (first.empty())
-      first = r.out;
-    else
-      EXPECT_EQ(r.out, first);
-  }
-  std::filesystem::remove_all(dir);
-}
-
 }  // namespace
 }  // namespace vorn

@@ -41,10 +41,14 @@ void doaTest(T_VornParam* pm, int headLen, int fLen, int /*refChan*/) {
     system_pause_win(1);
     exit(1);
   }
-  printf("%d\n", pm->azimuth);
-  fflush(stdout);
   free(samples);
   free(copy);
+  // The azimuth is the pass's only result: losing it is a failure.
+  if (printf("%d\n", pm->azimuth) < 0 || fflush(stdout) != 0) {
+    fprintf(stderr, "write error: stdout\n");
+    system_pause_win(1);
+    exit(1);
+  }
 }
 
 }  // namespace vorn::tool

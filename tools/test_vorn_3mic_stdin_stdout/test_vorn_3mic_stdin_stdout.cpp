@@ -9,10 +9,14 @@
 // input; an output name starting with "stdout" writes to standard output.
 // The interface, its messages and exit statuses are kept as existing capture
 // scripts expect them; the few additions (a missing output directory, the
-// DOA pass on standard input) are noted where they happen.
+// DOA pass on standard input, read and write failures, closed standard
+// streams) are noted where they happen.
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -78,6 +82,25 @@ const char* Extension(const char* name) {
 }
 
 bool StartsWith(const char* s, const char* prefix) { return strncmp(s, prefix, strlen(prefix)) == 0; }
+
+// A standard stream the caller closed would otherwise hand its descriptor to
+// the next file opened, and the azimuth or a message would land inside the
+// output audio. Each closed one gets /dev/null opened the wrong way round:
+// the number is taken, and any use of the stream fails and is reported.
+void GuardStandardStreams() {
+  const int unusable[3] = {O_WRONLY, O_RDONLY, O_RDONLY};
+  for (int fd = 0; fd <= 2; ++fd) {
+    if (fcntl(fd, F_GETFD) != -1 || errno != EBADF) continue;
+    const int got = open("/dev/null", unusable[fd]);
+    if (got != fd && got >= 0) {
+      dup2(got, fd);
+      close(got);
+    }
+  }
+  // A reader that goes away makes the next write fail with a message instead
+  // of killing the tool silently.
+  signal(SIGPIPE, SIG_IGN);
+}
 
 }  // namespace
 
@@ -265,7 +288,16 @@ void ProcessPair(T_VornParam* pm, bool write_vad) {
     }
     break;
   }
-  if (f_vad != nullptr) fflush(f_vad);
+  // The loop also ends on a read failure (a directory given as input, an I/O
+  // error); that must not pass for the end of the capture.
+  if (ferror(f_input)) {
+    fprintf(stderr, "read error: %s\n", in_file_full_name);
+    Fail(1);
+  }
+  if (f_vad != nullptr && (fflush(f_vad) != 0 || ferror(f_vad))) {
+    fprintf(stderr, "write error: %s\n", out_vad_full_name);
+    Fail(1);
+  }
   if (fflush(f_output) != 0) {
     fprintf(stderr, "write error: %s\n", out_file_full_name);
     Fail(1);
@@ -316,6 +348,7 @@ int SplitListLine(char* line, char** words, int max_words) {
 
 int main(int argc, char** argv) {
   using namespace vorn::tool;
+  GuardStandardStreams();
   if (argc < 12) {
     PrintHelp();
     exit(1);
