@@ -198,7 +198,10 @@ TEST_F(VornBadInput, BrokenFilesAndSurroundingsFail) {
   ASSERT_TRUE(WriteBytes(Path("empty.wav"), ""));
   ASSERT_TRUE(WriteBytes(Path("cut.wav"), good.substr(0, 30)));
   ASSERT_TRUE(WriteBytes(Path("huge_fmt.wav"), WavBytes({.fmt_len = 0x7FFFFFF0u, .fmt_pad_cap = 100})));
+  // More output than a pipe holds, so a departed reader is noticed.
+  ASSERT_TRUE(WriteBytes(Path("long.wav"), WavBytes({.datsize = 6 * 48000, .audio_bytes = 6 * 48000})));
   std::filesystem::create_directory(Path("dir.wav"));
+  std::filesystem::create_directory(Path("dir.pcm"));
   std::filesystem::create_symlink("/dev/full", Path("full.pcm"));
   std::filesystem::create_symlink("/dev/full", Path("full.csv"));
   const std::string refused = geteuid() == 0 ? "/proc/vorn_out.wav" : "/nonexistent/vorn_out.wav";
@@ -213,13 +216,20 @@ TEST_F(VornBadInput, BrokenFilesAndSurroundingsFail) {
       {"format chunk claims 2 GiB", kVorn + " process huge_fmt.wav -o out.wav --json",
        "huge_fmt.wav: WAV file without a data chunk"},
       {"missing input", kVorn + " process nothere.wav -o out.wav --json", "nothere.wav: No such file"},
-      {"directory as wav input", kVorn + " process dir.wav -o out.wav --json", "dir.wav: not a WAV file"},
+      {"directory as wav input", kVorn + " process dir.wav -o out.wav --json", "dir.wav: read failed"},
       {"missing nested directory", kVorn + " process in.wav -o a/b/out.wav --json", "a/b/out.wav: No such file"},
       {"directory refuses the file", kVorn + " process in.wav -o " + refused + " --json", refused + ": "},
       {"device full", kVorn + " process in.wav -o full.pcm --json", "full.pcm: write failed"},
       {"speech flags on a full device", kVorn + " process in.wav -o out.wav --vad full.csv --json",
        "full.csv: write failed"},
       {"closed standard output", kVorn + " process in.wav -o - >&-", "standard output: write failed"},
+      {"directory as raw input", kVorn + " process dir.pcm -o out.pcm --json", "dir.pcm: read failed"},
+      {"closed standard input", kVorn + " process - -o out.pcm --json <&-", "standard input: read failed"},
+      {"summary cannot be printed", kVorn + " process in.wav -o summary_lost.wav --json >&-",
+       "standard output: write failed"},
+      {"reader of standard output goes away",
+       "(" + kVorn + " process long.wav -o -; echo $? >status) | head -c 10 >/dev/null; exit $(cat status)",
+       "standard output: write failed"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
@@ -228,6 +238,12 @@ TEST_F(VornBadInput, BrokenFilesAndSurroundingsFail) {
     EXPECT_NE(r.err.find(c.message), std::string::npos) << r.err;
     EXPECT_EQ(r.out, "");  // no summary
   }
+  // The audio of the run whose summary was lost is whole, and nothing else
+  // (the summary through a reused descriptor) landed in it.
+  WavData out;
+  ASSERT_TRUE(ReadWav(Path("summary_lost.wav"), &out));
+  EXPECT_EQ(out.samples.size(), 1024u);
+  EXPECT_EQ(std::filesystem::file_size(Path("summary_lost.wav")), 44u + 2 * 1024);
 }
 
 TEST_F(VornBadInput, OverstatedSizesAreReadAsFarAsTheyGoWithAWarning) {

@@ -11,6 +11,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 
 namespace vorn::cli {
@@ -55,6 +56,10 @@ bool AudioInput::Open(const std::string& path, int raw_channels, std::string* er
 
   unsigned char head[4] = {};
   const size_t got = std::fread(head, 1, sizeof head, stream_);
+  if (std::ferror(stream_) != 0) {
+    *error = display_name_ + ": read failed: " + std::strerror(errno);
+    return false;
+  }
   if (got == 4 && std::memcmp(head, "RIFF", 4) == 0) {
     is_wav_ = true;
     return ReadWavHeader(error);
@@ -196,6 +201,8 @@ size_t AudioInput::ReadBytes(void* dst, size_t count) {
   size_t done = 0;
   while (done < count && pushback_pos_ < pushback_.size()) out[done++] = pushback_[pushback_pos_++];
   if (done < count) done += std::fread(out + done, 1, count - done, stream_);
+  if (done < count && read_error_.empty() && std::ferror(stream_) != 0)
+    read_error_ = display_name_ + ": read failed: " + std::strerror(errno);
   return done;
 }
 

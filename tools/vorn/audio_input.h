@@ -47,6 +47,9 @@ class AudioInput {
   size_t Read(int16_t* interleaved, size_t max_frames);
   // Bytes at the end that did not make a whole sample frame.
   size_t trailing_bytes() const { return trailing_bytes_; }
+  // Why reading stopped early ("" when it reached the end): Read returns 0
+  // on a failed read too, so callers ask here before taking 0 as the end.
+  const std::string& read_error() const { return read_error_; }
 
  private:
   bool ReadWavHeader(std::string* error);
@@ -66,6 +69,7 @@ class AudioInput {
   size_t pushback_pos_ = 0;
   size_t trailing_bytes_ = 0;
   std::string notice_;
+  std::string read_error_;
 };
 
 }  // namespace vorn::cli

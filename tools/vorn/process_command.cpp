@@ -7,6 +7,7 @@
 // completed with silence too, and the user is told where. When a reference
 // is there and the echo canceller is off in the mode and not set on the
 // command line, it is switched on: giving a reference says what is wanted.
+#include <cerrno>
 #include <chrono>
 #include <cstring>
 #include <unistd.h>
@@ -206,6 +207,12 @@ int ProcessRecording(const ProcessOptions& opt, Summary* summary, std::vector<in
     if (got < static_cast<size_t>(kFrameSamples)) break;
   }
   progress.Finish();
+  for (const AudioInput* source : {&input, &reference}) {
+    if (!source->read_error().empty()) {
+      ReportError(source->read_error());
+      return kExitFailure;
+    }
+  }
   summary->direction_deg = direction.Finish(front_end);
   const double wall = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
   if (!output.Close(&error)) {
@@ -254,7 +261,11 @@ int RunProcess(const ProcessOptions& opt) {
   const int status = ProcessRecording(opt, &summary, &speech_flags);
   if (status != kExitOk) return status;
   if (opt.json) {
-    std::fputs(SummaryJson(summary).c_str(), stdout);
+    // The summary is the result a script waits for: losing it is a failure.
+    if (std::fputs(SummaryJson(summary).c_str(), stdout) == EOF || std::fflush(stdout) != 0) {
+      ReportError(std::string("standard output: write failed: ") + std::strerror(errno));
+      return kExitFailure;
+    }
   } else if (isatty(fileno(stderr)) != 0) {
     // A person at a terminal gets the gist; scripts ask for --json.
     const double share = summary.frames > 0 ? 100.0 * static_cast<double>(summary.speech_frames) /
