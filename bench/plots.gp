@@ -51,12 +51,12 @@ set ylabel "Hz"
 unset key
 set xlabel ""
 set title "microphone 0 (no processing)"
-plot data."/spec_mic0.dat" using 1:2:3 with image
+plot data."/spectrogram_mic0.dat" using 1:2:3 with image
 set title "Vorn 1-mic (echo canceller + noise suppressor)"
-plot data."/spec_vorn_mono.dat" using 1:2:3 with image
+plot data."/spectrogram_vorn_mono.dat" using 1:2:3 with image
 set title "SpeexDSP (echo canceller + preprocessor)"
 set xlabel "time (s)"
-plot data."/spec_speex.dat" using 1:2:3 with image
+plot data."/spectrogram_speex.dat" using 1:2:3 with image
 unset multiplot
 unset xrange; unset yrange; unset view; set key outside right top
 

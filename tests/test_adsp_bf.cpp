@@ -218,12 +218,12 @@ TEST(BfUtil, WrappersMatchDirectComputation) {
   // FFT and IFFT leave their input alone (the canceller transforms its
   // histories through them) and invert each other.
   const std::vector<float> x = RandomVector(kBfFftLen, 3, 1000.0f);
-  std::vector<float> x_copy = x, spec(kBfFftLen), back(kBfFftLen);
-  FFT(x_copy.data(), spec.data());
+  std::vector<float> x_copy = x, spectrum(kBfFftLen), back(kBfFftLen);
+  FFT(x_copy.data(), spectrum.data());
   EXPECT_EQ(x_copy, x);
-  std::vector<float> spec_copy = spec;
+  std::vector<float> spec_copy = spectrum;
   IFFT(spec_copy.data(), back.data());
-  EXPECT_EQ(spec_copy, spec);
+  EXPECT_EQ(spec_copy, spectrum);
   for (int n = 0; n < kBfFftLen; ++n) EXPECT_NEAR(back[n], x[n], 1e-3);
 }
 

@@ -65,15 +65,15 @@ TEST(GetBfWeight, RisesWithThePowerAboveTheNoise) {
 TEST(GetDoaPsd, EdgeSlotsHoldMagnitudes) {
   std::mt19937 rng(5);
   std::uniform_real_distribution<float> uni(-10.0f, 10.0f);
-  float spec[512];
-  for (float& v : spec) v = uni(rng);
-  spec[0] = -3.0f;
-  spec[256] = -7.0f;
+  float spectrum[512];
+  for (float& v : spectrum) v = uni(rng);
+  spectrum[0] = -3.0f;
+  spectrum[256] = -7.0f;
   float psd[256];
-  GetDoaPsd(spec, psd, 512);
+  GetDoaPsd(spectrum, psd, 512);
   EXPECT_EQ(psd[0], 3.0f);
   EXPECT_EQ(psd[255], 7.0f);
-  for (int k = 1; k < 255; ++k) EXPECT_FLOAT_EQ(psd[k], spec[k] * spec[k] + spec[512 - k] * spec[512 - k]);
+  for (int k = 1; k < 255; ++k) EXPECT_FLOAT_EQ(psd[k], spectrum[k] * spectrum[k] + spectrum[512 - k] * spectrum[512 - k]);
 }
 
 TEST(DoaAngles, HelpersAndSectorMean) {

@@ -175,11 +175,11 @@ TEST(AdspNsProc, NoiseOnlyIsLeftAtTheGainFloor) {
 
 TEST(NsFreqFilter, RemovesLowBinsAndNyquistAndScalesTheRest) {
   const Signal noise = test::WhiteNoise(kNsFftLen + kNsBins, 1.0, 5);
-  float spec[kNsFftLen], gain[kNsBins], out[kNsFftLen];
-  for (int i = 0; i < kNsFftLen; ++i) spec[i] = noise[i];
+  float spectrum[kNsFftLen], gain[kNsBins], out[kNsFftLen];
+  for (int i = 0; i < kNsFftLen; ++i) spectrum[i] = noise[i];
   for (int k = 0; k < kNsBins; ++k) gain[k] = std::fabs(noise[kNsFftLen + k]);
   const std::vector<float> gain_in(gain, gain + kNsBins);
-  NsFreqFilter(spec, gain, out);
+  NsFreqFilter(spectrum, gain, out);
   for (int k = 0; k <= 4; ++k) {
     EXPECT_EQ(out[k], 0.0f) << k;
     if (k > 0) {
@@ -188,8 +188,8 @@ TEST(NsFreqFilter, RemovesLowBinsAndNyquistAndScalesTheRest) {
   }
   EXPECT_EQ(out[kNsFftLen / 2], 0.0f);
   for (int k = 5; k < kNsBins - 1; ++k) {
-    EXPECT_EQ(out[k], spec[k] * gain_in[k]);
-    EXPECT_EQ(out[kNsFftLen - k], spec[kNsFftLen - k] * gain_in[k]);
+    EXPECT_EQ(out[k], spectrum[k] * gain_in[k]);
+    EXPECT_EQ(out[kNsFftLen - k], spectrum[kNsFftLen - k] * gain_in[k]);
   }
 }
 
@@ -292,9 +292,9 @@ TEST(AdspNsProc, SpectralScaleModeTracksDiagonalMinimum) {
   const Signal noise = test::WhiteNoise(25 * kNsFftLen, 10.0, 6);
   float minimum[kNsBins], scaled[kNsFftLen];
   for (int call = 0; call < 25; ++call) {
-    float spec[kNsFftLen];
-    for (int i = 0; i < kNsFftLen; ++i) spec[i] = noise[call * kNsFftLen + i];
-    AdspNsProc(&ns.param(), spec, minimum, scaled, nullptr, nullptr);
+    float spectrum[kNsFftLen];
+    for (int i = 0; i < kNsFftLen; ++i) spectrum[i] = noise[call * kNsFftLen + i];
+    AdspNsProc(&ns.param(), spectrum, minimum, scaled, nullptr, nullptr);
     std::vector<float> flat(ns.state().freq_amp_buff, ns.state().freq_amp_buff + kNsTraceRows * kNsBins);
     flat.insert(flat.end(), ns.state().au, ns.state().au + kNsFftLen);
     for (int k = 0; k < kNsBins; ++k) {
@@ -309,7 +309,7 @@ TEST(AdspNsProc, SpectralScaleModeTracksDiagonalMinimum) {
         ASSERT_EQ(scaled[k], 0.0f) << "bin " << k;
       }
       if (row0[k] > 4.0f * minimum[k] && minimum[k] > 0.0f) {
-        ASSERT_GT(std::fabs(scaled[k]), 0.4f * std::fabs(spec[k])) << "bin " << k;
+        ASSERT_GT(std::fabs(scaled[k]), 0.4f * std::fabs(spectrum[k])) << "bin " << k;
       }
     }
   }

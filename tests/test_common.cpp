@@ -123,10 +123,10 @@ TEST(FftRel, InverseMatchesDirectInverseDft) {
   for (int n : kFftSizes) {
     SCOPED_TRACE("n = " + std::to_string(n));
     // Any packed array is a valid Hermitian spectrum.
-    std::vector<float> spec = test::WhiteNoise(n, 10.0, 2000u + n);
-    const std::vector<double> want = InversePackedDft(spec);
-    ifft_rel(spec.data(), static_cast<short>(n), static_cast<short>(Log2(n)));
-    const double err = MaxAbsDiff(spec, want);
+    std::vector<float> spectrum = test::WhiteNoise(n, 10.0, 2000u + n);
+    const std::vector<double> want = InversePackedDft(spectrum);
+    ifft_rel(spectrum.data(), static_cast<short>(n), static_cast<short>(Log2(n)));
+    const double err = MaxAbsDiff(spectrum, want);
     EXPECT_LT(err, 10.0 * 1.5e-7 * Log2(n) / std::sqrt(n));
     if (n == 512) std::printf("ifft_rel n=%d: max |error| vs double inverse DFT = %.3g\n", n, err);
   }

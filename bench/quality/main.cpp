@@ -213,13 +213,13 @@ void WritePlotData(const std::filesystem::path& dir, const Results& results,
     }
   }
   // Spectrograms before and after on the noisy echo scene.
-  const char* spec_scene = "echo_noisy_delayed";
-  if (auto it = kept.find(spec_scene); it != kept.end()) {
-    WriteSpectrogram(dir / "spec_mic0.dat", Channel(it->second.mics, 0));
-    if (const Scored* s = Find(results, spec_scene, kVornMono.name))
-      WriteSpectrogram(dir / "spec_vorn_mono.dat", s->run.output);
-    if (const Scored* s = Find(results, spec_scene, "SpeexDSP"))
-      WriteSpectrogram(dir / "spec_speex.dat", s->run.output);
+  const char* spectrogram_scene = "echo_noisy_delayed";
+  if (auto it = kept.find(spectrogram_scene); it != kept.end()) {
+    WriteSpectrogram(dir / "spectrogram_mic0.dat", Channel(it->second.mics, 0));
+    if (const Scored* s = Find(results, spectrogram_scene, kVornMono.name))
+      WriteSpectrogram(dir / "spectrogram_vorn_mono.dat", s->run.output);
+    if (const Scored* s = Find(results, spectrogram_scene, "SpeexDSP"))
+      WriteSpectrogram(dir / "spectrogram_speex.dat", s->run.output);
   }
   // Speech flags against the truth on one grid cell.
   const char* vad_scene = "doa_rt0.4_snr10";

@@ -63,9 +63,9 @@ void BlockingOutput(const float* bm, int j, float f[3][512], float* blocked) {
   }
 }
 
-float BandPower(const float* spec) {
+float BandPower(const float* spectrum) {
   float sum = 0.0f;
-  for (int k = kVadLowBin; k <= kVadHighBin; ++k) sum += spec[k] * spec[k] + spec[kBfFftLen - k] * spec[kBfFftLen - k];
+  for (int k = kVadLowBin; k <= kVadHighBin; ++k) sum += spectrum[k] * spectrum[k] + spectrum[kBfFftLen - k] * spectrum[kBfFftLen - k];
   return sum;
 }
 

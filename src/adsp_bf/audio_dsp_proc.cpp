@@ -24,20 +24,20 @@ constexpr float kInitPower = 1e-8f;
 
 bool IsGscAngle(int angle) { return angle == 0 || angle == 60 || angle == 300; }
 
-void WindowedSpectrum(const float* au, float* spec) {
-  for (int n = 0; n < kBfFftLen; ++n) spec[n] = au[n] * hanmming_win[n];
-  fft_rel(spec, kBfFftLen, kBfFftOrder);
+void WindowedSpectrum(const float* au, float* spectrum) {
+  for (int n = 0; n < kBfFftLen; ++n) spectrum[n] = au[n] * hanmming_win[n];
+  fft_rel(spectrum, kBfFftLen, kBfFftOrder);
 }
 
 // The multi-beam and direction steps run in functions of their own, kept
 // out of line: their blocks then live on the stack only while they run, not
 // through the whole hop and the adaptive beam's deeper calls.
-[[gnu::noinline]] void MultiBeamOutputs(T_AudioDspState* st, float spec[kBfChannels][kBfFftLen], int angle) {
+[[gnu::noinline]] void MultiBeamOutputs(T_AudioDspState* st, float spectrum[kBfChannels][kBfFftLen], int angle) {
   // One beam at a time: each is consumed before the next is formed.
   float beam[kBfFftLen];
   MbfCarry carry;
   for (int b = 0; b < kBfChannels; ++b) {
-    MbfBeam(spec, beam, b, angle, carry);
+    MbfBeam(spectrum, beam, b, angle, carry);
     ifft_rel(beam, kBfFftLen, kBfFftOrder);
     Float2PCM(beam + kBfHop, st->inner_data_exchange.mbf_au[b], kBfHop);
   }
@@ -102,16 +102,16 @@ int BfProc(T_AudioDspParam* pm, short* inp, short* out, short* mic_order) {
   auto* st = static_cast<T_AudioDspState*>(pm->p_data);
   st->frame_num = st->frame_num < kBfFrameNumMax ? st->frame_num + 1 : kBfFrameNumMax;
 
-  float spec[kBfChannels][kBfFftLen];
+  float spectrum[kBfChannels][kBfFftLen];
   for (int m = 0; m < kBfChannels; ++m) {
     float* au = st->au[m];
     for (int n = 0; n < kBfHop; ++n) au[n] = au[n + kBfHop];
     for (int n = 0; n < kBfHop; ++n) au[kBfHop + n] = static_cast<float>(inp[kBfChannels * n + order[m]]);
-    CopyData(spec[m], au, kBfFftLen);
-    fft_rel(spec[m], kBfFftLen, kBfFftOrder);
+    CopyData(spectrum[m], au, kBfFftLen);
+    fft_rel(spectrum[m], kBfFftLen, kBfFftOrder);
   }
 
-  if (pm->inner_interface_flag == 1) MultiBeamOutputs(st, spec, pm->bf_azimuth);
+  if (pm->inner_interface_flag == 1) MultiBeamOutputs(st, spectrum, pm->bf_azimuth);
   if (st->doa_update_flag != 0 && pm->ext_doa_update_flag != 0) {
     if (pm->doa_flag == 1) {
       pm->azimuth = TrackDirection(st);
@@ -122,7 +122,7 @@ int BfProc(T_AudioDspParam* pm, short* inp, short* out, short* mic_order) {
 
   if (pm->bf_flag != 0) {
     float beam[kBfFftLen];
-    BF(st, spec, beam, pm->bf_flag, pm->bf_azimuth);
+    BF(st, spectrum, beam, pm->bf_flag, pm->bf_azimuth);
     Float2PCM(beam, out, kBfHop);
   } else {
     for (int n = 0; n < kBfHop; ++n) out[n] = inp[kBfChannels * n];

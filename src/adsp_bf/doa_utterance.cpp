@@ -50,21 +50,21 @@ int CoarseBest(const T_AudioDspState* st, int hops) {
                                 float* noise) {
   // Slot 0's spectrum is only needed for the weights, so it borrows the
   // block of microphone row 0's spectrum, formed after it.
-  float spec[kBfChannels][kBfFftLen];
-  float* spec0 = spec[0];
-  for (int n = 0; n < kBfFftLen; ++n) spec0[n] = static_cast<float>(frame[kBfChannels * n]) * hanmming_win[n];
-  fft_rel(spec0, kBfFftLen, kBfFftOrder);
+  float spectrum[kBfChannels][kBfFftLen];
+  float* spectrum0 = spectrum[0];
+  for (int n = 0; n < kBfFftLen; ++n) spectrum0[n] = static_cast<float>(frame[kBfChannels * n]) * hanmming_win[n];
+  fft_rel(spectrum0, kBfFftLen, kBfFftOrder);
   float psd[kBfFftLen / 2];
-  GetDoaPsd(spec0, psd, kBfFftLen);
+  GetDoaPsd(spectrum0, psd, kBfFftLen);
   float weight[kBfFftLen / 2];
   GetBfWeight(psd, noise, weight, kBfFftLen / 2);
 
   for (int m = 0; m < kBfChannels; ++m) {
     for (int n = 0; n < kBfFftLen; ++n)
-      spec[m][n] = static_cast<float>(frame[kBfChannels * n + order[m]]) * hanmming_win[n];
-    fft_rel(spec[m], kBfFftLen, kBfFftOrder);
+      spectrum[m][n] = static_cast<float>(frame[kBfChannels * n + order[m]]) * hanmming_win[n];
+    fft_rel(spectrum[m], kBfFftLen, kBfFftOrder);
   }
-  DoaSelectBfElevationAzimuth(st, spec, weight);
+  DoaSelectBfElevationAzimuth(st, spectrum, weight);
 }
 
 }  // namespace

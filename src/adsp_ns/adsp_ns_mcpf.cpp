@@ -45,7 +45,7 @@ float BeamAbsenceProb(float z, float rho) {
 }  // namespace
 
 int VornMcpfProc(T_AdspNsParam* pm, short mbf_time_signal[][256], short* mcpf_out, int* p_vad_flag) {
-  float spec[kNsFftLen];
+  float spectrum[kNsFftLen];
   float psd[kNsBins];
   float ratio0[kNsBins];            // beam 0: smoothed power over noise
   float excess[kBeams][kNsBins];    // per beam: smoothed power minus noise
@@ -61,9 +61,9 @@ int VornMcpfProc(T_AdspNsParam* pm, short mbf_time_signal[][256], short* mcpf_ou
       st->frame = kNsFrameMax;
 
     SaveFrameMoveAu(st->au, mbf_time_signal[b], kNsFftLen, kNsHop);
-    AddWin(st->au, hanmming_win, kNsFftLen, spec);
-    fft_rel(spec, kNsFftLen, kNsFftOrder);
-    GetPsd(spec, kNsFftLen, psd);
+    AddWin(st->au, hanmming_win, kNsFftLen, spectrum);
+    fft_rel(spectrum, kNsFftLen, kNsFftOrder);
+    GetPsd(spectrum, kNsFftLen, psd);
     NoiseEst(st, psd);
     votes += VadDet(st, -100.0f);
 
@@ -100,10 +100,10 @@ int VornMcpfProc(T_AdspNsParam* pm, short mbf_time_signal[][256], short* mcpf_ou
   if (s0->frame > 120) UpdateAbsenceProb(s0->lambda_dav_long, q);
   float gain[kNsBins];
   EstGain(s0, q, gain);
-  NsFreqFilter(spec, gain, spec);
+  NsFreqFilter(spectrum, gain, spectrum);
 
-  ifft_rel(spec, kNsFftLen, kNsFftOrder);
-  for (int i = 0; i < kNsFftLen; ++i) s0->ns_out[i] += spec[i] * hanmming_win[i] * 127.99999f;
+  ifft_rel(spectrum, kNsFftLen, kNsFftOrder);
+  for (int i = 0; i < kNsFftLen; ++i) s0->ns_out[i] += spectrum[i] * hanmming_win[i] * 127.99999f;
   Float2PCM(s0->ns_out, mcpf_out, kNsHop);
   AddZero(s0->ns_out, kNsFftLen, kNsHop);
   return 0;

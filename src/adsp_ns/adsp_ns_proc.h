@@ -148,8 +148,8 @@ void GetNsScale(const float *amp, int len, const float *min, float *scale);
 void EstAbsenceProb(T_AdspNsState *ns_st, float *q);
 void UpdateAbsenceProb(float *lambda_dav_long, float *q);
 void EstGain(T_AdspNsState *ns_st, float *q, float *g);
-// Zeroes gain[0..4] and gain[256] in place, then out = spec * gain; out may be spec.
-void NsFreqFilter(float *spec, float *gain, float *out);
+// Zeroes gain[0..4] and gain[256] in place, then out = spectrum * gain; out may be spectrum.
+void NsFreqFilter(float *spectrum, float *gain, float *out);
 
 // ---- voice activity detection ---------------------------------------------
 void EstSnr(T_AdspNsState *ns_st, float supperessed_eng);

@@ -166,15 +166,15 @@ void EstGain(T_AdspNsState *ns_st, float *q, float *g) {
   }
 }
 
-void NsFreqFilter(float *spec, float *gain, float *out) {
+void NsFreqFilter(float *spectrum, float *gain, float *out) {
   // Below 156 Hz and at Nyquist there is no speech worth keeping.
   for (int k = 0; k < 5; ++k) gain[k] = 0.0f;
   gain[kNsBins - 1] = 0.0f;
   out[0] = 0.0f;
   out[kNsFftLen / 2] = 0.0f;
   for (int k = 1; k < kNsFftLen / 2; ++k) {
-    out[k] = spec[k] * gain[k];
-    out[kNsFftLen - k] = spec[kNsFftLen - k] * gain[k];
+    out[k] = spectrum[k] * gain[k];
+    out[kNsFftLen - k] = spectrum[kNsFftLen - k] * gain[k];
   }
 }
 
