@@ -221,9 +221,9 @@ TEST(BfUtil, WrappersMatchDirectComputation) {
   std::vector<float> x_copy = x, spectrum(kBfFftLen), back(kBfFftLen);
   FFT(x_copy.data(), spectrum.data());
   EXPECT_EQ(x_copy, x);
-  std::vector<float> spec_copy = spectrum;
-  IFFT(spec_copy.data(), back.data());
-  EXPECT_EQ(spec_copy, spectrum);
+  std::vector<float> spectrum_copy = spectrum;
+  IFFT(spectrum_copy.data(), back.data());
+  EXPECT_EQ(spectrum_copy, spectrum);
   for (int n = 0; n < kBfFftLen; ++n) EXPECT_NEAR(back[n], x[n], 1e-3);
 }
 
