@@ -60,16 +60,6 @@ void ReadSwitches(InputBytes& input, bool raw_words, T_VornKey* key) {
   key->bf_azimuth = pick < 0x80 ? (pick % 7) * 60 : SwitchValue(input, raw_words, 361);
 }
 
-void ActivateSwitches(const T_VornKey& key, T_VornParam* pm) {
-  pm->agc_flag = key.agc_flag;
-  pm->bf_flag = key.bf_flag;
-  pm->doa_flag = key.doa_flag;
-  pm->aec_flag = key.aec_flag;
-  pm->ns_flag = key.ns_flag;
-  pm->bf_azimuth = key.bf_azimuth;
-  pm->vad_mode = key.vad_mode;
-}
-
 // The parameter check code VornProc must give, judged on a copy.
 int32_t ExpectedCheck(const T_VornParam& pm) {
   T_VornParam copy = pm;
@@ -152,7 +142,7 @@ RunLog Run(const Plan& plan) {
   pm.p_data = state.data();
   pm.buff_size = plan.buff_size;
   pm.param_size = sizeof(T_VornParam);
-  ActivateSwitches(plan.active, &pm);
+  ApplyKey(plan.active, &pm);
   pm.vorn_mode = plan.vorn_mode;
   pm.doa_update_flag = plan.doa_update_flag;
   pm.azimuth = plan.azimuth;
@@ -185,7 +175,7 @@ RunLog Run(const Plan& plan) {
     if (change.new_mode) pm.vorn_mode = change.mode;
     if (change.new_update) pm.doa_update_flag = change.update;
     if (change.new_keys) {
-      ActivateSwitches(change.keys, &pm);  // a caller may also write the active fields
+      ApplyKey(change.keys, &pm);  // a caller may also write the active fields
       T_VornKey& keys = pm.in_argv[change.keys_mode];
       const T_VornKey path_kept = keys;
       keys = change.keys;

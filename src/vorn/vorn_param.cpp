@@ -40,9 +40,7 @@ void ConfigDefault(T_VornParam* pm, int mode_num) {
   }
 }
 
-int32_t SwitchMode(T_VornParam* pm) {
-  if (pm->vorn_mode < 0 || pm->vorn_mode >= kVornModeCount) return -1;
-  const T_VornKey& key = pm->in_argv[pm->vorn_mode];
+void ApplyKey(const T_VornKey& key, T_VornParam* pm) {
   pm->agc_flag = key.agc_flag;
   pm->bf_flag = key.bf_flag;
   pm->doa_flag = key.doa_flag;
@@ -50,6 +48,11 @@ int32_t SwitchMode(T_VornParam* pm) {
   pm->ns_flag = key.ns_flag;
   pm->bf_azimuth = key.bf_azimuth;
   pm->vad_mode = key.vad_mode;
+}
+
+int32_t SwitchMode(T_VornParam* pm) {
+  if (pm->vorn_mode < 0 || pm->vorn_mode >= kVornModeCount) return -1;
+  ApplyKey(pm->in_argv[pm->vorn_mode], pm);
   return 0;
 }
 

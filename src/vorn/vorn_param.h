@@ -32,6 +32,9 @@ void AssetCheck();
 // left alone).
 void ConfigDefault(T_VornParam* pm, int mode_num);
 
+// Copies one key's switches (not its filter path) into the active fields.
+void ApplyKey(const T_VornKey& key, T_VornParam* pm);
+
 // Copies the switches of in_argv[vorn_mode] into the active fields. Returns
 // -1 and changes nothing for a mode outside 0..2.
 int32_t SwitchMode(T_VornParam* pm);
