@@ -188,14 +188,40 @@ TEST(BenchScene, EachNoiseLandsAtItsLevelAndTheMetricsReadItBack) {
   EXPECT_NEAR(LevelSpreadDb(levels), 15.0, 1.0);
 }
 
-TEST(BenchScene, EchoSpansLevelLagClippingAndErle) {
+// A user's recording talks over the far end's echo; the scene is written to disk.
+TEST(BenchScene, UserTalkerOverEchoSpansLevelLagClippingErleAndFiles) {
+  const std::string dir = test::MakeTempDir("bench_scene");
+  // The recording: silence, then a burst of speech-like sound.
+  const std::vector<std::int16_t> recording =
+      test::ToPcm(test::MakeSpeechLike(32000, 7, {.lead_silence_s = 0.5}).samples);
+  ASSERT_TRUE(test::WriteWav(dir + "/talker.wav", recording, 1));
+  ASSERT_TRUE(test::WriteWav(dir + "/stereo.wav", std::vector<std::int16_t>(200), 2));
   Scene scene = ShortScene();
   scene.echo_level_dbfs = -22.0;
+  std::string error;
+  EXPECT_FALSE(ReadSourceWav(dir + "/stereo.wav", &scene.talker, &error));
+  EXPECT_FALSE(error.empty());
+  ASSERT_TRUE(ReadSourceWav(dir + "/talker.wav", &scene.talker, &error)) << error;
+  const std::vector<std::uint8_t> active = EnergyActivity(scene.talker);
+  EXPECT_TRUE(active[4000] == 0 && active[9000] == 1);  // in the lead silence, in the burst
   const RenderedScene r = Render(scene);
+  ASSERT_TRUE(WriteScene(dir + "/scene", scene, r, &error)) << error;
+  test::WavData mics, target;
+  ASSERT_TRUE(test::ReadWav(dir + "/scene/mics.wav", &mics));
+  ASSERT_TRUE(test::ReadWav(dir + "/scene/target.wav", &target));
+  EXPECT_EQ(mics.channels, 3);
+  EXPECT_EQ(mics.samples, r.mics);
+  EXPECT_EQ(target.samples, test::ToPcm(r.target));
+  const std::string truth = test::ReadText(dir + "/scene/truth.json");
+  EXPECT_NE(truth.find("\"azimuth_deg\": 60"), std::string::npos);
+  EXPECT_NE(truth.find("\"double_talk\": [["), std::string::npos);
+  std::filesystem::remove_all(dir);
+
   const Truth& t = r.truth;
   ASSERT_TRUE(t.far_single_talk.size() == 1 && t.double_talk.size() == 1 && t.near_single_talk.size() == 1);
   EXPECT_EQ(t.far_single_talk[0].begin, 0u);
-  EXPECT_NEAR(static_cast<double>(t.double_talk[0].begin), 1.0 * kSampleRate / kFrame, 2.0);
+  // The talker starts at 1 s, its recording's burst half a second later.
+  EXPECT_NEAR(static_cast<double>(t.double_talk[0].begin), 1.5 * kSampleRate / kFrame, 2.0);
   EXPECT_EQ(t.double_talk[0].end, t.near_single_talk[0].begin);
   const Signal mic0 = Channel(r.mics, 0);
   EXPECT_NEAR(ActiveLevelDbfs(mic0, t.far_end), -22.0, 1.0);
@@ -251,34 +277,6 @@ TEST(BenchScene, BadScenesAreRefused) {
     EXPECT_FALSE(RenderScene(scene, &r, &error));
     EXPECT_FALSE(error.empty());
   }
-}
-
-TEST(BenchScene, UserRecordingsInScenesOnDisk) {
-  const std::string dir = test::MakeTempDir("bench_scene");
-  // A user's recording as the talker: silence, then a burst of speech-like sound.
-  const std::vector<std::int16_t> recording =
-      test::ToPcm(test::MakeSpeechLike(32000, 7, {.lead_silence_s = 0.5}).samples);
-  ASSERT_TRUE(test::WriteWav(dir + "/talker.wav", recording, 1));
-  ASSERT_TRUE(test::WriteWav(dir + "/stereo.wav", std::vector<std::int16_t>(200), 2));
-  Scene scene = ShortScene();
-  std::string error;
-  EXPECT_FALSE(ReadSourceWav(dir + "/stereo.wav", &scene.talker, &error));
-  EXPECT_FALSE(error.empty());
-  ASSERT_TRUE(ReadSourceWav(dir + "/talker.wav", &scene.talker, &error)) << error;
-  const std::vector<std::uint8_t> active = EnergyActivity(scene.talker);
-  EXPECT_TRUE(active[4000] == 0 && active[9000] == 1);  // in the lead silence, in the burst
-  const RenderedScene r = Render(scene);
-  ASSERT_TRUE(WriteScene(dir + "/scene", scene, r, &error)) << error;
-  test::WavData mics, target;
-  ASSERT_TRUE(test::ReadWav(dir + "/scene/mics.wav", &mics));
-  ASSERT_TRUE(test::ReadWav(dir + "/scene/target.wav", &target));
-  EXPECT_EQ(mics.channels, 3);
-  EXPECT_EQ(mics.samples, r.mics);
-  EXPECT_EQ(target.samples, test::ToPcm(r.target));
-  const std::string truth = test::ReadText(dir + "/scene/truth.json");
-  EXPECT_NE(truth.find("\"azimuth_deg\": 60"), std::string::npos);
-  EXPECT_NE(truth.find("\"double_talk\": [["), std::string::npos);
-  std::filesystem::remove_all(dir);
 }
 
 }  // namespace
