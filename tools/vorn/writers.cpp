@@ -71,8 +71,13 @@ OutputKind OutputKindOf(const std::string& path) {
   return OutputKind::kUnknown;
 }
 
+// An output never closed belongs to a run that failed: it is removed rather
+// than left looking like a finished, shorter result.
 AudioOutput::~AudioOutput() {
-  if (owns_stream_ && stream_ != nullptr) std::fclose(stream_);
+  if (owns_stream_ && stream_ != nullptr) {
+    std::fclose(stream_);
+    std::remove(name_.c_str());
+  }
 }
 
 bool AudioOutput::Open(const std::string& path, int channels, std::string* error) {

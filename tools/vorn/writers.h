@@ -12,7 +12,7 @@ namespace vorn::cli {
 
 // 16 kHz 16-bit audio of `channels` channels. A ".wav" name gets a WAV header
 // whose sizes are filled in by Close(); ".pcm" and ".raw" names and "-"
-// (standard output) get bare samples.
+// (standard output) get bare samples. A file that is not closed is removed.
 class AudioOutput {
  public:
   AudioOutput() = default;
