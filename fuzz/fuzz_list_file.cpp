@@ -2,7 +2,7 @@
 //
 // Every entry must be what the reader promises: two names (the second
 // possibly empty) that lie inside the line buffer, hold no separator or
-// line end, and appear in the line in order. The reader must stop, whatever
+// newline, and appear in the line in order. The reader must stop, whatever
 // the lines (long lines are read in pieces), and a line with more than two
 // names must be the one that stops it.
 #include <cstring>
@@ -14,11 +14,8 @@
 namespace vorn::fuzz {
 namespace {
 
-bool IsName(const char* name) {
-  const size_t length = std::strlen(name);
-  return length > 0 && std::strpbrk(name, " \t") == nullptr &&
-         name[length - 1] != '\n' && name[length - 1] != '\r';
-}
+// A carriage return is only cut where it ends a line: "a\r\tb" names "a\r".
+bool IsName(const char* name) { return *name != '\0' && std::strpbrk(name, " \t\n") == nullptr; }
 
 }  // namespace
 
