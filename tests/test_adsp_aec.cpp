@@ -297,10 +297,10 @@ TEST(AdspAecScene, NearEndSpeechSurvivesDoubleTalk) {
       output += static_cast<double>(heard[n + kOutputLag]) * heard[n + kOutputLag];
       cross += static_cast<double>(s.near_speech[n]) * heard[n + kOutputLag];
     }
-    std::printf("double talk NlpPf %d: output %.1f dB, talker kept %.1f dB\n", nlp_pf,
-                10.0 * std::log10(output / near), 20.0 * std::log10(cross / near));
-    EXPECT_NEAR(10.0 * std::log10(output / near), 0.0, 3.0) << nlp_pf;
-    EXPECT_GE(20.0 * std::log10(cross / near), -6.0) << nlp_pf;
+    const double level_db = 10.0 * std::log10(output / near), kept_db = 20.0 * std::log10(cross / near);
+    std::printf("double talk NlpPf %d: output %.1f dB, talker kept %.1f dB\n", nlp_pf, level_db, kept_db);
+    EXPECT_NEAR(level_db, 0.0, 3.0) << nlp_pf;
+    EXPECT_GE(kept_db, -6.0) << nlp_pf;  // most of what is heard is the talker, not residual echo
   }
 }
 
