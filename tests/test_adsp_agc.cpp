@@ -40,7 +40,7 @@ using Watch = std::function<void(const DigitalAgc_t& before, const DigitalAgc_t&
 Pcm RunFrames(const Pcm& in, const Steering& s = {}, size_t frame = 256, bool in_place = false,
               const Watch& watch = nullptr) {
   Instance inst;
-  Pcm out = in;
+  Pcm out = in_place ? in : Pcm(in.size());
   for (size_t f = 0; f + frame <= in.size(); f += frame) {
     const DigitalAgc_t before = *inst.digital();
     const int16_t* from = in_place ? &out[f] : &in[f];
@@ -134,7 +134,7 @@ TEST(AgcInterface, CallingConventionAndReturnCodes) {
       {"null input", nullptr, kIn, 256, -1, 2, -3},     {"null output", nullptr, kOut, 256, -1, 2, -3},
       {"null SNR", nullptr, kSnr, 256, -1, 2, -3},      {"320 samples", nullptr, 0, 320, -1, 2, -2},
       {"zero samples", nullptr, 0, 0, -1, 2, -2},
-      {"upper-band rate before init flag", [](Agc_t* a) { a->fs = 32000, a->initFlag = 0; }, kIn, 256, -1, 2, -3},
+      {"upper-band rate before init flag", [](Agc_t* a) { a->fs = 32000, a->initFlag = 0; }, 0, 256, -1, 2, -3},
       {"not initialised", [](Agc_t* a) { a->initFlag = 0; }, 0, 256, -1, 2, -2},
       {"wrong rate", [](Agc_t* a) { a->fs = 8000; }, 0, 256, -1, 2, -2},
       {"wrong length", [](Agc_t* a) { a->Agc_t_len = 400; }, 0, 256, -1, 2, -2},
@@ -288,8 +288,10 @@ TEST(AgcBehaviour, LimiterKeepsFullScaleOnsetsFromWrapping) {
       ASSERT_FALSE((in[i] > 0 && out[i] < 0) || (in[i] < 0 && out[i] > 0)) << i;  // no wrap-around
       if (std::abs(out[i]) >= 32767) last_saturated = i - quiet, ++saturated;
     }
-    // Clipping stays within the first sub-frame after the onset; from then on the peak sits near -6 dBFS.
-    EXPECT_LE(saturated, 16u);
+    // Clipping stays within the first sub-frame after the onset, and only an onset in a block's first or last
+    // sub-frame clips at all (others are seen a sub-frame early); then the peak sits near -6 dBFS.
+    const bool mid_block = c.onset_in_block >= 16 && c.onset_in_block < 240;
+    EXPECT_LE(saturated, mid_block ? 0u : 16u);
     EXPECT_LT(last_saturated, 32u);
     EXPECT_LE(PeakAbs(out, quiet + 32, end), 32768 / 2 + 300);
   }
@@ -352,7 +354,7 @@ TEST(AgcBehaviour, NoiseFloorDoesNotPumpTheGain) {
       const double early_noise_db = Level(out, speech_len + kSecond, speech_len + 3 * kSecond, x.active);
       const double late_noise_db = Level(out, n - 5 * kSecond, n, x.active);
       EXPECT_LE(late_noise_db - early_noise_db, 3.0);
-      EXPECT_LE(late_noise_db, speech_db - 30.0);
+      EXPECT_LE(late_noise_db, speech_db - 41.0);  // the gate is worth about 3 dB of this
     }
   }
 }
