@@ -34,17 +34,16 @@ struct Instance {
 
 struct Steering { int16_t cmd_wkp = 1; int32_t snr_Q10[3] = {0, 0, 0}; int16_t snr_flag = 1; };
 
-using Watch = std::function<void(const DigitalAgc_t& before, const DigitalAgc_t& after)>;
-
-// Whole frames through the front end's call, from a fresh instance; watch sees the record around each frame.
+// Whole frames through the front end's call, from a fresh instance; watch sees the record around each.
 Pcm RunFrames(const Pcm& in, const Steering& s = {}, size_t frame = 256, bool in_place = false,
-              const Watch& watch = nullptr) {
+              const std::function<void(const DigitalAgc_t&, const DigitalAgc_t&)>& watch = nullptr) {
   Instance inst;
   Pcm out = in_place ? in : Pcm(in.size());
   for (size_t f = 0; f + frame <= in.size(); f += frame) {
     const DigitalAgc_t before = *inst.digital();
     const int16_t* from = in_place ? &out[f] : &in[f];
-    EXPECT_EQ(DigitalAgc_Process(inst.bytes, from, int32_t(frame), &out[f], -1, s.cmd_wkp, s.snr_Q10, s.snr_flag), 0);
+    const int32_t length = static_cast<int32_t>(frame);
+    EXPECT_EQ(DigitalAgc_Process(inst.bytes, from, length, &out[f], -1, s.cmd_wkp, s.snr_Q10, s.snr_flag), 0);
     if (watch) watch(before, *inst.digital());
   }
   return out;
@@ -107,7 +106,7 @@ TEST(AgcInterface, CallingConventionAndReturnCodes) {
   EXPECT_EQ(DigitalAgc_set_config(bytes, DigitalAgc_config_t{6, 50, 3, 1}), -1);
   EXPECT_EQ(DigitalAgc_get_config(nullptr, nullptr), -1);
 
-  // Init applies gain 50 and target 6; the table always takes ratio 80; a rejected configuration changes nothing.
+  // Init applies gain 50 and target 6, the table always ratio 80; a rejected configuration changes nothing.
   Instance inst;
   EXPECT_EQ(DigitalAgc_set_config(inst.bytes, DigitalAgc_config_t{32, 20, 3, 1}), -1);
   EXPECT_EQ(DigitalAgc_set_config(inst.bytes, DigitalAgc_config_t{3, 20, 3, 2}), -1);
@@ -134,7 +133,7 @@ TEST(AgcInterface, CallingConventionAndReturnCodes) {
       {"null input", nullptr, kIn, 256, -1, 2, -3},     {"null output", nullptr, kOut, 256, -1, 2, -3},
       {"null SNR", nullptr, kSnr, 256, -1, 2, -3},      {"320 samples", nullptr, 0, 320, -1, 2, -2},
       {"zero samples", nullptr, 0, 0, -1, 2, -2},
-      {"upper-band rate before init flag", [](Agc_t* a) { a->fs = 32000, a->initFlag = 0; }, 0, 256, -1, 2, -3},
+      {"upper-band rate first", [](Agc_t* a) { a->fs = 32000, a->initFlag = 0; }, 0, 256, -1, 2, -3},
       {"not initialised", [](Agc_t* a) { a->initFlag = 0; }, 0, 256, -1, 2, -2},
       {"wrong rate", [](Agc_t* a) { a->fs = 8000; }, 0, 256, -1, 2, -2},
       {"wrong length", [](Agc_t* a) { a->Agc_t_len = 400; }, 0, 256, -1, 2, -2},
@@ -143,19 +142,18 @@ TEST(AgcInterface, CallingConventionAndReturnCodes) {
     SCOPED_TRACE(c.name);
     Instance agc;
     if (c.prepare) c.prepare(agc.agc());
-    EXPECT_EQ(DigitalAgc_Process((c.nulls & kInstance) ? nullptr : agc.bytes, (c.nulls & kIn) ? nullptr : &frame[0],
-                                 c.samples, (c.nulls & kOut) ? nullptr : &out[0], c.vad, c.wkp,
-                                 (c.nulls & kSnr) ? nullptr : snr, 1),
+    EXPECT_EQ(DigitalAgc_Process(c.nulls & kInstance ? nullptr : agc.bytes, c.nulls & kIn ? nullptr : &frame[0],
+                                 c.samples, c.nulls & kOut ? nullptr : &out[0], c.vad, c.wkp,
+                                 c.nulls & kSnr ? nullptr : snr, 1),
               c.want);
     // The steering is taken before the buffers are judged, unless it is itself out of range.
     const DigitalAgc_t* d = agc.digital();
-    const bool stored = c.want != -1;
-    const int32_t snr_2 = stored && !(c.nulls & kSnr) ? 3000 : 0;
-    EXPECT_EQ(std::tuple(int{d->AgcVadFlag}, int{d->cmdWkp}, int{d->snrFlag}, d->SNR[2]),  // else what Init left
-              stored ? std::tuple(int{c.vad}, int{c.wkp}, 1, snr_2) : std::tuple(0, 1, 0, 0));
+    const auto init_left = std::tuple(0, 1, 0, 0);
+    EXPECT_EQ(std::tuple(int{d->AgcVadFlag}, int{d->cmdWkp}, int{d->snrFlag}, d->SNR[2]),
+              c.want != -1 ? std::tuple(int{c.vad}, int{c.wkp}, 1, c.nulls & kSnr ? 0 : 3000) : init_left);
   }
 
-  // A block at an unknown rate is refused; at 32000 Hz the upper band is given exactly the lower band's gains.
+  // A block at an unknown rate is refused; at 32000 Hz the upper band gets exactly the lower band's gains.
   Instance split;
   const Pcm in = test::ToPcm(test::MakeSpeechLike(kSecond, 21).samples);
   Pcm low(256), high(256);
@@ -201,7 +199,8 @@ TEST(AgcHelpers, DivisionAndSquareRootEdges) {
 // dB of the amplitude of frequency f (relative to the rate) in x past skip, full scale 30000: a one-bin DFT.
 double ToneDb(const Pcm& x, size_t skip, double f) {
   std::complex<double> sum = 0.0;
-  for (size_t i = skip; i < x.size(); ++i) sum += std::polar(double(x[i]), -2.0 * std::numbers::pi * f * (i - skip));
+  const double step = -2.0 * std::numbers::pi * f;
+  for (size_t i = 0; i + skip < x.size(); ++i) sum += std::polar(double(x[skip + i]), step * double(i));
   return 20.0 * std::log10(2.0 * std::abs(sum) / double(x.size() - skip) / 30000.0);
 }
 
@@ -250,8 +249,8 @@ TEST(AgcBehaviour, LevelCurvesFollowTheCompressor) {
         const Pcm out = RunFrames(in, Steering{mode});
         const double in_db = Level(in, n / 2, n, active), out_db = Level(out, n / 2, n, active);
         const double peak_db = 20.0 * std::log10(PeakAbs(out, n / 2, n) / 32768.0);
-        std::printf("%s mode %d: in %6.1f dBFS -> out %6.1f dBFS (peak %5.1f dBFS)\n", is_tone ? "tone  " : "speech",
-                    mode, in_db, out_db, peak_db);
+        std::printf("%s mode %d: in %6.1f dBFS -> out %6.1f dBFS (peak %5.1f dBFS)\n",
+                    is_tone ? "tone  " : "speech", mode, in_db, out_db, peak_db);
         // Quiet input is raised a lot, loud input brought down to the target, no peak nears full scale,
         // and the curve never falls.
         EXPECT_TRUE(in_db > -36.0 || out_db - in_db >= 15.0) << in_db;
@@ -309,7 +308,8 @@ TEST(AgcBehaviour, WakeUpModesAndSnrSetTheRecoveryRate) {
   const Pcm in = test::ToPcm(test::Mix(talk.samples, test::WhiteNoise(talk.samples.size(), 26.0, 9)));
   const size_t end = in.size() / 256 * 256;
   // SNR figures: frame SNR 30 dB, long-term 10 dB, segmental 20 dB.
-  const Steering cases[] = {{1, {}, 0}, {2, {}, 0}, {1, {30720, 10240, 20480}, 1}, {2, {30720, 10240, 20480}, 1}};
+  const Steering cases[] = {{1, {}, 0}, {2, {}, 0}, {1, {30720, 10240, 20480}, 1},
+                            {2, {30720, 10240, 20480}, 1}};
   double rise_db[4], final_db[4];
   Pcm outputs[4];
   for (int i = 0; i < 4; ++i) {
@@ -340,14 +340,15 @@ TEST(AgcBehaviour, NoiseFloorDoesNotPumpTheGain) {
     const Pcm in = test::ToPcm(test::Mix(x.samples, test::WhiteNoise(n, Amplitude(loud ? -44.0 : -70.0), 9)));
     for (const int16_t mode : {int16_t{1}, int16_t{2}}) {
       SCOPED_TRACE(testing::Message() << (loud ? "loud" : "quiet") << " floor, wake-up mode " << mode);
-      int loud_floor_blocks = 0, fell_under_loud_floor = 0;
-      const Pcm out = RunFrames(in, {mode, {}, 0}, 256, false, [&](const DigitalAgc_t& was, const DigitalAgc_t& is) {
+      int loud_floor_blocks = 0, slow_fell = 0;  // the slow envelope fell in slow_fell of them
+      auto watch = [&](const DigitalAgc_t& was, const DigitalAgc_t& is) {
         loud_floor_blocks += was.noiseAmpNrg >= 0x800000;
-        fell_under_loud_floor += was.noiseAmpNrg >= 0x800000 && is.capacitorSlow < was.capacitorSlow;
-      });
+        slow_fell += was.noiseAmpNrg >= 0x800000 && is.capacitorSlow < was.capacitorSlow;
+      };
+      const Pcm out = RunFrames(in, {mode, {}, 0}, 256, false, watch);
       if (loud) {
         EXPECT_GT(loud_floor_blocks, 100);
-        EXPECT_TRUE(mode == 1 ? fell_under_loud_floor == 0 : fell_under_loud_floor > 50) << fell_under_loud_floor;
+        EXPECT_TRUE(mode == 1 ? slow_fell == 0 : slow_fell > 50) << slow_fell;
         continue;
       }
       const double speech_db = Level(out, kSecond, speech_len, x.active);
