@@ -14,5 +14,6 @@ bool FuzzFilterRead(const uint8_t* data, size_t size);
 bool FuzzAecFilterFile(const uint8_t* data, size_t size);
 bool FuzzVornProc(const uint8_t* data, size_t size);
 bool FuzzListFile(const uint8_t* data, size_t size);
+bool FuzzVornWav(const uint8_t* data, size_t size);
 
 }  // namespace vorn::fuzz

@@ -32,6 +32,7 @@ const Target kTargets[] = {
     {"aec_filter_file", vorn::fuzz::FuzzAecFilterFile},
     {"vorn_proc", vorn::fuzz::FuzzVornProc},
     {"list_file", vorn::fuzz::FuzzListFile},
+    {"vorn_wav", vorn::fuzz::FuzzVornWav},
 };
 
 void PrintTo(const Target& target, std::ostream* out) { *out << target.name; }
