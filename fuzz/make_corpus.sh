@@ -8,7 +8,7 @@ cd "$(dirname "$0")/corpus"
 le16() { printf "\\x$(printf %02x $(($1 & 255)))\\x$(printf %02x $((($1 >> 8) & 255)))"; }
 le32() { le16 $(($1 & 65535)); le16 $((($1 >> 16) & 65535)); }
 
-mkdir -p conf_read wav_header filter_read aec_filter_file vorn_proc
+mkdir -p conf_read wav_header filter_read aec_filter_file vorn_proc list_file
 
 # Configuration files.
 cat > conf_read/ok_three_modes.conf <<'CONF'
@@ -105,3 +105,10 @@ conf='[VORN_WKP]\nagc_flag = 1\nns_flag = 2\nvad_mode = 1\n'
 { printf '\x04\x02\x01\x01\x01\x02\x02\x00\x01\x02\x01'; le16 $(printf "$conf" | wc -c); printf "$conf"
   printf "$mode_switches"; printf '\x03'; head -c 4 /dev/zero; printf '\x00\x01\x02'; talker; } \
   > vorn_proc/ok_config_file.bin
+
+# List files of the driver: pairs with every line-end form and spacing, an
+# empty line ending the list early, a line longer than one read, three names.
+printf 'a.wav a_out.wav\r\nb.pcm\tb_out.pcm\n  c.wav   c_out.wav  \n\nafter_the_end.wav x.wav\n' \
+  > list_file/ok_pairs_any_line_end.txt
+{ head -c 5000 /dev/zero | tr '\0' x; printf ' out.wav\ny.wav\n'; } > list_file/ok_long_line.txt
+printf 'a.wav b.wav c.wav\n' > list_file/three_columns.txt

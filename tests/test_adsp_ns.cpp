@@ -276,5 +276,22 @@ TEST(NsVad, FlagsOnsetsAndReleasesAfterHangover) {
   }
 }
 
+// After digital silence the noise estimate sits at its floor, so a loud onset
+// has an a posteriori SNR near the float limit; no state value may overflow.
+TEST(AdspNsProc, LoudOnsetAfterDigitalSilenceStaysFinite) {
+  Signal x(5 * kSecond, 0.0f);
+  const Signal burst = test::WhiteNoise(kSecond, 30000.0, 5);
+  x.insert(x.end(), burst.begin(), burst.end());
+  NsInstance ns;
+  int non_finite = 0;
+  const Signal y = ns.Run(x, nullptr, [&](int) {
+    const T_AdspNsState &st = ns.state();
+    for (int k = 0; k < kNsBins; ++k)
+      non_finite += !std::isfinite(st.v[k]) + !std::isfinite(st.eta[k]) + !std::isfinite(st.gamma[k]);
+  });
+  EXPECT_EQ(non_finite, 0);
+  EXPECT_TRUE(std::all_of(y.begin(), y.end(), [](float v) { return std::isfinite(v); }));
+}
+
 }  // namespace
 }  // namespace vorn

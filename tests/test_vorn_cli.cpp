@@ -329,15 +329,12 @@ TEST_F(VornCli, DamagedEndsAreReadAsFarAsTheyGoWithAWarning) {
   const std::vector<int16_t> frames = Capture(0.1);
   std::string bytes = Bytes().pcm(frames).out;
   ASSERT_TRUE(WriteBytes(Path("odd.pcm"), bytes + "\x01\x02\x03"));
-  // The data chunk claims more than the file holds.
-  ASSERT_TRUE(WriteBytes(Path("short.wav"), Riff(FormatChunk(3, 16000, 16) + DataChunk(frames, 2 * frames.size() + 600))));
   struct Case {
     const char* input;
     const char* want;
   };
   const Case cases[] = {
       {"odd.pcm", "warning: odd.pcm: ignored 3 trailing bytes"},
-      {"short.wav", "warning: short.wav: the data chunk claims"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.input);
