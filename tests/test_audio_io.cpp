@@ -125,9 +125,10 @@ TEST_F(AudioIo, HeaderLayoutsAndMessages) {
 
 // The data size is a third of the three-channel input, rounded down.
 TEST(AudioIoWriter, MonoHeaderBytes) {
-  char written[44] = {};  // a longer header would not fit: the write would fail
+  char written[44] = {};
   FILE* out = fmemopen(written, sizeof written, "wb");
   ASSERT_EQ(write_wave_header(mono_wave_header(3 * 1000 + 2), out), 0);
+  EXPECT_EQ(std::ftell(out), 44);
   std::fclose(out);
   const std::string want = Bytes().id("RIFF").le(1036, 4).id("WAVE")
                                .id("fmt ").le(16, 4).le(1, 2).le(1, 2).le(16000, 4).le(32000, 4).le(2, 2)
