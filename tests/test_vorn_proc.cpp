@@ -189,8 +189,8 @@ TEST(VornProc, BothCancellerOutputsFeedTheirConsumers) {
     Float2PCM(com, &com_pcm[at], 64);
     if ((at + 64) % kFrame != 0) continue;
     short vad_out[kFrame];
-    const std::size_t frame = at + 64 - kFrame;  // the frame this block completes
-    want_vad.push_back(VornVadProc(&vad_only.pm, &com_pcm[frame], &s.ref[frame], subcoh, 65, vad_out));
+    const std::size_t start = at + 64 - kFrame;  // of the frame this block completes
+    want_vad.push_back(VornVadProc(&vad_only.pm, &com_pcm[start], &s.ref[start], subcoh, 65, vad_out));
   }
   EXPECT_TRUE(got.out == asr_pcm);
   EXPECT_EQ(got.vad, want_vad);
