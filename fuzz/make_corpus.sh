@@ -8,7 +8,7 @@ cd "$(dirname "$0")/corpus"
 le16() { printf "\\x$(printf %02x $(($1 & 255)))\\x$(printf %02x $((($1 >> 8) & 255)))"; }
 le32() { le16 $(($1 & 65535)); le16 $((($1 >> 16) & 65535)); }
 
-mkdir -p conf_read wav_header filter_read aec_filter_file vorn_proc
+mkdir -p conf_read wav_header filter_read aec_filter_file vorn_proc list_file vorn_wav
 
 # Configuration files.
 cat > conf_read/ok_three_modes.conf <<'CONF'
@@ -58,6 +58,16 @@ wav 18 '\x00\x00' 0 12 1 > wav_header/ok_extended_format.wav
 wav 16 '' 1 12 3 > wav_header/ok_fact_chunk.wav
 { wav 16 '' 0 12 1; printf 'LISTjunk'; } > wav_header/trailing_chunk.wav
 
+# The vorn tool's reader: the same headers, a format chunk after the audio
+# behind a LIST chunk, a streaming writer's unknown size, raw samples.
+wav 16 '' 1 36 3 > vorn_wav/ok_fact_chunk.wav
+wav 18 '\x00\x00' 0 24 4 > vorn_wav/ok_extended_format.wav
+{ printf 'RIFF'; le32 66; printf 'WAVELIST'; le32 4; printf 'INFOdata'; le32 18
+  head -c 18 /dev/zero | tr '\0' '\002'; printf 'fmt '; le32 16; le16 1; le16 3; le32 16000; le32 96000
+  le16 6; le16 16; } > vorn_wav/ok_format_after_audio.wav
+{ wav 16 '' 0 0 3; head -c 37 /dev/zero | tr '\0' '\003'; } > vorn_wav/ok_unknown_size.wav
+head -c 30 /dev/zero | tr '\0' '\004' > vorn_wav/raw_samples.pcm
+
 # Filter files: head length byte, head, float count, then the file's blocks.
 { printf '\x08AEC----_'; le32 2
   printf 'OTHER___'; le32 4; printf '\x01\x02\x03\x04'
@@ -105,3 +115,10 @@ conf='[VORN_WKP]\nagc_flag = 1\nns_flag = 2\nvad_mode = 1\n'
 { printf '\x04\x02\x01\x01\x01\x02\x02\x00\x01\x02\x01'; le16 $(printf "$conf" | wc -c); printf "$conf"
   printf "$mode_switches"; printf '\x03'; head -c 4 /dev/zero; printf '\x00\x01\x02'; talker; } \
   > vorn_proc/ok_config_file.bin
+
+# List files of the driver: pairs with every line-end form and spacing, an
+# empty line ending the list early, a line longer than one read, three names.
+printf 'a.wav a_out.wav\r\nb.pcm\tb_out.pcm\n  c.wav   c_out.wav  \n\nafter_the_end.wav x.wav\n' \
+  > list_file/ok_pairs_any_line_end.txt
+{ head -c 5000 /dev/zero | tr '\0' x; printf ' out.wav\ny.wav\n'; } > list_file/ok_long_line.txt
+printf 'a.wav b.wav c.wav\n' > list_file/three_columns.txt

@@ -13,5 +13,7 @@ bool FuzzWavHeader(const uint8_t* data, size_t size);
 bool FuzzFilterRead(const uint8_t* data, size_t size);
 bool FuzzAecFilterFile(const uint8_t* data, size_t size);
 bool FuzzVornProc(const uint8_t* data, size_t size);
+bool FuzzListFile(const uint8_t* data, size_t size);
+bool FuzzVornWav(const uint8_t* data, size_t size);
 
 }  // namespace vorn::fuzz

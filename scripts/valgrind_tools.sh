@@ -33,11 +33,27 @@ check() {  # check NAME COMMAND...
   fi
 }
 
+check_refused() {  # check_refused NAME COMMAND...: the tool must fail, cleanly
+  local name=$1
+  shift
+  if "${memcheck[@]}" --log-file="$work/$name.log" "$@" >/dev/null 2>&1; then
+    echo "memcheck: $name: the tool accepted a bad input"
+    failures=$((failures + 1))
+  elif [[ -s $work/$name.log ]]; then
+    echo "memcheck: $name:"
+    cat "$work/$name.log"
+    failures=$((failures + 1))
+  else
+    echo "memcheck: $name: clean"
+  fi
+}
+
 legacy=$build/tools/test_vorn_3mic_stdin_stdout/test_vorn_3mic_stdin_stdout
 in=$work/scene/mics.wav
 # The heaviest switch set with the speech-flag file and per-hop direction
 # finding; the default mode; the utterance search on raw input through the
-# standard streams; a list of two pairs; a refused input.
+# standard streams; a list of two pairs; a refused input (and, for `vorn`, a
+# cut recording).
 tail -c +45 "$in" >"$work/mics.pcm"
 printf '%s %s\n%s %s\n' "$work/mics.pcm" "$work/l1.pcm" "$work/mics.pcm" "$work/l2.pcm" >"$work/list.txt"
 check legacy-heaviest "$legacy" "$in" "$work/heavy.wav" 1 4 1 3 2 60 1 1 none.conf
@@ -45,23 +61,15 @@ check legacy-default "$legacy" "$in" "$work/default.wav" 1 0 0 0 1 0 1 0 none.co
 check legacy-doa-search "$legacy" "$in" "$work/search.pcm" 2 1 2 1 1 30 2 0 none.conf
 check legacy-streams sh -c "\"$legacy\" stdin.pcm stdout.pcm 1 5 0 2 2 90 2 0 none.conf <\"$work/mics.pcm\" >\"$work/streams.pcm\""
 check legacy-list "$legacy" "$work/list.txt" unused 2 2 0 0 1 0 2 0 none.conf
-if "${memcheck[@]}" --log-file="$work/refused.log" "$legacy" "$work/scene/truth.json" x.wav 1 0 0 0 1 0 1 0 none.conf \
-  >/dev/null 2>&1; then
-  echo "memcheck: legacy-refused: the tool accepted a bad input"
-  failures=$((failures + 1))
-elif [[ -s $work/refused.log ]]; then
-  echo "memcheck: legacy-refused:"
-  cat "$work/refused.log"
-  failures=$((failures + 1))
-else
-  echo "memcheck: legacy-refused: clean"
-fi
+check_refused legacy-refused "$legacy" "$work/scene/truth.json" x.wav 1 0 0 0 1 0 1 0 none.conf
 
 if [[ -x $build/tools/vorn/vorn ]]; then
   vorn=$build/tools/vorn/vorn
   check vorn-heaviest "$vorn" process "$in" --ref="$work/scene/reference.wav" -o "$work/vorn.wav" --agc=1 --bf=4 \
     --doa=1 --aec=3 --ns=2 --azimuth=60 --vad="$work/vad.csv" --track="$work/track.csv" --json
   check vorn-default "$vorn" process "$in" -o "$work/vorn_default.wav"
+  head -c 30044 "$in" >"$work/cut.wav"
+  check_refused vorn-refused "$vorn" process "$work/cut.wav" -o "$work/vorn_cut.wav"
 else
   echo "memcheck: the vorn tool is not in $build; skipped"
 fi

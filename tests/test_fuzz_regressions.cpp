@@ -31,6 +31,8 @@ const Target kTargets[] = {
     {"filter_read", vorn::fuzz::FuzzFilterRead},
     {"aec_filter_file", vorn::fuzz::FuzzAecFilterFile},
     {"vorn_proc", vorn::fuzz::FuzzVornProc},
+    {"list_file", vorn::fuzz::FuzzListFile},
+    {"vorn_wav", vorn::fuzz::FuzzVornWav},
 };
 
 void PrintTo(const Target& target, std::ostream* out) { *out << target.name; }

@@ -34,26 +34,6 @@ constexpr int kFarSpectrumFloats = 2 * kAecBins;
 constexpr float kInverseScale = 2.0f / kAecBlockLen2;
 constexpr int kEstimatorFarLagBlocks = 3;
 
-void UnpackSpectrum(const float* fft, float spectrum[2][kAecBins]) {
-  spectrum[0][0] = fft[0];
-  spectrum[1][0] = 0.0f;
-  spectrum[0][kAecBlockLen] = fft[1];
-  spectrum[1][kAecBlockLen] = 0.0f;
-  for (int k = 1; k < kAecBlockLen; ++k) {
-    spectrum[0][k] = fft[2 * k];
-    spectrum[1][k] = fft[2 * k + 1];
-  }
-}
-
-void PackSpectrum(const float spectrum[2][kAecBins], float* fft) {
-  fft[0] = spectrum[0][0];
-  fft[1] = spectrum[0][kAecBlockLen];
-  for (int k = 1; k < kAecBlockLen; ++k) {
-    fft[2 * k] = spectrum[0][k];
-    fft[2 * k + 1] = spectrum[1][k];
-  }
-}
-
 // Alignment moves shift which far-end spectrum is read next; the far-end
 // sample bookkeeping (system_delay) belongs to the buffer management of the
 // instance and is left as it is.
@@ -73,7 +53,7 @@ float RunFilter(AecCore* aec, const float* near_block, float* error_block) {
   float yf[2][kAecBins] = {};
   float ef[2][kAecBins];
   AdspAec_FilterFar(aec, yf);
-  PackSpectrum(yf, fft);
+  aec_rdft_pack_128(yf, fft);
   aec_rdft_inverse_128(fft);
   float energy = 0.0f;
   for (int i = 0; i < kAecBlockLen; ++i) {
@@ -83,7 +63,7 @@ float RunFilter(AecCore* aec, const float* near_block, float* error_block) {
   std::memset(fft, 0, sizeof(float) * kAecBlockLen);
   std::memcpy(fft + kAecBlockLen, error_block, sizeof(float) * kAecBlockLen);
   aec_rdft_forward_128(fft);
-  UnpackSpectrum(fft, ef);
+  aec_rdft_unpack_128(fft, ef);
   AdspAec_ScaleErrorSignal(aec, ef);
   AdspAec_FilterAdaptation(aec, fft, ef);
   return energy;
@@ -128,7 +108,7 @@ void ProcessBlock(AecCore* aec) {
   std::memcpy(fft, aec->dBuf, sizeof(fft));
   aec_rdft_forward_128(fft);
   float df[2][kAecBins];
-  UnpackSpectrum(fft, df);
+  aec_rdft_unpack_128(fft, df);
 
   float abs_far[kAecBins];
   float abs_near[kAecBins];  // magnitudes: what the delay estimator binarises
@@ -382,7 +362,7 @@ void AdspAec_BufferFarendPartition(AecCore* aec, const float* farend) {
 
   std::memcpy(fft, farend, sizeof(fft));
   aec_rdft_forward_128(fft);
-  UnpackSpectrum(fft, spectrum);
+  aec_rdft_unpack_128(fft, spectrum);
   Adsp_WriteBuffer(&aec->far_buf, spectrum, 1);
 
   for (int i = 0; i < kAecBlockLen; ++i) {
@@ -390,7 +370,7 @@ void AdspAec_BufferFarendPartition(AecCore* aec, const float* farend) {
     fft[kAecBlockLen + i] = farend[kAecBlockLen + i] * AdspAec_sqrtHanning[kAecBlockLen - i];
   }
   aec_rdft_forward_128(fft);
-  UnpackSpectrum(fft, spectrum);
+  aec_rdft_unpack_128(fft, spectrum);
   Adsp_WriteBuffer(&aec->far_buf_windowed, spectrum, 1);
 }
 

@@ -10,6 +10,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "adsp_aec/aec_rdft.h"
 #include "adsp_aec/delay_estimator_wrapper.h"
 #include "adsp_aec/ring_buffer.h"
 
@@ -18,6 +19,7 @@ namespace vorn {
 constexpr int kAecBlockLen = 64;                    // samples per block and band
 constexpr int kAecBlockLen2 = 2 * kAecBlockLen;     // far-end partition / transform size
 constexpr int kAecBins = kAecBlockLen + 1;          // bins 0..64 of a 128-point spectrum
+static_assert(kAecBins == kRdftBins, "the canceller's spectra are the transform's bins");
 constexpr int kNormalNumPartitions = 12;
 constexpr int kExtendedNumPartitions = 32;
 constexpr int kMaxPartitions = kExtendedNumPartitions;

@@ -147,14 +147,7 @@ void WindowAndTransform(const float* block, float* fft, float spectrum[2][kAecBi
     fft[kAecBlockLen + i] = block[kAecBlockLen + i] * AdspAec_sqrtHanning[kAecBlockLen - i];
   }
   aec_rdft_forward_128(fft);
-  spectrum[0][0] = fft[0];
-  spectrum[1][0] = 0.0f;
-  spectrum[0][kAecBlockLen] = fft[1];
-  spectrum[1][kAecBlockLen] = 0.0f;
-  for (int k = 1; k < kAecBlockLen; ++k) {
-    spectrum[0][k] = fft[2 * k];
-    spectrum[1][k] = fft[2 * k + 1];
-  }
+  aec_rdft_unpack_128(fft, spectrum);
 }
 
 // Inverse transform of a (conjugated) spectrum, synthesis window and

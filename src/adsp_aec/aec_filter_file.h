@@ -20,8 +20,9 @@ inline constexpr int kAecFilterPlaneLen = 32 * kAecFilterPlaneBins;  // one plan
 static_assert(kAecFilterFilePayloadBytes == 3072);
 
 // Adds the file's filter into wf_ini (wf_ini[0] real plane, wf_ini[1]
-// imaginary plane). 0 on success, -1 on any failure; a payload cut short also
-// clears both planes.
+// imaginary plane). 0 on success, -1 on any failure. A file too short for its
+// payload is refused before anything is added; only a read that fails halfway
+// (the file shrinking underneath, say) clears both planes.
 int32_t AdspAec_FilterReadPlanes(const char* path, float (*wf_ini)[kAecFilterPlaneLen]);
 
 // The canceller's entry point: reads the file into the core's initial filter

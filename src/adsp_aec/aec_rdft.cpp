@@ -42,6 +42,94 @@ constexpr std::array<std::pair<int, int>, 28> MakeBitReversalSwaps() {
 
 constexpr auto kBitReversalSwaps = MakeBitReversalSwaps();
 
+// One radix-4 butterfly over the complex points a[j], a[j + d], a[j + 2d] and
+// a[j + 3d] (real and imaginary parts interleaved): their sums and
+// differences, before any twiddle.
+struct Butterfly {
+  float x0r, x0i, x1r, x1i, x2r, x2i, x3r, x3i;
+};
+
+Butterfly Load(const float* a, int j, int d) {
+  const int j1 = j + d;
+  const int j2 = j1 + d;
+  const int j3 = j2 + d;
+  return {a[j] + a[j1],   a[j + 1] + a[j1 + 1], a[j] - a[j1],   a[j + 1] - a[j1 + 1],
+          a[j2] + a[j3], a[j2 + 1] + a[j3 + 1], a[j2] - a[j3], a[j2 + 1] - a[j3 + 1]};
+}
+
+// Outputs of a butterfly whose twiddles are all 1.
+void StoreUnit(float* a, int j, int d, const Butterfly& b) {
+  const int j1 = j + d;
+  const int j2 = j1 + d;
+  const int j3 = j2 + d;
+  a[j] = b.x0r + b.x2r;
+  a[j + 1] = b.x0i + b.x2i;
+  a[j2] = b.x0r - b.x2r;
+  a[j2 + 1] = b.x0i - b.x2i;
+  a[j1] = b.x1r - b.x3i;
+  a[j1 + 1] = b.x1i + b.x3r;
+  a[j3] = b.x1r + b.x3i;
+  a[j3 + 1] = b.x1i - b.x3r;
+}
+
+// Outputs of the butterfly whose twiddles are powers of e^(i pi/4): a swap
+// for the quarter turn and one multiplication by cos(pi/4) = `c` per part.
+void StoreEighth(float* a, int j, int d, const Butterfly& b, float c) {
+  const int j1 = j + d;
+  const int j2 = j1 + d;
+  const int j3 = j2 + d;
+  a[j] = b.x0r + b.x2r;
+  a[j + 1] = b.x0i + b.x2i;
+  a[j2] = b.x2i - b.x0i;
+  a[j2 + 1] = b.x0r - b.x2r;
+  float xr = b.x1r - b.x3i;
+  float xi = b.x1i + b.x3r;
+  a[j1] = c * (xr - xi);
+  a[j1 + 1] = c * (xr + xi);
+  xr = b.x3i + b.x1r;
+  xi = b.x3r - b.x1i;
+  a[j3] = c * (xi - xr);
+  a[j3 + 1] = c * (xi + xr);
+}
+
+// The twiddles w1, w2, w3 of a general butterfly, as complex numbers.
+struct Twiddles {
+  float w1r, w1i, w2r, w2i, w3r, w3i;
+};
+
+// Group k1 (even) of a stage has two butterflies: the second turns w2 by a
+// further quarter and takes the next table entries for w1 and w3.
+Twiddles FirstTwiddles(int k1) {
+  const int k2 = 2 * k1;
+  return {rdft_w[k2], rdft_w[k2 + 1], rdft_w[k1], rdft_w[k1 + 1], rdft_wk3ri_first[k1], rdft_wk3ri_first[k1 + 1]};
+}
+
+Twiddles SecondTwiddles(int k1) {
+  const int k2 = 2 * k1;
+  return {rdft_w[k2 + 2], rdft_w[k2 + 3], -rdft_w[k1 + 1], rdft_w[k1], rdft_wk3ri_second[k1],
+          rdft_wk3ri_second[k1 + 1]};
+}
+
+void StoreTwiddled(float* a, int j, int d, const Butterfly& b, const Twiddles& w) {
+  const int j1 = j + d;
+  const int j2 = j1 + d;
+  const int j3 = j2 + d;
+  a[j] = b.x0r + b.x2r;
+  a[j + 1] = b.x0i + b.x2i;
+  float xr = b.x0r - b.x2r;
+  float xi = b.x0i - b.x2i;
+  a[j2] = w.w2r * xr - w.w2i * xi;
+  a[j2 + 1] = w.w2r * xi + w.w2i * xr;
+  xr = b.x1r - b.x3i;
+  xi = b.x1i + b.x3r;
+  a[j1] = w.w1r * xr - w.w1i * xi;
+  a[j1 + 1] = w.w1r * xi + w.w1i * xr;
+  xr = b.x1r + b.x3i;
+  xi = b.x1i - b.x3r;
+  a[j3] = w.w3r * xr - w.w3i * xi;
+  a[j3 + 1] = w.w3r * xi + w.w3i * xr;
+}
+
 }  // namespace
 
 RdftStage128 bitrv2_128 = bitrv2_128_C;
@@ -59,260 +147,28 @@ void bitrv2_128_C(float* a) {
   }
 }
 
+// Butterflies of adjacent pairs, in groups of 16 floats.
 void cft1st_128_C(float* a) {
-  const int n = 128;
-  float x0r, x0i, x1r, x1i, x2r, x2i, x3r, x3i;
-
-  x0r = a[0] + a[2];
-  x0i = a[1] + a[3];
-  x1r = a[0] - a[2];
-  x1i = a[1] - a[3];
-  x2r = a[4] + a[6];
-  x2i = a[5] + a[7];
-  x3r = a[4] - a[6];
-  x3i = a[5] - a[7];
-  a[0] = x0r + x2r;
-  a[1] = x0i + x2i;
-  a[4] = x0r - x2r;
-  a[5] = x0i - x2i;
-  a[2] = x1r - x3i;
-  a[3] = x1i + x3r;
-  a[6] = x1r + x3i;
-  a[7] = x1i - x3r;
-  float wk1r = rdft_w[2];
-  x0r = a[8] + a[10];
-  x0i = a[9] + a[11];
-  x1r = a[8] - a[10];
-  x1i = a[9] - a[11];
-  x2r = a[12] + a[14];
-  x2i = a[13] + a[15];
-  x3r = a[12] - a[14];
-  x3i = a[13] - a[15];
-  a[8] = x0r + x2r;
-  a[9] = x0i + x2i;
-  a[12] = x2i - x0i;
-  a[13] = x0r - x2r;
-  x0r = x1r - x3i;
-  x0i = x1i + x3r;
-  a[10] = wk1r * (x0r - x0i);
-  a[11] = wk1r * (x0r + x0i);
-  x0r = x3i + x1r;
-  x0i = x3r - x1i;
-  a[14] = wk1r * (x0i - x0r);
-  a[15] = wk1r * (x0i + x0r);
-
-  int k1 = 0;
-  for (int j = 16; j < n; j += 16) {
-    k1 += 2;
-    const int k2 = 2 * k1;
-    const float wk2r = rdft_w[k1];
-    const float wk2i = rdft_w[k1 + 1];
-    wk1r = rdft_w[k2];
-    float wk1i = rdft_w[k2 + 1];
-    float wk3r = rdft_wk3ri_first[k1];
-    float wk3i = rdft_wk3ri_first[k1 + 1];
-    x0r = a[j] + a[j + 2];
-    x0i = a[j + 1] + a[j + 3];
-    x1r = a[j] - a[j + 2];
-    x1i = a[j + 1] - a[j + 3];
-    x2r = a[j + 4] + a[j + 6];
-    x2i = a[j + 5] + a[j + 7];
-    x3r = a[j + 4] - a[j + 6];
-    x3i = a[j + 5] - a[j + 7];
-    a[j] = x0r + x2r;
-    a[j + 1] = x0i + x2i;
-    x0r -= x2r;
-    x0i -= x2i;
-    a[j + 4] = wk2r * x0r - wk2i * x0i;
-    a[j + 5] = wk2r * x0i + wk2i * x0r;
-    x0r = x1r - x3i;
-    x0i = x1i + x3r;
-    a[j + 2] = wk1r * x0r - wk1i * x0i;
-    a[j + 3] = wk1r * x0i + wk1i * x0r;
-    x0r = x1r + x3i;
-    x0i = x1i - x3r;
-    a[j + 6] = wk3r * x0r - wk3i * x0i;
-    a[j + 7] = wk3r * x0i + wk3i * x0r;
-
-    wk1r = rdft_w[k2 + 2];
-    wk1i = rdft_w[k2 + 3];
-    wk3r = rdft_wk3ri_second[k1];
-    wk3i = rdft_wk3ri_second[k1 + 1];
-    x0r = a[j + 8] + a[j + 10];
-    x0i = a[j + 9] + a[j + 11];
-    x1r = a[j + 8] - a[j + 10];
-    x1i = a[j + 9] - a[j + 11];
-    x2r = a[j + 12] + a[j + 14];
-    x2i = a[j + 13] + a[j + 15];
-    x3r = a[j + 12] - a[j + 14];
-    x3i = a[j + 13] - a[j + 15];
-    a[j + 8] = x0r + x2r;
-    a[j + 9] = x0i + x2i;
-    x0r -= x2r;
-    x0i -= x2i;
-    a[j + 12] = -wk2i * x0r - wk2r * x0i;
-    a[j + 13] = -wk2i * x0i + wk2r * x0r;
-    x0r = x1r - x3i;
-    x0i = x1i + x3r;
-    a[j + 10] = wk1r * x0r - wk1i * x0i;
-    a[j + 11] = wk1r * x0i + wk1i * x0r;
-    x0r = x1r + x3i;
-    x0i = x1i - x3r;
-    a[j + 14] = wk3r * x0r - wk3i * x0i;
-    a[j + 15] = wk3r * x0i + wk3i * x0r;
+  StoreUnit(a, 0, 2, Load(a, 0, 2));
+  StoreEighth(a, 8, 2, Load(a, 8, 2), rdft_w[2]);
+  for (int j = 16, k1 = 2; j < 128; j += 16, k1 += 2) {
+    StoreTwiddled(a, j, 2, Load(a, j, 2), FirstTwiddles(k1));
+    StoreTwiddled(a, j + 8, 2, Load(a, j + 8, 2), SecondTwiddles(k1));
   }
 }
 
+// Butterflies of points 8 floats apart, in two groups of 64 floats.
 void cftmdl_128_C(float* a) {
-  const int l = 8;
-  const int n = 128;
-  const int m = 32;
-  float x0r, x0i, x1r, x1i, x2r, x2i, x3r, x3i;
-
-  for (int j = 0; j < l; j += 2) {
-    const int j1 = j + 8;
-    const int j2 = j + 16;
-    const int j3 = j + 24;
-    x0r = a[j] + a[j1];
-    x0i = a[j + 1] + a[j1 + 1];
-    x1r = a[j] - a[j1];
-    x1i = a[j + 1] - a[j1 + 1];
-    x2r = a[j2] + a[j3];
-    x2i = a[j2 + 1] + a[j3 + 1];
-    x3r = a[j2] - a[j3];
-    x3i = a[j2 + 1] - a[j3 + 1];
-    a[j] = x0r + x2r;
-    a[j + 1] = x0i + x2i;
-    a[j2] = x0r - x2r;
-    a[j2 + 1] = x0i - x2i;
-    a[j1] = x1r - x3i;
-    a[j1 + 1] = x1i + x3r;
-    a[j3] = x1r + x3i;
-    a[j3 + 1] = x1i - x3r;
-  }
-  float wk1r = rdft_w[2];
-  for (int j = m; j < l + m; j += 2) {
-    const int j1 = j + 8;
-    const int j2 = j + 16;
-    const int j3 = j + 24;
-    x0r = a[j] + a[j1];
-    x0i = a[j + 1] + a[j1 + 1];
-    x1r = a[j] - a[j1];
-    x1i = a[j + 1] - a[j1 + 1];
-    x2r = a[j2] + a[j3];
-    x2i = a[j2 + 1] + a[j3 + 1];
-    x3r = a[j2] - a[j3];
-    x3i = a[j2 + 1] - a[j3 + 1];
-    a[j] = x0r + x2r;
-    a[j + 1] = x0i + x2i;
-    a[j2] = x2i - x0i;
-    a[j2 + 1] = x0r - x2r;
-    x0r = x1r - x3i;
-    x0i = x1i + x3r;
-    a[j1] = wk1r * (x0r - x0i);
-    a[j1 + 1] = wk1r * (x0r + x0i);
-    x0r = x3i + x1r;
-    x0i = x3r - x1i;
-    a[j3] = wk1r * (x0i - x0r);
-    a[j3 + 1] = wk1r * (x0i + x0r);
-  }
-  int k1 = 0;
-  const int m2 = 2 * m;
-  for (int k = m2; k < n; k += m2) {
-    k1 += 2;
-    const int k2 = 2 * k1;
-    const float wk2r = rdft_w[k1];
-    const float wk2i = rdft_w[k1 + 1];
-    wk1r = rdft_w[k2];
-    float wk1i = rdft_w[k2 + 1];
-    float wk3r = rdft_wk3ri_first[k1];
-    float wk3i = rdft_wk3ri_first[k1 + 1];
-    for (int j = k; j < l + k; j += 2) {
-      const int j1 = j + 8;
-      const int j2 = j + 16;
-      const int j3 = j + 24;
-      x0r = a[j] + a[j1];
-      x0i = a[j + 1] + a[j1 + 1];
-      x1r = a[j] - a[j1];
-      x1i = a[j + 1] - a[j1 + 1];
-      x2r = a[j2] + a[j3];
-      x2i = a[j2 + 1] + a[j3 + 1];
-      x3r = a[j2] - a[j3];
-      x3i = a[j2 + 1] - a[j3 + 1];
-      a[j] = x0r + x2r;
-      a[j + 1] = x0i + x2i;
-      x0r -= x2r;
-      x0i -= x2i;
-      a[j2] = wk2r * x0r - wk2i * x0i;
-      a[j2 + 1] = wk2r * x0i + wk2i * x0r;
-      x0r = x1r - x3i;
-      x0i = x1i + x3r;
-      a[j1] = wk1r * x0r - wk1i * x0i;
-      a[j1 + 1] = wk1r * x0i + wk1i * x0r;
-      x0r = x1r + x3i;
-      x0i = x1i - x3r;
-      a[j3] = wk3r * x0r - wk3i * x0i;
-      a[j3 + 1] = wk3r * x0i + wk3i * x0r;
-    }
-    wk1r = rdft_w[k2 + 2];
-    wk1i = rdft_w[k2 + 3];
-    wk3r = rdft_wk3ri_second[k1];
-    wk3i = rdft_wk3ri_second[k1 + 1];
-    for (int j = k + m; j < l + (k + m); j += 2) {
-      const int j1 = j + 8;
-      const int j2 = j + 16;
-      const int j3 = j + 24;
-      x0r = a[j] + a[j1];
-      x0i = a[j + 1] + a[j1 + 1];
-      x1r = a[j] - a[j1];
-      x1i = a[j + 1] - a[j1 + 1];
-      x2r = a[j2] + a[j3];
-      x2i = a[j2 + 1] + a[j3 + 1];
-      x3r = a[j2] - a[j3];
-      x3i = a[j2 + 1] - a[j3 + 1];
-      a[j] = x0r + x2r;
-      a[j + 1] = x0i + x2i;
-      x0r -= x2r;
-      x0i -= x2i;
-      a[j2] = -wk2i * x0r - wk2r * x0i;
-      a[j2 + 1] = -wk2i * x0i + wk2r * x0r;
-      x0r = x1r - x3i;
-      x0i = x1i + x3r;
-      a[j1] = wk1r * x0r - wk1i * x0i;
-      a[j1 + 1] = wk1r * x0i + wk1i * x0r;
-      x0r = x1r + x3i;
-      x0i = x1i - x3r;
-      a[j3] = wk3r * x0r - wk3i * x0i;
-      a[j3 + 1] = wk3r * x0i + wk3i * x0r;
-    }
-  }
+  for (int j = 0; j < 8; j += 2) StoreUnit(a, j, 8, Load(a, j, 8));
+  for (int j = 32; j < 40; j += 2) StoreEighth(a, j, 8, Load(a, j, 8), rdft_w[2]);
+  for (int j = 64; j < 72; j += 2) StoreTwiddled(a, j, 8, Load(a, j, 8), FirstTwiddles(2));
+  for (int j = 96; j < 104; j += 2) StoreTwiddled(a, j, 8, Load(a, j, 8), SecondTwiddles(2));
 }
 
 void cftfsub_128_C(float* a) {
-  const int l = 32;
   cft1st_128(a);
   cftmdl_128(a);
-  for (int j = 0; j < l; j += 2) {
-    const int j1 = j + l;
-    const int j2 = j1 + l;
-    const int j3 = j2 + l;
-    const float x0r = a[j] + a[j1];
-    const float x0i = a[j + 1] + a[j1 + 1];
-    const float x1r = a[j] - a[j1];
-    const float x1i = a[j + 1] - a[j1 + 1];
-    const float x2r = a[j2] + a[j3];
-    const float x2i = a[j2 + 1] + a[j3 + 1];
-    const float x3r = a[j2] - a[j3];
-    const float x3i = a[j2 + 1] - a[j3 + 1];
-    a[j] = x0r + x2r;
-    a[j + 1] = x0i + x2i;
-    a[j2] = x0r - x2r;
-    a[j2 + 1] = x0i - x2i;
-    a[j1] = x1r - x3i;
-    a[j1 + 1] = x1i + x3r;
-    a[j3] = x1r + x3i;
-    a[j3 + 1] = x1i - x3r;
-  }
+  for (int j = 0; j < 32; j += 2) StoreUnit(a, j, 32, Load(a, j, 32));
 }
 
 void cftbsub_128_C(float* a) {
@@ -391,6 +247,28 @@ void aec_rdft_init(void) {
 #if defined(__SSE2__)
   aec_rdft_init_sse2();
 #endif
+}
+
+void aec_rdft_unpack_128(const float* a, float spectrum[2][kRdftBins]) {
+  constexpr int half = kRdftLength / 2;
+  spectrum[0][0] = a[0];
+  spectrum[1][0] = 0.0f;
+  spectrum[0][half] = a[1];
+  spectrum[1][half] = 0.0f;
+  for (int k = 1; k < half; ++k) {
+    spectrum[0][k] = a[2 * k];
+    spectrum[1][k] = a[2 * k + 1];
+  }
+}
+
+void aec_rdft_pack_128(const float spectrum[2][kRdftBins], float* a) {
+  constexpr int half = kRdftLength / 2;
+  a[0] = spectrum[0][0];
+  a[1] = spectrum[0][half];
+  for (int k = 1; k < half; ++k) {
+    a[2 * k] = spectrum[0][k];
+    a[2 * k + 1] = spectrum[1][k];
+  }
 }
 
 void aec_rdft_forward_128(float* a) {

@@ -24,6 +24,12 @@ extern RdftStage128 cftbsub_128;
 extern RdftStage128 rftfsub_128;
 extern RdftStage128 rftbsub_128;
 
+// The packed spectrum as real and imaginary parts of its 65 bins (the
+// imaginary parts of bins 0 and 64 are 0), and back.
+inline constexpr int kRdftBins = kRdftLength / 2 + 1;
+void aec_rdft_unpack_128(const float* a, float spectrum[2][kRdftBins]);
+void aec_rdft_pack_128(const float spectrum[2][kRdftBins], float* a);
+
 // Plain stages: the reference for the vector ones.
 void bitrv2_128_C(float* a);
 void cft1st_128_C(float* a);

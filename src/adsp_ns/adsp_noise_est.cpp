@@ -98,6 +98,13 @@ void NoiseEst(T_AdspNsState *ns_st, float *psd) {
     const float eta = new_term + 0.95f * st.eta_2term[k];
     st.eta[k] = eta > st.eta_min ? eta : st.eta_min;
     st.v[k] = st.gamma[k] * st.eta[k] / (st.eta[k] + 1.0f);
+    // After long digital silence the noise estimate sits at its floor, and the
+    // first loud frame can push gamma * eta past the float range. Only then is
+    // the division done first: every finite result keeps its usual rounding,
+    // and the gain rule takes the same branch for a huge v as for an infinite one.
+    if (!std::isfinite(st.v[k])) {
+      st.v[k] = st.gamma[k] * (st.eta[k] / (st.eta[k] + 1.0f));
+    }
 
     const float minimum = st.s_min_t[k] < kTiny ? kTiny : st.s_min_t[k];
     const float gamma_min = psd[k] / kBiasMinimum / minimum;

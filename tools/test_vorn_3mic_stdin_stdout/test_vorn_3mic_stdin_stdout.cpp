@@ -23,6 +23,7 @@
 #include <string>
 
 #include "audio_io/audio_io.h"
+#include "list_file.h"
 #include "tool_state.h"
 #include "vorn_proc.h"
 
@@ -47,7 +48,6 @@ constexpr int kFrameValues = 768;     // 256 samples of three microphones
 constexpr int kFrameSamples = 256;
 constexpr int kStdinPcmLen = 2147483610;
 constexpr int kStdinWavLen = 2147483611;
-constexpr int kListLineLen = 4000;
 
 void CloseStream(FILE*& f) {
   if (f != nullptr && f != stdin && f != stdout) fclose(f);
@@ -325,24 +325,6 @@ void SetPair(const char* in_name, const char* out_name) {
   snprintf(jjout_file_full_name, kPathLen, "%s", out_name);
 }
 
-// Splits a list line into its words (separated by spaces and tabs) and
-// returns how many there are, counting at most three. The line end is cut
-// whatever its form, so lists written on any system work.
-int SplitListLine(char* line, char** words, int max_words) {
-  size_t n = strlen(line);
-  while (n > 0 && (line[n - 1] == '\n' || line[n - 1] == '\r')) line[--n] = '\0';
-  int count = 0;
-  char* p = line;
-  for (;;) {
-    while (*p == ' ' || *p == '\t') ++p;
-    if (*p == '\0') return count;
-    if (count == max_words) return count + 1;
-    words[count++] = p;
-    while (*p != '\0' && *p != ' ' && *p != '\t') ++p;
-    if (*p != '\0') *p++ = '\0';
-  }
-}
-
 }  // namespace
 }  // namespace vorn::tool
 
@@ -387,15 +369,16 @@ int main(int argc, char** argv) {
     Fail(-1);
   }
   static char line[kListLineLen + 1];
-  while (fgets(line, kListLineLen, fp_list) != nullptr) {
-    char* words[2] = {nullptr, nullptr};
-    const int count = SplitListLine(line, words, 2);
-    if (count > 2) {
+  for (;;) {
+    const char* in_name = nullptr;
+    const char* out_name = nullptr;
+    const ListEntry entry = NextListEntry(fp_list, line, &in_name, &out_name);
+    if (entry == ListEntry::kTooManyColumns) {
       fprintf(stderr, "Input file %s more two column!\n", argv[1]);
       Fail(-1);
     }
-    if (count == 0) break;  // an empty line ends the list
-    SetPair(words[0], words[1] ? words[1] : "");
+    if (entry == ListEntry::kEnd) break;
+    SetPair(in_name, out_name);
     ProcessPair(&pm, write_vad);
   }
   system_pause_win(0);

@@ -145,9 +145,11 @@ bool AudioInput::WalkChunksSeekable(uint32_t riff_size, std::string* error) {
   if (data_size == 0 || data_size == kUnknownSize) {
     bytes = available;
   } else if (data_size > available) {
-    notice_ = display_name_ + ": the data chunk claims " + std::to_string(data_size) + " bytes but the file holds " +
-              std::to_string(available) + "; reading what is there";
-    bytes = available;
+    // A cut file: processing what is there would pass a shortened result off
+    // as the whole recording.
+    *error = display_name_ + ": the data chunk claims " + std::to_string(data_size) + " bytes but the file holds " +
+             std::to_string(available) + " (a truncated file?)";
+    return false;
   }
   data_bytes_ = bytes;
   std::fseek(stream_, static_cast<long>(*data_at), SEEK_SET);
@@ -226,6 +228,9 @@ size_t AudioInput::Read(int16_t* interleaved, size_t max_frames) {
   if (data_bytes_) *data_bytes_ -= got;
   if (got < want) {  // the input ended early, perhaps inside a sample frame
     trailing_bytes_ = got - whole;
+    // Short of a declared length the input was cut (or shrank while read).
+    if (data_bytes_ && read_error_.empty())
+      read_error_ = display_name_ + ": ended " + std::to_string(*data_bytes_) + " bytes before its declared length";
     data_bytes_ = 0;
   } else if (data_bytes_ && *data_bytes_ < frame_bytes) {
     trailing_bytes_ = static_cast<size_t>(*data_bytes_);  // too few left for one more sample frame

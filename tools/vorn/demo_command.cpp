@@ -148,7 +148,7 @@ int RunDemo(const DemoOptions& opt) {
   }
   // The gain control lifts whatever it takes for speech, the echo's residue
   // included, so the stages before it are also measured on their own.
-  const bool gain_on = summary.agc != 0;
+  const bool gain_on = summary.switches.agc != 0;
   if (gain_on) {
     ProcessOptions no_gain = process;
     no_gain.output = (std::filesystem::path(opt.dir) / ".output-without-gain-control.wav").string();
@@ -174,9 +174,10 @@ int RunDemo(const DemoOptions& opt) {
               kSensorSnrDb);
   std::printf("  echo        loudspeaker playing %.1f-%.1f s, echo %.0f dBFS against the talker's %.0f dBFS\n",
               scene.far_begin_s, scene.far_end_s, scene.echo_level_dbfs, scene.talker_level_dbfs);
+  const Switches& s = summary.switches;
   std::printf("processed in mode %s (agc %d, bf %d, doa %d, aec %d, ns %d, vad-mode %d), "
               "echo canceller fed with the reference, %.0fx real time\n",
-              summary.mode.c_str(), summary.agc, summary.bf, summary.doa, summary.aec, summary.ns, summary.vad_mode,
+              summary.mode.c_str(), s.agc, s.bf, s.doa, s.aec, s.ns, s.vad_mode,
               summary.realtime_factor);
   if (summary.direction_deg)
     std::printf("  direction   %d deg found, %.0f deg true (error %.0f deg)\n", *summary.direction_deg,

@@ -77,13 +77,7 @@ Switches FrontEnd::ModeSwitches() const {
 
 bool FrontEnd::Start(const Switches& s, std::string* error) {
   pm_.vorn_mode = -1;
-  pm_.agc_flag = s.agc;
-  pm_.bf_flag = s.bf;
-  pm_.doa_flag = s.doa;
-  pm_.aec_flag = s.aec;
-  pm_.ns_flag = s.ns;
-  pm_.bf_azimuth = s.azimuth;
-  pm_.vad_mode = s.vad_mode;
+  CopySwitches(s, &pm_);
   const int code = VornInit(&pm_, nullptr);
   if (code != 0) {
     std::string where = "mode " + std::string(mode_ == 0 ? "wakeup" : mode_ == 1 ? "asr" : "comm");
@@ -91,14 +85,7 @@ bool FrontEnd::Start(const Switches& s, std::string* error) {
     *error = Explain(code, ("initialisation with " + where).c_str());
     return false;
   }
-  T_VornKey& key = pm_.in_argv[mode_];
-  key.agc_flag = s.agc;
-  key.bf_flag = s.bf;
-  key.doa_flag = s.doa;
-  key.aec_flag = s.aec;
-  key.ns_flag = s.ns;
-  key.bf_azimuth = s.azimuth;
-  key.vad_mode = s.vad_mode;
+  CopySwitches(s, &pm_.in_argv[mode_]);
   pm_.vorn_mode = mode_;
   return true;
 }

@@ -6,16 +6,13 @@
 #include <string>
 #include <vector>
 
+#include "switches.h"
 #include "vorn_proc.h"
 
 namespace vorn::cli {
 
 constexpr int kFrameSamples = 256;  // per channel, 16 ms at 16 kHz
 constexpr int kMics = 3;
-
-struct Switches {
-  int agc = 0, bf = 0, doa = 0, aec = 0, ns = 0, azimuth = 0, vad_mode = 0;
-};
 
 class FrontEnd {
  public:

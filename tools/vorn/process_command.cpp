@@ -240,13 +240,7 @@ int ProcessRecording(const ProcessOptions& opt, Summary* summary, std::vector<in
   summary->output = opt.output == "-" ? "standard output" : opt.output;
   summary->mode = ModeName(opt.mode);
   summary->reference = reference_in_input ? "channel 4" : opt.ref_path.empty() ? "none" : reference.name();
-  summary->agc = switches.agc;
-  summary->bf = switches.bf;
-  summary->doa = switches.doa;
-  summary->aec = switches.aec;
-  summary->ns = switches.ns;
-  summary->azimuth = switches.azimuth;
-  summary->vad_mode = switches.vad_mode;
+  summary->switches = switches;
   summary->duration_s = static_cast<double>(samples) / kRate;
   summary->frames = frame_index;
   summary->speech_frames = 0;

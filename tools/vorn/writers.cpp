@@ -71,8 +71,13 @@ OutputKind OutputKindOf(const std::string& path) {
   return OutputKind::kUnknown;
 }
 
+// An output never closed belongs to a run that failed: it is removed rather
+// than left looking like a finished, shorter result.
 AudioOutput::~AudioOutput() {
-  if (owns_stream_ && stream_ != nullptr) std::fclose(stream_);
+  if (owns_stream_ && stream_ != nullptr) {
+    std::fclose(stream_);
+    std::remove(name_.c_str());
+  }
 }
 
 bool AudioOutput::Open(const std::string& path, int channels, std::string* error) {
@@ -146,10 +151,11 @@ std::string SummaryJson(const Summary& s) {
   json += "  \"input\": " + JsonString(s.input) + ",\n";
   json += "  \"output\": " + JsonString(s.output) + ",\n";
   json += "  \"mode\": " + JsonString(s.mode) + ",\n";
-  json += "  \"switches\": {\"agc\": " + std::to_string(s.agc) + ", \"bf\": " + std::to_string(s.bf) +
-          ", \"doa\": " + std::to_string(s.doa) + ", \"aec\": " + std::to_string(s.aec) +
-          ", \"ns\": " + std::to_string(s.ns) + ", \"azimuth\": " + std::to_string(s.azimuth) +
-          ", \"vad_mode\": " + std::to_string(s.vad_mode) + "},\n";
+  const Switches& w = s.switches;
+  json += "  \"switches\": {\"agc\": " + std::to_string(w.agc) + ", \"bf\": " + std::to_string(w.bf) +
+          ", \"doa\": " + std::to_string(w.doa) + ", \"aec\": " + std::to_string(w.aec) +
+          ", \"ns\": " + std::to_string(w.ns) + ", \"azimuth\": " + std::to_string(w.azimuth) +
+          ", \"vad_mode\": " + std::to_string(w.vad_mode) + "},\n";
   json += "  \"reference\": " + JsonString(s.reference) + ",\n";
   json += "  \"duration_s\": " + Fixed(s.duration_s, 3) + ",\n";
   json += "  \"frames\": " + std::to_string(s.frames) + ",\n";

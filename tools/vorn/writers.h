@@ -8,11 +8,13 @@
 #include <string>
 #include <vector>
 
+#include "switches.h"
+
 namespace vorn::cli {
 
 // 16 kHz 16-bit audio of `channels` channels. A ".wav" name gets a WAV header
 // whose sizes are filled in by Close(); ".pcm" and ".raw" names and "-"
-// (standard output) get bare samples.
+// (standard output) get bare samples. A file that is not closed is removed.
 class AudioOutput {
  public:
   AudioOutput() = default;
@@ -43,7 +45,7 @@ bool WriteFrameCsv(const std::string& path, const char* column, const std::vecto
 // What `vorn process --json` prints.
 struct Summary {
   std::string input, output, mode, reference;  // reference: "none", "channel 4" or the file
-  int agc = 0, bf = 0, doa = 0, aec = 0, ns = 0, azimuth = 0, vad_mode = 0;
+  Switches switches;
   double duration_s = 0.0;
   uint64_t frames = 0;
   uint64_t speech_frames = 0;
