@@ -239,6 +239,8 @@ TEST(BenchScene, UserTalkerOverEchoSpansLevelLagClippingErleAndFiles) {
   const RenderedScene lagged = Render(late), hard = Render(clipped);
   EXPECT_EQ(lagged.reference, r.reference);
   EXPECT_EQ(hard.reference, r.reference);
+  scene.seed += 1;  // another far-end talker
+  EXPECT_NE(Render(scene).reference, r.reference);
   EXPECT_EQ(FindLatency(ToSignal(lagged.reference), Channel(lagged.mics, 0), 1024), base_lag + 320);
   const double si_sdr = SiSdrDb(Channel(hard.mics, 0), mic0);  // no longer a scaled copy of the clean echo
   EXPECT_TRUE(si_sdr > 3.0 && si_sdr < 20.0) << si_sdr;
