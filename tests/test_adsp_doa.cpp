@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstdio>
 #include <cstring>
 #include <tuple>
 #include <vector>
@@ -35,14 +34,14 @@ double AngleError(double a, double b) {
   return d > 180.0 ? 360.0 - d : d;
 }
 
-TEST(DoaBinWeights, PowerSlotsAndWeightsAboveTheNoise) {
-  const std::pair<float, float> power_noise[] = {{1, 1}, {0, 1}, {2, 1}, {4, 1}, {100, 1}, {1, 0}};
-  // at the noise and below: floor; floored gain times squared ratio; both terms; capped; no noise: capped
-  const float want[] = {0.1f, 0.1f, 0.1f * 4.0f, (4.0f - 1.9f) / 4.0f * 16.0f, 100.0f, 100.0f};
-  for (int i = 0; i < 6; ++i) {
-    float p = power_noise[i].first, n = power_noise[i].second, w = -1.0f;
-    GetBfWeight(&p, &n, &w, 1);
-    EXPECT_NEAR(w, want[i], 1e-5f * want[i]) << "power " << p << " noise " << n;
+TEST(DoaHelpers, BinWeightsPowerSlotsAnglesAndSelectSort) {
+  // At the noise and below: floor; floored gain times squared ratio; both terms; capped; no noise: capped.
+  const std::tuple<float, float, float> weights[] = {
+      {1, 1, 0.1f}, {0, 1, 0.1f}, {2, 1, 0.1f * 4}, {4, 1, (4 - 1.9f) / 4 * 16}, {100, 1, 100}, {1, 0, 100}};
+  for (auto [power, noise, want] : weights) {
+    float w = -1.0f;
+    GetBfWeight(&power, &noise, &w, 1);
+    EXPECT_NEAR(w, want, 1e-5f * want) << "power " << power << " noise " << noise;
   }
   // Slot 0 holds the DC magnitude and slot 255 the Nyquist magnitude, not powers.
   test::Signal spectrum = test::WhiteNoise(512, 5.0, 5);
@@ -54,19 +53,15 @@ TEST(DoaBinWeights, PowerSlotsAndWeightsAboveTheNoise) {
   EXPECT_EQ(psd[255], 7.0f);
   for (int k = 1; k < 255; ++k)
     EXPECT_FLOAT_EQ(psd[k], spectrum[k] * spectrum[k] + spectrum[512 - k] * spectrum[512 - k]);
-}
 
-TEST(DoaAngles, HelpersSectorMeanAndSelectSort) {
-  EXPECT_EQ(AngleTo180(181), -179);
-  EXPECT_EQ(AngleTo180(180), 180);
-  EXPECT_EQ(AngleTo360(-1), 359);
-  EXPECT_EQ(AngleTo360(0), 0);
   struct Case {
     const char* name;
     std::vector<int> angles;
     int mean, hist;
   };
   const Case cases[] = {{"around zero", {350, 10}, 0, 0},
+                        {"half turn", {180, 181}, 0, 180},
+                        {"just below zero", {359, 358}, 359, 358},
                         {"wrapping sector wins", {350, 355, 5, 10, 100}, 20, 0},
                         {"truncating mean", {1, 2}, 1, 1},
                         {"negative mean maps back", {300, 350}, 325, 325},
@@ -79,37 +74,29 @@ TEST(DoaAngles, HelpersSectorMeanAndSelectSort) {
     EXPECT_EQ(HistAngle(a.data(), int(a.size())), c.hist);
   }
   EXPECT_EQ(HistAngle(nullptr, 0), 0);
-  // SelectSort: the largest score, the first on ties.
   EleAziStruct sets[4] = {{3, 1.0f}, {9, 5.0f}, {11, 5.0f}, {2, 4.0f}};
   EleAziIndex pick{-1, -1};
-  SelectSort(sets, 4, &pick);
-  EXPECT_EQ(pick.elevation, 1);
-  EXPECT_EQ(pick.azimuth, 9);
+  SelectSort(sets, 4, &pick);  // the largest score, the first on ties
+  EXPECT_TRUE(pick.elevation == 1 && pick.azimuth == 9) << pick.elevation << " " << pick.azimuth;
   SelectSort(sets, 1, &pick);
-  EXPECT_EQ(pick.elevation, 0);
-  EXPECT_EQ(pick.azimuth, 3);
+  EXPECT_TRUE(pick.elevation == 0 && pick.azimuth == 3) << pick.elevation << " " << pick.azimuth;
 }
 
 #if defined(__SSE2__)
 // The vector scoring gives the plain loop's bits, for the real tables and for
-// a count of sets that leaves a scalar tail.
+// a count of sets that leaves a scalar tail (bins, weights and sets at random).
 TEST(DoaSteeredPower, Sse2MatchesThePlainLoopBitForBit) {
   const test::Signal noise = test::WhiteNoise(kDoaBandBins * 6 + 256 + 7 * 1542, 0.5, 17);
   float unit[kDoaBandBins][3][2];
-  for (int i = 0; i < kDoaBandBins * 3; ++i) {
-    const float re = noise[2 * i], im = noise[2 * i + 1], mag = std::sqrt(re * re + im * im) + 1e-6f;
-    unit[i / 3][i % 3][0] = re / mag;
-    unit[i / 3][i % 3][1] = im / mag;
-  }
-  std::vector<float> w(256);
-  for (int k = 0; k < 256; ++k) w[k] = 0.1f + 50.0f * std::fabs(noise[kDoaBandBins * 6 + k]);
+  std::copy_n(noise.begin(), kDoaBandBins * 6, &unit[0][0][0]);
+  const float* w = noise.data() + kDoaBandBins * 6;
   const float* random_sets[7];
   for (int i = 0; i < 7; ++i) random_sets[i] = noise.data() + kDoaBandBins * 6 + 256 + 1542 * i;
   const std::pair<const float* const*, int> cases[] = {{doa_tab60, 72}, {doa_tab, 72}, {random_sets, 7}};
   for (const auto& [sets, count] : cases) {
     std::vector<float> plain(count), fast(count);
-    DoaSteeredPowerPlain(sets, count, unit, w.data(), plain.data());
-    DoaSteeredPowerSse2(sets, count, unit, w.data(), fast.data());
+    DoaSteeredPowerPlain(sets, count, unit, w, plain.data());
+    DoaSteeredPowerSse2(sets, count, unit, w, fast.data());
     EXPECT_EQ(plain, fast) << count << " sets";
   }
 }
@@ -173,7 +160,7 @@ TEST(DOA, PerHopDecisionsAndUtteranceSearchesFindTheTalker) {
       const auto window = talker.active.begin() + long((h - 1) * kBfHop);
       if (!std::all_of(window, window + 2 * kBfHop, [](std::uint8_t a) { return a != 0; })) continue;
       ++hops;
-      if (AngleError(bf.st()->azimuth_buff[63], azimuth) <= 5.0) ++hits;
+      hits += AngleError(bf.st()->azimuth_buff[63], azimuth) <= 5.0;
     }
     voiced_hops += hops;
     voiced_hits += hits;
@@ -189,7 +176,6 @@ TEST(DOA, PerHopDecisionsAndUtteranceSearchesFindTheTalker) {
     EXPECT_LE(AngleError(bf.pm.azimuth, azimuth), 5.0);
     EXPECT_LE(AngleError(search.pm.azimuth, azimuth), 5.0);
   }
-  std::printf("per-hop: %d of %d voiced hops within 5 degrees\n", voiced_hits, voiced_hops);
   EXPECT_GE(voiced_hits, voiced_hops * 95 / 100);
 }
 
@@ -223,7 +209,9 @@ TEST(BfProc, DoaWorkFollowsTheFlags) {
   }
 }
 
-TEST(AudioDspDoa, SumsTheNewestHopsOfStoredScores) {
+// AudioDspDoa sums the newest hops of the stored scores; VornDoaProc clears
+// them and rescores one hop fewer than fit in the stretch.
+TEST(UtteranceDoa, StoredScoresAndRescoredStretches) {
   BfInstance bf;
   T_AudioDspState* st = bf.st();
   short pcm[3] = {0, 0, 0}, order[3] = {0, 1, 2};
@@ -245,34 +233,29 @@ TEST(AudioDspDoa, SumsTheNewestHopsOfStoredScores) {
     ASSERT_EQ(AudioDspDoa(&bf.pm, pcm, order, samples), 0);
     EXPECT_EQ(bf.pm.azimuth, want) << samples;
   }
-}
 
-TEST(VornDoaProc, ScoresOneHopFewerThanItSearches) {
-  std::vector<short> pcm = test::Interleave(test::PlaneWave(test::WhiteNoise(4096, 2000.0, 77), 100.0));
-  const std::pair<int, int> cases[] = {{512 + 3 * 256, 2}, {1023, 0}, {300, 0}};
-  for (const auto& [samples, want_scored] : cases) {
+  std::vector<short> wave = test::Interleave(test::PlaneWave(test::WhiteNoise(4096, 2000.0, 77), 100.0));
+  const std::pair<int, int> searches[] = {{512 + 3 * 256, 2}, {1023, 0}, {300, 0}};  // samples, hops scored
+  for (const auto& [samples, want_scored] : searches) {
     SCOPED_TRACE(samples);
-    BfInstance bf(2);
-    bf.st()->doa_update_flag = 0;
-    bf.st()->pr_ele[0][5][10] = 1.0f;  // stale score from an earlier call
-    ASSERT_EQ(VornDoaProc(&bf.pm, pcm.data(), nullptr, samples), 0);
+    BfInstance search(2);
+    search.st()->doa_update_flag = 0;
+    search.st()->pr_ele[0][5][10] = 1.0f;  // stale score from an earlier call
+    ASSERT_EQ(VornDoaProc(&search.pm, wave.data(), nullptr, samples), 0);
     int scored = 0;
     for (int h = 0; h < 64; ++h) {
       float sum = 0.0f;
-      for (int d = 0; d < 72; ++d) sum += bf.st()->pr_ele[0][d][h];
+      for (int d = 0; d < 72; ++d) sum += search.st()->pr_ele[0][d][h];
       scored += sum > 0.0f;
     }
     EXPECT_EQ(scored, want_scored);
-    if (want_scored == 0) {
-      EXPECT_EQ(bf.pm.azimuth, 0);
-    }
-    EXPECT_EQ(bf.st()->doa_update_flag, 1);
+    EXPECT_TRUE(want_scored > 0 || search.pm.azimuth == 0) << search.pm.azimuth;  // none scored: 0
+    EXPECT_EQ(search.st()->doa_update_flag, 1);
   }
-  BfInstance bf(2);
   short outside[3] = {0, 1, 3};
   EXPECT_EQ(VornDoaProc(&bf.pm, nullptr, nullptr, 4096), 1);
-  EXPECT_EQ(VornDoaProc(&bf.pm, pcm.data(), outside, 4096), 2);
-  EXPECT_EQ(VornDoaProc(nullptr, pcm.data(), nullptr, 4096), 1);
+  EXPECT_EQ(VornDoaProc(&bf.pm, wave.data(), outside, 4096), 2);
+  EXPECT_EQ(VornDoaProc(nullptr, wave.data(), nullptr, 4096), 1);
 }
 
 }  // namespace
