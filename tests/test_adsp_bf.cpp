@@ -23,7 +23,6 @@ namespace {
 using test::Signal;
 using test::ThreeMics;
 
-// A beamformer instance in its own buffer, as the front end lays it out.
 struct BfInstance {
   std::vector<float> buffer = std::vector<float>(kBfBuffSize / sizeof(float));
   T_AudioDspParam pm{};
@@ -97,14 +96,12 @@ TEST(BfParamCheck, CodesFollowTheRulesInOrderAndRejectedCallsChangeNothing) {
   EXPECT_TRUE(std::all_of(out.begin(), out.end(), [](short v) { return v == 123; }));
 }
 
-// A plane wave from the look direction, in scrambled slots, comes out delayed by the weights' 128
-// samples plus the generator's 16. The multi-beam leaves the output alone; its first channel is
-// that beam and, for white noise, carries more than the two steered 120 degrees away. Type 0
-// passes the first slot whatever the order; the hop counter saturates.
+// A look-direction plane wave in scrambled slots comes out delayed by 128 + 16 samples (weights,
+// generator). The multi-beam's first channel is that beam and, for white noise, beats the two
+// steered 120 degrees away. Type 0 passes the first slot; the hop counter saturates.
 TEST(BfProc, LookDirectionSourcePassesAsADelayedCopy) {
   Signal white = test::WhiteNoise(40 * kBfHop, 2000.0, 3);
-  // Noise shaped by [1 2 1]/4 (zero at 8 kHz) for the delay check: the fractional
-  // delays of the weights and of the simulated array lose accuracy in the last kilohertz.
+  // [1 2 1]/4-shaped noise for the delay check: fractional delays lose accuracy in the last kHz.
   Signal shaped(white.size(), 0.0f);
   for (std::size_t i = 2; i < white.size(); ++i)
     shaped[i] = 0.25f * white[i] + 0.5f * white[i - 1] + 0.25f * white[i - 2];
@@ -132,26 +129,10 @@ TEST(BfProc, LookDirectionSourcePassesAsADelayedCopy) {
       }
     }
     EXPECT_EQ(raw.st()->frame_num, kBfFrameNumMax);
-    if (source == &shaped) {
-      EXPECT_LT(10.0 * std::log10(err / ref), -45.0);
-    } else {
-      EXPECT_GT(energy[0], 2.0 * energy[1]);
-      EXPECT_GT(energy[0], 2.0 * energy[2]);
-    }
+    const double residual_db = 10.0 * std::log10(err / ref);
+    EXPECT_TRUE(source != &shaped || residual_db < -45.0) << residual_db;
+    EXPECT_TRUE(source != &white || (energy[0] > 2 * energy[1] && energy[0] > 2 * energy[2])) << energy[0];
   }
-}
-
-TEST(BfUtil, FreqFilterIsTheBinProductAndMayWorkInPlace) {
-  Signal f = test::WhiteNoise(512, 0.5, 1), g = test::WhiteNoise(512, 0.5, 2), out(512);
-  FreqFilter(f.data(), g.data(), out.data());
-  EXPECT_FLOAT_EQ(out[0], f[0] * g[0]);
-  EXPECT_FLOAT_EQ(out[256], f[256] * g[256]);
-  for (int k = 1; k < 256; ++k) {
-    EXPECT_NEAR(out[k], double(f[k]) * g[k] - double(f[512 - k]) * g[512 - k], 1e-6);
-    EXPECT_NEAR(out[512 - k], double(f[k]) * g[512 - k] + double(f[512 - k]) * g[k], 1e-6);
-  }
-  FreqFilter(f.data(), g.data(), f.data());
-  EXPECT_EQ(f, out);
 }
 
 // Beam b of the three is the fixed beam of set doa_tab[sets[b]], except that its DC bin starts
@@ -179,9 +160,9 @@ TEST(VornMbf, ThreeBeamsWithTheirEdgeBinCarries) {
   }
 }
 
-// The beam dispatch hands the canceller one block as fixed-beam spectrum and output: all must be
-// exactly as with separate blocks, over hops that adapt and do not (a loud burst after a quiet
-// start). With the filters still zero (first hop) the output is the fixed beam a quarter block late.
+// The dispatch hands the canceller one block as fixed beam and output: all must be exactly as with
+// separate blocks, over hops that adapt and do not. With the filters still zero (first hop) the
+// output is the fixed beam a quarter block late.
 TEST(AdaptGsc, OutputMayShareTheFixedBeamBlock) {
   constexpr int kHops = 40;
   Signal noise = test::WhiteNoise(kHops * kBfHop, 200.0, 61);
@@ -230,30 +211,14 @@ TEST(UpdateFilter, CapsTheJointTapNormOfAllThreeFilters) {
       for (int n = 0; n < 256; ++n) ASSERT_NEAR(back[n], taps[j][n] * scale, 1e-5) << j << " " << n;
       for (int n = 256; n < 512; ++n) ASSERT_NEAR(back[n], 0.0f, 1e-6) << j << " " << n;
     }
-    // The reference power entered the step normaliser with weight 0.1.
     float power5 = 0.0f;
     for (int j = 0; j < 3; ++j) power5 += refs[j][5] * refs[j][5] + refs[j][507] * refs[j][507];
-    EXPECT_NEAR(bf.st()->noise[5], 0.1f * power5, 1e-6f);
+    EXPECT_NEAR(bf.st()->noise[5], 0.1f * power5, 1e-6f);  // step normaliser: 0.1 of the reference power
   }
 }
 
-TEST(GscVad, SilentFixedBeamCountsAsNoiseALoudOneAsSpeech) {
-  BfInstance bf(3, 0);
-  T_AudioDspState* st = bf.st();
-  st->frame_num = 50;
-  st->vad_noise = 1.0f;
-  float refs[3][512] = {}, silent[512] = {}, loud[512] = {};
-  for (int j = 0; j < 3; ++j) refs[j][10] = 3.0f;  // band power 9 per output
-  EXPECT_EQ(GscVad(st, refs, silent), 0);
-  EXPECT_FLOAT_EQ(st->vad_noise, (1.0f - 0.9f) * 9.0f + 0.9f);
-  EXPECT_EQ(st->long_snr, 0.0f);  // the silent hop's -inf stays out of the average
-  loud[20] = 1000.0f;
-  EXPECT_EQ(GscVad(st, refs, loud), 1);
-}
-
-// A white-noise interferer off the look direction, after digital silence: once adapted, each
-// canceller takes at least 6 dB more off it than its fixed beam (a margin the joint tap cap bounds
-// as much as adaptation). A talker 10 degrees off the look, which leaks into the blocking outputs,
+// A white-noise interferer after digital silence: once adapted, each canceller takes 6 dB more off
+// it than its fixed beam (a margin the joint tap cap bounds too). A talker 10 degrees off the look
 // keeps its level within 2 dB: a shadow instance carries it alone through the same filters.
 TEST(AdaptGsc, CancelsAnInterfererAndKeepsTheTalker) {
   constexpr std::size_t kHops = 500;  // 8 s
