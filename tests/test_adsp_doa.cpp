@@ -5,7 +5,7 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstring>
+#include <utility>
 #include <tuple>
 #include <vector>
 
@@ -34,7 +34,7 @@ double AngleError(double a, double b) {
   return d > 180.0 ? 360.0 - d : d;
 }
 
-TEST(DoaHelpers, BinWeightsPowerSlotsAnglesAndSelectSort) {
+TEST(DoaHelpers, BinWeightsPowerSlotsAndAngleMeans) {
   // At the noise and below: floor; floored gain times squared ratio; both terms; capped; no noise: capped.
   const std::tuple<float, float, float> weights[] = {
       {1, 1, 0.1f}, {0, 1, 0.1f}, {2, 1, 0.1f * 4}, {4, 1, (4 - 1.9f) / 4 * 16}, {100, 1, 100}, {1, 0, 100}};
@@ -74,12 +74,6 @@ TEST(DoaHelpers, BinWeightsPowerSlotsAnglesAndSelectSort) {
     EXPECT_EQ(HistAngle(a.data(), int(a.size())), c.hist);
   }
   EXPECT_EQ(HistAngle(nullptr, 0), 0);
-  EleAziStruct sets[4] = {{3, 1.0f}, {9, 5.0f}, {11, 5.0f}, {2, 4.0f}};
-  EleAziIndex pick{-1, -1};
-  SelectSort(sets, 4, &pick);  // the largest score, the first on ties
-  EXPECT_TRUE(pick.elevation == 1 && pick.azimuth == 9) << pick.elevation << " " << pick.azimuth;
-  SelectSort(sets, 1, &pick);
-  EXPECT_TRUE(pick.elevation == 0 && pick.azimuth == 3) << pick.elevation << " " << pick.azimuth;
 }
 
 #if defined(__SSE2__)
