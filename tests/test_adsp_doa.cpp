@@ -12,6 +12,7 @@
 #include "adsp_bf/audio_dsp_proc.h"
 #include "adsp_bf/weight_tables.h"
 #include "adsp_ns/adsp_ns_proc.h"
+#include "support/ns_harness.h"
 #include "support/signals.h"
 
 namespace vorn {
@@ -133,19 +134,15 @@ TEST(DOA, PerHopDecisionsAndUtteranceSearchesFindTheTalker) {
     std::vector<short> pcm = test::Interleave(test::Mix(test::PlaneWave(talker.samples, azimuth), noise));
 
     BfInstance bf;
-    std::vector<float> ns_buffer(kNsStateBytes / sizeof(float));
-    // p_data, buff_size, param_size, data_type, inner_interface, speech_iterfrence, vad_flag, vad_mode:
-    T_AdspNsParam ns{ns_buffer.data(), kNsStateBytes, kNsParamSize, kNsDataTimeDomain, 0, 0, 0, 1};
-    ASSERT_EQ(AdspNsInit(&ns), 0);
+    test::NsInstance ns;
     int hops = 0, hits = 0;
     for (std::size_t h = 0; h < kHops; ++h) {
       short* frame = pcm.data() + h * 3 * kBfHop;
       short mono[kBfHop], out[kBfHop];
       for (int i = 0; i < kBfHop; ++i) mono[i] = frame[3 * i];
-      AdspNsProc(&ns, nullptr, nullptr, nullptr, mono, out);
-      AdspNsProc(&ns, nullptr, nullptr, nullptr, mono + 128, out + 128);
-      const float* noise_psd = static_cast<const T_AdspNsState*>(ns.p_data)->lambda_d;
-      std::copy(noise_psd, noise_psd + kBfNumBins, bf.st()->ns_psd);
+      AdspNsProc(&ns.param(), nullptr, nullptr, nullptr, mono, out);
+      AdspNsProc(&ns.param(), nullptr, nullptr, nullptr, mono + 128, out + 128);
+      std::copy(ns.state().lambda_d, ns.state().lambda_d + kBfNumBins, bf.st()->ns_psd);
       ASSERT_EQ(BfProc(&bf.pm, frame, out, nullptr), 0);
       // Scored once the noise estimate has settled, on hops whose 512-sample window lies in a syllable.
       if (h < kLeadHops) continue;
