@@ -29,11 +29,6 @@ struct BfInstance {
   T_AudioDspState* st() { return static_cast<T_AudioDspState*>(pm.p_data); }
 };
 
-double AngleError(double a, double b) {
-  const double d = std::fmod(std::fabs(a - b), 360.0);
-  return d > 180.0 ? 360.0 - d : d;
-}
-
 TEST(DoaHelpers, BinWeightsPowerSlotsAndAngleMeans) {
   // At the noise and below: floor; floored gain times squared ratio; both terms; capped; no noise: capped.
   const std::tuple<float, float, float> weights[] = {
@@ -120,6 +115,7 @@ TEST(DOA, PerHopDecisionsAndUtteranceSearchesFindTheTalker) {
   constexpr std::size_t kLeadHops = 90, kHops = 190;
   std::vector<double> azimuths = {7.4, 52.6, 173.9, 251.2, 338.8};
   for (int a = 0; a < 360; a += 15) azimuths.push_back(a + 3.0);
+  auto angle_error = [](double a, double b) { return std::fabs(std::remainder(a - b, 360.0)); };
   int voiced_hops = 0, voiced_hits = 0;
   for (double azimuth : azimuths) {
     SCOPED_TRACE(azimuth);
@@ -149,7 +145,7 @@ TEST(DOA, PerHopDecisionsAndUtteranceSearchesFindTheTalker) {
       const auto window = talker.active.begin() + long((h - 1) * kBfHop);
       if (!std::all_of(window, window + 2 * kBfHop, [](std::uint8_t a) { return a != 0; })) continue;
       ++voiced_hops;
-      voiced_hits += AngleError(bf.st()->azimuth_buff[63], azimuth) <= 5.0;
+      voiced_hits += angle_error(bf.st()->azimuth_buff[63], azimuth) <= 5.0;
     }
     EXPECT_GE(voiced_hits - hits_before, (voiced_hops - hops_before) * 8 / 10);  // within 5 degrees
 
@@ -160,8 +156,8 @@ TEST(DOA, PerHopDecisionsAndUtteranceSearchesFindTheTalker) {
     BfInstance search(3);
     const std::size_t first = pcm.size() - 3 * std::size_t(stretch + kBfFftLen);
     ASSERT_EQ(VornDoaProc(&search.pm, pcm.data() + first, nullptr, stretch + kBfFftLen), 0);
-    EXPECT_LE(AngleError(bf.pm.azimuth, azimuth), 5.0);
-    EXPECT_LE(AngleError(search.pm.azimuth, azimuth), 5.0);
+    EXPECT_LE(angle_error(bf.pm.azimuth, azimuth), 5.0);
+    EXPECT_LE(angle_error(search.pm.azimuth, azimuth), 5.0);
   }
   EXPECT_GE(voiced_hits, voiced_hops * 95 / 100);
 }
