@@ -54,14 +54,12 @@ TEST(DoaHelpers, BinWeightsPowerSlotsAndAngleMeans) {
     std::vector<int> angles;
     int mean, hist;
   };
-  const Case cases[] = {{"around zero", {350, 10}, 0, 0},
-                        {"half turn", {180, 181}, 0, 180},
-                        {"just below zero", {359, 358}, 359, 358},
-                        {"wrapping sector wins", {350, 355, 5, 10, 100}, 20, 0},
-                        {"truncating mean", {1, 2}, 1, 1},
+  const Case cases[] = {{"around zero", {350, 10}, 0, 0},          {"half turn", {180, 181}, 0, 180},
+                        {"just below zero", {359, 358}, 359, 358}, {"truncating mean", {1, 2}, 1, 1},
                         {"negative mean maps back", {300, 350}, 325, 325},
-                        {"stray decision left out", {100, 110, 250}, 33, 105},
-                        {"first sector on ties", {10, 200}, 285, 10}};
+                        {"first sector on ties", {10, 200}, 285, 10},
+                        {"wrapping sector wins", {350, 355, 5, 10, 100}, 20, 0},
+                        {"stray decision left out", {100, 110, 250}, 33, 105}};
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     std::vector<int> a = c.angles;
