@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cmath>
 #include <complex>
+#include <cstring>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -172,13 +173,18 @@ TEST(CommonUtil, ConvIsCentredAndDropsTermsBeyondBothEdges) {
   const Case cases[] = {{"odd kernel in b", 40, 5, true},      {"odd kernel in a", 3, 40, false},
                         {"even kernel", 40, 4, true},          {"equal lengths: b is the signal", 7, 7, false},
                         {"kernel of one", 1, 9, false},        {"signal barely longer", 6, 5, true},
-                        {"kernel longer than half", 9, 8, true}};
+                        {"kernel longer than half", 9, 8, true},
+                        {"suppressor's global smoothing", 31, 257, false},
+                        {"suppressor's local smoothing", 257, 3, true}};
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     Floats a = test::WhiteNoise(c.alen, 1.0, 11u + c.alen), b = test::WhiteNoise(c.blen, 1.0, 13u + c.blen);
     const Floats &signal = c.a_is_signal ? a : b, &kernel = c.a_is_signal ? b : a;
     Floats out(signal.size());
     Conv(a.data(), c.alen, b.data(), c.blen, out.data());
+    Floats plain(signal.size());
+    ConvPlain(a.data(), c.alen, b.data(), c.blen, plain.data());
+    EXPECT_EQ(std::memcmp(out.data(), plain.data(), out.size() * sizeof(float)), 0) << "differs from the plain loop";
     // The definition, independently: every term whose signal index is inside.
     const int n = static_cast<int>(signal.size()), len = static_cast<int>(kernel.size());
     for (int o = 0; o < n; ++o) {

@@ -87,27 +87,6 @@ float GetHanningWin(int len, float *win) {
   return static_cast<float>(sum);
 }
 
-// out[o] = sum_j k[j] * s[o + j - (h-1)], h = (K+1)/2, terms outside s left out.
-// Each output clips its own term range, so the edge stretches (growing and
-// shrinking term counts) and the full middle come out of one loop, and a
-// signal shorter than the kernel still stays inside both arrays.
-void Conv(float *a, int alen, float *b, int blen, float *out) {
-  if (alen <= 0 || blen <= 0) return;
-  const bool a_is_signal = blen < alen;
-  const float *signal = a_is_signal ? a : b;
-  const float *kernel = a_is_signal ? b : a;
-  const int signal_len = a_is_signal ? alen : blen;
-  const int kernel_len = a_is_signal ? blen : alen;
-  const int lead = (kernel_len + 1) / 2 - 1;  // h - 1
-  for (int o = 0; o < signal_len; ++o) {
-    const int j_first = lead - o > 0 ? lead - o : 0;
-    const int j_past = signal_len - o + lead < kernel_len ? signal_len - o + lead : kernel_len;
-    float acc = 0.0f;
-    for (int j = j_first; j < j_past; ++j) acc += kernel[j] * signal[o + j - lead];
-    out[o] = acc;
-  }
-}
-
 void SmoothData(float *y, float *x, float alpha, int length) {
   const float beta = 1.0f - alpha;
   for (int i = 0; i < length; ++i) y[i] = alpha * y[i] + beta * x[i];

@@ -34,7 +34,13 @@ float GetHanningWin(int len, float *win);
 
 // Centred smoothing of the longer array by the shorter; out has as many
 // entries as the longer array. Terms beyond either edge are left out.
+// ConvPlain is the reference; ConvSse2 gives its bits four outputs at a time,
+// and Conv takes the SSE2 one where the build has it.
 void Conv(float *a, int alen, float *b, int blen, float *out);
+void ConvPlain(const float *a, int alen, const float *b, int blen, float *out);
+#if defined(__SSE2__)
+void ConvSse2(const float *a, int alen, const float *b, int blen, float *out);
+#endif
 
 // y[i] = alpha*y[i] + (1 - alpha)*x[i]
 void SmoothData(float *y, float *x, float alpha, int length);

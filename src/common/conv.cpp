@@ -1,0 +1,87 @@
+// Centred smoothing of a spectrum by a short kernel:
+//   out[o] = sum_j k[j] * s[o + j - (h-1)],  h = (K+1)/2,
+// terms whose signal index falls outside s left out, summed in order of j.
+// Each output clips its own term range, so the edge stretches (growing and
+// shrinking term counts) and the full middle come out of one loop, and a
+// signal shorter than the kernel still stays inside both arrays.
+//
+// The suppressor smooths every hop with a 31-tap kernel over 257 bins, which
+// makes this its hottest loop. The SSE2 version computes four neighbouring
+// outputs of the full middle at once, each lane adding the same products in
+// the same order as the plain loop, so the two agree bit for bit.
+#include "common/adsp_common_util.h"
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
+namespace vorn {
+namespace {
+
+struct ConvShape {
+  const float *signal;
+  const float *kernel;
+  int signal_len;
+  int kernel_len;
+  int lead;  // h - 1
+};
+
+// The longer array is the signal (b on ties).
+ConvShape ShapeOf(const float *a, int alen, const float *b, int blen) {
+  const bool a_is_signal = blen < alen;
+  ConvShape c{a_is_signal ? a : b, a_is_signal ? b : a, a_is_signal ? alen : blen, a_is_signal ? blen : alen, 0};
+  c.lead = (c.kernel_len + 1) / 2 - 1;
+  return c;
+}
+
+void ConvOutputs(const ConvShape &c, int from, int to, float *out) {
+  for (int o = from; o < to; ++o) {
+    const int j_first = c.lead - o > 0 ? c.lead - o : 0;
+    const int j_past = c.signal_len - o + c.lead < c.kernel_len ? c.signal_len - o + c.lead : c.kernel_len;
+    float acc = 0.0f;
+    for (int j = j_first; j < j_past; ++j) acc += c.kernel[j] * c.signal[o + j - c.lead];
+    out[o] = acc;
+  }
+}
+
+}  // namespace
+
+void ConvPlain(const float *a, int alen, const float *b, int blen, float *out) {
+  if (alen <= 0 || blen <= 0) return;
+  const ConvShape c = ShapeOf(a, alen, b, blen);
+  ConvOutputs(c, 0, c.signal_len, out);
+}
+
+#if defined(__SSE2__)
+void ConvSse2(const float *a, int alen, const float *b, int blen, float *out) {
+  if (alen <= 0 || blen <= 0) return;
+  const ConvShape c = ShapeOf(a, alen, b, blen);
+  // Outputs lead .. signal_len - kernel_len + lead take every kernel term.
+  const int full_first = c.lead;
+  const int full_past = c.signal_len - c.kernel_len + c.lead + 1;
+  if (full_past - full_first < 4) {
+    ConvOutputs(c, 0, c.signal_len, out);
+    return;
+  }
+  ConvOutputs(c, 0, full_first, out);
+  int o = full_first;
+  for (; o + 4 <= full_past; o += 4) {
+    __m128 acc = _mm_setzero_ps();
+    const float *window = c.signal + o - c.lead;
+    for (int j = 0; j < c.kernel_len; ++j)
+      acc = _mm_add_ps(acc, _mm_mul_ps(_mm_set1_ps(c.kernel[j]), _mm_loadu_ps(window + j)));
+    _mm_storeu_ps(out + o, acc);
+  }
+  ConvOutputs(c, o, c.signal_len, out);
+}
+#endif
+
+void Conv(float *a, int alen, float *b, int blen, float *out) {
+#if defined(__SSE2__)
+  ConvSse2(a, alen, b, blen, out);
+#else
+  ConvPlain(a, alen, b, blen, out);
+#endif
+}
+
+}  // namespace vorn
