@@ -1,11 +1,14 @@
 // Cost of the shared real FFT at the size every caller uses (512 points):
 // one forward and one inverse transform, as each analysis/synthesis hop of
-// the suppressor, the VAD path and the post filter runs them.
+// the suppressor, the VAD path and the post filter runs them; and of the
+// suppressor's widest spectral smoothing (31 taps over 257 bins), plain and
+// with SSE2.
 #include <benchmark/benchmark.h>
 
 #include <vector>
 
 #include "common/adsp_common_fft_rel.h"
+#include "common/adsp_common_util.h"
 #include "support/signals.h"
 
 namespace {
@@ -47,5 +50,21 @@ void BM_IfftRel512(benchmark::State& state) {
   }
 }
 BENCHMARK(BM_IfftRel512);
+
+template <void (*Smooth)(const float*, int, const float*, int, float*)>
+void BM_ConvGlobalSmoothing(benchmark::State& state) {
+  const std::vector<float> spectrum = vorn::test::WhiteNoise(257, 1.0, 45u);
+  const std::vector<float> kernel(31, 1.0f / 31);
+  std::vector<float> out(257);
+  for (auto _ : state) {
+    Smooth(kernel.data(), 31, spectrum.data(), 257, out.data());
+    benchmark::DoNotOptimize(out.data());
+    benchmark::ClobberMemory();
+  }
+}
+BENCHMARK(BM_ConvGlobalSmoothing<vorn::ConvPlain>)->Name("BM_ConvGlobalSmoothing/plain");
+#if defined(__SSE2__)
+BENCHMARK(BM_ConvGlobalSmoothing<vorn::ConvSse2>)->Name("BM_ConvGlobalSmoothing/sse2");
+#endif
 
 }  // namespace
