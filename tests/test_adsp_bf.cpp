@@ -135,6 +135,36 @@ TEST(BfProc, LookDirectionSourcePassesAsADelayedCopy) {
   }
 }
 
+// Nothing else sees a wrong DC or Nyquist bin of the packed product.
+TEST(BfUtil, FreqFilterIsTheBinProductAndMayWorkInPlace) {
+  Signal f = test::WhiteNoise(512, 0.5, 1), g = test::WhiteNoise(512, 0.5, 2), out(512);
+  FreqFilter(f.data(), g.data(), out.data());
+  EXPECT_FLOAT_EQ(out[0], f[0] * g[0]);
+  EXPECT_FLOAT_EQ(out[256], f[256] * g[256]);
+  for (int k = 1; k < 256; ++k) {
+    EXPECT_NEAR(out[k], double(f[k]) * g[k] - double(f[512 - k]) * g[512 - k], 1e-6);
+    EXPECT_NEAR(out[512 - k], double(f[k]) * g[512 - k] + double(f[512 - k]) * g[k], 1e-6);
+  }
+  FreqFilter(f.data(), g.data(), f.data());
+  EXPECT_EQ(f, out);
+}
+
+// The detector's noise level follows the mean blocking-output power; the scene tests only see
+// its decisions.
+TEST(GscVad, SilentFixedBeamCountsAsNoiseALoudOneAsSpeech) {
+  BfInstance bf(3, 0);
+  T_AudioDspState* st = bf.st();
+  st->frame_num = 50;
+  st->vad_noise = 1.0f;
+  float refs[3][512] = {}, silent[512] = {}, loud[512] = {};
+  for (int j = 0; j < 3; ++j) refs[j][10] = 3.0f;  // band power 9 per output
+  EXPECT_EQ(GscVad(st, refs, silent), 0);
+  EXPECT_FLOAT_EQ(st->vad_noise, (1.0f - 0.9f) * 9.0f + 0.9f);
+  EXPECT_EQ(st->long_snr, 0.0f);  // the silent hop's -inf stays out of the average
+  loud[20] = 1000.0f;
+  EXPECT_EQ(GscVad(st, refs, loud), 1);
+}
+
 // Beam b of the three is the fixed beam of set doa_tab[sets[b]], except that its DC bin starts
 // from beam b-1's real part of bin 255 and its Nyquist bin sums those of beams 0..b.
 TEST(VornMbf, ThreeBeamsWithTheirEdgeBinCarries) {
