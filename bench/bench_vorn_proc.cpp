@@ -6,6 +6,7 @@
 
 #include <vector>
 
+#include "support/front_end_param.h"
 #include "support/signals.h"
 #include "vorn/vorn_param.h"
 #include "vorn_proc.h"
@@ -46,19 +47,9 @@ struct Config {
 void RunFrames(benchmark::State& state, const Config& c) {
   const Scene& scene = SharedScene();
   std::vector<unsigned char> buffer(kVornMinBuffSize);
-  T_VornParam pm{};
-  pm.p_data = buffer.data();
-  pm.buff_size = kVornMinBuffSize;
-  pm.param_size = sizeof(T_VornParam);
-  pm.vorn_mode = -1;  // keep the switches below on every frame
-  pm.agc_flag = c.agc;
-  pm.bf_flag = c.bf;
-  pm.doa_flag = c.doa;
-  pm.aec_flag = c.aec;
-  pm.ns_flag = c.ns;
-  pm.bf_azimuth = c.azimuth;
-  pm.vad_mode = 1;
-  pm.doa_update_flag = 1;
+  const test::FrontEndSwitches switches{.agc = c.agc, .bf = c.bf, .doa = c.doa, .aec = c.aec,
+                           .ns = c.ns, .azimuth = c.azimuth, .vad_mode = 1};
+  T_VornParam pm = test::ParamKeeping(buffer.data(), switches, 1);
   if (VornInit(&pm, nullptr) != 0) {
     state.SkipWithError("VornInit failed");
     return;
@@ -91,15 +82,8 @@ BENCHMARK(BM_VornProcPerBeamType)->DenseRange(0, 7)->Unit(benchmark::kMicrosecon
 void BM_VornDoaUtterance(benchmark::State& state) {
   const Scene& scene = SharedScene();
   std::vector<unsigned char> buffer(kVornMinBuffSize);
-  T_VornParam pm{};
-  pm.p_data = buffer.data();
-  pm.buff_size = kVornMinBuffSize;
-  pm.param_size = sizeof(T_VornParam);
-  pm.vorn_mode = -1;
-  pm.agc_flag = 1;
-  pm.ns_flag = 1;
-  pm.doa_flag = 2;
-  pm.vad_mode = 1;
+  T_VornParam pm =
+      test::ParamKeeping(buffer.data(), {.agc = 1, .doa = 2, .ns = 1, .vad_mode = 1}, 0);
   if (VornInit(&pm, nullptr) != 0) {
     state.SkipWithError("VornInit failed");
     return;

@@ -9,6 +9,7 @@
 #include <cstring>
 #include <vector>
 
+#include "support/front_end_param.h"
 #include "support/signals.h"
 #include "vorn/vorn_param.h"
 #include "vorn_proc.h"
@@ -34,19 +35,9 @@ void* RunJob(void* arg) {
   mics = test::Interleave(test::Mix(test::PlaneWave(test::MakeSpeechLike(n, 3).samples, 60),
                                     test::IndependentNoise(n, 100.0, 4)));
   static std::vector<short> ref(n, 0);
-  T_VornParam pm{};
-  pm.p_data = buffer.data();
-  pm.buff_size = kVornMinBuffSize;
-  pm.param_size = sizeof(T_VornParam);
-  pm.vorn_mode = -1;
-  pm.agc_flag = 1;
-  pm.bf_flag = job.bf;
-  pm.doa_flag = job.doa_flag;
-  pm.aec_flag = job.aec;
-  pm.ns_flag = job.ns;
-  pm.bf_azimuth = 60;
-  pm.vad_mode = 1;
-  pm.doa_update_flag = 1;
+  const test::FrontEndSwitches switches{.agc = 1, .bf = job.bf, .doa = job.doa_flag, .aec = job.aec,
+                           .ns = job.ns, .azimuth = 60, .vad_mode = 1};
+  T_VornParam pm = test::ParamKeeping(buffer.data(), switches, 1);
   VornInit(&pm, nullptr);
   short out[256], order[3] = {0, 1, 2};
   if (job.utterance) {

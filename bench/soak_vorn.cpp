@@ -43,6 +43,7 @@
 
 #include "adsp_aec/echo_cancellation.h"
 #include "adsp_agc/analog_agc.h"
+#include "support/front_end_param.h"
 #include "support/signals.h"
 #include "vorn/vorn_state.h"
 #include "vorn_proc.h"
@@ -355,18 +356,10 @@ double ThreadMicros() {
 class Soak {
  public:
   explicit Soak(const Config& c) : config_(c), buffer_(kVornMinBuffSize) {
-    pm_.p_data = buffer_.data();
-    pm_.buff_size = kVornMinBuffSize;
-    pm_.param_size = sizeof(T_VornParam);
+    const test::FrontEndSwitches switches{.agc = c.agc, .bf = c.bf, .doa = c.doa, .aec = c.aec,
+                             .ns = c.ns, .azimuth = c.azimuth, .vad_mode = c.vad_mode};
+    pm_ = test::ParamKeeping(buffer_.data(), switches, 1);
     pm_.vorn_mode = c.vorn_mode;
-    pm_.agc_flag = c.agc;
-    pm_.bf_flag = c.bf;
-    pm_.doa_flag = c.doa;
-    pm_.aec_flag = c.aec;
-    pm_.ns_flag = c.ns;
-    pm_.bf_azimuth = c.azimuth;
-    pm_.vad_mode = c.vad_mode;
-    pm_.doa_update_flag = 1;
     init_rc_ = VornInit(&pm_, nullptr);
     spans_ = StateFloats(&pm_);
   }

@@ -14,6 +14,7 @@
 
 #include "adsp_aec/echo_cancellation.h"
 #include "adsp_agc/analog_agc.h"
+#include "support/front_end_param.h"
 #include "support/signals.h"
 #include "support/wav_file.h"
 #include "vorn/vorn_state.h"
@@ -90,19 +91,10 @@ Capture MakeCapture() {
 }
 
 std::vector<short> RunFrames(unsigned char* p_data, const Switches& s, const Capture& cap, char* config) {
-  T_VornParam pm{};
-  pm.p_data = p_data;
-  pm.buff_size = kVornMinBuffSize;
-  pm.param_size = sizeof(T_VornParam);
-  pm.vorn_mode = -1;  // the switches below stay in force
-  pm.agc_flag = s.agc;
-  pm.bf_flag = s.bf;
-  pm.doa_flag = s.doa;
-  pm.aec_flag = s.aec;
-  pm.ns_flag = s.ns;
-  pm.bf_azimuth = 60;  // valid for every beam type
-  pm.vad_mode = s.vad_mode;
-  pm.doa_update_flag = s.doa_update;
+  // Azimuth 60 is valid for every beam type.
+  const test::FrontEndSwitches switches{.agc = s.agc, .bf = s.bf, .doa = s.doa, .aec = s.aec,
+                           .ns = s.ns, .azimuth = 60, .vad_mode = s.vad_mode};
+  T_VornParam pm = test::ParamKeeping(p_data, switches, s.doa_update);
   EXPECT_EQ(VornInit(&pm, config), 0);
   std::vector<short> out(kFrames * kFrame + 1);
   short order[3] = {0, 1, 2};
@@ -147,10 +139,7 @@ TEST(VornAlignment, ConfigurationFileIsReadAtEveryOffset) {
   for (std::size_t offset = 0; offset < kLine; ++offset) {
     SCOPED_TRACE(offset);
     OffsetBuffer buffer(offset);
-    T_VornParam pm{};
-    pm.p_data = buffer.data();
-    pm.buff_size = kVornMinBuffSize;
-    pm.param_size = sizeof(T_VornParam);
+    T_VornParam pm = test::ParamOver(buffer.data());
     pm.vorn_mode = 2;
     ASSERT_EQ(VornInit(&pm, path.data()), 0);
     EXPECT_EQ(pm.bf_flag, 7);

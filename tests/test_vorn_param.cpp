@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "support/front_end_param.h"
 #include "vorn/vorn_param.h"
 #include "vorn_proc.h"
 
@@ -14,11 +15,8 @@ namespace {
 // A record that passes every check: defaults of mode 0, a big enough buffer.
 struct ValidParam {
   std::vector<unsigned char> buffer = std::vector<unsigned char>(kVornMinBuffSize);
-  T_VornParam pm{};
+  T_VornParam pm = test::ParamOver(buffer.data());
   ValidParam() {
-    pm.p_data = buffer.data();
-    pm.buff_size = kVornMinBuffSize;
-    pm.param_size = sizeof(T_VornParam);
     ConfigDefault(&pm, 3);
     pm.vorn_mode = 0;
     SwitchMode(&pm);

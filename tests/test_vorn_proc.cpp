@@ -10,6 +10,7 @@
 
 #include "adsp_aec/echo_cancellation.h"
 #include "common/adsp_common_util.h"
+#include "support/front_end_param.h"
 #include "support/signals.h"
 #include "support/wav_file.h"
 #include "vorn/vorn_data_exchange.h"
@@ -25,21 +26,12 @@ constexpr int kFrame = 256;
 // One front end with its own buffer.
 struct FrontEnd {
   std::vector<unsigned char> storage = std::vector<unsigned char>(kVornMinBuffSize);
-  T_VornParam pm{};
-  FrontEnd() {
-    pm.p_data = storage.data();
-    pm.buff_size = kVornMinBuffSize;
-    pm.param_size = sizeof(T_VornParam);
-  }
+  T_VornParam pm = test::ParamOver(storage.data());
   // Mode -1 keeps these switches in force from VornInit on (the canceller is prepared for its outputs there).
   int Init(int agc, int bf, int aec, int ns, int azimuth = 0) {
-    pm.vorn_mode = -1;
-    pm.agc_flag = agc;
-    pm.bf_flag = bf;
-    pm.aec_flag = aec;
-    pm.ns_flag = ns;
-    pm.bf_azimuth = azimuth;
-    pm.vad_mode = 2;
+    const test::FrontEndSwitches switches{
+        .agc = agc, .bf = bf, .aec = aec, .ns = ns, .azimuth = azimuth, .vad_mode = 2};
+    pm = test::ParamKeeping(storage.data(), switches, 0);
     return VornInit(&pm, nullptr);
   }
 };

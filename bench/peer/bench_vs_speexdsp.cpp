@@ -22,6 +22,8 @@
 #include "adsp_ns/adsp_ns_proc.h"
 #include "quality/grid.h"
 #include "scene/metrics.h"
+#include "support/front_end_param.h"
+#include "vorn/vorn_param.h"
 #include "vorn_proc.h"
 
 namespace {
@@ -182,20 +184,10 @@ struct Chain {
 
 void VornChain(benchmark::State& state, const Chain& c) {
   Input& in = SharedInput();
-  std::vector<unsigned char> buffer(1000000);
-  T_VornParam pm{};
-  pm.p_data = buffer.data();
-  pm.buff_size = static_cast<int32_t>(buffer.size());
-  pm.param_size = sizeof(T_VornParam);
-  pm.vorn_mode = -1;  // the switches below stay in force
-  pm.agc_flag = c.agc;
-  pm.bf_flag = c.bf;
-  pm.doa_flag = c.doa;
-  pm.aec_flag = c.aec;
-  pm.ns_flag = c.ns;
-  pm.vad_mode = c.vad_mode;
-  pm.bf_azimuth = c.bf_azimuth;
-  pm.doa_update_flag = c.doa != 0 ? 1 : 0;
+  std::vector<unsigned char> buffer(kVornMinBuffSize);
+  const test::FrontEndSwitches switches{.agc = c.agc, .bf = c.bf, .doa = c.doa, .aec = c.aec,
+                           .ns = c.ns, .azimuth = c.bf_azimuth, .vad_mode = c.vad_mode};
+  T_VornParam pm = test::ParamKeeping(buffer.data(), switches, c.doa != 0 ? 1 : 0);
   if (VornInit(&pm, nullptr) != 0) {
     state.SkipWithError("VornInit failed");
     return;

@@ -6,24 +6,12 @@
 #include <cmath>
 
 #include "scene/metrics.h"
+#include "support/front_end_param.h"
+#include "vorn/vorn_param.h"
 #include "vorn_proc.h"
 
 namespace vorn::bench {
 namespace {
-
-constexpr int kStateBytes = 1000000;
-
-void SetSwitches(const VornConfig& config, int bf_azimuth, T_VornParam* pm) {
-  pm->vorn_mode = -1;
-  pm->agc_flag = config.agc;
-  pm->bf_flag = config.bf;
-  pm->doa_flag = config.doa;
-  pm->aec_flag = config.aec;
-  pm->ns_flag = config.ns;
-  pm->bf_azimuth = bf_azimuth;
-  pm->vad_mode = config.vad_mode;
-  pm->doa_update_flag = config.doa != 0 ? 1 : 0;
-}
 
 std::string Failure(const char* call, int code) { return std::string(call) + " returned " + std::to_string(code); }
 
@@ -43,13 +31,12 @@ int TableAzimuth(double azimuth_deg) {
 
 bool RunVorn(const VornConfig& config, const Scene& scene, const RenderedScene& rendered, SystemRun* run,
              std::string* error) {
-  std::vector<unsigned char> state(kStateBytes);
-  T_VornParam pm{};
-  pm.p_data = state.data();
-  pm.buff_size = kStateBytes;
-  pm.param_size = sizeof(T_VornParam);
-  const int bf_azimuth = config.steer_to_talker ? TableAzimuth(scene.azimuth_deg) : 0;
-  SetSwitches(config, bf_azimuth, &pm);
+  std::vector<unsigned char> state(kVornMinBuffSize);
+  const test::FrontEndSwitches switches{.agc = config.agc, .bf = config.bf, .doa = config.doa,
+                           .aec = config.aec, .ns = config.ns,
+                           .azimuth = config.steer_to_talker ? TableAzimuth(scene.azimuth_deg) : 0,
+                           .vad_mode = config.vad_mode};
+  T_VornParam pm = test::ParamKeeping(state.data(), switches, config.doa != 0 ? 1 : 0);
   if (const int code = VornInit(&pm, nullptr); code != 0) {
     *error = Failure("VornInit", code);
     return false;
