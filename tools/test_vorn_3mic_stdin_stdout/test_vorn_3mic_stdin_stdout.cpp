@@ -11,18 +11,15 @@
 // scripts expect them; the few additions (a missing output directory, the
 // DOA pass on standard input, read and write failures, closed standard
 // streams) are noted where they happen.
-#include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
-#include <cerrno>
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
 
 #include "audio_io/audio_io.h"
+#include "audio_io/standard_streams.h"
 #include "list_file.h"
 #include "tool_state.h"
 #include "vorn_proc.h"
@@ -82,25 +79,6 @@ const char* Extension(const char* name) {
 }
 
 bool StartsWith(const char* s, const char* prefix) { return strncmp(s, prefix, strlen(prefix)) == 0; }
-
-// A standard stream the caller closed would otherwise hand its descriptor to
-// the next file opened, and the azimuth or a message would land inside the
-// output audio. Each closed one gets /dev/null opened the wrong way round:
-// the number is taken, and any use of the stream fails and is reported.
-void GuardStandardStreams() {
-  const int unusable[3] = {O_WRONLY, O_RDONLY, O_RDONLY};
-  for (int fd = 0; fd <= 2; ++fd) {
-    if (fcntl(fd, F_GETFD) != -1 || errno != EBADF) continue;
-    const int got = open("/dev/null", unusable[fd]);
-    if (got != fd && got >= 0) {
-      dup2(got, fd);
-      close(got);
-    }
-  }
-  // A reader that goes away makes the next write fail with a message instead
-  // of killing the tool silently.
-  signal(SIGPIPE, SIG_IGN);
-}
 
 }  // namespace
 
@@ -330,7 +308,7 @@ void SetPair(const char* in_name, const char* out_name) {
 
 int main(int argc, char** argv) {
   using namespace vorn::tool;
-  GuardStandardStreams();
+  vorn::GuardStandardStreams();
   if (argc < 12) {
     PrintHelp();
     exit(1);
