@@ -221,8 +221,8 @@ size_t AudioInput::Read(int16_t* interleaved, size_t max_frames) {
     }
   }
   if (want == 0) return 0;
-  std::vector<unsigned char> bytes(want);
-  const size_t got = ReadBytes(bytes.data(), want);
+  if (bytes_.size() < want) bytes_.resize(want);
+  const size_t got = ReadBytes(bytes_.data(), want);
   const size_t frames = got / frame_bytes;
   const size_t whole = frames * frame_bytes;
   if (data_bytes_) *data_bytes_ -= got;
@@ -236,7 +236,7 @@ size_t AudioInput::Read(int16_t* interleaved, size_t max_frames) {
     trailing_bytes_ = static_cast<size_t>(*data_bytes_);  // too few left for one more sample frame
     data_bytes_ = 0;
   }
-  for (size_t i = 0; i < whole / 2; ++i) interleaved[i] = static_cast<int16_t>(Le16(&bytes[2 * i]));
+  for (size_t i = 0; i < whole / 2; ++i) interleaved[i] = static_cast<int16_t>(Le16(&bytes_[2 * i]));
   return frames;
 }
 

@@ -66,6 +66,7 @@ class AudioInput {
   bool is_wav_ = false;
   std::optional<uint64_t> data_bytes_;  // remaining audio bytes, unknown for streams without a size
   std::vector<unsigned char> pushback_;  // bytes read while sniffing the format
+  std::vector<unsigned char> bytes_;     // one read's raw bytes, kept from frame to frame
   size_t pushback_pos_ = 0;
   size_t trailing_bytes_ = 0;
   std::string notice_;

@@ -103,17 +103,17 @@ bool AudioOutput::Open(const std::string& path, int channels, std::string* error
 
 bool AudioOutput::Write(const int16_t* interleaved, size_t frames, std::string* error) {
   const size_t count = frames * static_cast<size_t>(channels_);
-  std::vector<unsigned char> bytes(2 * count);
+  if (bytes_.size() < 2 * count) bytes_.resize(2 * count);
   for (size_t i = 0; i < count; ++i) {
     const auto bits = static_cast<uint16_t>(interleaved[i]);
-    bytes[2 * i] = static_cast<unsigned char>(bits & 0xFF);
-    bytes[2 * i + 1] = static_cast<unsigned char>(bits >> 8);
+    bytes_[2 * i] = static_cast<unsigned char>(bits & 0xFF);
+    bytes_[2 * i + 1] = static_cast<unsigned char>(bits >> 8);
   }
-  if (std::fwrite(bytes.data(), 1, bytes.size(), stream_) != bytes.size()) {
+  if (std::fwrite(bytes_.data(), 1, 2 * count, stream_) != 2 * count) {
     *error = name_ + ": write failed: " + std::strerror(errno);
     return false;
   }
-  data_bytes_ += bytes.size();
+  data_bytes_ += 2 * count;
   return true;
 }
 

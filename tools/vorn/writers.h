@@ -33,6 +33,7 @@ class AudioOutput {
   int channels_ = 1;
   uint64_t data_bytes_ = 0;
   std::string name_;
+  std::vector<unsigned char> bytes_;  // one write's little-endian bytes, kept from frame to frame
 };
 
 // Whether a name asks for a WAV file, bare samples, or something unknown.
