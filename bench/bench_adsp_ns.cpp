@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "adsp_ns/adsp_ns_proc.h"
+#include "support/ns_harness.h"
 #include "support/signals.h"
 
 namespace {
@@ -14,25 +15,18 @@ using namespace vorn;
 
 struct Scene {
   std::vector<std::int16_t> pcm;
-  std::vector<float> region;
-  T_AdspNsParam param{};
+  test::NsInstance ns;
   std::size_t hops = 0;
 
-  explicit Scene(int vad_mode) : region(kNsStateBytes / sizeof(float)) {
+  explicit Scene(int vad_mode) : ns(vad_mode) {
     const std::size_t n = 10 * test::kSampleRate;
     test::SpeechLikeOptions opt;
     opt.lead_silence_s = 1.0;
     pcm = test::ToPcm(test::Mix(test::MakeSpeechLike(n, 3, opt).samples, test::PinkNoise(n, 600.0, 4)));
     hops = n / kNsHop;
-    param.p_data = region.data();
-    param.buff_size = kNsStateBytes;
-    param.param_size = static_cast<int>(sizeof(T_AdspNsParam));
-    param.data_type = kNsDataTimeDomain;
-    param.vad_mode = vad_mode;
-    AdspNsInit(&param);
     // Settle the trackers (and pass the 120-hop start of the tonal-peak rule).
     short out[kNsHop];
-    for (std::size_t h = 0; h < 400; ++h) AdspNsProc(&param, nullptr, nullptr, nullptr, Hop(h), out);
+    for (std::size_t h = 0; h < 400; ++h) AdspNsProc(&ns.param(), nullptr, nullptr, nullptr, Hop(h), out);
   }
   short *Hop(std::size_t h) { return pcm.data() + (h % hops) * kNsHop; }
 };
@@ -42,7 +36,7 @@ void BM_AdspNsProc(benchmark::State &state) {
   short out[kNsHop];
   std::size_t h = 0;
   for (auto _ : state) {
-    AdspNsProc(&scene.param, nullptr, nullptr, nullptr, scene.Hop(h++), out);
+    AdspNsProc(&scene.ns.param(), nullptr, nullptr, nullptr, scene.Hop(h++), out);
     benchmark::DoNotOptimize(out);
   }
   state.SetItemsProcessed(state.iterations());
@@ -54,7 +48,7 @@ void BM_NsVadProc(benchmark::State &state) {
   short out[kNsHop];
   std::size_t h = 0;
   for (auto _ : state) {
-    NsVadProc(&scene.param, nullptr, nullptr, nullptr, scene.Hop(h++), out);
+    NsVadProc(&scene.ns.param(), nullptr, nullptr, nullptr, scene.Hop(h++), out);
     benchmark::DoNotOptimize(out);
   }
   state.SetItemsProcessed(state.iterations());
