@@ -12,6 +12,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "vorn/vorn_enhanced_frame.h"
 #include "vorn/vorn_enhanced_modules.h"
 #include "vorn/vorn_state.h"
 
@@ -27,7 +28,8 @@ constexpr int32_t kProfileEnhanced = VORN_PROFILE_ENHANCED;
 struct TVornEnhancedState {
   uint32_t magic;
   int32_t profile;
-  EnhancedModules modules;  // one record per enhanced module
+  SpeechPresence last_presence;  // the previous frame's, for stages that run before this frame's is known
+  EnhancedModules modules;       // one record per enhanced module
 };
 
 // The tail of the beamformer's region, from the first 64-byte boundary after

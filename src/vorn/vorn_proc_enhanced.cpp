@@ -13,26 +13,13 @@
 #include "adsp_bf/audio_dsp_proc.h"
 #include "adsp_ns/adsp_ns_proc.h"
 #include "vorn/vorn_data_exchange.h"
+#include "vorn/vorn_enhanced_frame.h"
 #include "vorn/vorn_enhanced_state.h"
 #include "vorn/vorn_frame_steps.h"
 #include "vorn/vorn_multi_channel_post_filter.h"
 
 namespace vorn {
 namespace {
-
-// What one frame carries from stage to stage.
-struct EnhancedFrame {
-  short* inp;
-  short* aec_ref;
-  short* mic_order;
-  short beam[kFrameLen];     // the beamformer's output
-  short echo_out[kFrameLen]; // after the canceller (the beam when it is off)
-  short vad_in[kFrameLen];   // the canceller's communication output, for aec_flag 3
-  short clean[kFrameLen];    // after the suppressor
-  short out[kFrameLen];      // after the level control
-  float subcoh[kCohLen];     // the canceller's sub-band coherence of the last block
-  int32_t rtn;               // the code the frame returns, as in the classic frame
-};
 
 int32_t BeamStage(const T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
   (void)pm;
@@ -41,6 +28,10 @@ int32_t BeamStage(const T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
 }
 
 int32_t EchoStage(const T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
+  fr.echo.reference_active = false;
+  if (pm->aec_flag >= 1)
+    for (int i = 0; i < kFrameLen && !fr.echo.reference_active; ++i) fr.echo.reference_active = fr.aec_ref[i] != 0;
+  fr.echo.far_activity = fr.echo.reference_active ? 1.0f : 0.0f;
   if (pm->aec_flag < 1) {
     std::memcpy(fr.echo_out, fr.beam, sizeof fr.echo_out);
     return 0;
@@ -68,10 +59,12 @@ int32_t SuppressStage(T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
 }
 
 void VadStage(T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
-  (void)st;
   short vad_out[kFrameLen];
   short* vad_in = pm->aec_flag == 3 ? fr.vad_in : fr.clean;
   pm->vad_flag = VornVadProc(pm, vad_in, fr.aec_ref, fr.subcoh, kVadCohLen, vad_out);
+  // Until a presence estimate of its own runs, the speech flag stands in.
+  fr.presence.frame_prob = pm->vad_flag != 0 ? 1.0f : 0.0f;
+  EnhancedStateOf(st)->last_presence = fr.presence;
 }
 
 void LevelStage(const T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
