@@ -27,6 +27,12 @@ struct SpeechPresence {
   float frame_prob;
 };
 
+// Where the talker is, as the direction stage last found it.
+struct TalkerDirection {
+  float azimuth_deg;  // 0..360, the array's own convention
+  float confidence;   // 0..1; 0 until a direction has been found
+};
+
 struct EnhancedFrame {
   short* inp;
   short* aec_ref;
@@ -39,6 +45,7 @@ struct EnhancedFrame {
   float subcoh[kCohLen];      // the canceller's sub-band coherence of the last block
   EchoPicture echo;
   SpeechPresence presence;
+  TalkerDirection direction;
   int32_t rtn;  // the code the frame returns, as in the classic frame
 };
 

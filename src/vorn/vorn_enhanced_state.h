@@ -28,7 +28,10 @@ constexpr int32_t kProfileEnhanced = VORN_PROFILE_ENHANCED;
 struct TVornEnhancedState {
   uint32_t magic;
   int32_t profile;
-  SpeechPresence last_presence;  // the previous frame's, for stages that run before this frame's is known
+  // The previous frame's figures, for stages that run before this frame's
+  // are known (the beam steers by the last direction found).
+  SpeechPresence last_presence;
+  TalkerDirection last_direction;
   EnhancedModules modules;       // one record per enhanced module
 };
 

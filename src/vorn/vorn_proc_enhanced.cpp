@@ -76,8 +76,9 @@ void LevelStage(const T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
 }
 
 void DirectionStage(T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
-  (void)fr;
   pm->azimuth = st->bf_pm.azimuth;
+  fr.direction = {static_cast<float>(pm->azimuth), 0.0f};
+  EnhancedStateOf(st)->last_direction = fr.direction;
 }
 
 }  // namespace
