@@ -477,8 +477,8 @@ TEST(AdspAecInterface, ReportedDelaySizesTheBufferAndMovesTheKnownDelay) {
   ASSERT_EQ(InitDefault(steady, 1), 0);
   Aec* start = static_cast<Aec*>(starting.get());
   Aec* self = static_cast<Aec*>(steady.get());
-  AdspAec_enable_reported_delay(start->aec, 1);
-  AdspAec_enable_reported_delay(self->aec, 1);
+  AdspAec_enable_reported_delay(&start->core, 1);
+  AdspAec_enable_reported_delay(&self->core, 1);
   start->startup_phase = 1;
   // 20 frames of far end ahead: six frames of a steady 40 ms report (+10 ms) size the buffer to
   // 50 * 24 * 2 / 256 = 9 blocks and drop the surplus; the near end passes through meanwhile.
@@ -492,7 +492,7 @@ TEST(AdspAecInterface, ReportedDelaySizesTheBufferAndMovesTheKnownDelay) {
   EXPECT_EQ(phase, (std::vector<int>{1, 1, 1, 1, 1, 0}));
   EXPECT_EQ(run.asr[0], near);
   EXPECT_EQ(start->bufSizeStart, 9);
-  EXPECT_EQ(AdspAec_system_delay(start->aec), 9 * kBlock);
+  EXPECT_EQ(AdspAec_system_delay(&start->core), 9 * kBlock);
 
   // In step while the card reports 100 ms: 110 ms (+10) = 1760 samples short, less the 64
   // buffered, plus a 128 block: 1824. After 25 frames the core reads that much earlier, by
@@ -501,8 +501,8 @@ TEST(AdspAecInterface, ReportedDelaySizesTheBufferAndMovesTheKnownDelay) {
   Feed(steady, zeros, {&zeros}, {.delay_ms = 100});
   EXPECT_NEAR(self->filtDelay, 1824, 8);
   EXPECT_NEAR(self->knownDelay, 1824 - 160, 8);
-  EXPECT_NEAR(self->aec->knownDelay, self->knownDelay, 96);
-  EXPECT_EQ(self->aec->knownDelay % kBlock, 0);
+  EXPECT_NEAR(self->core.knownDelay, self->knownDelay, 96);
+  EXPECT_EQ(self->core.knownDelay % kBlock, 0);
 }
 
 // ---------------------------------------------------------------- kernels

@@ -79,8 +79,7 @@ struct Aec {
   int startup_phase;
   int checkBuffSize;
   int16_t lastDelayDiff;
-  void* resampler;
-  AecResampler resampler_buf;
+  AecResampler resampler;
   int skewFrCtr;
   int resample;
   int highSkewCtr;
@@ -89,8 +88,7 @@ struct Aec {
   float far_pre_buf_data[kFarPreBufLen];
   int lastError;
   int farend_started;
-  AecCore* aec;
-  AecCore aec_memory;
+  AecCore core;
 };
 // The whole record, core included, must fit the region the front end gives
 // the canceller; AdspAec_Init checks the caller's figure against that region.
