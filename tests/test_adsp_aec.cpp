@@ -226,6 +226,8 @@ TEST(AdspAecScene, FarEndSingleTalk) {
   const std::string name = std::string(VORN_BINARY_DIR) + "/aec_echo_path.bin";
   ASSERT_TRUE(test::WriteBytes(name, file));
   ASSERT_EQ(InitDefault(seeded, 3, name), 0);
+  Instance fresh;
+  ASSERT_EQ(InitDefault(fresh, 3, name), 0);
   std::remove(name.c_str());
   AecCore* core = AdspAec_aec_core(seeded.get());
   bool restored = false;
@@ -243,6 +245,10 @@ TEST(AdspAecScene, FarEndSingleTalk) {
   EXPECT_LT(ErleDb(s, run.asr[0], 0.05, 0.3, true), seeded_db - 6.0);
   EXPECT_TRUE(restored);
   EXPECT_EQ(core->divergeState, 0);
+  // Restarted after all that (as the front end does when the canceller comes
+  // back on), it is byte for byte the instance the file gave, without the file.
+  ASSERT_EQ(AdspAec_Reset(seeded.get(), 3), 0);
+  EXPECT_EQ(std::memcmp(seeded.get(), fresh.get(), kAecInstanceBytes), 0);
 }
 
 // An 80 ms lead puts the echo tail 120 ms after the far end, beyond the filter's 48 ms: only

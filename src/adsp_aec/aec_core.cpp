@@ -289,7 +289,6 @@ int AdspAec_InitAec(AecCore* aec, int sampFreq) {
   std::memset(aec->xfBuf, 0, sizeof(aec->xfBuf));
   std::memset(aec->wfBuf, 0, sizeof(aec->wfBuf));
   std::memset(aec->wfBuf_main, 0, sizeof(aec->wfBuf_main));
-  std::memset(aec->wfBuf_ini, 0, sizeof(aec->wfBuf_ini));
   std::memset(aec->xfwBuf, 0, sizeof(aec->xfwBuf));
   aec->wf_main_u = 1.0f;
   aec->decay_count = 1;

@@ -195,6 +195,7 @@ void UpdateDoubleFilter(AecCore* aec, float main_error_energy, float adaptive_er
                         float far_mean_square);
 
 int AdspAec_CreateAec(AecCore* aec);
+// Restarts the core; the stored echo path (wfBuf_ini) is left as it is.
 int AdspAec_InitAec(AecCore* aec, int sampFreq);
 void AdspAec_BufferFarendPartition(AecCore* aec, const float* farend);
 void AdspAec_ProcessFrames(AecCore* aec, const float* const* nearend, int num_bands,

@@ -198,20 +198,12 @@ int32_t ProcessExtended(Aec* self, const float* const* nearend, int num_bands,
 
 }  // namespace
 
-int32_t AdspAec_Init(void* aecInst, uint32_t aecInst_buf_len, int32_t sampFreq, int32_t scSampFreq,
-                     const int NlpPf, char* filter_conf) {
-  // Nowhere to record an error for a missing or misaligned instance (the
-  // record holds pointers and sizes, which need their natural alignment).
-  if (aecInst == nullptr || reinterpret_cast<std::uintptr_t>(aecInst) % alignof(Aec) != 0) return -1;
-  Aec* self = static_cast<Aec*>(aecInst);
-  if ((sampFreq != 8000 && sampFreq != 16000 && sampFreq != 32000 && sampFreq != 48000) ||
-      scSampFreq < 1 || scSampFreq > 96000) {
-    self->lastError = kAecErrBadParameter;
-    return -1;
-  }
-  if (NlpPf < 0 || NlpPf > 3 || aecInst_buf_len != kAecInstanceBytes) return -2;
-  std::memset(self, 0, kAecInstanceBytes);
+namespace {
 
+// Everything AdspAec_Init sets up in a cleared instance, the echo path
+// excepted: AdspAec_Reset goes through the same steps over an instance
+// cleared all but its stored echo path.
+int32_t PrepareInstance(Aec* self, int32_t sampFreq, int32_t scSampFreq, int NlpPf) {
   if (AdspAec_CreateAec(&self->core) != 0) return -1;
   if (Adsp_CreateBuffer(&self->far_pre_buf, self->far_pre_buf_data, kFarPreBufLen, sizeof(float)) != 0) return -1;
 
@@ -224,17 +216,6 @@ int32_t AdspAec_Init(void* aecInst, uint32_t aecInst_buf_len, int32_t sampFreq, 
     return -1;
   }
   self->core.NlpPf = NlpPf;
-
-  // A stored echo path seeds both filters; without one (or with a file that
-  // cannot be read) the canceller starts from silence.
-  if (filter_conf != nullptr) {
-    if (AdspAec_FilterRead(filter_conf, &self->core) == 0) {
-      std::memcpy(self->core.wfBuf, self->core.wfBuf_ini, sizeof(self->core.wfBuf));
-      std::memcpy(self->core.wfBuf_main, self->core.wfBuf_ini, sizeof(self->core.wfBuf_main));
-    } else {
-      std::memset(self->core.wfBuf_ini, 0, sizeof(self->core.wfBuf_ini));
-    }
-  }
 
   if (AdspAec_InitResampler(&self->resampler, scSampFreq) == -1) {
     self->lastError = kAecErrUnspecified;
@@ -277,6 +258,95 @@ int32_t AdspAec_Init(void* aecInst, uint32_t aecInst_buf_len, int32_t sampFreq, 
     self->lastError = kAecErrUnspecified;
     return -1;
   }
+  return 0;
+}
+
+// Both filters start from the stored echo path (zeros when there is none).
+void SeedFilters(AecCore* core) {
+  std::memcpy(core->wfBuf, core->wfBuf_ini, sizeof(core->wfBuf));
+  std::memcpy(core->wfBuf_main, core->wfBuf_ini, sizeof(core->wfBuf_main));
+}
+
+bool ValidOutputs(int NlpPf) { return NlpPf >= 0 && NlpPf <= 3; }
+
+}  // namespace
+
+int32_t AdspAec_Init(void* aecInst, uint32_t aecInst_buf_len, int32_t sampFreq, int32_t scSampFreq,
+                     const int NlpPf, char* filter_conf) {
+  // Nowhere to record an error for a missing or misaligned instance (the
+  // record holds sizes, which need their natural alignment).
+  if (aecInst == nullptr || reinterpret_cast<std::uintptr_t>(aecInst) % alignof(Aec) != 0) return -1;
+  Aec* self = static_cast<Aec*>(aecInst);
+  if ((sampFreq != 8000 && sampFreq != 16000 && sampFreq != 32000 && sampFreq != 48000) ||
+      scSampFreq < 1 || scSampFreq > 96000) {
+    self->lastError = kAecErrBadParameter;
+    return -1;
+  }
+  if (!ValidOutputs(NlpPf) || aecInst_buf_len != kAecInstanceBytes) return -2;
+  std::memset(self, 0, kAecInstanceBytes);
+  const int32_t rc = PrepareInstance(self, sampFreq, scSampFreq, NlpPf);
+  if (rc != 0) return rc;
+
+  // A stored echo path seeds both filters; without one (or with a file that
+  // cannot be read) the canceller starts from silence.
+  if (filter_conf != nullptr) {
+    if (AdspAec_FilterRead(filter_conf, &self->core) == 0) {
+      SeedFilters(&self->core);
+    } else {
+      std::memset(self->core.wfBuf_ini, 0, sizeof(self->core.wfBuf_ini));
+    }
+  }
+  return 0;
+}
+
+int32_t AdspAec_Reset(void* aecInst, int NlpPf) {
+  if (aecInst == nullptr) return -1;
+  Aec* self = static_cast<Aec*>(aecInst);
+  if (!Initialized(self)) {
+    self->lastError = kAecErrUninitialized;
+    return -1;
+  }
+  if (!ValidOutputs(NlpPf)) {
+    self->lastError = kAecErrBadParameter;
+    return -1;
+  }
+  const int32_t sampFreq = self->sampFreq;
+  const int32_t scSampFreq = self->scSampFreq;
+  // Clear the instance around the stored echo path, as AdspAec_Init clears
+  // all of it.
+  auto* bytes = reinterpret_cast<unsigned char*>(self);
+  auto* kept = reinterpret_cast<unsigned char*>(self->core.wfBuf_ini);
+  const std::size_t kept_from = static_cast<std::size_t>(kept - bytes);
+  const std::size_t kept_to = kept_from + sizeof(self->core.wfBuf_ini);
+  std::memset(bytes, 0, kept_from);
+  std::memset(bytes + kept_to, 0, kAecInstanceBytes - kept_to);
+  const int32_t rc = PrepareInstance(self, sampFreq, scSampFreq, NlpPf);
+  if (rc != 0) return rc;
+  SeedFilters(&self->core);
+  return 0;
+}
+
+int32_t AdspAec_SetOutputs(void* aecInst, int NlpPf) {
+  if (aecInst == nullptr) return -1;
+  Aec* self = static_cast<Aec*>(aecInst);
+  if (!Initialized(self)) {
+    self->lastError = kAecErrUninitialized;
+    return -1;
+  }
+  if (!ValidOutputs(NlpPf)) {
+    self->lastError = kAecErrBadParameter;
+    return -1;
+  }
+  AecCore& core = self->core;
+  // An output that starts now starts from silence, not from what was left
+  // in its overlap and ring when it last ran.
+  for (int o = 0; o < 2; ++o) {
+    if ((NlpPf & (1 << o)) == 0 || (core.NlpPf & (1 << o)) != 0) continue;
+    Adsp_InitBuffer(&core.outFrBuf[o]);
+    for (int b = 0; b < kMaxUpperBands; ++b) Adsp_InitBuffer(&core.outFrBufH[o][b]);
+    std::memset(core.outBuf[o], 0, sizeof(core.outBuf[o]));
+  }
+  core.NlpPf = NlpPf;
   return 0;
 }
 
