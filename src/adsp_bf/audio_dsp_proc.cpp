@@ -90,7 +90,7 @@ int BFInit(T_AudioDspParam* pm) {
   return kBfOk;
 }
 
-int BfProc(T_AudioDspParam* pm, short* inp, short* out, short* mic_order) {
+int BfProc(T_AudioDspParam* pm, const short* inp, short* out, const short* mic_order) {
   short order[kBfChannels];
   const bool order_ok = TakeMicOrder(mic_order, order);
   if (pm == nullptr || pm->p_data == nullptr || inp == nullptr || out == nullptr) return kBfErrNull;

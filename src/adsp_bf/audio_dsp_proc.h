@@ -89,14 +89,14 @@ int BFInit(T_AudioDspParam* pm);
 // One hop: inp holds 256 frames of 3 interleaved samples, out receives 256
 // samples; mic_order (may be null) names the input slot of microphones 0, 1, 2.
 // 0, 1 (record, state or buffer missing) or 2 (bf_flag, or a slot not 0..2).
-int BfProc(T_AudioDspParam* pm, short* inp, short* out, short* mic_order);
+int BfProc(T_AudioDspParam* pm, const short* inp, short* out, const short* mic_order);
 
 // Direction of a stretch from the per-hop scores BfProc has stored (the
 // samples are not read). 0, 1, 2 (doa_flag not 1..3) or 201 (no hop yet).
-int AudioDspDoa(T_AudioDspParam* pm, short* inp, short* mic_oder, int sample_len_pre_channel);
+int AudioDspDoa(T_AudioDspParam* pm, const short* inp, const short* mic_oder, int sample_len_pre_channel);
 // Direction of a stretch recomputed from its samples (at most 64 hops are
 // used). 0, 1, 2 (a slot of mic_order not 0..2) or 201 (private noise
 // suppressor failed to start).
-int VornDoaProc(T_AudioDspParam* pm, short* inp, short* mic_order, int sample_len_pre_channel);
+int VornDoaProc(T_AudioDspParam* pm, const short* inp, const short* mic_order, int sample_len_pre_channel);
 
 }  // namespace vorn

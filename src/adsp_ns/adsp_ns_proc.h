@@ -127,9 +127,9 @@ int AdspNsInit(T_AdspNsParam *pm);
 // One hop. Time domain: 128 samples from `au`, 128 (delayed by 384) to
 // `ns_au`. Spectral scale: packed spectrum `inp` (512), per-bin minimum to
 // `out` (257), scaled spectrum to `ns_out` (512). Unused pointers may be null.
-int AdspNsProc(T_AdspNsParam *pm, float *inp, float *out, float *ns_out, short *au, short *ns_au);
+int AdspNsProc(T_AdspNsParam *pm, float *inp, float *out, float *ns_out, const short *au, short *ns_au);
 // AdspNsProc plus the VAD decision in pm->vad_flag; returns that decision too.
-int NsVadProc(T_AdspNsParam *pm, float *inp, float *out, float *ns_out, short *au, short *ns_au);
+int NsVadProc(T_AdspNsParam *pm, float *inp, float *out, float *ns_out, const short *au, short *ns_au);
 
 // ---- settings written by the core between calls ---------------------------
 void SetNsLevel(TNsParam *pm, float ns_level);  // clamped to 0.00001..1

@@ -17,6 +17,7 @@
 #include "vorn/vorn_enhanced_state.h"
 #include "vorn/vorn_frame_steps.h"
 #include "vorn/vorn_multi_channel_post_filter.h"
+#include "vorn/vorn_proc_internal.h"
 
 namespace vorn {
 namespace {
@@ -42,8 +43,9 @@ int32_t EchoStage(const T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
 int32_t SuppressStage(T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
   std::memcpy(fr.clean, fr.echo_out, sizeof fr.clean);
   if (pm->ns_flag == 1) {
-    fr.rtn = AdspNsProc(&st->ns_pm[0], nullptr, nullptr, nullptr, fr.echo_out, fr.clean);
-    fr.rtn = AdspNsProc(&st->ns_pm[0], nullptr, nullptr, nullptr, fr.echo_out + kHalfLen, fr.clean + kHalfLen);
+    KeepFirstFailure(&fr.rtn, AdspNsProc(&st->ns_pm[0], nullptr, nullptr, nullptr, fr.echo_out, fr.clean));
+    KeepFirstFailure(&fr.rtn,
+                     AdspNsProc(&st->ns_pm[0], nullptr, nullptr, nullptr, fr.echo_out + kHalfLen, fr.clean + kHalfLen));
   } else if (pm->ns_flag == 2) {
     if (fr.rtn != 0) return fr.rtn;
     VornMultiChannelPostFilter(pm, fr.clean);
@@ -51,8 +53,9 @@ int32_t SuppressStage(T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
   if (pm->ns_flag == 0 && pm->doa_flag != 0) {
     // Keep the noise estimate current for direction finding.
     short discard[kFrameLen];
-    fr.rtn = AdspNsProc(&st->ns_pm[0], nullptr, nullptr, nullptr, fr.echo_out, discard);
-    fr.rtn = AdspNsProc(&st->ns_pm[0], nullptr, nullptr, nullptr, fr.echo_out + kHalfLen, discard + kHalfLen);
+    KeepFirstFailure(&fr.rtn, AdspNsProc(&st->ns_pm[0], nullptr, nullptr, nullptr, fr.echo_out, discard));
+    KeepFirstFailure(&fr.rtn,
+                     AdspNsProc(&st->ns_pm[0], nullptr, nullptr, nullptr, fr.echo_out + kHalfLen, discard + kHalfLen));
   }
   if (pm->doa_update_flag == 1) VornGetNosieEstFromNsToBf(&st->ns_pm[0], &st->bf_pm);
   return 0;
@@ -60,7 +63,7 @@ int32_t SuppressStage(T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
 
 void VadStage(T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
   short vad_out[kFrameLen];
-  short* vad_in = pm->aec_flag == 3 ? fr.vad_in : fr.clean;
+  const short* vad_in = pm->aec_flag == 3 ? fr.vad_in : fr.clean;
   pm->vad_flag = VornVadProc(pm, vad_in, fr.aec_ref, fr.subcoh, kVadCohLen, vad_out);
   // Until a presence estimate of its own runs, the speech flag stands in.
   fr.presence.frame_prob = pm->vad_flag != 0 ? 1.0f : 0.0f;
@@ -72,7 +75,7 @@ void LevelStage(const T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
     std::memcpy(fr.out, fr.clean, sizeof fr.out);
     return;
   }
-  fr.rtn = RunDigitalAgc(pm, st, fr.clean, fr.out);
+  KeepFirstFailure(&fr.rtn, RunDigitalAgc(pm, st, fr.clean, fr.out));
 }
 
 void DirectionStage(T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
@@ -88,7 +91,8 @@ void VornInitEnhanced(const T_VornParam* pm, TVornState* st) {
   (void)st;
 }
 
-int32_t VornProcEnhanced(T_VornParam* pm, TVornState* st, short* inp, short* aec_ref, short* out, short* mic_order) {
+int32_t VornProcEnhanced(T_VornParam* pm, TVornState* st, const short* inp, const short* aec_ref, short* out,
+                         const short* mic_order) {
   EnhancedFrame fr{};
   fr.inp = inp;
   fr.aec_ref = aec_ref;
@@ -107,7 +111,8 @@ int32_t VornProcEnhanced(T_VornParam* pm, TVornState* st, short* inp, short* aec
   return fr.rtn;
 }
 
-int32_t VornDoaEnhanced(T_VornParam* pm, TVornState* st, short* inp, short* mic_order, int samples_per_channel) {
+int32_t VornDoaEnhanced(T_VornParam* pm, TVornState* st, const short* inp, const short* mic_order,
+                        int samples_per_channel) {
   FillBfParamForDoa(pm, st);
   TBfParam& bf = st->bf_pm;
   const int rc = (pm->doa_flag == 2 || pm->doa_flag == 3) ? VornDoaProc(&bf, inp, mic_order, samples_per_channel)

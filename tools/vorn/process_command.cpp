@@ -124,7 +124,9 @@ int ProcessRecording(const ProcessOptions& opt, Summary* summary, std::vector<in
   const bool have_reference = reference_in_input || !opt.ref_path.empty();
 
   FrontEnd front_end;
-  if (!front_end.LoadModes(opt.mode, opt.config_path, &error)) {
+  const bool modes_loaded = front_end.LoadModes(opt.mode, opt.config_path, &error);
+  for (const std::string& warning : front_end.config_warnings()) ReportWarning(opt.config_path + ": " + warning);
+  if (!modes_loaded) {
     ReportError(error);
     return kExitFailure;
   }
