@@ -376,7 +376,7 @@ TEST(AdspAecInterface, InitResultCodes) {
   EXPECT_EQ(init(bytes, 16000, 96001, 1), Codes(-1, kAecErrBadParameter));
   EXPECT_EQ(AdspAec_Init(nullptr, bytes, 16000, 16000, 1, nullptr), -1);
   Instance roomy;  // for a misaligned instance
-  EXPECT_EQ(AdspAec_Init(static_cast<char*>(roomy.get()) + 4, bytes, 16000, 16000, 1, nullptr), -1);
+  EXPECT_EQ(AdspAec_Init(static_cast<char*>(roomy.get()) + 2, bytes, 16000, 16000, 1, nullptr), -1);
 }
 
 TEST(AdspAecInterface, ConfigResultCodes) {

@@ -46,8 +46,8 @@ static_assert(offsetof(BinaryDelayEstimator, binary_near_history) == 1004);
 static_assert(offsetof(BinaryDelayEstimator, near_history_size) == 1508);
 static_assert(offsetof(BinaryDelayEstimator, histogram) == 1548);
 static_assert(offsetof(BinaryDelayEstimator, lookahead) == 2056);
-static_assert(offsetof(BinaryDelayEstimator, farend_offset) == 2064);
-static_assert(sizeof(BinaryDelayEstimator) == 2064 + sizeof(std::ptrdiff_t));
+static_assert(offsetof(BinaryDelayEstimator, farend_offset) == (sizeof(std::ptrdiff_t) == 8 ? 2064 : 2060));
+static_assert(sizeof(BinaryDelayEstimator) == offsetof(BinaryDelayEstimator, farend_offset) + sizeof(std::ptrdiff_t));
 
 // Far end. Create checks the history size (2..kHistorySizeBlocks) and
 // initialises: 0, or -1.

@@ -36,7 +36,7 @@ struct DelayEstimator {
   int spectrum_size;
   BinaryDelayEstimator binary_handle;
 };
-static_assert(offsetof(DelayEstimator, binary_handle) == 272);
+static_assert(offsetof(DelayEstimator, binary_handle) == (alignof(BinaryDelayEstimator) == 8 ? 272 : 268));
 
 // Far end: self_buf is the owner's DelayEstimatorFarend; returns it as the
 // handle, or null when spectrum_size is not 65 or history_size is not 2..125.

@@ -21,7 +21,6 @@ constexpr int kBfDoaDirections = 72; // 0, 5, ..., 355 degrees
 constexpr int kBfDoaElevations = 1;  // elevation families in the utterance search
 constexpr unsigned kBfFrameNumMax = 200000;
 constexpr int kBfBuffSize = 240000;  // the region the front end reserves
-constexpr int kBfParamSize = 56;
 
 // Return codes of the module.
 constexpr int kBfOk = 0;
@@ -45,10 +44,11 @@ typedef struct AudioDspParam {
 } T_AudioDspParam;
 using TBfParam = T_AudioDspParam;  // the front end's name for the record
 
-#if defined(__SIZEOF_POINTER__) && __SIZEOF_POINTER__ == 8
-static_assert(sizeof(T_AudioDspParam) == kBfParamSize, "call record must be 56 bytes");
-static_assert(offsetof(T_AudioDspParam, inner_interface_flag) == 48);
-#endif
+// The size `param_size` must state: 56 bytes with 8-byte pointers, 48 with
+// 4-byte ones.
+constexpr int kBfParamSize = sizeof(T_AudioDspParam);
+static_assert(kBfParamSize == (sizeof(void*) == 8 ? 56 : 48), "call record layout");
+static_assert(offsetof(T_AudioDspParam, inner_interface_flag) == sizeof(void*) + 40);
 
 // Three beams of one hop, 16-bit, for the multi-channel post filter.
 struct TBfModelDataExchange {

@@ -41,7 +41,7 @@ constexpr std::size_t kEnhancedRegionOffset =
     (offsetof(TVornState, bf_buff) + sizeof(T_AudioDspState) + 63) / 64 * 64;
 constexpr std::size_t kEnhancedRegionBytes = offsetof(TVornState, bf_buff) + kRegionBfBuffSize - kEnhancedRegionOffset;
 static_assert(kEnhancedRegionOffset == 128256);
-static_assert(kEnhancedRegionBytes == 111960);
+static_assert(kEnhancedRegionBytes == (sizeof(void*) == 8 ? 111960 : 111920));  // the call records hold pointers
 static_assert(sizeof(TVornEnhancedState) <= kEnhancedRegionBytes, "enhanced state outgrew its region");
 static_assert(alignof(TVornEnhancedState) <= 64);
 

@@ -14,7 +14,7 @@ void FillBfParam(const T_VornParam* pm, TVornState* st) {
   TBfParam& bf = st->bf_pm;
   bf.p_data = st->bf_buff;
   bf.buff_size = kRegionBfBuffSize;
-  bf.param_size = kRegionBfParamSize;
+  bf.param_size = kBfParamSize;
   bf.agc_flag = pm->agc_flag;
   bf.bf_flag = pm->bf_flag;
   bf.bf_azimuth = pm->bf_azimuth;
@@ -33,7 +33,7 @@ void FillBfParamForDoa(const T_VornParam* pm, TVornState* st) {
   bf.buff_size = kRegionBfBuffSize;
   bf.doa_flag = pm->doa_flag;
   bf.ns_flag = pm->ns_flag;
-  bf.param_size = kRegionBfParamSize;
+  bf.param_size = kBfParamSize;
   bf.p_data = st->bf_buff;
   bf.ext_doa_update_flag = pm->doa_update_flag;
 }
@@ -41,7 +41,7 @@ void FillBfParamForDoa(const T_VornParam* pm, TVornState* st) {
 void FillNsParam(TNsParam* ns, unsigned char* region) {
   ns->p_data = region;
   ns->buff_size = kRegionNsBuffSize;
-  ns->param_size = kRegionNsParamSize;
+  ns->param_size = kNsParamSize;
   ns->data_type = kNsDataTimeDomain;
   ns->inner_interface_flag = 0;
 }

@@ -9,8 +9,6 @@
 namespace vorn {
 
 // Sizes of the module regions; each module checks the size it is handed.
-constexpr int32_t kRegionNsParamSize = 40;       // suppressor call record
-constexpr int32_t kRegionBfParamSize = 56;       // beamformer call record
 constexpr int32_t kRegionBfBuffSize = 240000;
 constexpr int32_t kRegionNsBuffSize = 64000;
 constexpr int32_t kRegionAgcBuffSize = 388;
