@@ -38,6 +38,9 @@
 #ifndef VORN_DEFS_H
 #define VORN_DEFS_H
 
+/* Every entry point of both interfaces returns 0 on success. */
+#define VORN_OK 0
+
 #define VORN_SAMPLE_RATE_HZ 16000
 #define VORN_FRAME_SAMPLES 256 /* per channel: 16 ms */
 #define VORN_FRAME_MS 16

@@ -67,7 +67,6 @@ extern "C" {
  * The checks run in the order of the table's codes 1..10 (6 for
  * doa_update_flag last), after the mode (13), so the first failing one decides.
  * VornErrorString(code) gives the meaning as text. */
-#define VORN_OK 0
 #define VORN_ERR_NULL 1
 #define VORN_ERR_BUFF_SIZE 2
 #define VORN_ERR_PARAM_SIZE 3

@@ -33,11 +33,15 @@ int32_t EchoStage(const T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
   if (pm->aec_flag >= 1)
     for (int i = 0; i < kFrameLen && !fr.echo.reference_active; ++i) fr.echo.reference_active = fr.aec_ref[i] != 0;
   fr.echo.far_activity = fr.echo.reference_active ? 1.0f : 0.0f;
+  int32_t rc = 0;
   if (pm->aec_flag < 1) {
     std::memcpy(fr.echo_out, fr.beam, sizeof fr.echo_out);
-    return 0;
+  } else {
+    rc = CancelEcho(pm, st, fr.beam, fr.aec_ref, fr.echo_out, fr.vad_in, fr.subcoh);
   }
-  return CancelEcho(pm, st, fr.beam, fr.aec_ref, fr.echo_out, fr.vad_in, fr.subcoh);
+  // Kept for the getters that report the frame after it has run.
+  EnhancedStateOf(st)->last_echo = fr.echo;
+  return rc;
 }
 
 int32_t SuppressStage(T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
