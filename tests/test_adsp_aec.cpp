@@ -461,6 +461,12 @@ TEST(AdspAecInterface, FarEndAndQueryResultCodes) {
   EXPECT_EQ(codes(AdspAec_GetMetrics(inst.get(), nullptr), inst), Codes(-1, kAecErrNullPointer));
   EXPECT_EQ(codes(AdspAec_GetDelayMetrics(inst.get(), nullptr, &spread), inst), Codes(-1, kAecErrNullPointer));
   EXPECT_EQ(codes(AdspAec_GetDelayMetrics(inst.get(), &value, &spread), inst), Codes(-1, kAecErrUnsupported));
+  for (auto* restart : {&AdspAec_Reset, &AdspAec_SetOutputs}) {
+    EXPECT_EQ(codes(restart(none.get(), 1), none), Codes(-1, kAecErrUninitialized));
+    EXPECT_EQ(codes(restart(inst.get(), 4), inst), Codes(-1, kAecErrBadParameter));
+    EXPECT_EQ(codes(restart(inst.get(), -1), inst), Codes(-1, kAecErrBadParameter));
+    EXPECT_EQ(restart(nullptr, 1), -1);
+  }
   EXPECT_EQ(AdspAec_get_echo_status(nullptr, &value), -1);
   EXPECT_EQ(AdspAec_GetMetrics(nullptr, &metrics), -1);
   EXPECT_EQ(AdspAec_aec_core(nullptr), nullptr);

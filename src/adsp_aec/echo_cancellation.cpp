@@ -269,6 +269,22 @@ void SeedFilters(AecCore* core) {
 
 bool ValidOutputs(int NlpPf) { return NlpPf >= 0 && NlpPf <= 3; }
 
+// An initialised instance and a valid output selector, or null (with the
+// reason recorded in the instance when there is one).
+Aec* ReadyFor(void* aecInst, int NlpPf) {
+  if (aecInst == nullptr) return nullptr;
+  Aec* self = static_cast<Aec*>(aecInst);
+  if (!Initialized(self)) {
+    self->lastError = kAecErrUninitialized;
+    return nullptr;
+  }
+  if (!ValidOutputs(NlpPf)) {
+    self->lastError = kAecErrBadParameter;
+    return nullptr;
+  }
+  return self;
+}
+
 }  // namespace
 
 int32_t AdspAec_Init(void* aecInst, uint32_t aecInst_buf_len, int32_t sampFreq, int32_t scSampFreq,
@@ -300,16 +316,8 @@ int32_t AdspAec_Init(void* aecInst, uint32_t aecInst_buf_len, int32_t sampFreq, 
 }
 
 int32_t AdspAec_Reset(void* aecInst, int NlpPf) {
-  if (aecInst == nullptr) return -1;
-  Aec* self = static_cast<Aec*>(aecInst);
-  if (!Initialized(self)) {
-    self->lastError = kAecErrUninitialized;
-    return -1;
-  }
-  if (!ValidOutputs(NlpPf)) {
-    self->lastError = kAecErrBadParameter;
-    return -1;
-  }
+  Aec* self = ReadyFor(aecInst, NlpPf);
+  if (self == nullptr) return -1;
   const int32_t sampFreq = self->sampFreq;
   const int32_t scSampFreq = self->scSampFreq;
   // Clear the instance around the stored echo path, as AdspAec_Init clears
@@ -327,16 +335,8 @@ int32_t AdspAec_Reset(void* aecInst, int NlpPf) {
 }
 
 int32_t AdspAec_SetOutputs(void* aecInst, int NlpPf) {
-  if (aecInst == nullptr) return -1;
-  Aec* self = static_cast<Aec*>(aecInst);
-  if (!Initialized(self)) {
-    self->lastError = kAecErrUninitialized;
-    return -1;
-  }
-  if (!ValidOutputs(NlpPf)) {
-    self->lastError = kAecErrBadParameter;
-    return -1;
-  }
+  Aec* self = ReadyFor(aecInst, NlpPf);
+  if (self == nullptr) return -1;
   AecCore& core = self->core;
   // An output that starts now starts from silence, not from what was left
   // in its overlap and ring when it last ran.

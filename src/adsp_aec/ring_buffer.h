@@ -29,7 +29,8 @@ static_assert(offsetof(RingBuffer, rw_wrap) == 4 * sizeof(size_t));
 
 // The ring's storage.
 inline char* Adsp_BufferData(RingBuffer* self) {
-  return reinterpret_cast<char*>(reinterpret_cast<std::uintptr_t>(self) + static_cast<std::uintptr_t>(self->data_offset));
+  const std::uintptr_t at = reinterpret_cast<std::uintptr_t>(self) + static_cast<std::uintptr_t>(self->data_offset);
+  return reinterpret_cast<char*>(at);
 }
 
 // Sets up the ring over `storage`, which must lie in the same record as the

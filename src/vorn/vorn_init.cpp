@@ -112,7 +112,9 @@ int32_t InitFrontEnd(T_VornParam* pm, const InitOptions& options) {
 
   if (options.keep_warnings) {
     TVornState* old = LocateState(pm);
-    if (old != nullptr && HousekeepingOf(old)->warnings_magic == kWarningsMagic) warnings = HousekeepingOf(old)->warnings;
+    if (old != nullptr && HousekeepingOf(old)->warnings_magic == kWarningsMagic) {
+      warnings = HousekeepingOf(old)->warnings;
+    }
   }
   const int32_t profile = options.forced_profile != kConfProfileAbsent ? options.forced_profile
                           : front_end.profile != kConfProfileAbsent  ? front_end.profile

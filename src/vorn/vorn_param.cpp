@@ -45,17 +45,9 @@ void ConfigDefault(T_VornParam* pm, int mode_num) {
   }
 }
 
-void ApplyKey(const T_VornKey& key, T_VornParam* pm) {
-  pm->agc_flag = key.agc_flag;
-  pm->bf_flag = key.bf_flag;
-  pm->doa_flag = key.doa_flag;
-  pm->aec_flag = key.aec_flag;
-  pm->ns_flag = key.ns_flag;
-  pm->bf_azimuth = key.bf_azimuth;
-  pm->vad_mode = key.vad_mode;
-}
-
-void CopySwitches(const T_VornKey& from, T_VornKey* to) {
+// The active fields of the record and a key's switches share their names.
+template <typename Record>
+void CopySwitchFields(const T_VornKey& from, Record* to) {
   to->agc_flag = from.agc_flag;
   to->bf_flag = from.bf_flag;
   to->doa_flag = from.doa_flag;
@@ -64,6 +56,10 @@ void CopySwitches(const T_VornKey& from, T_VornKey* to) {
   to->bf_azimuth = from.bf_azimuth;
   to->vad_mode = from.vad_mode;
 }
+
+void ApplyKey(const T_VornKey& key, T_VornParam* pm) { CopySwitchFields(key, pm); }
+
+void CopySwitches(const T_VornKey& from, T_VornKey* to) { CopySwitchFields(from, to); }
 
 int32_t SwitchMode(T_VornParam* pm) {
   if (pm->vorn_mode < 0 || pm->vorn_mode >= kVornModeCount) return -1;
