@@ -152,7 +152,8 @@ int vorn_reset(VornState* st);
 
 /* The talker's azimuth over `samples_per_channel` interleaved microphone
  * samples per channel; fewer than 768 give 0 for the sample searches. The
- * processing of later frames is not affected. */
+ * frames' output is not affected; a sample search does replace the scores a
+ * later VORN_SEARCH_FRAMES reads until new frames bring their own. */
 int vorn_direction(VornState* st, const int16_t* mics, int32_t samples_per_channel, int32_t search,
                    int32_t* azimuth_deg);
 

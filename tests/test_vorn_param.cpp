@@ -132,16 +132,5 @@ TEST(VornParam, CheckCodesInOrder) {
   EXPECT_EQ(VornParamCheck(nullptr), 1);
 }
 
-TEST(VornParam, BadModeLeavesActiveFieldsForTheCheck) {
-  ValidParam v;
-  v.pm.in_argv[0].vad_mode = 0;  // would fail if it were copied
-  v.pm.vorn_mode = 3;
-  EXPECT_EQ(SwitchMode(&v.pm), -1);
-  EXPECT_EQ(VornParamCheck(&v.pm), 0);
-  v.pm.vorn_mode = 0;
-  SwitchMode(&v.pm);
-  EXPECT_EQ(VornParamCheck(&v.pm), 10);
-}
-
 }  // namespace
 }  // namespace vorn

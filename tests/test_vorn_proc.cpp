@@ -56,27 +56,6 @@ RunOutput Process(FrontEnd& fe, Scene& s) {
   return r;
 }
 
-TEST(VornProc, EntryPointsReturnTheParameterCodes) {
-  FrontEnd fe;
-  EXPECT_EQ(VornInit(nullptr, nullptr), 1);
-  ASSERT_EQ(VornInit(&fe.pm, nullptr), 0);
-
-  short in[3 * kFrame] = {}, ref[kFrame] = {}, out[kFrame] = {}, order[3] = {0, 1, 2};
-  EXPECT_EQ(VornProc(&fe.pm, nullptr, ref, out, order), 1);
-  EXPECT_EQ(VornProc(&fe.pm, in, ref, nullptr, order), 1);
-  EXPECT_EQ(VornProc(&fe.pm, in, ref, out, nullptr), 1);
-  EXPECT_EQ(VornProc(&fe.pm, in, nullptr, out, order), 0);  // no reference needed with the canceller off
-  fe.pm.in_argv[0].aec_flag = 1;
-  EXPECT_EQ(VornProc(&fe.pm, in, nullptr, out, order), 1);
-  fe.pm.in_argv[0].bf_flag = 3;
-  fe.pm.in_argv[0].bf_azimuth = 90;  // checked after the mode's switches are copied in
-  EXPECT_EQ(VornProc(&fe.pm, in, ref, out, order), 9);
-  fe.pm.bf_azimuth = 60;  // VornDoa checks the active switches as they stand
-  fe.pm.doa_update_flag = 2;
-  EXPECT_EQ(VornDoa(&fe.pm, in, order, kFrame), 6);
-  EXPECT_EQ(VornDoa(nullptr, in, order, kFrame), 1);
-}
-
 TEST(VornProc, Float2int32SnrSaturatesAndTruncates) {
   const float db[6] = {200.0f, 128.0f, 12.75f, -3.9f, -128.0f, -500.0f};
   int32_t q10[6];
