@@ -454,7 +454,11 @@ int32_t LoadConf(const ConfSource& source, char* p, FrontEndConf* front_end, Con
     if (section == kUnknownSection) return;  // reported once, at the section line
     char* key = nullptr;
     char* value = nullptr;
-    GetKeyValue(content, &key, &value);
+    // A NUL byte ahead of the '=' hides it: the line is then neither kind.
+    if (!GetKeyValue(content, &key, &value)) {
+      log.Add(line, "\"%s\" is neither a [section] nor a key = value line; ignored", Quoted(content).text);
+      return;
+    }
     if (section == kNoSection) {
       log.Add(line, "\"%s\" comes before any section; ignored", Quoted(key).text);
       return;
