@@ -35,8 +35,9 @@ extern "C" {
 #define VORN_MODE_CUSTOM (-1)
 
 /* Return codes. Every entry point returns 0 on success; a nonzero code
- * leaves the state as it was (the one exception: VornInit returning 100 or
- * a module's code, after which the buffer must be initialised again).
+ * leaves the state as it was (VornInit still stores its configuration's
+ * warnings; and after VornInit returns 100 or a module's code the buffer
+ * must be initialised again).
  *
  *   code  name                        meaning
  *      0  VORN_OK                     success
@@ -64,9 +65,12 @@ extern "C" {
  *    201  VORN_ERR_NO_FRAMES          VornDoa with doa_flag 1 before any frame has been processed
  *  other  (a module's own code)       a fault inside the library; report it
  *
- * The checks run in the order of the table's codes 1..10 (6 for
- * doa_update_flag last), after the mode (13), so the first failing one decides.
- * VornErrorString(code) gives the meaning as text. */
+ * The first failing check decides, in this order: the record (1, 2, 3), the
+ * mode (13), the switches (4 to 10, then 6 for doa_update_flag), the
+ * buffers (1), the microphone order (14), and whether VornInit prepared
+ * the buffer (11). VornDoa judges no mode, and the length (15) and the
+ * search (16) before the buffers. VornErrorString(code) gives the meaning
+ * as text. */
 #define VORN_ERR_NULL 1
 #define VORN_ERR_BUFF_SIZE 2
 #define VORN_ERR_PARAM_SIZE 3
