@@ -8,11 +8,13 @@
 #include <cstdint>
 #include <vector>
 
+#include "vorn_array.h"
+
 namespace vorn::test {
 
-constexpr int kSampleRate = 16000;
-constexpr double kArrayRadiusM = 0.039;   // microphones at 0, 120 and 240 degrees
-constexpr double kSpeedOfSound = 340.0;   // m/s, the figure the weight tables assume
+constexpr int kSampleRate = VORN_SAMPLE_RATE_HZ;
+constexpr double kArrayRadiusM = VORN_ARRAY_RADIUS_M;
+constexpr double kSpeedOfSound = VORN_SPEED_OF_SOUND_M_S;
 
 using Signal = std::vector<float>;
 using ThreeMics = std::array<Signal, 3>;
