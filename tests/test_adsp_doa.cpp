@@ -12,8 +12,8 @@
 #include "adsp_bf/audio_dsp_proc.h"
 #include "adsp_bf/weight_tables.h"
 #include "adsp_ns/adsp_ns_proc.h"
-#include "support/ns_harness.h"
-#include "support/signals.h"
+#include "sim/ns_harness.h"
+#include "sim/signals.h"
 
 namespace vorn {
 namespace {
@@ -39,7 +39,7 @@ TEST(DoaHelpers, BinWeightsPowerSlotsAndAngleMeans) {
     EXPECT_NEAR(w, want, 1e-5f * want) << "power " << power << " noise " << noise;
   }
   // Slot 0 holds the DC magnitude and slot 255 the Nyquist magnitude, not powers.
-  test::Signal spectrum = test::WhiteNoise(512, 5.0, 5);
+  sim::Signal spectrum = sim::WhiteNoise(512, 5.0, 5);
   spectrum[0] = -3.0f;
   spectrum[256] = -7.0f;
   float psd[256];
@@ -73,7 +73,7 @@ TEST(DoaHelpers, BinWeightsPowerSlotsAndAngleMeans) {
 // The vector scoring gives the plain loop's bits, for the real tables and for
 // a count of sets that leaves a scalar tail (bins, weights and sets at random).
 TEST(DoaSteeredPower, Sse2MatchesThePlainLoopBitForBit) {
-  const test::Signal noise = test::WhiteNoise(kDoaBandBins * 6 + 256 + 7 * 1542, 0.5, 17);
+  const sim::Signal noise = sim::WhiteNoise(kDoaBandBins * 6 + 256 + 7 * 1542, 0.5, 17);
   float unit[kDoaBandBins][3][2];
   std::copy_n(noise.begin(), kDoaBandBins * 6, &unit[0][0][0]);
   const float* w = noise.data() + kDoaBandBins * 6;
@@ -119,16 +119,16 @@ TEST(DOA, PerHopDecisionsAndUtteranceSearchesFindTheTalker) {
     SCOPED_TRACE(azimuth);
     const auto seed = std::uint32_t(azimuth * 10);
     const double lead_s = kLeadHops * kBfHop / 16000.0;
-    auto talker = test::MakeSpeechLike(kHops * kBfHop, seed, {.rms = 3000.0, .lead_silence_s = lead_s});
+    auto talker = sim::MakeSpeechLike(kHops * kBfHop, seed, {.rms = 3000.0, .lead_silence_s = lead_s});
     // The generator has no radiation at the lips, which differentiates the
     // flow (+6 dB per octave) and gives real speech its brightness: add it.
     for (std::size_t i = talker.samples.size() - 1; i > 0; --i) talker.samples[i] -= talker.samples[i - 1];
-    const double noise_rms = std::sqrt(test::MaskedMeanSquare(talker.samples, talker.active, 1)) / 10.0;
-    const test::ThreeMics noise = test::IndependentNoise(talker.samples.size(), noise_rms, seed + 7);
-    std::vector<short> pcm = test::Interleave(test::Mix(test::PlaneWave(talker.samples, azimuth), noise));
+    const double noise_rms = std::sqrt(sim::MaskedMeanSquare(talker.samples, talker.active, 1)) / 10.0;
+    const sim::ThreeMics noise = sim::IndependentNoise(talker.samples.size(), noise_rms, seed + 7);
+    std::vector<short> pcm = sim::Interleave(sim::Mix(sim::PlaneWave(talker.samples, azimuth), noise));
 
     BfInstance bf;
-    test::NsInstance ns;
+    sim::NsInstance ns;
     const int hops_before = voiced_hops, hits_before = voiced_hits;
     for (std::size_t h = 0; h < kHops; ++h) {
       short* frame = pcm.data() + h * 3 * kBfHop;
@@ -163,7 +163,7 @@ TEST(DOA, PerHopDecisionsAndUtteranceSearchesFindTheTalker) {
 // Flag 1 decides a direction each hop, flag 3 only records per-bin speech weights (newest row
 // first) for the utterance search; without the caller's permission nothing moves.
 TEST(BfProc, DoaWorkFollowsTheFlags) {
-  std::vector<short> pcm = test::Interleave(test::PlaneWave(test::WhiteNoise(3 * kBfHop, 3000.0, 4), 100.0));
+  std::vector<short> pcm = sim::Interleave(sim::PlaneWave(sim::WhiteNoise(3 * kBfHop, 3000.0, 4), 100.0));
   const std::tuple<int, int, bool, bool> cases[] = {  // doa_flag, permission, decides, weighs
       {1, 1, true, false},  {3, 1, false, true},  {2, 1, false, false},
       {0, 1, false, false}, {1, 0, false, false}, {3, 0, false, false}};
@@ -214,7 +214,7 @@ TEST(UtteranceDoa, StoredScoresAndRescoredStretches) {
     EXPECT_EQ(bf.pm.azimuth, want) << samples;
   }
 
-  std::vector<short> wave = test::Interleave(test::PlaneWave(test::WhiteNoise(4096, 2000.0, 77), 100.0));
+  std::vector<short> wave = sim::Interleave(sim::PlaneWave(sim::WhiteNoise(4096, 2000.0, 77), 100.0));
   const std::pair<int, int> searches[] = {{512 + 3 * 256, 2}, {1023, 0}, {300, 0}};  // samples, hops scored
   for (const auto& [samples, want_scored] : searches) {
     SCOPED_TRACE(samples);

@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "support/run_command.h"
-#include "support/signals.h"
+#include "sim/signals.h"
 #include "support/wav_file.h"
 
 namespace vorn::test {
@@ -54,7 +54,7 @@ std::string WavBytes(const WavSpec& w) {
   s.append(pad, '\0');
   s += "data";
   PutLe(&s, w.datsize, 4);
-  const auto noise = ToPcm(WhiteNoise(w.audio_bytes / 2 + 1, 1000.0, 3));
+  const auto noise = sim::ToPcm(sim::WhiteNoise(w.audio_bytes / 2 + 1, 1000.0, 3));
   s.append(reinterpret_cast<const char*>(noise.data()), w.audio_bytes);
   return s;
 }

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "support/signals.h"
+#include "sim/signals.h"
 #include "support/wav_file.h"
 
 namespace vorn::test {
@@ -49,13 +49,14 @@ class ToolTest : public ::testing::Test {
 
   // A talker at the given azimuth in light noise, as three interleaved microphones.
   static std::vector<std::int16_t> Capture(double seconds, double azimuth, std::uint32_t seed = 7) {
-    const auto n = static_cast<std::size_t>(seconds * kSampleRate);
-    SpeechLikeOptions opt;
+    const auto n = static_cast<std::size_t>(seconds * sim::kSampleRate);
+    sim::SpeechLikeOptions opt;
     opt.rms = 2500.0;
     opt.lead_silence_s = 0.3;
-    const SpeechLike talker = MakeSpeechLike(n, seed, opt);
-    const ThreeMics mics = Mix(PlaneWave(talker.samples, azimuth), IndependentNoise(n, 60.0, seed + 1));
-    return Interleave(mics);
+    const sim::SpeechLike talker = sim::MakeSpeechLike(n, seed, opt);
+    const sim::ThreeMics mics =
+        sim::Mix(sim::PlaneWave(talker.samples, azimuth), sim::IndependentNoise(n, 60.0, seed + 1));
+    return sim::Interleave(mics);
   }
 
   std::string dir_;

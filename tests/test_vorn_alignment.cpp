@@ -14,8 +14,8 @@
 
 #include "adsp_aec/echo_cancellation.h"
 #include "adsp_agc/analog_agc.h"
-#include "support/front_end_param.h"
-#include "support/signals.h"
+#include "sim/front_end_param.h"
+#include "sim/signals.h"
 #include "support/wav_file.h"
 #include "vorn/vorn_state.h"
 #include "vorn_proc.h"
@@ -78,23 +78,23 @@ struct Capture {
 // fed, so the canceller has work to do.
 Capture MakeCapture() {
   const std::size_t n = kFrames * kFrame;
-  test::SpeechLikeOptions opt;
+  sim::SpeechLikeOptions opt;
   opt.syllable_hz = 12.0;  // several on/off edges inside the short capture
-  const auto talker = test::MakeSpeechLike(n, 21, opt).samples;
-  const auto far = test::WhiteNoise(n, 1500.0, 22);
-  auto mics = test::Mix(test::PlaneWave(talker, 60), test::IndependentNoise(n, 80.0, 23));
-  mics = test::Mix(mics, test::PlaneWave(far, 180), 0.4);
+  const auto talker = sim::MakeSpeechLike(n, 21, opt).samples;
+  const auto far = sim::WhiteNoise(n, 1500.0, 22);
+  auto mics = sim::Mix(sim::PlaneWave(talker, 60), sim::IndependentNoise(n, 80.0, 23));
+  mics = sim::Mix(mics, sim::PlaneWave(far, 180), 0.4);
   Capture c;
-  c.mics = test::Interleave(mics);
-  c.ref = test::ToPcm(far);
+  c.mics = sim::Interleave(mics);
+  c.ref = sim::ToPcm(far);
   return c;
 }
 
 std::vector<short> RunFrames(unsigned char* p_data, const Switches& s, const Capture& cap, char* config) {
   // Azimuth 60 is valid for every beam type.
-  const test::FrontEndSwitches switches{.agc = s.agc, .bf = s.bf, .doa = s.doa, .aec = s.aec,
+  const sim::FrontEndSwitches switches{.agc = s.agc, .bf = s.bf, .doa = s.doa, .aec = s.aec,
                            .ns = s.ns, .azimuth = 60, .vad_mode = s.vad_mode};
-  T_VornParam pm = test::ParamKeeping(p_data, switches, s.doa_update);
+  T_VornParam pm = sim::ParamKeeping(p_data, switches, s.doa_update);
   EXPECT_EQ(VornInit(&pm, config), 0);
   std::vector<short> out(kFrames * kFrame + 1);
   short order[3] = {0, 1, 2};
@@ -139,7 +139,7 @@ TEST(VornAlignment, ConfigurationFileIsReadAtEveryOffset) {
   for (std::size_t offset = 0; offset < kLine; ++offset) {
     SCOPED_TRACE(offset);
     OffsetBuffer buffer(offset);
-    T_VornParam pm = test::ParamOver(buffer.data());
+    T_VornParam pm = sim::ParamOver(buffer.data());
     pm.vorn_mode = 2;
     ASSERT_EQ(VornInit(&pm, path.data()), 0);
     EXPECT_EQ(pm.bf_flag, 7);

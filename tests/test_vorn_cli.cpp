@@ -14,13 +14,14 @@
 
 #include "direction.h"
 #include "support/run_command.h"
-#include "support/signals.h"
+#include "sim/signals.h"
 #include "support/wav_file.h"
 #include "vorn_proc.h"
 
 namespace {
 
 using namespace vorn::test;
+namespace sim = vorn::sim;
 
 std::string Quote(const std::string& word) {
   std::string quoted = "'";
@@ -51,9 +52,9 @@ class VornCli : public ::testing::Test {
   // A talker at `azimuth` over light sensor noise, as interleaved
   // three-microphone samples.
   static std::vector<int16_t> Capture(double seconds, double azimuth = 60.0) {
-    const auto n = static_cast<size_t>(seconds * kSampleRate);
-    const SpeechLike talker = MakeSpeechLike(n, 11, {.lead_silence_s = 0.3});
-    return Interleave(Mix(PlaneWave(talker.samples, azimuth), IndependentNoise(n, 30.0, 12)));
+    const auto n = static_cast<size_t>(seconds * sim::kSampleRate);
+    const sim::SpeechLike talker = sim::MakeSpeechLike(n, 11, {.lead_silence_s = 0.3});
+    return sim::Interleave(sim::Mix(sim::PlaneWave(talker.samples, azimuth), sim::IndependentNoise(n, 30.0, 12)));
   }
 
   std::string dir_;
@@ -210,7 +211,7 @@ TEST_F(VornCli, MistakesNameTheProblem) {
 
 TEST_F(VornCli, EveryInputFormGivesTheSameOutput) {
   // 1000 sample frames: three whole frames and a partial one.
-  const std::vector<int16_t> frames = Capture(1000.0 / kSampleRate);
+  const std::vector<int16_t> frames = Capture(1000.0 / sim::kSampleRate);
   ASSERT_TRUE(WriteWav(Path("plain.wav"), frames, 3));
   ASSERT_TRUE(WriteRaw(Path("plain.pcm"), frames));
   // Chunks a writer may add, in an order a stream could not follow: a LIST
@@ -347,9 +348,10 @@ TEST_F(VornCli, PerFrameFilesSummaryAndDirection) {
 // with its source as a fourth channel, a separate file or a pipe.
 TEST_F(VornCli, AReferenceRemovesTheEcho) {
   const double seconds = 4.0;
-  const auto n = static_cast<size_t>(seconds * kSampleRate);
-  const SpeechLike far = MakeSpeechLike(n, 21, {.rms = 4000.0, .f0_hz = 180.0, .syllable_hz = 3.0, .duty = 0.8});
-  ThreeMics echo;
+  const auto n = static_cast<size_t>(seconds * sim::kSampleRate);
+  const sim::SpeechLike far =
+      sim::MakeSpeechLike(n, 21, {.rms = 4000.0, .f0_hz = 180.0, .syllable_hz = 3.0, .duty = 0.8});
+  sim::ThreeMics echo;
   for (int m = 0; m < 3; ++m) {
     echo[m].assign(n, 0.0f);
     for (size_t i = 130 + static_cast<size_t>(m); i < n; ++i) {
@@ -357,8 +359,8 @@ TEST_F(VornCli, AReferenceRemovesTheEcho) {
       echo[m][i] = static_cast<float>(0.5 * x[-40] + 0.2 * x[-77] - 0.1 * x[-130]);
     }
   }
-  const std::vector<int16_t> reference = ToPcm(far.samples);
-  const std::vector<int16_t> mics = Interleave(Mix(echo, IndependentNoise(n, 10.0, 22)));
+  const std::vector<int16_t> reference = sim::ToPcm(far.samples);
+  const std::vector<int16_t> mics = sim::Interleave(sim::Mix(echo, sim::IndependentNoise(n, 10.0, 22)));
   std::vector<int16_t> four(4 * n);
   for (size_t i = 0; i < n; ++i) {
     std::copy_n(&mics[3 * i], 3, &four[4 * i]);
@@ -386,7 +388,7 @@ TEST_F(VornCli, AReferenceRemovesTheEcho) {
   EXPECT_EQ(Wav("piped.wav"), with_aec);
   // After a second of convergence.
   const auto tail_rms = [n](const std::vector<int16_t>& x) {
-    return Rms(std::vector<int16_t>(x.begin() + static_cast<long>(n / 4), x.end()));
+    return sim::Rms(std::vector<int16_t>(x.begin() + static_cast<long>(n / 4), x.end()));
   };
   const double reduction_db = 20.0 * std::log10(tail_rms(without) / std::max(tail_rms(with_aec), 1e-9));
   std::printf("echo reduction over the last %.0f s: %.1f dB\n", seconds * 3 / 4, reduction_db);
@@ -402,8 +404,8 @@ TEST_F(VornCli, AReferenceRemovesTheEcho) {
 }
 
 TEST_F(VornCli, ProgressBarOnlyOnATerminalAndOnlyForLongInputs) {
-  ASSERT_TRUE(WriteWav(Path("long.wav"), std::vector<int16_t>(3 * 6 * kSampleRate, 0), 3));
-  ASSERT_TRUE(WriteWav(Path("short.wav"), std::vector<int16_t>(3 * 2 * kSampleRate, 0), 3));
+  ASSERT_TRUE(WriteWav(Path("long.wav"), std::vector<int16_t>(3 * 6 * sim::kSampleRate, 0), 3));
+  ASSERT_TRUE(WriteWav(Path("short.wav"), std::vector<int16_t>(3 * 2 * sim::kSampleRate, 0), 3));
   const CommandResult piped = Run({"process", "long.wav", "-o", "out.wav"});  // not a terminal: nothing
   EXPECT_EQ(piped.status, 0);
   EXPECT_EQ(piped.err, "");

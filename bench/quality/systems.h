@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "scene/scene.h"
+#include "sim/scene.h"
 
 namespace vorn::bench {
 
@@ -16,7 +16,7 @@ namespace vorn::bench {
 // azimuth per frame (empty when it has none), and the utterance-level
 // direction (negative when not run).
 struct SystemRun {
-  Signal output;
+  sim::Signal output;
   std::vector<std::uint8_t> speech;
   std::vector<double> azimuth_deg;
   // The same chain's per-frame azimuth when the caller lets the tracker
@@ -37,16 +37,16 @@ struct VornConfig {
 };
 
 // Whole frames in an interleaved three-microphone capture.
-std::size_t WholeFrames(const RenderedScene& rendered);
+std::size_t WholeFrames(const sim::RenderedScene& rendered);
 
 // The table azimuth nearest to `azimuth_deg` (multiples of 5 in 0..355).
 int TableAzimuth(double azimuth_deg);
 
-bool RunVorn(const VornConfig& config, const Scene& scene, const RenderedScene& rendered, SystemRun* run,
+bool RunVorn(const VornConfig& config, const sim::Scene& scene, const sim::RenderedScene& rendered, SystemRun* run,
              std::string* error);
 
 // Microphone 0 as it is; its speech flag says every frame is speech (the
 // detector that never misses), and it has no direction.
-SystemRun RunUnprocessed(const RenderedScene& rendered);
+SystemRun RunUnprocessed(const sim::RenderedScene& rendered);
 
 }  // namespace vorn::bench

@@ -1,8 +1,8 @@
-#include "support/front_end_param.h"
+#include "sim/front_end_param.h"
 
 #include "vorn/vorn_param.h"
 
-namespace vorn::test {
+namespace vorn::sim {
 
 T_VornParam ParamOver(unsigned char* state) {
   T_VornParam pm{};
@@ -26,4 +26,4 @@ T_VornParam ParamKeeping(unsigned char* state, const FrontEndSwitches& switches,
   return pm;
 }
 
-}  // namespace vorn::test
+}  // namespace vorn::sim

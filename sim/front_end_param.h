@@ -5,7 +5,7 @@
 
 #include "vorn_proc.h"
 
-namespace vorn::test {
+namespace vorn::sim {
 
 // The active switches of a run; unnamed ones stay at these values.
 struct FrontEndSwitches {
@@ -19,4 +19,4 @@ T_VornParam ParamOver(unsigned char* state);
 // mode overwrites them, and the caller's DOA update permission.
 T_VornParam ParamKeeping(unsigned char* state, const FrontEndSwitches& switches, int doa_update_flag);
 
-}  // namespace vorn::test
+}  // namespace vorn::sim
