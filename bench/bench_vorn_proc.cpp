@@ -40,15 +40,9 @@ const Scene& SharedScene() {
   return scene;
 }
 
-struct Config {
-  int agc, bf, doa, aec, ns, azimuth;
-};
-
-void RunFrames(benchmark::State& state, const Config& c) {
+void RunFrames(benchmark::State& state, const sim::Switches& switches) {
   const Scene& scene = SharedScene();
   std::vector<unsigned char> buffer(kVornMinBuffSize);
-  const sim::FrontEndSwitches switches{.agc = c.agc, .bf = c.bf, .doa = c.doa, .aec = c.aec,
-                           .ns = c.ns, .azimuth = c.azimuth, .vad_mode = 1};
   T_VornParam pm = sim::ParamKeeping(buffer.data(), switches, 1);
   if (VornInit(&pm, nullptr) != 0) {
     state.SkipWithError("VornInit failed");

@@ -35,8 +35,8 @@ void* RunJob(void* arg) {
   mics = sim::Interleave(sim::Mix(sim::PlaneWave(sim::MakeSpeechLike(n, 3).samples, 60),
                                     sim::IndependentNoise(n, 100.0, 4)));
   static std::vector<short> ref(n, 0);
-  const sim::FrontEndSwitches switches{.agc = 1, .bf = job.bf, .doa = job.doa_flag, .aec = job.aec,
-                           .ns = job.ns, .azimuth = 60, .vad_mode = 1};
+  const sim::Switches switches{.agc = 1, .bf = job.bf, .doa = job.doa_flag, .aec = job.aec,
+                               .ns = job.ns, .azimuth = 60, .vad_mode = 1};
   T_VornParam pm = sim::ParamKeeping(buffer.data(), switches, 1);
   VornInit(&pm, nullptr);
   short out[256], order[3] = {0, 1, 2};

@@ -327,14 +327,14 @@ struct Config {
   const char* name;
   const char* description;
   int vorn_mode;  // -1: the switches below
-  int agc, bf, doa, aec, ns, azimuth, vad_mode;
+  sim::Switches switches;
 };
 
 const Config kConfigs[] = {
-    {"heaviest", "agc 1, bf 4, doa 1, aec 3, ns 2, azimuth 60", -1, 1, 4, 1, 3, 2, 60, 1},
-    {"wkp", "mode 0 (wake-up), built-in switches", 0, 0, 0, 0, 0, 0, 0, 0},
-    {"asr", "mode 1 (recognition), built-in switches", 1, 0, 0, 0, 0, 0, 0, 0},
-    {"com", "mode 2 (communication), built-in switches", 2, 0, 0, 0, 0, 0, 0, 0},
+    {"heaviest", "agc 1, bf 4, doa 1, aec 3, ns 2, azimuth 60", -1, {1, 4, 1, 3, 2, 60, 1}},
+    {"wkp", "mode 0 (wake-up), built-in switches", 0, {}},
+    {"asr", "mode 1 (recognition), built-in switches", 1, {}},
+    {"com", "mode 2 (communication), built-in switches", 2, {}},
 };
 
 struct MinuteStats {
@@ -356,9 +356,7 @@ double ThreadMicros() {
 class Soak {
  public:
   explicit Soak(const Config& c) : config_(c), buffer_(kVornMinBuffSize) {
-    const sim::FrontEndSwitches switches{.agc = c.agc, .bf = c.bf, .doa = c.doa, .aec = c.aec,
-                             .ns = c.ns, .azimuth = c.azimuth, .vad_mode = c.vad_mode};
-    pm_ = sim::ParamKeeping(buffer_.data(), switches, 1);
+    pm_ = sim::ParamKeeping(buffer_.data(), c.switches, 1);
     pm_.vorn_mode = c.vorn_mode;
     init_rc_ = VornInit(&pm_, nullptr);
     spans_ = StateFloats(&pm_);

@@ -12,16 +12,10 @@ T_VornParam ParamOver(unsigned char* state) {
   return pm;
 }
 
-T_VornParam ParamKeeping(unsigned char* state, const FrontEndSwitches& switches, int doa_update_flag) {
+T_VornParam ParamKeeping(unsigned char* state, const Switches& switches, int doa_update_flag) {
   T_VornParam pm = ParamOver(state);
   pm.vorn_mode = -1;
-  pm.agc_flag = switches.agc;
-  pm.bf_flag = switches.bf;
-  pm.doa_flag = switches.doa;
-  pm.aec_flag = switches.aec;
-  pm.ns_flag = switches.ns;
-  pm.bf_azimuth = switches.azimuth;
-  pm.vad_mode = switches.vad_mode;
+  CopySwitches(switches, &pm);
   pm.doa_update_flag = doa_update_flag;
   return pm;
 }

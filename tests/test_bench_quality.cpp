@@ -114,10 +114,10 @@ TEST(BenchQuality, RunnersKeepTheFramesAndTrackTheTalker) {
   EXPECT_EQ(baseline.output, mic0);
   EXPECT_EQ(baseline.speech, std::vector<std::uint8_t>(frames, 1));
   SystemRun run;
-  ASSERT_TRUE(RunVorn(VornConfig{.name = "off"}, scene, rendered, &run, &error)) << error;
+  ASSERT_TRUE(RunVorn(VornConfig{.name = "off", .switches = {}}, scene, rendered, &run, &error)) << error;
   EXPECT_EQ(run.output, mic0);
   EXPECT_EQ(run.speech.size(), frames);
-  VornConfig config{"array", 0, 2, 1, 1, 1, 2, true, true};
+  VornConfig config{"array", {0, 2, 1, 1, 1, 0, 2}, true, true};
   sim::DoaScores scores[2];  // updates always permitted, then on speech only
   for (sim::DoaScores& score : scores) {
     ASSERT_TRUE(RunVorn(config, scene, rendered, &run, &error)) << error;
@@ -130,7 +130,7 @@ TEST(BenchQuality, RunnersKeepTheFramesAndTrackTheTalker) {
   EXPECT_GT(scores[1].share_within_10, 0.7);
   EXPECT_GT(scores[0].mean_error_deg, scores[1].mean_error_deg + 10.0);
   // bf_flag 9 does not exist: the parameter check's code comes back as text.
-  EXPECT_FALSE(RunVorn(VornConfig{"bad", 0, 9, 0, 0, 1, 2, false, false}, scene, rendered, &run, &error));
+  EXPECT_FALSE(RunVorn(VornConfig{"bad", {0, 9, 0, 0, 1, 0, 2}, false, false}, scene, rendered, &run, &error));
   EXPECT_NE(error.find("VornInit returned 8"), std::string::npos) << error;
 }
 

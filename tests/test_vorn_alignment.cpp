@@ -55,18 +55,20 @@ class OffsetBuffer {
   std::size_t offset_;
 };
 
-struct Switches {
-  int agc, bf, doa, aec, ns, vad_mode, doa_update;
+struct Configuration {
+  sim::Switches switches;
+  int doa_update;
 };
 
 // Every value of every switch, and every beam type with every suppressor
 // variant; the other switches rotate through their values so that each
-// appears with several beam types.
-std::vector<Switches> AllSwitchValues() {
-  std::vector<Switches> list;
+// appears with several beam types. Azimuth 60 is valid for every beam type.
+std::vector<Configuration> AllSwitchValues() {
+  std::vector<Configuration> list;
   int i = 0;
   for (int bf = 0; bf <= 7; ++bf)
-    for (int ns = 0; ns <= 2; ++ns, ++i) list.push_back({i % 3, bf, i % 4, (i / 2) % 4, ns, 1 + i % 2, (i / 3) % 2});
+    for (int ns = 0; ns <= 2; ++ns, ++i)
+      list.push_back({{i % 3, bf, i % 4, (i / 2) % 4, ns, 60, 1 + i % 2}, (i / 3) % 2});
   return list;
 }
 
@@ -90,11 +92,8 @@ Capture MakeCapture() {
   return c;
 }
 
-std::vector<short> RunFrames(unsigned char* p_data, const Switches& s, const Capture& cap, char* config) {
-  // Azimuth 60 is valid for every beam type.
-  const sim::FrontEndSwitches switches{.agc = s.agc, .bf = s.bf, .doa = s.doa, .aec = s.aec,
-                           .ns = s.ns, .azimuth = 60, .vad_mode = s.vad_mode};
-  T_VornParam pm = sim::ParamKeeping(p_data, switches, s.doa_update);
+std::vector<short> RunFrames(unsigned char* p_data, const Configuration& c, const Capture& cap, char* config) {
+  T_VornParam pm = sim::ParamKeeping(p_data, c.switches, c.doa_update);
   EXPECT_EQ(VornInit(&pm, config), 0);
   std::vector<short> out(kFrames * kFrame + 1);
   short order[3] = {0, 1, 2};
@@ -112,7 +111,7 @@ std::vector<short> RunFrames(unsigned char* p_data, const Switches& s, const Cap
 
 TEST(VornAlignment, EveryOffsetAndSwitchValueGivesTheSameBytes) {
   const Capture cap = MakeCapture();
-  const std::vector<Switches> configs = AllSwitchValues();
+  const std::vector<Configuration> configs = AllSwitchValues();
   std::vector<std::vector<short>> at_zero;
   for (std::size_t offset = 0; offset < kLine; ++offset) {
     SCOPED_TRACE("offset " + std::to_string(offset));

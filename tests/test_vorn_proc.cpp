@@ -29,8 +29,7 @@ struct FrontEnd {
   T_VornParam pm = sim::ParamOver(storage.data());
   // Mode -1 keeps these switches in force from VornInit on (the canceller is prepared for its outputs there).
   int Init(int agc, int bf, int aec, int ns, int azimuth = 0) {
-    const sim::FrontEndSwitches switches{
-        .agc = agc, .bf = bf, .aec = aec, .ns = ns, .azimuth = azimuth, .vad_mode = 2};
+    const sim::Switches switches{.agc = agc, .bf = bf, .aec = aec, .ns = ns, .azimuth = azimuth, .vad_mode = 2};
     pm = sim::ParamKeeping(storage.data(), switches, 0);
     return VornInit(&pm, nullptr);
   }

@@ -178,16 +178,10 @@ BENCHMARK(SpeexAgc)->Name("gain control/SpeexDSP")->Unit(benchmark::kMicrosecond
 
 // ---- whole chain -----------------------------------------------------------
 
-struct Chain {
-  int agc, bf, doa, aec, ns, vad_mode, bf_azimuth;
-};
-
-void VornChain(benchmark::State& state, const Chain& c) {
+void VornChain(benchmark::State& state, const sim::Switches& c) {
   Input& in = SharedInput();
   std::vector<unsigned char> buffer(kVornMinBuffSize);
-  const sim::FrontEndSwitches switches{.agc = c.agc, .bf = c.bf, .doa = c.doa, .aec = c.aec,
-                           .ns = c.ns, .azimuth = c.bf_azimuth, .vad_mode = c.vad_mode};
-  T_VornParam pm = sim::ParamKeeping(buffer.data(), switches, c.doa != 0 ? 1 : 0);
+  T_VornParam pm = sim::ParamKeeping(buffer.data(), c, c.doa != 0 ? 1 : 0);
   if (VornInit(&pm, nullptr) != 0) {
     state.SkipWithError("VornInit failed");
     return;
@@ -198,11 +192,11 @@ void VornChain(benchmark::State& state, const Chain& c) {
 }
 
 // The configurations of the quality bench, plus the built-in wake-up mode.
-void VornChainMono(benchmark::State& s) { VornChain(s, {0, 0, 1, 1, 1, 2, 0}); }
-void VornChainArray(benchmark::State& s) { VornChain(s, {0, 2, 1, 1, 1, 2, 75}); }
-void VornChainPostFilter(benchmark::State& s) { VornChain(s, {0, 2, 1, 3, 2, 2, 75}); }
-void VornChainMonoAgc(benchmark::State& s) { VornChain(s, {2, 0, 0, 1, 1, 2, 0}); }
-void VornChainWakeUp(benchmark::State& s) { VornChain(s, {1, 0, 0, 0, 1, 1, 0}); }
+void VornChainMono(benchmark::State& s) { VornChain(s, {0, 0, 1, 1, 1, 0, 2}); }
+void VornChainArray(benchmark::State& s) { VornChain(s, {0, 2, 1, 1, 1, 75, 2}); }
+void VornChainPostFilter(benchmark::State& s) { VornChain(s, {0, 2, 1, 3, 2, 75, 2}); }
+void VornChainMonoAgc(benchmark::State& s) { VornChain(s, {2, 0, 0, 1, 1, 0, 2}); }
+void VornChainWakeUp(benchmark::State& s) { VornChain(s, {1, 0, 0, 0, 1, 0, 1}); }
 BENCHMARK(VornChainMono)->Name("chain/Vorn 1-mic")->Unit(benchmark::kMicrosecond);
 BENCHMARK(VornChainArray)->Name("chain/Vorn array")->Unit(benchmark::kMicrosecond);
 BENCHMARK(VornChainPostFilter)->Name("chain/Vorn array + post filter")->Unit(benchmark::kMicrosecond);

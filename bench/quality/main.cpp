@@ -33,10 +33,11 @@ constexpr std::size_t kEchoPlotWindowFrames = 9;  // 144 ms, about a syllable
 // processing), the same chain behind an MVDR beam aimed at the talker, and
 // the communication chain with the multi-channel post filter. The gain
 // control is scored on its own sweep so that it does not blur the others.
-const VornConfig kVornMono{"Vorn 1-mic", 0, 0, 1, 1, 1, 2, false, false};
-const VornConfig kVornArray{"Vorn array", 0, 2, 1, 1, 1, 2, true, true};
-const VornConfig kVornPostFilter{"Vorn array + post filter", 0, 2, 1, 3, 2, 2, true, false};
-const VornConfig kVornAgc{"Vorn 1-mic + AGC", 2, 0, 0, 1, 1, 2, false, false};
+// Switches: agc, bf, doa, aec, ns, azimuth (steered to the talker where it says so), vad_mode.
+const VornConfig kVornMono{"Vorn 1-mic", {0, 0, 1, 1, 1, 0, 2}, false, false};
+const VornConfig kVornArray{"Vorn array", {0, 2, 1, 1, 1, 0, 2}, true, true};
+const VornConfig kVornPostFilter{"Vorn array + post filter", {0, 2, 1, 3, 2, 0, 2}, true, false};
+const VornConfig kVornAgc{"Vorn 1-mic + AGC", {2, 0, 0, 1, 1, 0, 2}, false, false};
 const char* const kUnprocessed = "mic 0 (no processing)";
 
 struct Scored {

@@ -32,11 +32,9 @@ int TableAzimuth(double azimuth_deg) {
 bool RunVorn(const VornConfig& config, const sim::Scene& scene, const sim::RenderedScene& rendered, SystemRun* run,
              std::string* error) {
   std::vector<unsigned char> state(kVornMinBuffSize);
-  const sim::FrontEndSwitches switches{.agc = config.agc, .bf = config.bf, .doa = config.doa,
-                           .aec = config.aec, .ns = config.ns,
-                           .azimuth = config.steer_to_talker ? TableAzimuth(scene.azimuth_deg) : 0,
-                           .vad_mode = config.vad_mode};
-  T_VornParam pm = sim::ParamKeeping(state.data(), switches, config.doa != 0 ? 1 : 0);
+  sim::Switches switches = config.switches;
+  if (config.steer_to_talker) switches.azimuth = TableAzimuth(scene.azimuth_deg);
+  T_VornParam pm = sim::ParamKeeping(state.data(), switches, switches.doa != 0 ? 1 : 0);
   if (const int code = VornInit(&pm, nullptr); code != 0) {
     *error = Failure("VornInit", code);
     return false;
@@ -60,7 +58,7 @@ bool RunVorn(const VornConfig& config, const sim::Scene& scene, const sim::Rende
     }
     run->output.insert(run->output.end(), out, out + sim::kFrame);
     run->speech.push_back(pm.vad_flag != 0 ? 1 : 0);
-    if (config.doa != 0) run->azimuth_deg.push_back(pm.azimuth);
+    if (switches.doa != 0) run->azimuth_deg.push_back(pm.azimuth);
   }
   if (config.utterance_doa) {
     const std::size_t begin = static_cast<std::size_t>(scene.talker_begin_s * sim::kSampleRate);

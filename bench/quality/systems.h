@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "sim/scene.h"
+#include "sim/switches.h"
 
 namespace vorn::bench {
 
@@ -28,7 +29,7 @@ struct SystemRun {
 // One Vorn configuration: the switches a caller sets on every frame.
 struct VornConfig {
   std::string name;
-  int agc = 0, bf = 0, doa = 0, aec = 0, ns = 0, vad_mode = 1;
+  sim::Switches switches;        // the azimuth is replaced when steering to the talker
   bool steer_to_talker = false;  // bf_azimuth from the truth (a fixed beam aimed by the device)
   bool utterance_doa = false;    // also VornDoa (doa_flag 2) over the talker's window
   // doa_update_flag from the scene's speech labels on every frame: a caller

@@ -175,7 +175,7 @@ int RunDemo(const DemoOptions& opt) {
               kSensorSnrDb);
   std::printf("  echo        loudspeaker playing %.1f-%.1f s, echo %.0f dBFS against the talker's %.0f dBFS\n",
               scene.far_begin_s, scene.far_end_s, scene.echo_level_dbfs, scene.talker_level_dbfs);
-  const Switches& s = summary.switches;
+  const sim::Switches& s = summary.switches;
   std::printf("processed in mode %s (agc %d, bf %d, doa %d, aec %d, ns %d, vad-mode %d), "
               "echo canceller fed with the reference, %.0fx real time\n",
               summary.mode.c_str(), s.agc, s.bf, s.doa, s.aec, s.ns, s.vad_mode,

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "switches.h"
+#include "sim/switches.h"
 
 namespace vorn::cli {
 
@@ -46,7 +46,7 @@ bool WriteFrameCsv(const std::string& path, const char* column, const std::vecto
 // What `vorn process --json` prints.
 struct Summary {
   std::string input, output, mode, reference;  // reference: "none", "channel 4" or the file
-  Switches switches;
+  sim::Switches switches;
   double duration_s = 0.0;
   uint64_t frames = 0;
   uint64_t speech_frames = 0;
