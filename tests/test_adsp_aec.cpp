@@ -18,7 +18,7 @@
 #include "adsp_aec/echo_cancellation.h"
 #include "adsp_aec/randomization_functions.h"
 #include "sim/signals.h"
-#include "support/wav_file.h"
+#include "support/files.h"
 
 namespace vorn {
 namespace {

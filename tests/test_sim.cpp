@@ -10,12 +10,13 @@
 #include <string>
 #include <vector>
 
+#include "audio_io/audio_output.h"
 #include "sim/metrics.h"
 #include "sim/room_impulse_response.h"
 #include "sim/scene.h"
 #include "scene/scene_io.h"
 #include "sim/signal_ops.h"
-#include "support/wav_file.h"
+#include "support/files.h"
 
 namespace vorn::sim {
 namespace {
@@ -194,8 +195,8 @@ TEST(Simulator, UserTalkerOverEchoSpansLevelLagClippingErleAndFiles) {
   // The recording: silence, then a burst of speech-like sound.
   const std::vector<std::int16_t> recording =
       ToPcm(MakeSpeechLike(32000, 7, {.lead_silence_s = 0.5}).samples);
-  ASSERT_TRUE(test::WriteWav(dir + "/talker.wav", recording, 1));
-  ASSERT_TRUE(test::WriteWav(dir + "/stereo.wav", std::vector<std::int16_t>(200), 2));
+  ASSERT_TRUE(WriteWavFile(dir + "/talker.wav", recording, 1));
+  ASSERT_TRUE(WriteWavFile(dir + "/stereo.wav", std::vector<std::int16_t>(200), 2));
   Scene scene = ShortScene();
   scene.echo_level_dbfs = -22.0;
   std::string error;
@@ -206,9 +207,9 @@ TEST(Simulator, UserTalkerOverEchoSpansLevelLagClippingErleAndFiles) {
   EXPECT_TRUE(active[4000] == 0 && active[9000] == 1);  // in the lead silence, in the burst
   const RenderedScene r = Render(scene);
   ASSERT_TRUE(bench::WriteScene(dir + "/scene", scene, r, &error)) << error;
-  test::WavData mics, target;
-  ASSERT_TRUE(test::ReadWav(dir + "/scene/mics.wav", &mics));
-  ASSERT_TRUE(test::ReadWav(dir + "/scene/target.wav", &target));
+  WavAudio mics, target;
+  ASSERT_TRUE(ReadWavFile(dir + "/scene/mics.wav", &mics));
+  ASSERT_TRUE(ReadWavFile(dir + "/scene/target.wav", &target));
   EXPECT_EQ(mics.channels, 3);
   EXPECT_EQ(mics.samples, r.mics);
   EXPECT_EQ(target.samples, ToPcm(r.target));

@@ -8,8 +8,9 @@
 #include <string>
 #include <vector>
 
+#include "audio_io/audio_output.h"
 #include "sim/signals.h"
-#include "support/wav_file.h"
+#include "support/files.h"
 
 namespace vorn::test {
 namespace {
@@ -63,8 +64,8 @@ class ToolTest : public ::testing::Test {
 };
 
 std::vector<std::int16_t> MonoOfWav(const std::string& path) {
-  WavData w;
-  if (!ReadWav(path, &w)) return {};
+  WavAudio w;
+  if (!ReadWavFile(path, &w)) return {};
   return w.samples;
 }
 
@@ -92,7 +93,7 @@ TEST_F(ToolTest, TooFewArgumentsPrintHelp) {
 }
 
 TEST_F(ToolTest, ErrorPathsReportAndFail) {
-  ASSERT_TRUE(WriteWav(Path("two.wav"), std::vector<std::int16_t>(1024, 1), 2));
+  ASSERT_TRUE(WriteWavFile(Path("two.wav"), std::vector<std::int16_t>(1024, 1), 2));
   ASSERT_TRUE(WriteRaw(Path("in.pcm"), Capture(0.2, 0)));
   ASSERT_TRUE(WriteBytes(Path("junk.wav"), "not a wave file at all, really not one....."));
   ASSERT_TRUE(WriteBytes(Path("list3.txt"), "in.pcm out.pcm extra\n"));
@@ -144,11 +145,11 @@ TEST_F(ToolTest, PartialFramesAndLengths) {
 
   // A WAV capture of a non-whole number of frames comes out as long as it went in.
   const auto capture = Capture(0.5, 30);
-  ASSERT_TRUE(WriteWav(Path("cap.wav"), capture, 3));
+  ASSERT_TRUE(WriteWavFile(Path("cap.wav"), capture, 3));
   r = Run("cap.wav cap_out.wav " + Switches(1, 1, 0, 0, 1, 30, 2, 1));
   ASSERT_EQ(r.status, 0) << r.err;
-  WavData out;
-  ASSERT_TRUE(ReadWav(Path("cap_out.wav"), &out));
+  WavAudio out;
+  ASSERT_TRUE(ReadWavFile(Path("cap_out.wav"), &out));
   EXPECT_EQ(out.channels, 1);
   EXPECT_EQ(out.sample_rate, 16000);
   EXPECT_EQ(out.samples.size(), capture.size() / 3);
@@ -165,7 +166,7 @@ TEST_F(ToolTest, PartialFramesAndLengths) {
 TEST_F(ToolTest, StandardStreams) {
   const auto capture = Capture(0.5, 0);
   ASSERT_TRUE(WriteRaw(Path("in.pcm"), capture));
-  ASSERT_TRUE(WriteWav(Path("in.wav"), capture, 3));
+  ASSERT_TRUE(WriteWavFile(Path("in.wav"), capture, 3));
   // Raw samples on standard output, no size warnings.
   RunResult r = Run("in.pcm stdout.pcm " + Switches(1, 0, 0, 0, 1));
   EXPECT_EQ(r.status, 0);
@@ -196,7 +197,7 @@ TEST_F(ToolTest, DirectionPassFindsTheTalker) {
   for (int doa : {1, 2}) {
     for (int azimuth : {40, 200}) {
       SCOPED_TRACE("doa " + std::to_string(doa) + " azimuth " + std::to_string(azimuth));
-      ASSERT_TRUE(WriteWav(Path("talk.wav"), Capture(3.0, azimuth), 3));
+      ASSERT_TRUE(WriteWavFile(Path("talk.wav"), Capture(3.0, azimuth), 3));
       const RunResult r = Run("talk.wav talk_out.wav " + Switches(1, 1, doa, 0, 1, azimuth));
       ASSERT_EQ(r.status, 0) << r.err;
       const int found = std::atoi(r.out.c_str());
@@ -208,7 +209,7 @@ TEST_F(ToolTest, DirectionPassFindsTheTalker) {
 }
 
 TEST_F(ToolTest, EverySwitchCombinationCarriesTheTalker) {
-  ASSERT_TRUE(WriteWav(Path("talk.wav"), Capture(1.0, 60), 3));  // the talker sits at 60 degrees
+  ASSERT_TRUE(WriteWavFile(Path("talk.wav"), Capture(1.0, 60), 3));  // the talker sits at 60 degrees
   int runs = 0;
   for (int agc = 0; agc <= 2; ++agc)
     for (int bf = 0; bf <= 7; ++bf)

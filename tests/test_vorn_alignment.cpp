@@ -16,7 +16,7 @@
 #include "adsp_agc/analog_agc.h"
 #include "sim/front_end_param.h"
 #include "sim/signals.h"
-#include "support/wav_file.h"
+#include "support/files.h"
 #include "vorn/vorn_state.h"
 #include "vorn_proc.h"
 

@@ -12,7 +12,7 @@
 #include "common/adsp_common_util.h"
 #include "sim/front_end_param.h"
 #include "sim/signals.h"
-#include "support/wav_file.h"
+#include "support/files.h"
 #include "vorn/vorn_data_exchange.h"
 #include "vorn/vorn_proc_internal.h"
 #include "vorn/vorn_state.h"

@@ -4,9 +4,10 @@
 
 #include <cstdio>
 #include <filesystem>
+#include <fstream>
 #include <sstream>
 
-#include "support/wav_file.h"
+#include "audio_io/audio_output.h"
 
 namespace vorn::bench {
 namespace {
@@ -100,18 +101,19 @@ bool WriteScene(const std::string& dir, const sim::Scene& scene, const sim::Rend
   std::error_code ec;
   std::filesystem::create_directories(dir, ec);
   const auto path = [&](const char* name) { return (std::filesystem::path(dir) / name).string(); };
-  const bool ok = test::WriteWav(path("mics.wav"), rendered.mics, sim::kMics) &&
-                  test::WriteWav(path("reference.wav"), rendered.reference, 1) &&
-                  test::WriteWav(path("target.wav"), sim::ToPcm(rendered.target), 1) &&
-                  test::WriteBytes(path("truth.json"), TruthJson(scene, rendered.truth));
+  const std::string truth = TruthJson(scene, rendered.truth);
+  const bool ok = WriteWavFile(path("mics.wav"), rendered.mics, sim::kMics) &&
+                  WriteWavFile(path("reference.wav"), rendered.reference, 1) &&
+                  WriteWavFile(path("target.wav"), sim::ToPcm(rendered.target), 1) &&
+                  static_cast<bool>(std::ofstream(path("truth.json"), std::ios::binary) << truth);
   if (!ok && error) *error = "cannot write the scene into " + dir;
   return ok;
 }
 
 bool ReadSourceWav(const std::string& path, sim::Signal* out, std::string* error) {
-  test::WavData wav;
+  WavAudio wav;
   std::string problem;
-  if (!test::ReadWav(path, &wav))
+  if (!ReadWavFile(path, &wav))
     problem = "not a PCM WAV file: " + path;
   else if (wav.channels != 1)
     problem = "a source must be mono: " + path;

@@ -10,7 +10,8 @@
 #include <algorithm>
 #include <filesystem>
 
-#include "audio_input.h"
+#include "audio_io/audio_input.h"
+#include "audio_io/audio_output.h"
 #include "commands.h"
 #include "front_end.h"
 #include "sim/metrics.h"

@@ -12,7 +12,8 @@
 #include <cstring>
 #include <unistd.h>
 
-#include "audio_input.h"
+#include "audio_io/audio_input.h"
+#include "audio_io/audio_output.h"
 #include "commands.h"
 #include "direction.h"
 #include "front_end.h"
