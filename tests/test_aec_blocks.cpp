@@ -340,6 +340,78 @@ TEST(DelayEstimator, BinarySpectraMarkBandsAboveTheirMeanAndShiftOnACorrection) 
   EXPECT_EQ(newest(4), (Words{{0, 0, 0x55555555u, first}, {0, 0, 16, 31}}));
   Adsp_SoftResetDelayEstimatorFarend(far, -3);
   EXPECT_EQ(newest(4), (Words{{first, 0, 0, 0}, {31, 0, 0, 0}}));
+  // The near end's lookahead absorbs what it can of a correction, within 0..20
+  // here, and returns the rest.
+  BinaryDelayEstimator binary_near;
+  ASSERT_EQ(Adsp_CreateBinaryDelayEstimator(&binary_near, &far_buf.binary_farend_buf, 20), 0);
+  binary_near.lookahead = 15;
+  // shift, lookahead after it, rest returned
+  const int corrections[][3] = {{5, 10, 0}, {12, 0, 2}, {-30, 20, -10}, {0, 20, 0}, {3, 17, 0}};
+  for (const auto& [shift, lookahead, rest] : corrections) {
+    EXPECT_EQ(Adsp_SoftResetBinaryDelayEstimator(&binary_near, shift), rest) << shift;
+    EXPECT_EQ(binary_near.lookahead, lookahead) << shift;
+  }
+}
+
+// Out-of-range arguments are refused; a restart clears the estimate but keeps
+// the owner's settings, and both ends share one history length.
+TEST(DelayEstimator, RejectsBadArgumentsAndKeepsSettingsOverARestart) {
+  DelayEstimatorFarend far_buf;
+  DelayEstimator near_buf;
+  EXPECT_EQ(Adsp_CreateDelayEstimatorFarend(&far_buf, 64, 125), nullptr);
+  EXPECT_EQ(Adsp_CreateDelayEstimatorFarend(&far_buf, 65, 1), nullptr);
+  EXPECT_EQ(Adsp_CreateDelayEstimatorFarend(&far_buf, 65, 126), nullptr);
+  void* far = Adsp_CreateDelayEstimatorFarend(&far_buf, 65, 125);
+  ASSERT_EQ(far, &far_buf);
+  EXPECT_EQ(Adsp_CreateDelayEstimator(&near_buf, nullptr, 125), nullptr);
+  EXPECT_EQ(Adsp_CreateDelayEstimator(&near_buf, far, 126), nullptr);
+  void* near = Adsp_CreateDelayEstimator(&near_buf, far, 125);
+  ASSERT_EQ(near, &near_buf);
+  EXPECT_EQ(Adsp_last_delay(near), -2);
+  EXPECT_EQ(Adsp_last_delay(nullptr), -1);
+  EXPECT_EQ(Adsp_set_lookahead(near, 126), -1);
+  EXPECT_EQ(Adsp_enable_robust_validation(near, 2), -1);
+  EXPECT_EQ(Adsp_set_history_size(near, 126), -1);
+  std::array<float, 65> spectrum{};
+  std::array<uint16_t, 65> spectrum_fix{};
+  const int refused[] = {
+      Adsp_AddFarSpectrumFloat(nullptr, spectrum.data(), 65),
+      Adsp_AddFarSpectrumFloat(far, nullptr, 65),
+      Adsp_AddFarSpectrumFloat(far, spectrum.data(), 64),
+      Adsp_AddFarSpectrumFix(far, spectrum_fix.data(), 65, 16),
+      Adsp_DelayEstimatorProcessFloat(nullptr, spectrum.data(), 65),
+      Adsp_DelayEstimatorProcessFloat(near, nullptr, 65),
+      Adsp_DelayEstimatorProcessFloat(near, spectrum.data(), 66),
+      Adsp_DelayEstimatorProcessFix(near, spectrum_fix.data(), 65, -1),
+      Adsp_DelayEstimatorProcessFix(near, nullptr, 65, 0)};
+  for (std::size_t i = 0; i < std::size(refused); ++i) EXPECT_EQ(refused[i], -1) << "call " << i;
+  ASSERT_EQ(Adsp_set_lookahead(near, 15), 15);
+  ASSERT_EQ(Adsp_enable_robust_validation(near, 1), 0);
+  ASSERT_EQ(Adsp_set_allowed_offset(near, 6), 0);
+  EXPECT_EQ(Adsp_InitDelayEstimator(near), 0);
+  EXPECT_EQ(Adsp_lookahead(near), 15);
+  EXPECT_EQ(Adsp_is_robust_validation_enabled(near), 1);
+  EXPECT_EQ(Adsp_get_allowed_offset(near), 6);
+  EXPECT_EQ(Adsp_set_history_size(near, 40), 40);
+  EXPECT_EQ(far_buf.binary_farend_buf.history_size, 40);
+}
+
+// The running means step by the difference's magnitude shifted right, so a
+// falling mean moves as far as a rising one and a step below one unit of the
+// shift leaves the mean where it is.
+TEST(DelayEstimator, MeanEstimatorShiftsTheDifferenceMagnitude) {
+  const int32_t cases[][4] = {
+      // new value, factor, mean, expected
+      {1000, 3, 0, 125}, {0, 3, 1000, 875},  // symmetric steps
+      {0, 3, 1001, 876},                     // -1001 >> 3 would give -126; the magnitude gives -125
+      {5, 3, 0, 0},      {0, 3, 5, 5},       // steps below one unit do not move the mean
+      {16384, 7, 10240, 10288}, {0, 13, 8191, 8191}, {0, 13, 8192, 8191},
+  };
+  for (const auto& c : cases) {
+    int32_t mean = c[2];
+    Adsp_MeanEstimatorFix(c[0], static_cast<int>(c[1]), &mean);
+    EXPECT_EQ(mean, c[3]) << c[0] << " " << c[1] << " " << c[2];
+  }
 }
 
 // Near end: the far end 10 dB down and delay_samples late, over room noise 40 dB below the far end.
@@ -422,7 +494,8 @@ TEST(DelayEstimator, ConvergesOnAKnownEchoDelay) {
   }
 }
 
-// The echo path jumps from 8 blocks to a near (12) or a distant (40) delay;
+// The echo path jumps from 8 blocks to a near (12) or a distant (40) delay.
+// The plain rule takes the new delay as soon as it becomes the candidate;
 // robust validation follows once the new delay's histogram outweighs the old
 // one's capped value, within 200 blocks (0.8 s) of the candidate change.
 TEST(DelayEstimator, RobustValidationFollowsAPathChangeAfterConfirmingIt) {
@@ -435,9 +508,13 @@ TEST(DelayEstimator, RobustValidationFollowsAPathChangeAfterConfirmingIt) {
     const sim::Signal after = EchoOf(far, 64 * new_delay);
     sim::Signal near(before.begin(), before.begin() + 64 * switch_block);
     near.insert(near.end(), after.begin() + 64 * switch_block, after.end());
+    const RunResult plain = RunEstimator(false, far, near, new_delay + kLookahead, switch_block + 1);
     const RunResult robust = RunEstimator(true, far, near, new_delay + kLookahead, switch_block + 1);
-    ASSERT_EQ(robust.accepted, (std::vector<int>{old_delay + kLookahead, new_delay + kLookahead}));
+    for (const RunResult* r : {&plain, &robust})
+      ASSERT_EQ(r->accepted, (std::vector<int>{old_delay + kLookahead, new_delay + kLookahead}));
     ASSERT_GT(robust.candidate_at, switch_block);
+    EXPECT_EQ(plain.candidate_at, robust.candidate_at);  // the validation leaves the estimate itself alone
+    EXPECT_EQ(plain.accepted_at[1], plain.candidate_at);
     int& wait = robust_wait[new_delay == 40];
     wait = robust.accepted_at[1] - robust.candidate_at;
     EXPECT_GE(wait, 11);  // at least the hits a histogram-only takeover needs
