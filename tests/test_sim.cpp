@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "audio_io/audio_output.h"
+#include "audio_io/wav_file.h"
 #include "sim/metrics.h"
 #include "sim/room_impulse_response.h"
 #include "sim/scene.h"

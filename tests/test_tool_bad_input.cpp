@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "audio_io/audio_output.h"
+#include "audio_io/wav_file.h"
 #include "support/run_command.h"
 #include "sim/signals.h"
 #include "support/files.h"

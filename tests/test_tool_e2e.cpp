@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "audio_io/audio_output.h"
+#include "audio_io/wav_file.h"
 #include "sim/front_end_param.h"
 #include "sim/signals.h"
 #include "support/files.h"

@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "direction.h"
-#include "audio_io/audio_output.h"
+#include "audio_io/wav_file.h"
 #include "support/run_command.h"
 #include "sim/signals.h"
 #include "support/files.h"

@@ -7,7 +7,7 @@
 #include <fstream>
 #include <sstream>
 
-#include "audio_io/audio_output.h"
+#include "audio_io/wav_file.h"
 
 namespace vorn::bench {
 namespace {

@@ -1,6 +1,5 @@
 // Files of a test: raw PCM samples, bytes and text, and a scratch directory.
-// WAV files go through the tools' own reader and writer
-// (audio_io/audio_input.h, audio_io/audio_output.h).
+// WAV files go through the tools' own reader and writer (audio_io/wav_file.h).
 #pragma once
 
 #include <cstdint>

@@ -1,5 +1,6 @@
 // Writing 16-bit audio: WAV files, raw little-endian samples and standard
-// output. The one WAV writer of the tools, the benchmarks and the tests.
+// output. The one WAV writer of the tools, the benchmarks and the tests
+// (whole recordings through wav_file.h).
 #pragma once
 
 #include <cstdint>
@@ -38,21 +39,5 @@ class AudioOutput {
   std::string name_;
   std::vector<unsigned char> bytes_;  // one write's little-endian bytes, kept from frame to frame
 };
-
-// A whole recording in memory, as the benchmarks and the tests handle it.
-struct WavAudio {
-  int channels = 0;
-  int sample_rate = 0;
-  std::vector<int16_t> samples;  // interleaved
-};
-
-// Writes `interleaved` as a WAV file; false (with a message when `error` is
-// given) when it cannot.
-bool WriteWavFile(const std::string& path, const std::vector<int16_t>& interleaved, int channels,
-                  int sample_rate = 16000, std::string* error = nullptr);
-
-// Reads a 16-bit PCM WAV file whole, chunks in any order; false (with a
-// message when `error` is given) on anything else.
-bool ReadWavFile(const std::string& path, WavAudio* out, std::string* error = nullptr);
 
 }  // namespace vorn
