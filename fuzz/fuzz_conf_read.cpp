@@ -6,7 +6,7 @@
 // second time behind a comment line of an input-dependent length, closed by
 // LF CR so that the input's first byte starts a fresh line exactly as at the
 // start of a file; the three result records must come out byte for byte the
-// same.
+// same, and so must the profile the file asks for.
 #include <cstring>
 #include <string>
 #include <vector>
@@ -20,6 +20,8 @@ namespace {
 
 struct ParsedKeys {
   T_VornKey key[3];
+  int32_t profile_rc;
+  int32_t profile;
 };
 
 ParsedKeys Parse(const uint8_t* data, size_t size) {
@@ -35,6 +37,11 @@ ParsedKeys Parse(const uint8_t* data, size_t size) {
     VORN_FUZZ_CHECK(std::memchr(mode.preaec_filter_path, '\0', sizeof(mode.preaec_filter_path)) !=
                     nullptr);
   }
+  // The profile pass shares the scratch area's text buffers, never its results.
+  parsed.profile_rc = LoadConfFileProfile(path, area.data(), &parsed.profile);
+  VORN_FUZZ_CHECK(parsed.profile_rc == 0 || parsed.profile_rc == -2);
+  VORN_FUZZ_CHECK(parsed.profile >= kConfProfileAbsent && parsed.profile <= 1);
+  VORN_FUZZ_CHECK(std::memcmp(parsed.key, area.data() + offsetof(ini_read_t, tKey), sizeof(parsed.key)) == 0);
   return parsed;
 }
 
@@ -55,7 +62,7 @@ bool FuzzConfRead(const uint8_t* data, size_t size) {
       Parse(reinterpret_cast<const uint8_t*>(shifted.data()), shifted.size());
   VORN_FUZZ_CHECK(std::memcmp(&plain, &behind_comment, sizeof(plain)) == 0);
 
-  static const ParsedKeys kUntouched{};
+  static const ParsedKeys kUntouched{{}, 0, kConfProfileAbsent};
   return std::memcmp(&plain, &kUntouched, sizeof(plain)) != 0;
 }
 

@@ -72,6 +72,31 @@ int32_t VornProc(T_VornParam* pm, short* inp, short* aec_ref, short* out, short*
  * interleaved three-microphone audio; the result is left in pm->azimuth. */
 int32_t VornDoa(T_VornParam* pm, short* inp, short* mic_oder, int sample_len_pre_channel);
 
+/* Processing profiles. Classic is the front end as first designed, kept bit
+ * for bit. Enhanced keeps the same calls, modes, switches, frame and buffer,
+ * and does each job with the better methods described in the README. VornInit
+ * selects classic unless the configuration file says otherwise:
+ *   [VORN]
+ *   profile = enhanced        (or classic; case-insensitive)
+ * A profile value other than these two makes VornInit return -1. */
+#define VORN_PROFILE_CLASSIC 0
+#define VORN_PROFILE_ENHANCED 1
+
+/* Return codes of the profile switch, beside the parameter check's 1..3. */
+#define VORN_ERR_NOT_INITIALISED 11 /* the record's buffer has not been prepared by VornInit */
+#define VORN_ERR_BAD_PROFILE 12     /* neither VORN_PROFILE_CLASSIC nor VORN_PROFILE_ENHANCED */
+
+/* Selects the profile for the following frames; call after VornInit, at any
+ * frame boundary. Returns 0; 1..3 for a record the parameter check refuses
+ * (missing record or buffer, buffer too small, wrong record size);
+ * VORN_ERR_NOT_INITIALISED; or VORN_ERR_BAD_PROFILE. Nothing changes on a
+ * nonzero return. */
+int32_t VornSetProfile(T_VornParam* pm, int32_t profile);
+
+/* The profile in force, or -1 when the record or its buffer is missing or
+ * has not been prepared by VornInit. */
+int32_t VornGetProfile(const T_VornParam* pm);
+
 #ifdef __cplusplus
 }
 #endif

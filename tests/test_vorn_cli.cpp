@@ -169,6 +169,8 @@ TEST_F(VornCli, MistakesNameTheProblem) {
       {p({"--azimuth", "360"}), "for --azimuth (expected 0..359)"},
       {p({"--vad-mode", "0"}), "for --vad-mode (expected 1..2)"},
       {p({"--mode", "loud"}), "invalid mode 'loud'"},
+      {p({"--profile", "turbo"}), "invalid profile 'turbo' (expected classic or enhanced)"},
+      {{"demo", "--profile=Classic"}, "invalid profile 'Classic' (expected classic or enhanced)", 2, false},
       {p({"--channels", "2"}), "for --channels (expected 3 or 4)"},
       {p({"b.wav"}), "one input only"},
       {p({"--mode", "asr", "--mode=comm"}), "conflicting options: --mode"},
@@ -292,6 +294,16 @@ TEST_F(VornCli, SwitchesReachTheLibraryAndTheSummaryShowsThem) {
       {{"in4.wav", "--aec", "3"}, {1, 0, 0, 3, 1, 0, 1}},
       {{"in.wav", "--track", "t.csv"}, {1, 0, 1, 0, 1, 0, 1}},  // tracking is switched on for --track
   };
+  // The profile in force: enhanced unless the command line says classic.
+  for (const auto& [profile, want] : {std::pair<const char*, const char*>{nullptr, "enhanced"},
+                                      {"classic", "classic"},
+                                      {"enhanced", "enhanced"}}) {
+    std::vector<std::string> args = {"process", "in.wav", "-o", "out.wav", "--json"};
+    if (profile != nullptr) args.insert(args.end(), {"--profile", profile});
+    const CommandResult r = Run(args);
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_NE(r.out.find(std::string(R"("profile": ")") + want + "\""), std::string::npos) << r.out;
+  }
   for (const auto& [more, v] : summaries) {
     std::vector<std::string> args = {"process", "-o", "out.wav", "--json"};
     args.insert(args.begin() + 1, more.begin(), more.end());

@@ -228,11 +228,17 @@ void FlushValue(char* content, T_VornKey& key_record) {
 }
 
 // Returns the mode a section line selects, or kNoSection.
-int FlushSection(char* content) {
+// The name of a section line, stripped, in place.
+char* SectionName(char* content) {
   const size_t len = std::strlen(content);
   content[len - 1] = '\0';  // the closing bracket
   char* name = content + 1;
   StrStrip(name);
+  return name;
+}
+
+int FlushSection(char* content) {
+  const char* name = SectionName(content);
   for (int mode = 0; mode < kIniSectionCount; ++mode) {
     if (StriCmp(name, g_section_str[mode]) == 0) return mode;
   }
@@ -255,20 +261,16 @@ int32_t LoadConfFileInit(char* p, int data_len) {
   return 0;
 }
 
-int32_t LoadConfFileProc(const char* filename, char* p, T_VornKey** pkey) {
-  if (pkey == nullptr) return -1;
-  *pkey = nullptr;
-  if (filename == nullptr || p == nullptr) return -1;
-  FILE* file = std::fopen(filename, "rb");
-  if (file == nullptr) return -1;
+namespace {
 
-  ini_read_t* ini = std::launder(reinterpret_cast<ini_read_t*>(p));
+// Reads `file` line by line through the scratch area's window and hands every
+// section and key/value line to `on_line(kind, content)`.
+template <typename OnLine>
+void ScanLines(FILE* file, ini_read_t* ini, OnLine on_line) {
   long bytes_left = FileSize(file);
   ini->buf_len_rest = 0;
   LineScan scan;
   LineEndPair pair;
-  int section = kNoSection;
-
   for (;;) {
     const int room = kIniWindowBytes - ini->buf_len_rest;
     if (bytes_left > 0 && room > 0) {
@@ -288,19 +290,68 @@ int32_t LoadConfFileProc(const char* filename, char* p, T_VornKey** pkey) {
       std::memmove(ini->line_buffer, ini->line_buffer + consumed,
                    static_cast<size_t>(ini->buf_len_rest));
       if (kind == LINE_IDLE) break;
-      if (kind == LINE_SECTION) {
-        section = FlushSection(ini->value_buffer);
-      } else if (kind == LINE_VALUE && section != kNoSection) {
-        FlushValue(ini->value_buffer, ini->tKey[section]);
-      }
+      if (kind == LINE_SECTION || kind == LINE_VALUE) on_line(kind, ini->value_buffer);
       if (ini->buf_len_rest == 0) break;
     }
     if (last_chunk && ini->buf_len_rest == 0) break;
   }
+}
+
+}  // namespace
+
+int32_t LoadConfFileProc(const char* filename, char* p, T_VornKey** pkey) {
+  if (pkey == nullptr) return -1;
+  *pkey = nullptr;
+  if (filename == nullptr || p == nullptr) return -1;
+  FILE* file = std::fopen(filename, "rb");
+  if (file == nullptr) return -1;
+
+  ini_read_t* ini = std::launder(reinterpret_cast<ini_read_t*>(p));
+  int section = kNoSection;
+  ScanLines(file, ini, [&](ELineType kind, char* content) {
+    if (kind == LINE_SECTION) {
+      section = FlushSection(content);
+    } else if (section != kNoSection) {
+      FlushValue(content, ini->tKey[section]);
+    }
+  });
 
   std::fclose(file);
   *pkey = &ini->tKey[0];
   return 0;
+}
+
+int32_t LoadConfFileProfile(const char* filename, char* p, int32_t* profile) {
+  if (profile == nullptr) return -1;
+  *profile = kConfProfileAbsent;
+  if (filename == nullptr || p == nullptr) return -1;
+  FILE* file = std::fopen(filename, "rb");
+  if (file == nullptr) return -1;
+
+  ini_read_t* ini = std::launder(reinterpret_cast<ini_read_t*>(p));
+  bool in_front_end_section = false;
+  bool bad_value = false;
+  ScanLines(file, ini, [&](ELineType kind, char* content) {
+    if (kind == LINE_SECTION) {
+      in_front_end_section = StriCmp(SectionName(content), kFrontEndSection) == 0;
+      return;
+    }
+    char* key = nullptr;
+    char* value = nullptr;
+    if (!in_front_end_section || !GetKeyValue(content, &key, &value) || StriCmp(key, kProfileKey) != 0) return;
+    // The last mention wins, as for the mode sections' keys; a wrong name is
+    // remembered so that a later right one cannot hide it.
+    if (StriCmp(value, "classic") == 0) {
+      *profile = 0;
+    } else if (StriCmp(value, "enhanced") == 0) {
+      *profile = 1;
+    } else {
+      bad_value = true;
+    }
+  });
+
+  std::fclose(file);
+  return bad_value ? -2 : 0;
 }
 
 }  // namespace vorn

@@ -66,4 +66,17 @@ int32_t LoadConfFileInit(char* p, int data_len);
 // unknown sections and keys and unparsable values are skipped silently.
 int32_t LoadConfFileProc(const char* filename, char* p, T_VornKey** pkey);
 
+// The front end's own section and its processing-profile key:
+//   [VORN]
+//   profile = classic | enhanced      (case-insensitive)
+inline constexpr char kFrontEndSection[] = "VORN";
+inline constexpr char kProfileKey[] = "profile";
+constexpr int32_t kConfProfileAbsent = -1;
+
+// Reads the profile the file asks for into `*profile`: 0 classic, 1
+// enhanced, kConfProfileAbsent when the file does not say. Uses the scratch
+// area's text buffers (not its results). Returns 0; -1 when the file cannot be
+// opened; -2 when a profile key names something else.
+int32_t LoadConfFileProfile(const char* filename, char* p, int32_t* profile);
+
 }  // namespace vorn

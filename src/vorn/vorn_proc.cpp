@@ -7,7 +7,8 @@
 // switches are re-read from the caller's record at the start of every call,
 // so a mode change takes effect on the next frame. The value returned is the
 // last module result assigned; a failed parameter check returns before any
-// state is touched.
+// state is touched. This file is the classic profile's frame; a buffer set to
+// the enhanced profile runs vorn_proc_enhanced.cpp's instead.
 #include <cstring>
 
 #include "adsp_aec/echo_cancellation.h"
@@ -18,90 +19,12 @@
 #include "conf_read/conf_read.h"
 #include "vorn/vorn_data_exchange.h"
 #include "vorn/vorn_multi_channel_post_filter.h"
+#include "vorn/vorn_enhanced_state.h"
+#include "vorn/vorn_frame_steps.h"
+#include "vorn/vorn_proc_enhanced.h"
 #include "vorn/vorn_proc_internal.h"
-#include "vorn/vorn_state.h"
 
 namespace vorn {
-namespace {
-
-constexpr int kFrameLen = 256;
-constexpr int kHalfLen = 128;
-constexpr int kAecBlock = 64;
-constexpr int kCohLen = 130;      // the canceller's sub-band coherence output
-constexpr int kVadCohLen = 65;    // of which the VAD reads the first band
-constexpr int kSampleRate = 16000;
-
-void FillBfParam(const T_VornParam* pm, TVornState* st) {
-  TBfParam& bf = st->bf_pm;
-  bf.p_data = st->bf_buff;
-  bf.buff_size = kRegionBfBuffSize;
-  bf.param_size = kRegionBfParamSize;
-  bf.agc_flag = pm->agc_flag;
-  bf.bf_flag = pm->bf_flag;
-  bf.bf_azimuth = pm->bf_azimuth;
-  bf.doa_flag = pm->doa_flag;
-  bf.aec_flag = pm->aec_flag;
-  bf.ns_flag = pm->ns_flag;
-  bf.azimuth = pm->azimuth;
-  bf.ext_doa_update_flag = pm->doa_update_flag;
-}
-
-void FillNsParam(TNsParam* ns, unsigned char* region) {
-  ns->p_data = region;
-  ns->buff_size = kRegionNsBuffSize;
-  ns->param_size = kRegionNsParamSize;
-  ns->data_type = kNsDataTimeDomain;
-  ns->inner_interface_flag = 0;
-}
-
-void RefreshNsParams(const T_VornParam* pm, TVornState* st) {
-  // A wake-up VAD listens with its echo-aware rule while the canceller runs.
-  const int vad_mode = (pm->aec_flag > 0 && pm->vad_mode == 1) ? 3 : pm->vad_mode;
-  for (int i = 0; i < 3; ++i) {
-    FillNsParam(&st->ns_pm[i], st->ns_buff[i]);
-    st->ns_pm[i].speech_iterfrence_flag = 1;
-    st->ns_pm[i].vad_mode = vad_mode;
-  }
-}
-
-// Runs the canceller over one frame in 64-sample blocks. Returns a nonzero
-// canceller result at once.
-int CancelEcho(const T_VornParam* pm, TVornState* st, const short* near, const short* ref, short* out,
-               short* vad_in, float* subcoh) {
-  void* aec = AecInstanceOf(st);
-  // The canceller writes only the outputs selected when it was initialised;
-  // an output it does not produce reads as silence.
-  float near_f[kAecBlock], far_f[kAecBlock], asr[kAecBlock] = {}, com[kAecBlock] = {};
-  for (int block = 0; block < kFrameLen / kAecBlock; ++block) {
-    const int at = block * kAecBlock;
-    for (int i = 0; i < kAecBlock; ++i) {
-      near_f[i] = static_cast<float>(near[at + i]);
-      far_f[i] = static_cast<float>(ref[at + i]);
-    }
-    int rc = AdspAec_BufferFarend(aec, far_f, kAecBlock);
-    if (rc != 0) return rc;
-    const float* near_bands[1] = {near_f};
-    float* asr_bands[1] = {asr};
-    float* com_bands[1] = {com};
-    rc = AdspAec_Process(aec, near_bands, 1, asr_bands, com_bands, subcoh, kCohLen, kAecBlock, 0, 0);
-    if (rc != 0) return rc;
-    switch (pm->aec_flag) {
-      case 1:
-        Float2PCM(asr, out + at, kAecBlock);
-        break;
-      case 2:
-        Float2PCM(com, out + at, kAecBlock);
-        break;
-      default:
-        Float2PCM(asr, out + at, kAecBlock);
-        Float2PCM(com, vad_in + at, kAecBlock);
-        break;
-    }
-  }
-  return 0;
-}
-
-}  // namespace
 
 void Float2int32_SNR(const float* pfSnr, int32_t* piSnr, int hTh, int lTh, int num) {
   for (int i = 0; i < num; ++i) {
@@ -122,6 +45,7 @@ extern "C" int32_t VornInit(T_VornParam* pm, char* config_file) {
   AssetCheck();
   if (pm == nullptr) return 1;
   ConfigDefault(pm, kVornModeCount);
+  int32_t profile = kConfProfileAbsent;
 
   if (config_file != nullptr) {
     // The reader borrows the start of the state buffer before it is cleared
@@ -134,6 +58,7 @@ extern "C" int32_t VornInit(T_VornParam* pm, char* config_file) {
     if (scratch_len <= 0 || LoadConfFileInit(scratch, static_cast<int>(scratch_len)) != 0) return -1;
     if (LoadConfFileProc(config_file, scratch, &keys) != 0) return -1;
     std::memcpy(pm->in_argv, keys, sizeof(pm->in_argv));
+    if (LoadConfFileProfile(config_file, scratch, &profile) != 0) return -1;
   }
 
   if (pm->p_data != nullptr && pm->buff_size > 0) std::memset(pm->p_data, 0, static_cast<size_t>(pm->buff_size));
@@ -161,7 +86,15 @@ extern "C" int32_t VornInit(T_VornParam* pm, char* config_file) {
   if (AdspAec_Init(AecInstanceOf(st), kRegionAecBuffSize, kSampleRate, kSampleRate, pm->aec_flag,
                    pm->in_argv[0].preaec_filter_path) != 0)
     return 100;
-  return BFInit(&st->bf_pm);
+  const int bf_rc = BFInit(&st->bf_pm);
+  if (bf_rc != 0) return bf_rc;
+  // Every enhanced module is prepared whatever the profile, so that the
+  // profile may change at any frame boundary.
+  TVornEnhancedState* enhanced = EnhancedStateOf(st);
+  VornInitEnhanced(pm, st);
+  enhanced->profile = profile == kConfProfileAbsent ? kProfileClassic : profile;
+  enhanced->magic = kEnhancedMagic;
+  return 0;
 }
 
 extern "C" int32_t VornProc(T_VornParam* pm, short* inp, short* aec_ref, short* out, short* mic_oder) {
@@ -178,6 +111,7 @@ extern "C" int32_t VornProc(T_VornParam* pm, short* inp, short* aec_ref, short* 
   if (pm->aec_flag >= 1 && aec_ref == nullptr) return 1;
 
   TVornState* st = VornStateOf(pm);
+  if (EnhancedStateOf(st)->profile == kProfileEnhanced) return VornProcEnhanced(pm, st, inp, aec_ref, out, mic_oder);
   FillBfParam(pm, st);
   RefreshNsParams(pm, st);
 
@@ -211,14 +145,7 @@ extern "C" int32_t VornProc(T_VornParam* pm, short* inp, short* aec_ref, short* 
   short* vad_in = pm->aec_flag == 3 ? aec_vad_in : tmp_in;
   pm->vad_flag = VornVadProc(pm, vad_in, aec_ref, subcohXd, kVadCohLen, vad_out);
 
-  if (pm->agc_flag != 0) {
-    const auto* vad_st = static_cast<const T_AdspNsState*>(st->ns_vad_pm.p_data);
-    const float fSNR[3] = {vad_st->f_snr, vad_st->long_eta, vad_st->_d_ssnr};
-    int32_t agcSNR[3];
-    Float2int32_SNR(fSNR, agcSNR, 128, -128, 3);
-    rtn = DigitalAgc_Process(st->agc_buff, tmp_in, kFrameLen, tmp_out, -1, static_cast<int16_t>(pm->agc_flag),
-                             agcSNR, 1);
-  }
+  if (pm->agc_flag != 0) rtn = RunDigitalAgc(pm, st, tmp_in, tmp_out);
   pm->azimuth = st->bf_pm.azimuth;
   std::memcpy(out, tmp_out, sizeof tmp_out);
   return rtn;
@@ -230,16 +157,10 @@ extern "C" int32_t VornDoa(T_VornParam* pm, short* inp, short* mic_oder, int sam
   if (check != 0) return check;
 
   TVornState* st = VornStateOf(pm);
+  if (EnhancedStateOf(st)->profile == kProfileEnhanced)
+    return VornDoaEnhanced(pm, st, inp, mic_oder, sample_len_pre_channel);
+  FillBfParamForDoa(pm, st);
   TBfParam& bf = st->bf_pm;
-  bf.bf_flag = pm->bf_flag;
-  bf.aec_flag = pm->aec_flag;
-  bf.agc_flag = pm->agc_flag;
-  bf.buff_size = kRegionBfBuffSize;
-  bf.doa_flag = pm->doa_flag;
-  bf.ns_flag = pm->ns_flag;
-  bf.param_size = kRegionBfParamSize;
-  bf.p_data = st->bf_buff;
-  bf.ext_doa_update_flag = pm->doa_update_flag;
 
   const int rc = (pm->doa_flag == 2 || pm->doa_flag == 3)
                      ? VornDoaProc(&bf, inp, mic_oder, sample_len_pre_channel)

@@ -140,6 +140,7 @@ int RunDemo(const DemoOptions& opt) {
   ProcessOptions process;
   process.input = input_path;
   process.output = output_path;
+  process.profile = opt.profile;
   Summary summary;
   std::vector<int> flags;
   if (const int status = ProcessRecording(process, &summary, &flags); status != kExitOk) return status;
@@ -177,9 +178,9 @@ int RunDemo(const DemoOptions& opt) {
   std::printf("  echo        loudspeaker playing %.1f-%.1f s, echo %.0f dBFS against the talker's %.0f dBFS\n",
               scene.far_begin_s, scene.far_end_s, scene.echo_level_dbfs, scene.talker_level_dbfs);
   const sim::Switches& s = summary.switches;
-  std::printf("processed in mode %s (agc %d, bf %d, doa %d, aec %d, ns %d, vad-mode %d), "
+  std::printf("processed in mode %s, profile %s (agc %d, bf %d, doa %d, aec %d, ns %d, vad-mode %d), "
               "echo canceller fed with the reference, %.0fx real time\n",
-              summary.mode.c_str(), s.agc, s.bf, s.doa, s.aec, s.ns, s.vad_mode,
+              summary.mode.c_str(), summary.profile.c_str(), s.agc, s.bf, s.doa, s.aec, s.ns, s.vad_mode,
               summary.realtime_factor);
   if (summary.direction_deg)
     std::printf("  direction   %d deg found, %.0f deg true (error %.0f deg)\n", *summary.direction_deg,

@@ -34,6 +34,8 @@ const char* CheckFailure(int code) {
     case 9: return "azimuth must be 0..359, and 0, 60 or 300 with bf 3 or 4";
     case 10: return "vad-mode must be 1 or 2";
     case 100: return "the gain control or the echo canceller failed to initialise";
+    case VORN_ERR_NOT_INITIALISED: return "the state buffer has not been prepared";
+    case VORN_ERR_BAD_PROFILE: return "unknown processing profile";
     default: return nullptr;
   }
 }
@@ -74,7 +76,7 @@ sim::Switches FrontEnd::ModeSwitches() const {
   return sim::SwitchesOf(pm_.in_argv[mode_]);
 }
 
-bool FrontEnd::Start(const sim::Switches& s, std::string* error) {
+bool FrontEnd::Start(const sim::Switches& s, int profile, std::string* error) {
   pm_.vorn_mode = -1;
   sim::CopySwitches(s, &pm_);
   const int code = VornInit(&pm_, nullptr);
@@ -86,6 +88,11 @@ bool FrontEnd::Start(const sim::Switches& s, std::string* error) {
   }
   sim::CopySwitches(s, &pm_.in_argv[mode_]);
   pm_.vorn_mode = mode_;
+  const int profile_code = VornSetProfile(&pm_, profile);
+  if (profile_code != 0) {
+    *error = Explain(profile_code, "selecting the processing profile");
+    return false;
+  }
   return true;
 }
 

@@ -23,8 +23,9 @@ class FrontEnd {
   bool LoadModes(int mode, const std::string& config_path, std::string* error);
   // The selected mode's switches as loaded.
   sim::Switches ModeSwitches() const;
-  // Prepares every module with `switches` in force for the mode.
-  bool Start(const sim::Switches& switches, std::string* error);
+  // Prepares every module with `switches` in force for the mode, in the
+  // processing profile `profile` (0 classic, 1 enhanced).
+  bool Start(const sim::Switches& switches, int profile, std::string* error);
 
   // One frame: kMics x kFrameSamples interleaved values, kFrameSamples of
   // reference (null without one) and kFrameSamples out. Returns the

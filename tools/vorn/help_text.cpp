@@ -34,6 +34,8 @@ std::string ProcessHelp() {
          "      --channels=N      channels of a raw input: 3 (default) or 4\n"
          "\n"
          "Processing:\n"
+         "      --profile=NAME    enhanced (default) or classic: the front end's methods\n"
+         "                        as first designed, kept bit for bit\n"
          "      --mode=NAME       wakeup (default), asr or comm\n"
          "      --config=FILE     read the modes' switches from a configuration file\n"
          "      --agc=N           gain control: 0 off, 1 or 2 on\n"
@@ -67,6 +69,7 @@ std::string DemoHelp() {
          "the truth.\n"
          "\n"
          "      --seconds=S       length of the scene, 4..120 (default 10)\n"
+         "      --profile=NAME    enhanced (default) or classic\n"
          "  -h, --help            show this help and exit\n";
 }
 

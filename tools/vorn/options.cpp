@@ -15,6 +15,7 @@ namespace vorn::cli {
 namespace {
 
 constexpr const char* kModeNames[] = {"wakeup", "asr", "comm"};
+constexpr const char* kProfileNames[] = {"classic", "enhanced"};
 
 bool ParseInt(const std::string& text, int lo, int hi, int* value) {
   if (text.empty()) return false;
@@ -24,6 +25,17 @@ bool ParseInt(const std::string& text, int lo, int hi, int* value) {
   if (errno != 0 || *end != '\0' || parsed < lo || parsed > hi) return false;
   *value = static_cast<int>(parsed);
   return true;
+}
+
+bool ParseProfile(const std::string& text, int* profile, std::string* error) {
+  for (int p = 0; p < 2; ++p) {
+    if (text == kProfileNames[p]) {
+      *profile = p;
+      return true;
+    }
+  }
+  *error = "invalid profile '" + text + "' (expected classic or enhanced)";
+  return false;
 }
 
 bool ParseMode(const std::string& text, int* mode) {
@@ -51,6 +63,7 @@ constexpr SwitchOption kSwitchOptions[] = {
 
 // Options that take a value, and which those are.
 bool TakesValue(const std::string& name, const std::string& command) {
+  if (name == "--profile") return true;
   if (command == "demo") return name == "--seconds";
   static const char* const kValued[] = {"-o",   "--output", "--ref",   "--mode",     "--config",
                                         "--vad", "--track", "--channels"};
@@ -150,6 +163,7 @@ bool ApplyProcessOption(const RawOption& option, ProcessOptions* process, std::s
     process->overrides.*sw.field = parsed;
     return true;
   }
+  if (name == "--profile") return ParseProfile(value, &process->profile, error);
   if (name == "--mode") {
     if (!ParseMode(value, &process->mode)) {
       *error = "invalid mode '" + value + "' (expected wakeup, asr or comm)";
@@ -234,6 +248,7 @@ bool ParseProcess(const std::vector<RawOption>& options, const std::vector<std::
 bool ParseDemo(const std::vector<RawOption>& options, const std::vector<std::string>& operands, DemoOptions* demo,
                std::string* error) {
   for (const RawOption& option : options) {
+    if (option.name == "--profile" && !ParseProfile(option.value, &demo->profile, error)) return false;
     if (option.name != "--seconds") continue;
     int seconds = 0;
     if (!ParseInt(option.value, 4, 120, &seconds)) {
@@ -253,6 +268,8 @@ bool ParseDemo(const std::vector<RawOption>& options, const std::vector<std::str
 }  // namespace
 
 const char* ModeName(int mode) { return mode >= 0 && mode < 3 ? kModeNames[mode] : "?"; }
+
+const char* ProfileName(int profile) { return profile >= 0 && profile < 2 ? kProfileNames[profile] : "?"; }
 
 bool ParseCommandLine(const std::vector<std::string>& args, ParsedCommand* parsed, std::string* error) {
   if (args.empty()) {

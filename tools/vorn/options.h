@@ -13,6 +13,11 @@ struct SwitchOverrides {
   std::optional<int> agc, bf, doa, aec, ns, azimuth, vad_mode;
 };
 
+// Processing profiles as the library numbers them (VORN_PROFILE_CLASSIC,
+// VORN_PROFILE_ENHANCED); the tool runs the enhanced one unless told.
+constexpr int kProfileClassic = 0;
+constexpr int kProfileEnhanced = 1;
+
 struct ProcessOptions {
   std::string input;   // "-" is standard input
   std::string output;  // "-" is standard output (raw samples)
@@ -23,12 +28,14 @@ struct ProcessOptions {
   int mode = 0;                   // 0 wake-up, 1 recognition, 2 communication
   std::optional<int> channels;    // channel count of raw input (3 or 4)
   SwitchOverrides overrides;
+  int profile = kProfileEnhanced;
   bool json = false;
 };
 
 struct DemoOptions {
   std::string dir = "vorn-demo";
   double seconds = 10.0;  // length of the simulated scene
+  int profile = kProfileEnhanced;
 };
 
 enum class Command { kHelp, kVersion, kProcess, kDemo };
@@ -52,6 +59,8 @@ bool ParseCommandLine(const std::vector<std::string>& args, ParsedCommand* parse
 
 // Mode names as the user types them, indexed by mode number.
 const char* ModeName(int mode);
+// Profile names as the user types them, indexed by profile number.
+const char* ProfileName(int profile);
 
 // Help texts.
 std::string MainHelp();

@@ -145,7 +145,7 @@ int ProcessRecording(const ProcessOptions& opt, Summary* summary, std::vector<in
   // unless direction finding was switched off on the command line; a mode
   // without per-frame direction finding gets the search over samples.
   const int search_flag = opt.overrides.doa && *opt.overrides.doa == 0 ? 0 : switches.doa == 0 ? 2 : switches.doa;
-  if (!front_end.Start(switches, &error)) {
+  if (!front_end.Start(switches, opt.profile, &error)) {
     ReportError(error);
     return kExitFailure;
   }
@@ -240,6 +240,7 @@ int ProcessRecording(const ProcessOptions& opt, Summary* summary, std::vector<in
   summary->input = input.name();
   summary->output = opt.output == "-" ? "standard output" : opt.output;
   summary->mode = ModeName(opt.mode);
+  summary->profile = ProfileName(opt.profile);
   summary->reference = reference_in_input ? "channel 4" : opt.ref_path.empty() ? "none" : reference.name();
   summary->switches = switches;
   summary->duration_s = static_cast<double>(samples) / kRate;

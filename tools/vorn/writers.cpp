@@ -56,6 +56,7 @@ std::string SummaryJson(const Summary& s) {
   json += "  \"input\": " + JsonString(s.input) + ",\n";
   json += "  \"output\": " + JsonString(s.output) + ",\n";
   json += "  \"mode\": " + JsonString(s.mode) + ",\n";
+  json += "  \"profile\": " + JsonString(s.profile) + ",\n";
   const sim::Switches& w = s.switches;
   json += "  \"switches\": {\"agc\": " + std::to_string(w.agc) + ", \"bf\": " + std::to_string(w.bf) +
           ", \"doa\": " + std::to_string(w.doa) + ", \"aec\": " + std::to_string(w.aec) +

@@ -18,6 +18,7 @@ bool WriteFrameCsv(const std::string& path, const char* column, const std::vecto
 // What `vorn process --json` prints.
 struct Summary {
   std::string input, output, mode, reference;  // reference: "none", "channel 4" or the file
+  std::string profile;
   sim::Switches switches;
   double duration_s = 0.0;
   uint64_t frames = 0;

@@ -1,0 +1,52 @@
+// What the enhanced profile's stages learn about one frame and hand on.
+//
+// The stages run in this order: beam, echo, speech presence, suppression,
+// speech detection, level, direction. A stage reads what earlier stages of
+// the same frame wrote here; a stage that runs before the figure it needs
+// (the beam, before the speech presence) reads the previous frame's, which
+// the enhanced state keeps.
+#pragma once
+
+#include <cstdint>
+
+#include "vorn/vorn_frame_steps.h"
+
+namespace vorn {
+
+// The echo canceller's view of the frame.
+struct EchoPicture {
+  bool reference_active;  // the loudspeaker reference carries signal this frame
+  float far_activity;     // 0..1: how much of the frame the far end talks
+  bool double_talk;       // near talker and far end at once
+  float erl_db;           // echo return loss: reference over echo at the microphone
+};
+
+// Whether, and how much, the near talker speaks in the frame (echo and noise
+// excluded): 0..1.
+struct SpeechPresence {
+  float frame_prob;
+};
+
+// Where the talker is, as the direction stage last found it.
+struct TalkerDirection {
+  float azimuth_deg;  // 0..360, the array's own convention
+  float confidence;   // 0..1; 0 until a direction has been found
+};
+
+struct EnhancedFrame {
+  short* inp;
+  short* aec_ref;
+  short* mic_order;
+  short beam[kFrameLen];      // the beamformer's output
+  short echo_out[kFrameLen];  // after the canceller (the beam when it is off)
+  short vad_in[kFrameLen];    // the canceller's communication output, for aec_flag 3
+  short clean[kFrameLen];     // after the suppressor
+  short out[kFrameLen];       // after the level control
+  float subcoh[kCohLen];      // the canceller's sub-band coherence of the last block
+  EchoPicture echo;
+  SpeechPresence presence;
+  TalkerDirection direction;
+  int32_t rtn;  // the code the frame returns, as in the classic frame
+};
+
+}  // namespace vorn

@@ -1,0 +1,40 @@
+// The steps of one frame that both profiles share: refreshing the module
+// call records from the caller's switches, running the canceller over a
+// frame in blocks, and handing the VAD suppressor's figures to the AGC.
+#pragma once
+
+#include <cstdint>
+
+#include "vorn/vorn_state.h"
+#include "vorn_proc.h"
+
+namespace vorn {
+
+constexpr int kFrameLen = 256;
+constexpr int kHalfLen = 128;
+constexpr int kAecBlock = 64;
+constexpr int kCohLen = 130;    // the canceller's sub-band coherence output
+constexpr int kVadCohLen = 65;  // of which the VAD reads the first band
+constexpr int kSampleRate = 16000;
+
+// The beamformer's call record from the caller's active switches.
+void FillBfParam(const T_VornParam* pm, TVornState* st);
+// The part of it the direction search reads (the azimuth and the inner
+// interface flag are left as they are).
+void FillBfParamForDoa(const T_VornParam* pm, TVornState* st);
+// A suppressor's call record over its region.
+void FillNsParam(TNsParam* ns, unsigned char* region);
+// The main path's three suppressor records, refreshed every frame.
+void RefreshNsParams(const T_VornParam* pm, TVornState* st);
+
+// Runs the canceller over one frame in 64-sample blocks and writes the
+// outputs `aec_flag` selects into `out` (and the communication output into
+// `vad_in` for aec_flag 3). `subcoh` keeps the last block's coherence.
+// Returns a nonzero canceller result at once.
+int CancelEcho(const T_VornParam* pm, TVornState* st, const short* near, const short* ref, short* out, short* vad_in,
+               float* subcoh);
+
+// The AGC over one frame, steered by the VAD suppressor's three SNR figures.
+int32_t RunDigitalAgc(const T_VornParam* pm, TVornState* st, short* in, short* out);
+
+}  // namespace vorn
