@@ -58,6 +58,7 @@ bool AudioOutput::Open(const std::string& path, int channels, std::string* error
 
 bool AudioOutput::Write(const int16_t* interleaved, size_t frames, std::string* error) {
   const size_t count = frames * static_cast<size_t>(channels_);
+  if (count == 0) return true;  // an empty recording: no buffer to hand to fwrite
   if (bytes_.size() < 2 * count) bytes_.resize(2 * count);
   for (size_t i = 0; i < count; ++i) {
     const auto bits = static_cast<uint16_t>(interleaved[i]);
