@@ -4,20 +4,21 @@
  *
  * Audio. Every call takes one frame: VORN_FRAME_SAMPLES samples per channel
  * (16 ms) at VORN_SAMPLE_RATE_HZ, signed 16-bit. The microphones arrive
- * interleaved sample by sample, VORN_MIC_COUNT values per sample instant
- * (mic 0, mic 1, mic 2, mic 0, ...: VORN_MIC_FRAME_VALUES values); the
- * loudspeaker reference and the output are mono.
+ * interleaved sample by sample, VORN_MICS values per sample instant (mic 0,
+ * mic 1, mic 2, mic 0, ...: VORN_MIC_FRAME_VALUES values); the loudspeaker
+ * reference and the output are mono.
  *
- * Array geometry. Three omnidirectional microphones on a circle of radius
- * VORN_ARRAY_RADIUS_M metres (3.9 cm; 6.75 cm apart), at 0, 120 and
- * 240 degrees. The microphone order handed to the library says which
+ * Array geometry (vorn_array.h). Three omnidirectional microphones on a
+ * circle of radius VORN_ARRAY_RADIUS_M (3.9 cm; 6.75 cm apart), at 0, 120
+ * and 240 degrees. The microphone order handed to the library says which
  * interleaved slot holds the microphone at 0, at 120 and at 240 degrees
  * ({0, 1, 2} when the slots are in that order); it must name each slot once.
  *
  * Azimuth convention. Integer degrees 0..359 in the plane of the array,
- * measured from the microphone at 0 degrees towards the one at 120 degrees:
- * the direction the talker is heard from, seen from the array's centre. The
- * steering azimuth (bf_azimuth) uses the same convention.
+ * counted counter-clockwise seen from above from microphone 0's direction
+ * (so microphone 1 is at 120): the direction the talker is heard from, seen
+ * from the array's centre. The steering azimuth (bf_azimuth) uses the same
+ * convention.
  *
  * Latency. A frame's output comes back from the call that takes the frame
  * in, so the caller's buffering is one frame (16 ms). Inside the signal the
@@ -38,15 +39,14 @@
 #ifndef VORN_DEFS_H
 #define VORN_DEFS_H
 
+#include "vorn_array.h"
+
 /* Every entry point of both interfaces returns 0 on success. */
 #define VORN_OK 0
 
-#define VORN_SAMPLE_RATE_HZ 16000
 #define VORN_FRAME_SAMPLES 256 /* per channel: 16 ms */
 #define VORN_FRAME_MS 16
-#define VORN_MIC_COUNT 3
-#define VORN_MIC_FRAME_VALUES (VORN_MIC_COUNT * VORN_FRAME_SAMPLES) /* 768 interleaved values */
-#define VORN_ARRAY_RADIUS_M 0.039
+#define VORN_MIC_FRAME_VALUES (VORN_MICS * VORN_FRAME_SAMPLES) /* 768 interleaved values */
 
 /* Operating modes: each has its own set of switches (built-in, or from the
  * configuration file's section named beside it). */

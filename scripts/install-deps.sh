@@ -1,18 +1,22 @@
 #!/usr/bin/env bash
-# Installs the build tools Vorn needs on a Debian machine, only when missing.
+# Installs what building Vorn needs on a Debian machine, only when missing:
+#   scripts/install-deps.sh           compilers and the test and benchmark libraries
+#   scripts/install-deps.sh --tools   compilers only (enough for the library and the tools)
 set -euo pipefail
 
 need=()
 command -v cmake >/dev/null || need+=(cmake)
 command -v g++ >/dev/null || need+=(g++)
 command -v make >/dev/null || need+=(make)
-[ -f /usr/include/gtest/gtest.h ] || need+=(libgtest-dev)
-[ -f /usr/include/benchmark/benchmark.h ] || need+=(libbenchmark-dev)
-# The 32-bit build: the multilib compiler, the i386 kernel headers and
-# GoogleTest's sources (built for i386 by scripts/test.sh).
-echo 'int main() { return 0; }' | g++ -m32 -x c++ - -o /dev/null 2>/dev/null || need+=(g++-multilib)
-[ -f /usr/i686-linux-gnu/include/asm/errno.h ] || need+=(linux-libc-dev-i386-cross)
-[ -f /usr/src/googletest/CMakeLists.txt ] || need+=(googletest)
+if [ "${1:-}" != "--tools" ]; then
+  [ -f /usr/include/gtest/gtest.h ] || need+=(libgtest-dev)
+  [ -f /usr/include/benchmark/benchmark.h ] || need+=(libbenchmark-dev)
+  # The 32-bit build: the multilib compiler, the i386 kernel headers and
+  # GoogleTest's sources (built for i386 by scripts/test.sh).
+  echo 'int main() { return 0; }' | g++ -m32 -x c++ - -o /dev/null 2>/dev/null || need+=(g++-multilib)
+  [ -f /usr/i686-linux-gnu/include/asm/errno.h ] || need+=(linux-libc-dev-i386-cross)
+  [ -f /usr/src/googletest/CMakeLists.txt ] || need+=(googletest)
+fi
 
 if [ ${#need[@]} -gt 0 ]; then
   sudo_cmd=()

@@ -3,6 +3,7 @@
  * their records out as the library does. HEADER_CHECK names this copy's
  * function; the test compares what each copy saw with the C++ view. */
 #include "vorn.h"
+#include "vorn_array.h"
 #include "vorn_proc.h"
 
 #include <stddef.h>
@@ -26,4 +27,6 @@ void HEADER_CHECK(struct HeaderLayout* layout) {
   layout->frame_values = VORN_MIC_FRAME_VALUES + settings.mode - VORN_MODE_COMM + result.speech;
   layout->min_buff_size = VORN_MIN_BUFF_SIZE;
   layout->state_size_max = VORN_STATE_SIZE_MAX;
+  layout->last_mic_azimuth = VORN_MIC_AZIMUTH_DEG(VORN_MICS - 1);
+  layout->radius_millisamples = (long)(VORN_SAMPLE_RATE_HZ / VORN_SPEED_OF_SOUND_M_S * VORN_ARRAY_RADIUS_M * 1000.0);
 }

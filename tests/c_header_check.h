@@ -9,6 +9,7 @@ extern "C" {
 struct HeaderLayout {
   long param_size, param_in_argv, key_size, switches_size, settings_size, settings_config_file, result_size;
   long frame_values, min_buff_size, state_size_max;
+  long last_mic_azimuth, radius_millisamples;  /* the array's header */
 };
 
 void header_check_c89(struct HeaderLayout* layout);

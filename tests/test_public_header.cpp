@@ -21,7 +21,9 @@ TEST(PublicHeader, EveryLanguageSeesTheLibrarysLayout) {
                           static_cast<long>(sizeof(VornResult)),
                           3 * 256,
                           1000000,
-                          static_cast<long>(VORN_STATE_SIZE_MAX)};
+                          static_cast<long>(VORN_STATE_SIZE_MAX),
+                          240,
+                          1835};  // the array's radius in samples, in thousandths
   const struct {
     const char* language;
     void (*check)(HeaderLayout*);
@@ -41,6 +43,8 @@ TEST(PublicHeader, EveryLanguageSeesTheLibrarysLayout) {
     EXPECT_EQ(got.frame_values, want.frame_values);
     EXPECT_EQ(got.min_buff_size, want.min_buff_size);
     EXPECT_EQ(got.state_size_max, want.state_size_max);
+    EXPECT_EQ(got.last_mic_azimuth, want.last_mic_azimuth);
+    EXPECT_EQ(got.radius_millisamples, want.radius_millisamples);
   }
   // The record's size per pointer width, as the header states it.
   EXPECT_EQ(sizeof(T_VornParam), sizeof(void*) == 8 ? 1680u : 1676u);

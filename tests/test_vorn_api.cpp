@@ -13,10 +13,10 @@
 #include <string>
 #include <vector>
 
-#include "support/front_end_param.h"
+#include "sim/front_end_param.h"
 #include "support/front_end_scene.h"
-#include "support/signals.h"
-#include "support/wav_file.h"
+#include "sim/signals.h"
+#include "support/files.h"
 #include "vorn.h"
 #include "vorn_proc.h"
 
@@ -285,7 +285,7 @@ TEST(ModernInterface, RunsTheSameProcessingAsTheDesignedInterface) {
     ASSERT_EQ(vorn_init(st, vorn_state_size(), &s), VORN_OK);
 
     std::vector<unsigned char> buffer(VORN_MIN_BUFF_SIZE);
-    T_VornParam pm = test::ParamOver(buffer.data());
+    T_VornParam pm = sim::ParamOver(buffer.data());
     pm.vorn_mode = VORN_MODE_WAKEUP;
     pm.doa_update_flag = 1;
     ASSERT_EQ(VornInit(&pm, nullptr), VORN_OK);
@@ -318,7 +318,7 @@ TEST(ModernInterface, RunsTheSameProcessingAsTheDesignedInterface) {
       }
       if (f >= 40) {
         const std::vector<short> ref(Capture().Ref(f), Capture().Ref(f) + kFrame);
-        const bool playing = test::Rms(ref) > 300.0;
+        const bool playing = sim::Rms(ref) > 300.0;
         activity[playing] += r.echo_activity;
         frames[playing] += 1;
       }

@@ -13,9 +13,9 @@
 #include <string>
 #include <vector>
 
-#include "support/front_end_param.h"
+#include "sim/front_end_param.h"
 #include "support/front_end_scene.h"
-#include "support/wav_file.h"
+#include "support/files.h"
 #include "vorn_proc.h"
 
 namespace vorn {
@@ -32,11 +32,11 @@ const short kOrder[3] = {0, 1, 2}, kReversed[3] = {2, 1, 0}, kSlot3[3] = {0, 1, 
             kNegative[3] = {-1, 1, 2};
 
 // The heaviest switch set, so that every module's state shows in the output.
-const test::FrontEndSwitches kHeaviest{.agc = 2, .bf = 4, .doa = 1, .aec = 3, .ns = 2, .azimuth = 60};
+const sim::Switches kHeaviest{.agc = 2, .bf = 4, .doa = 1, .aec = 3, .ns = 2, .azimuth = 60};
 
 struct Instance {
   std::vector<unsigned char> buffer = std::vector<unsigned char>(VORN_MIN_BUFF_SIZE);
-  T_VornParam pm = test::ParamKeeping(buffer.data(), kHeaviest, 1);
+  T_VornParam pm = sim::ParamKeeping(buffer.data(), kHeaviest, 1);
   int frame = 0;
 
   explicit Instance(int32_t profile) {
@@ -175,7 +175,7 @@ TEST(DesignedInterface, VornDoaCodes) {
   }
   // The per-frame search has nothing to go on before the first frame.
   std::vector<unsigned char> buffer(VORN_MIN_BUFF_SIZE);
-  T_VornParam fresh = test::ParamKeeping(buffer.data(), kHeaviest, 1);
+  T_VornParam fresh = sim::ParamKeeping(buffer.data(), kHeaviest, 1);
   ASSERT_EQ(VornInit(&fresh, nullptr), VORN_OK);
   EXPECT_EQ(VornDoa(&fresh, mics, kOrder, whole), VORN_ERR_NO_FRAMES);
 }
@@ -232,7 +232,7 @@ TEST(DesignedInterface, WarningCodes) {
 // it could) is refused by every call that needs a prepared one.
 TEST(DesignedInterface, UnpreparedBuffersAreRefused) {
   std::vector<unsigned char> buffer(VORN_MIN_BUFF_SIZE);
-  T_VornParam pm = test::ParamKeeping(buffer.data(), kHeaviest, 1);
+  T_VornParam pm = sim::ParamKeeping(buffer.data(), kHeaviest, 1);
   const short* order = kOrder;
   short out[kFrame];
   int32_t count = 0;
@@ -255,7 +255,7 @@ TEST(DesignedInterface, ConfigurationWarningsReachTheCaller) {
       "warnings",
       "[VORN_WKP]\nagc_flag = 1\nns_flag = 1\nvad_mdoe = 1\n\n[VORN_ASR]\nvad_mode = two\n[VORN]\nprofile = enhanced\n");
   std::vector<unsigned char> buffer(VORN_MIN_BUFF_SIZE);
-  T_VornParam pm = test::ParamOver(buffer.data());
+  T_VornParam pm = sim::ParamOver(buffer.data());
   pm.vorn_mode = VORN_MODE_WAKEUP;
   EXPECT_EQ(VornInit(&pm, path.c_str()), VORN_ERR_VAD_MODE);  // the misspelt key left vad_mode 0
   int32_t count = 0;

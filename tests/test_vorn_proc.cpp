@@ -10,10 +10,10 @@
 
 #include "adsp_aec/echo_cancellation.h"
 #include "common/adsp_common_util.h"
-#include "support/front_end_param.h"
+#include "sim/front_end_param.h"
+#include "sim/signals.h"
+#include "support/files.h"
 #include "support/front_end_scene.h"
-#include "support/signals.h"
-#include "support/wav_file.h"
 #include "vorn/vorn_data_exchange.h"
 #include "vorn/vorn_proc_internal.h"
 #include "vorn/vorn_state.h"
@@ -27,12 +27,11 @@ constexpr int kFrame = 256;
 // One front end with its own buffer.
 struct FrontEnd {
   std::vector<unsigned char> storage = std::vector<unsigned char>(kVornMinBuffSize);
-  T_VornParam pm = test::ParamOver(storage.data());
+  T_VornParam pm = sim::ParamOver(storage.data());
   // Mode -1 keeps these switches in force from VornInit on (the canceller is prepared for its outputs there).
   int Init(int agc, int bf, int aec, int ns, int azimuth = 0) {
-    const test::FrontEndSwitches switches{
-        .agc = agc, .bf = bf, .aec = aec, .ns = ns, .azimuth = azimuth, .vad_mode = 2};
-    pm = test::ParamKeeping(storage.data(), switches, 0);
+    const sim::Switches switches{.agc = agc, .bf = bf, .aec = aec, .ns = ns, .azimuth = azimuth, .vad_mode = 2};
+    pm = sim::ParamKeeping(storage.data(), switches, 0);
     return VornInit(&pm, nullptr);
   }
 };
@@ -100,11 +99,11 @@ TEST(VornProc, EchoIsRemovedWhenTheReferenceIsFed) {
   ASSERT_EQ(fe.Init(0, 0, 1, 0), 0);
   const RunOutput r = Process(fe, s);
   std::vector<short> mic0;
-  for (std::size_t n = s.ref.size() - 3 * test::kSampleRate; n < s.ref.size(); ++n) {
+  for (std::size_t n = s.ref.size() - 3 * sim::kSampleRate; n < s.ref.size(); ++n) {
     mic0.push_back(s.mics[3 * n]);
   }
-  const std::vector<short> out(r.out.end() - 3 * test::kSampleRate, r.out.end());
-  const double erle_db = 20.0 * std::log10(test::Rms(mic0) / test::Rms(out));
+  const std::vector<short> out(r.out.end() - 3 * sim::kSampleRate, r.out.end());
+  const double erle_db = 20.0 * std::log10(sim::Rms(mic0) / sim::Rms(out));
   std::printf("ERLE through the front end: %.1f dB\n", erle_db);
   EXPECT_GT(erle_db, 15.0);
 }
@@ -116,7 +115,7 @@ TEST(VornProc, EchoIsRemovedWhenTheReferenceIsFed) {
 // output, so the bytes must match a front end initialised there). The echo
 // is measured against the same run with the canceller left off.
 TEST(VornProc, SwitchingTheCancellerBetweenFramesRemovesTheEchoFromTheNextFrame) {
-  Scene s = MakeScene(300 * kFrame / double{test::kSampleRate}, 0, 0.0, true, 43);
+  Scene s = MakeScene(300 * kFrame / double{sim::kSampleRate}, 0, 0.0, true, 43);
   // The output from frame `from` on, with aec_flag `first` before frame 100,
   // 0 for `off_frames` frames, then `later`; or (fresh) from a front end
   // initialised at frame `from` with `later`.
@@ -161,14 +160,14 @@ TEST(VornProc, SwitchingTheCancellerBetweenFramesRemovesTheEchoFromTheNextFrame)
       const auto part = [&](const std::vector<short>& x) {
         return std::vector<short>(x.begin() + first_frame * kFrame, x.begin() + (first_frame + frames) * kFrame);
       };
-      return 20.0 * std::log10(test::Rms(part(off)) / test::Rms(part(on)));
+      return 20.0 * std::log10(sim::Rms(part(off)) / sim::Rms(part(on)));
     };
     const std::size_t later_frames = on.size() / kFrame - 1;
     std::printf("[ figures  ] %s: echo down %.1f dB over the next 10 frames, %.1f dB over the next %zu\n", c.name,
                 down_db(1, 10), down_db(1, later_frames), later_frames);
     EXPECT_GE(down_db(1, 10), c.min_next_frames_db);
     EXPECT_GT(down_db(1, later_frames), 15.0);
-    EXPECT_GT(test::Rms(on), 10.0);  // the microphones' own noise comes through: no silence
+    EXPECT_GT(sim::Rms(on), 10.0);  // the microphones' own noise comes through: no silence
   }
 }
 

@@ -9,7 +9,7 @@
 #include <memory>
 #include <vector>
 
-#include "support/front_end_param.h"
+#include "sim/front_end_param.h"
 #include "support/front_end_scene.h"
 #include "vorn_proc.h"
 
@@ -48,10 +48,10 @@ void RunFrames(T_VornParam* pm, int from, int to, std::vector<short>* seen) {
 }
 
 TEST(StateCopy, ACopyGoesOnWithTheSameBytes) {
-  const test::FrontEndSwitches heaviest{.agc = 2, .bf = 4, .doa = 1, .aec = 3, .ns = 2, .azimuth = 300};
+  const sim::Switches heaviest{.agc = 2, .bf = 4, .doa = 1, .aec = 3, .ns = 2, .azimuth = 300};
   for (const int32_t profile : {VORN_PROFILE_CLASSIC, VORN_PROFILE_ENHANCED}) {
     Memory reference_memory;
-    T_VornParam reference = test::ParamKeeping(reference_memory.At(0), heaviest, 1);
+    T_VornParam reference = sim::ParamKeeping(reference_memory.At(0), heaviest, 1);
     ASSERT_EQ(VornInit(&reference, nullptr), VORN_OK);
     ASSERT_EQ(VornSetProfile(&reference, profile), VORN_OK);
     std::vector<short> want;
@@ -63,7 +63,7 @@ TEST(StateCopy, ACopyGoesOnWithTheSameBytes) {
       SCOPED_TRACE("profile " + std::to_string(profile) + ", copied " + std::to_string(misalignment) +
                    " bytes past a 64-byte boundary");
       auto old_memory = std::make_unique<Memory>();
-      T_VornParam pm = test::ParamKeeping(old_memory->At(0), heaviest, 1);
+      T_VornParam pm = sim::ParamKeeping(old_memory->At(0), heaviest, 1);
       ASSERT_EQ(VornInit(&pm, nullptr), VORN_OK);
       ASSERT_EQ(VornSetProfile(&pm, profile), VORN_OK);
       std::vector<short> ignored;

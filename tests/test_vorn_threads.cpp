@@ -9,7 +9,7 @@
 #include <thread>
 #include <vector>
 
-#include "support/front_end_param.h"
+#include "sim/front_end_param.h"
 #include "support/front_end_scene.h"
 #include "vorn.h"
 #include "vorn_proc.h"
@@ -20,7 +20,7 @@ namespace {
 constexpr int kFrame = VORN_FRAME_SAMPLES;
 constexpr int kFrames = 100;
 const short kOrder[3] = {0, 1, 2};
-const test::FrontEndSwitches kHeaviest{.agc = 2, .bf = 4, .doa = 1, .aec = 3, .ns = 2, .azimuth = 60};
+const sim::Switches kHeaviest{.agc = 2, .bf = 4, .doa = 1, .aec = 3, .ns = 2, .azimuth = 60};
 
 const test::Scene& Capture() {
   static const test::Scene scene = test::MakeScene(kFrames * kFrame / 16000.0, 75, 2500.0, true, 5);
@@ -31,7 +31,7 @@ const test::Scene& Capture() {
 // codes are implied (a failure shows as a -1 in the stream).
 std::vector<short> Process(int32_t profile) {
   std::vector<unsigned char> buffer(VORN_MIN_BUFF_SIZE);
-  T_VornParam pm = test::ParamKeeping(buffer.data(), kHeaviest, 1);
+  T_VornParam pm = sim::ParamKeeping(buffer.data(), kHeaviest, 1);
   std::vector<short> seen;
   if (VornInit(&pm, nullptr) != VORN_OK || VornSetProfile(&pm, profile) != VORN_OK) return {-1};
   short out[kFrame];
@@ -58,7 +58,7 @@ int Churn(const std::atomic<bool>& stop) {
   short out[kFrame];
   int rounds = 0;
   for (; !stop.load(); ++rounds) {
-    T_VornParam pm = test::ParamKeeping(buffer.data(), kHeaviest, 1);
+    T_VornParam pm = sim::ParamKeeping(buffer.data(), kHeaviest, 1);
     if (VornInit(&pm, nullptr) != VORN_OK) return -1;
     if (vorn_init(st, memory.size(), &settings) != VORN_OK) return -1;
     for (int f = 0; f < 3; ++f) {
