@@ -10,10 +10,11 @@
  * vorn_defs.h.
  *
  * Memory. A VornState is opaque memory of exactly vorn_state_size() bytes,
- * any alignment, owned by the caller: static, on the heap, wherever. The
- * library allocates nothing, except in vorn_create, for callers who would
- * rather it did. Between calls a state may be copied (memcpy of
- * vorn_state_size() bytes) and the copy used in its place.
+ * aligned to VORN_STATE_ALIGN bytes (as malloc's memory is), owned by the
+ * caller: static, on the heap, wherever. The library allocates nothing,
+ * except in vorn_create, for callers who would rather it did. Between calls
+ * a state may be copied (memcpy of vorn_state_size() bytes, to memory
+ * aligned the same way) and the copy used in its place.
  *
  * Errors. Every function returning int returns VORN_OK (0) or one of the
  * negative codes below; vorn_error_string() gives each as text. A call that
@@ -21,7 +22,7 @@
  *
  * A minimal integration:
  *
- *   static unsigned char memory[VORN_STATE_SIZE_MAX];   (or malloc(vorn_state_size()))
+ *   static uint64_t memory[VORN_STATE_SIZE_MAX / 8];    (or malloc(vorn_state_size()))
  *   VornState* st = (VornState*)memory;
  *   VornSettings settings;
  *   vorn_settings_default(&settings);
@@ -52,6 +53,8 @@ typedef struct VornState VornState;
 
 /* Never less than vorn_state_size(): for memory sized at compile time. */
 #define VORN_STATE_SIZE_MAX 1004000
+/* The alignment a state's memory needs, in bytes. */
+#define VORN_STATE_ALIGN 8
 
 /* Error codes. */
 #define VORN_E_NULL (-1)            /* a required pointer argument is NULL */
@@ -76,6 +79,7 @@ typedef struct VornState VornState;
                                        file were given (vorn_get_config_warnings says more) */
 #define VORN_E_ALLOC (-20)          /* vorn_create could not allocate */
 #define VORN_E_INTERNAL (-21)       /* a processing module failed inside the library; please report it */
+#define VORN_E_MISALIGNED (-22)     /* the state's memory is not aligned to VORN_STATE_ALIGN bytes */
 
 /* The meaning of a code, as a constant English sentence (never NULL). */
 const char* vorn_error_string(int code);

@@ -33,8 +33,9 @@
  * be called from any thread at any time.
  *
  * Moving a state. Between calls, an instance's memory may be copied to
- * other memory (of any alignment) and the copy used in its place: the state
- * holds no pointer to itself or to the caller's buffers.
+ * other memory (a designed buffer to any alignment, a VornState to memory
+ * aligned as vorn.h asks) and the copy used in its place: the state holds
+ * no pointer to itself or to the caller's buffers.
  */
 #ifndef VORN_DEFS_H
 #define VORN_DEFS_H

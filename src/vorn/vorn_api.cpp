@@ -53,7 +53,8 @@ extern "C" void vorn_settings_default(VornSettings* settings) {
 }
 
 extern "C" int vorn_init(VornState* st, size_t size, const VornSettings* settings) {
-  if (st == nullptr) return VORN_E_NULL;
+  const int memory = CheckMemory(st);
+  if (memory != VORN_OK) return memory;
   if (size < sizeof(VornState)) return VORN_E_SIZE;
   VornSettings defaults;
   vorn_settings_default(&defaults);

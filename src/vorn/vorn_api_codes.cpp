@@ -35,12 +35,19 @@ constexpr CodeText kCodeTexts[] = {
                     "a file"},
     {VORN_E_ALLOC, "the state could not be allocated"},
     {VORN_E_INTERNAL, "a processing module failed inside the library"},
+    {VORN_E_MISALIGNED, "the state's memory is not aligned to VORN_STATE_ALIGN bytes"},
 };
 
 }  // namespace
 
-int CheckReady(const VornState* st) {
+int CheckMemory(const VornState* st) {
   if (st == nullptr) return VORN_E_NULL;
+  return reinterpret_cast<std::uintptr_t>(st) % VORN_STATE_ALIGN == 0 ? VORN_OK : VORN_E_MISALIGNED;
+}
+
+int CheckReady(const VornState* st) {
+  const int memory = CheckMemory(st);
+  if (memory != VORN_OK) return memory;
   return st->magic == kApiMagic ? VORN_OK : VORN_E_NOT_READY;
 }
 

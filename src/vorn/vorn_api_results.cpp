@@ -41,7 +41,9 @@ extern "C" int vorn_get_echo_activity(const VornState* st, float* value) {
 extern "C" int vorn_get_config_warnings(const VornState* st, int32_t* count, const char** text) {
   // Readable after a failed first vorn_init too, so no readiness check:
   // the designed getter finds the warnings or says there are none yet.
-  if (st == nullptr || count == nullptr) return VORN_E_NULL;
+  const int memory = CheckMemory(st);
+  if (memory != VORN_OK) return memory;
+  if (count == nullptr) return VORN_E_NULL;
   T_VornParam record = RecordCopyOf(st);
   record.buff_size = VORN_MIN_BUFF_SIZE;
   record.param_size = static_cast<int32_t>(sizeof(T_VornParam));

@@ -21,6 +21,7 @@ namespace vorn {
 
 constexpr uint32_t kApiMagic = 0x4e525641u;  // "AVRN"
 static_assert(sizeof(VornState) <= VORN_STATE_SIZE_MAX);
+static_assert(alignof(VornState) <= VORN_STATE_ALIGN);
 
 // The record, pointed at this state's buffer.
 inline T_VornParam* RecordOf(VornState* st) {
@@ -35,8 +36,10 @@ inline T_VornParam RecordCopyOf(const VornState* st) {
   return pm;
 }
 
-// VORN_OK when `st` is there and initialised.
+// VORN_OK when `st` is there, aligned and initialised.
 int CheckReady(const VornState* st);
+// VORN_OK when `st` is there and aligned (nothing of it is read before).
+int CheckMemory(const VornState* st);
 
 // A designed-interface code as this interface's. `pm` tells which of the
 // two switches code 6 is about.
