@@ -43,6 +43,11 @@ struct EnhancedFrame {
   short clean[kFrameLen];     // after the suppressor
   short out[kFrameLen];       // after the level control
   float subcoh[kCohLen];      // the canceller's sub-band coherence of the last block
+  // The hop's unwindowed 512-point spectra of the three microphone rows (the
+  // last 512 samples of each), for the direction stage; filled by the beam
+  // stage when direction tracking is on.
+  float mic_spectra[kBfChannels][kBfFftLen];
+  bool mic_spectra_ready;
   EchoPicture echo;
   SpeechPresence presence;
   TalkerDirection direction;

@@ -3,11 +3,13 @@
 // this list only places them.
 #pragma once
 
+#include "adsp_bf/doa_tracker_enhanced.h"
+
 namespace vorn {
 
 struct EnhancedModules {
   // Enhanced modules add their records here.
-  int reserved;
+  TDoaTrackerEnhanced doa_tracker;
 };
 
 }  // namespace vorn

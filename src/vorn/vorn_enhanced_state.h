@@ -45,6 +45,12 @@ static_assert(kEnhancedRegionBytes == 111960);
 static_assert(sizeof(TVornEnhancedState) <= kEnhancedRegionBytes, "enhanced state outgrew its region");
 static_assert(alignof(TVornEnhancedState) <= 64);
 
+// The checks every entry point of the enhanced state makes: the record's own
+// fields are sound (1..3, as the parameter check numbers them) and VornInit
+// has prepared its buffer (VORN_ERR_NOT_INITIALISED). 0 and the enhanced
+// state, or the code.
+int32_t CheckPrepared(const T_VornParam* pm, TVornEnhancedState** enhanced);
+
 inline TVornEnhancedState* EnhancedStateOf(TVornState* st) {
   return reinterpret_cast<TVornEnhancedState*>(reinterpret_cast<unsigned char*>(st) + kEnhancedRegionOffset);
 }

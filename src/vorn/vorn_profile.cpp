@@ -5,11 +5,8 @@
 #include "vorn/vorn_enhanced_state.h"
 #include "vorn/vorn_param.h"
 
-using namespace vorn;
+namespace vorn {
 
-namespace {
-
-// The record's own fields are sound and VornInit has prepared its buffer.
 int32_t CheckPrepared(const T_VornParam* pm, TVornEnhancedState** enhanced) {
   if (pm == nullptr || pm->p_data == nullptr) return 1;
   if (pm->buff_size < kVornMinBuffSize) return 2;
@@ -20,7 +17,9 @@ int32_t CheckPrepared(const T_VornParam* pm, TVornEnhancedState** enhanced) {
   return 0;
 }
 
-}  // namespace
+}  // namespace vorn
+
+using namespace vorn;
 
 extern "C" int32_t VornSetProfile(T_VornParam* pm, int32_t profile) {
   TVornEnhancedState* enhanced = nullptr;
