@@ -126,8 +126,8 @@ struct FrontEnd {
   }
   int Search(std::vector<short>& mics, int flag, short* mic_order = nullptr) {
     pm.doa_flag = flag;
-    const int rc = VornDoa(&pm, mics.data(), mic_order != nullptr ? mic_order : order,
-                           static_cast<int>(mics.size() / 3));
+    const int rc =
+        VornDoa(&pm, mics.data(), mic_order != nullptr ? mic_order : order, static_cast<int>(mics.size() / 3));
     pm.doa_flag = 1;
     return rc;
   }
@@ -143,8 +143,7 @@ struct FrontEnd {
 test::ThreeMics Talker(double seconds, double azimuth, double elevation, std::uint32_t seed,
                        double lead_silence_s = 0.0) {
   const auto n = static_cast<std::size_t>(seconds * test::kSampleRate);
-  const test::SpeechLike talker =
-      test::MakeSpeechLike(n, seed, {.rms = 3000.0, .lead_silence_s = lead_silence_s});
+  const test::SpeechLike talker = test::MakeSpeechLike(n, seed, {.rms = 3000.0, .lead_silence_s = lead_silence_s});
   return test::Mix(test::PlaneWave(talker.samples, azimuth, elevation), test::IndependentNoise(n, 95.0, seed + 1));
 }
 
@@ -260,8 +259,8 @@ TEST(DoaTrackerEnhanced, FollowsHoldsAndIgnoresTheLoudspeaker) {
       // The far end plays through the loudspeaker as a source of its own at
       // the segment's azimuth; the reference is what it was asked to play.
       const auto n = static_cast<std::size_t>(s.seconds * test::kSampleRate);
-      const test::ThreeMics mics = s.talking ? Talker(s.seconds, s.azimuth, 10.0, ++seed)
-                                             : test::IndependentNoise(n, 95.0, ++seed);
+      const test::ThreeMics mics =
+          s.talking ? Talker(s.seconds, s.azimuth, 10.0, ++seed) : test::IndependentNoise(n, 95.0, ++seed);
       const std::vector<short> pcm = test::Interleave(mics);
       const std::vector<short> reference =
           s.far_end ? test::ToPcm(test::MakeSpeechLike(n, seed + 50, {.rms = 3000.0}).samples)

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "quality/direction_bench.h"
 #include "quality/grid.h"
 #include "quality/scoring.h"
 #include "quality/systems.h"
@@ -614,12 +615,24 @@ std::string FindingsMarkdown(const Results& results) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc != 2) {
-    std::fprintf(stderr, "usage: vorn_bench_quality OUT_DIR\n");
+  // --only TOPIC runs one section alone; --match TEXT keeps its scenes whose
+  // name contains TEXT (a quicker look while developing).
+  std::string only, match;
+  std::vector<std::string> rest;
+  for (int i = 1; i < argc; ++i) {
+    const std::string arg = argv[i];
+    if ((arg == "--only" || arg == "--match") && i + 1 < argc)
+      (arg == "--only" ? only : match) = argv[++i];
+    else
+      rest.push_back(arg);
+  }
+  if (rest.size() != 1 || (!only.empty() && only != "direction")) {
+    std::fprintf(stderr, "usage: vorn_bench_quality [--only direction [--match TEXT]] OUT_DIR\n");
     return 2;
   }
-  const std::filesystem::path dir = argv[1];
+  const std::filesystem::path dir = rest[0];
   std::filesystem::create_directories(dir);
+  if (only == "direction") return RunDirectionBench(dir, match);
   Results results;
   results.scenes = AllScenes();
   const std::vector<System> systems = Systems();
@@ -664,5 +677,5 @@ int main(int argc, char** argv) {
     std::fclose(headline);
   }
   std::printf("%s", md.c_str());
-  return 0;
+  return RunDirectionBench(dir);
 }

@@ -50,8 +50,8 @@ constexpr std::array<std::array<float, kGccPairs>, 360> MakePairDelays() {
   std::array<std::array<float, kGccPairs>, 360> t{};
   for (int az = 0; az < 360; ++az)
     for (int p = 0; p < kGccPairs; ++p)
-      t[az][p] = static_cast<float>(kRadiusSamples * (ct::CosTurn(az - 120 * kPairA[p], 360) -
-                                                      ct::CosTurn(az - 120 * kPairB[p], 360)));
+      t[az][p] = static_cast<float>(kRadiusSamples *
+                                    (ct::CosTurn(az - 120 * kPairA[p], 360) - ct::CosTurn(az - 120 * kPairB[p], 360)));
   return t;
 }
 constexpr auto kPairDelays = MakePairDelays();

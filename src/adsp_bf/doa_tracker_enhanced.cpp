@@ -36,8 +36,8 @@ constexpr float kFastEvidence = 40.0f;
 constexpr float kMovedDeg = 20.0f;
 constexpr float kMoveConfidence = 0.3f;
 constexpr float kMoveEvidence = 30.0f;
-constexpr int kEchoTailHops = 16;           // 256 ms, a room's echo tail
-constexpr int kTrackElevationStep = 20;     // heights 0, 20 and 40 degrees
+constexpr int kEchoTailHops = 16;        // 256 ms, a room's echo tail
+constexpr int kTrackElevationStep = 20;  // heights 0, 20 and 40 degrees
 constexpr int kPooledElevationStep = 5;
 
 float AngleBetween(float a, float b) {

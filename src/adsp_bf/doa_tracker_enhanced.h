@@ -18,9 +18,9 @@ struct TDoaTrackerEnhanced {
   GccLags fast;
   GccLags since_asked;
   float slow_weight, fast_weight, since_asked_weight;  // the bin weights each pool holds
-  float far_hold;     // the far end's activity, held over its echo in the room
-  int far_tail_hops;  // hops left to hold it
-  float move_votes;  // evidence that the fast pool points elsewhere
+  float far_hold;                                      // the far end's activity, held over its echo in the room
+  int far_tail_hops;                                   // hops left to hold it
+  float move_votes;                                    // evidence that the fast pool points elsewhere
   float azimuth_deg, elevation_deg, confidence;
   float reported_confidence;  // of the azimuth last written by VornProc or VornDoa
   int hops;                   // hops analysed, saturating
