@@ -6,17 +6,19 @@
 // risen (onsets: the direct sound reaches the array before the room's
 // reverberation builds up, so rising bins point at the talker and decaying
 // ones at the walls), the whole hop weighted by the speech presence and by
-// the far end's silence, held over its echo tail. Evidence is pooled as pair correlations, which pool directions as
-// vectors do: 355 and 5 degrees average to 0, never 180. A hop without
-// evidence changes nothing, so the direction holds through pauses.
+// the far end's silence, held over its echo tail. Evidence is pooled as
+// pair correlations, which pool directions as vectors do: 355 and 5 degrees
+// average to 0, never 180. Outside speech nothing changes, so the direction
+// holds through pauses.
 //
-// Two pools forget at different rates, measured in evidence rather than in
-// time (a hop adds its bin weights and the pool shrinks so as to hold about
-// a fixed amount): the reported direction comes from the slow one, and when
-// the fast one keeps pointing elsewhere, confidently, the slow one restarts
-// from it. A talker who walks is followed within about a second; a talker
-// who stands still is not shaken by a few reflections, and weak evidence
-// (noisy hops) moves either pool only a little.
+// Two pools keep the evidence. The slow one, which gives the reported
+// direction, forgets by evidence rather than by time (a hop adds its bin
+// weights and the pool shrinks so as to hold about a fixed amount), so a
+// talker who stands still in noise keeps being averaged over many onsets.
+// The fast one holds less and also forgets with time, about a quarter
+// second of speech; when it keeps pointing elsewhere the slow one restarts
+// from it, so a talker who walks is followed, within a second where the
+// onsets come often enough.
 #include "adsp_bf/doa_tracker_enhanced.h"
 
 #include <cmath>
@@ -28,14 +30,16 @@ namespace {
 constexpr float kRecentKeep = 0.5f;  // smoothing of the band power from hop to hop
 constexpr int kWarmUpHops = 16;      // the noise's first quarter second
 // The pools hold about this much bin weight: the slow one a second or two
-// of speech, the fast one a third of that.
+// of clear speech, the fast one a third of that.
 constexpr float kSlowEvidence = 150.0f;
 constexpr float kFastEvidence = 40.0f;
+// The fast pool also forgets with time: a quarter second of speech.
+constexpr float kFastSpeechHops = 16.0f;
 // The fast pool must disagree by this much, with this confidence, for this
 // much evidence, before the slow one restarts from it.
 constexpr float kMovedDeg = 20.0f;
-constexpr float kMoveConfidence = 0.3f;
-constexpr float kMoveEvidence = 30.0f;
+constexpr float kMoveConfidence = 0.1f;
+constexpr float kMoveEvidence = 5.0f;
 constexpr int kEchoTailHops = 16;        // 256 ms, a room's echo tail
 constexpr int kTrackElevationStep = 20;  // heights 0, 20 and 40 degrees
 constexpr int kPooledElevationStep = 5;
@@ -44,6 +48,22 @@ float AngleBetween(float a, float b) {
   float d = std::fabs(a - b);
   while (d >= 360.0f) d -= 360.0f;
   return d > 180.0f ? 360.0f - d : d;
+}
+
+// How much of the fast pool a hop keeps: enough that the pool holds about
+// kFastEvidence of bin weight, and no more than it would keep to remember
+// kFastSpeechHops hops of speech, so that sparse evidence (noise, distance)
+// does not stretch its memory over seconds.
+float FastKeep(float evidence, float hop_gate) {
+  const float by_evidence = kFastEvidence / (kFastEvidence + evidence);
+  const float by_time = 1.0f - hop_gate / kFastSpeechHops;
+  return by_evidence < by_time ? by_evidence : by_time;
+}
+
+void Fade(GccLags pool, float* pool_weight, float keep) {
+  for (int p = 0; p < kGccPairs; ++p)
+    for (int l = 0; l < kGccLags; ++l) pool[p][l] *= keep;
+  *pool_weight *= keep;
 }
 
 void Pool(GccLags pool, float* pool_weight, const GccLags hop, float hop_weight, float keep) {
@@ -93,13 +113,19 @@ DoaTrack DoaTrackerHop(TDoaTrackerEnhanced* t, const float spectra[kBfChannels][
   float weight[kGccBins];
   const float bin_sum = GccBinWeights(power, t->noise, previous, weight);
   const float evidence = hop_gate * bin_sum;
+  if (evidence <= 0.0f && hop_gate > 0.0f) {
+    // Speech without usable bins: the fast pool still ages, so that what
+    // the next onset says counts against the last quarter second of speech
+    // rather than against everything heard since the last onset.
+    Fade(t->fast, &t->fast_weight, 1.0f - hop_gate / kFastSpeechHops);
+  }
   if (evidence > 0.0f) {
     GccCross cross{};
     GccAddCross(band, weight, hop_gate, &cross);
     GccLags hop;
     GccCrossToLags(cross, hop);
     Pool(t->slow, &t->slow_weight, hop, evidence, kSlowEvidence / (kSlowEvidence + evidence));
-    Pool(t->fast, &t->fast_weight, hop, evidence, kFastEvidence / (kFastEvidence + evidence));
+    Pool(t->fast, &t->fast_weight, hop, evidence, FastKeep(evidence, hop_gate));
     Pool(t->since_asked, &t->since_asked_weight, hop, evidence, 1.0f);
 
     GccPeak slow = GccSearch(t->slow, kTrackElevationStep);
