@@ -16,7 +16,7 @@
 #include "adsp_bf/doa_tracker_enhanced.h"
 #include "common/adsp_common_fft_rel.h"
 #include "common/adsp_common_rom.h"
-#include "support/signals.h"
+#include "sim/signals.h"
 
 namespace {
 
@@ -27,8 +27,8 @@ constexpr std::size_t kHops = 625;  // 10 s
 const std::vector<short>& Input() {
   static const std::vector<short> pcm = [] {
     const std::size_t n = kHops * kBfHop + kBfFftLen;
-    const test::SpeechLike talker = test::MakeSpeechLike(n, 5u);
-    return test::Interleave(test::Mix(test::PlaneWave(talker.samples, 70.0), test::IndependentNoise(n, 100.0, 6u)));
+    const sim::SpeechLike talker = sim::MakeSpeechLike(n, 5u);
+    return sim::Interleave(sim::Mix(sim::PlaneWave(talker.samples, 70.0), sim::IndependentNoise(n, 100.0, 6u)));
   }();
   return pcm;
 }

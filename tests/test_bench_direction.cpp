@@ -7,10 +7,12 @@
 
 #include "quality/direction_baselines.h"
 #include "quality/direction_grid.h"
-#include "scene/metrics.h"
+#include "sim/metrics.h"
 
 namespace vorn::bench {
 namespace {
+
+using namespace vorn::sim;
 
 // An anechoic talker over light noise: every baseline's stretch answer and
 // its per-frame answer at the end are on the talker.

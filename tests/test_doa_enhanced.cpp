@@ -12,8 +12,8 @@
 
 #include "adsp_bf/doa_gcc.h"
 #include "common/adsp_common_fft_rel.h"
-#include "support/front_end_param.h"
-#include "support/signals.h"
+#include "sim/front_end_param.h"
+#include "sim/signals.h"
 #include "vorn_proc.h"
 
 namespace vorn {
@@ -28,14 +28,14 @@ double AngleError(double a, double b) { return std::fabs(std::remainder(a - b, 3
 // Samples by which microphone m hears a far source at (az, el) before the
 // array's centre.
 double LeadSamples(int m, double az_deg, double el_deg) {
-  return test::kArrayRadiusM * std::cos(el_deg * kPi / 180.0) * std::cos((az_deg - 120.0 * m) * kPi / 180.0) /
-         test::kSpeedOfSound * test::kSampleRate;
+  return sim::kArrayRadiusM * std::cos(el_deg * kPi / 180.0) * std::cos((az_deg - 120.0 * m) * kPi / 180.0) /
+         sim::kSpeedOfSound * sim::kSampleRate;
 }
 
 TEST(GccBlocks, WindowAndCorrelationsMatchADirectComputation) {
   // The band of the frequency-domain Hann window against a direct DFT of
   // the time-windowed frame.
-  const test::Signal noise = test::WhiteNoise(3 * kBfFftLen, 1000.0, 3);
+  const sim::Signal noise = sim::WhiteNoise(3 * kBfFftLen, 1000.0, 3);
   float spectra[kBfChannels][kBfFftLen];
   for (int m = 0; m < kBfChannels; ++m) {
     std::copy_n(noise.begin() + m * kBfFftLen, kBfFftLen, spectra[m]);
@@ -57,7 +57,7 @@ TEST(GccBlocks, WindowAndCorrelationsMatchADirectComputation) {
 
   // Pair correlations on the lag grid against the sum written out.
   GccCross cross{};
-  const test::Signal values = test::WhiteNoise(2 * kGccPairs * kGccBins, 1.0, 9);
+  const sim::Signal values = sim::WhiteNoise(2 * kGccPairs * kGccBins, 1.0, 9);
   for (int p = 0; p < kGccPairs; ++p)
     for (int b = 0; b < kGccBins; ++b) {
       cross.re[p][b] = values[2 * (p * kGccBins + b)];
@@ -112,7 +112,7 @@ struct FrontEnd {
   short order[3] = {0, 1, 2};
 
   explicit FrontEnd(int aec = 0, int profile = VORN_PROFILE_ENHANCED) {
-    pm = test::ParamKeeping(storage.data(), {.doa = 1, .aec = aec, .ns = 1, .vad_mode = 2}, 1);
+    pm = sim::ParamKeeping(storage.data(), {.doa = 1, .aec = aec, .ns = 1, .vad_mode = 2}, 1);
     EXPECT_EQ(VornInit(&pm, nullptr), 0);
     EXPECT_EQ(VornSetProfile(&pm, profile), 0);
   }
@@ -140,18 +140,18 @@ struct FrontEnd {
 
 // A speech-like talker at (az, el) over microphone hiss 30 dB down; silent
 // where `talking` says so.
-test::ThreeMics Talker(double seconds, double azimuth, double elevation, std::uint32_t seed,
+sim::ThreeMics Talker(double seconds, double azimuth, double elevation, std::uint32_t seed,
                        double lead_silence_s = 0.0) {
-  const auto n = static_cast<std::size_t>(seconds * test::kSampleRate);
-  const test::SpeechLike talker = test::MakeSpeechLike(n, seed, {.rms = 3000.0, .lead_silence_s = lead_silence_s});
-  return test::Mix(test::PlaneWave(talker.samples, azimuth, elevation), test::IndependentNoise(n, 95.0, seed + 1));
+  const auto n = static_cast<std::size_t>(seconds * sim::kSampleRate);
+  const sim::SpeechLike talker = sim::MakeSpeechLike(n, seed, {.rms = 3000.0, .lead_silence_s = lead_silence_s});
+  return sim::Mix(sim::PlaneWave(talker.samples, azimuth, elevation), sim::IndependentNoise(n, 95.0, seed + 1));
 }
 
-std::vector<short> Joined(std::initializer_list<test::ThreeMics> parts) {
-  test::ThreeMics all;
-  for (const test::ThreeMics& part : parts)
+std::vector<short> Joined(std::initializer_list<sim::ThreeMics> parts) {
+  sim::ThreeMics all;
+  for (const sim::ThreeMics& part : parts)
     for (int m = 0; m < 3; ++m) all[m].insert(all[m].end(), part[m].begin(), part[m].end());
-  return test::Interleave(all);
+  return sim::Interleave(all);
 }
 
 TEST(DoaUtteranceEnhanced, FindsTalkersAroundAboveAndBelowTheArray) {
@@ -160,7 +160,7 @@ TEST(DoaUtteranceEnhanced, FindsTalkersAroundAboveAndBelowTheArray) {
     for (double elevation : {-30.0, 0.0, 40.0}) {
       SCOPED_TRACE(testing::Message() << azimuth << " deg at " << elevation << " deg");
       FrontEnd fe;
-      std::vector<short> sentence = test::Interleave(Talker(2.0, azimuth, elevation, ++seed));
+      std::vector<short> sentence = sim::Interleave(Talker(2.0, azimuth, elevation, ++seed));
       ASSERT_EQ(fe.Search(sentence, 2), 0);
       EXPECT_LE(AngleError(fe.pm.azimuth, azimuth), 3.0);
       EXPECT_GT(fe.Confidence(), 0.5f);
@@ -179,7 +179,7 @@ TEST(DoaUtteranceEnhanced, UsesTheWholeStretchAndTheMicrophoneOrder) {
   ASSERT_EQ(fe.Search(late, 3), 0);
   EXPECT_LE(AngleError(fe.pm.azimuth, 200.0), 3.0);
 
-  std::vector<short> keyword = test::Interleave(Talker(0.5, 95.0, 20.0, 9));
+  std::vector<short> keyword = sim::Interleave(Talker(0.5, 95.0, 20.0, 9));
   ASSERT_EQ(fe.Search(keyword, 2), 0);
   EXPECT_LE(AngleError(fe.pm.azimuth, 95.0), 5.0);
 
@@ -258,17 +258,17 @@ TEST(DoaTrackerEnhanced, FollowsHoldsAndIgnoresTheLoudspeaker) {
     for (const Segment& s : segments) {
       // The far end plays through the loudspeaker as a source of its own at
       // the segment's azimuth; the reference is what it was asked to play.
-      const auto n = static_cast<std::size_t>(s.seconds * test::kSampleRate);
-      const test::ThreeMics mics =
-          s.talking ? Talker(s.seconds, s.azimuth, 10.0, ++seed) : test::IndependentNoise(n, 95.0, ++seed);
-      const std::vector<short> pcm = test::Interleave(mics);
+      const auto n = static_cast<std::size_t>(s.seconds * sim::kSampleRate);
+      const sim::ThreeMics mics =
+          s.talking ? Talker(s.seconds, s.azimuth, 10.0, ++seed) : sim::IndependentNoise(n, 95.0, ++seed);
+      const std::vector<short> pcm = sim::Interleave(mics);
       const std::vector<short> reference =
-          s.far_end ? test::ToPcm(test::MakeSpeechLike(n, seed + 50, {.rms = 3000.0}).samples)
+          s.far_end ? sim::ToPcm(sim::MakeSpeechLike(n, seed + 50, {.rms = 3000.0}).samples)
                     : std::vector<short>(n, 0);
       fe.pm.doa_update_flag = s.permitted ? 1 : 0;
       for (std::size_t f = 0; f + kFrame <= n; f += kFrame, ++frame) {
         const int azimuth = fe.Frame(&pcm[3 * f], &reference[f]);
-        const double t = static_cast<double>(frame) * kFrame / test::kSampleRate - kLeadS;
+        const double t = static_cast<double>(frame) * kFrame / sim::kSampleRate - kLeadS;
         if (first_found < 0 && fe.Confidence() > 0.0f) first_found = frame;
         if (t >= c.check_from_s && t < c.check_to_s) {
           ASSERT_LE(AngleError(azimuth, c.want), 8.0) << "at " << t << " s";
@@ -291,7 +291,7 @@ TEST(DoaConfidence, GetterAndTheTrackersPooledEvidence) {
   small.buff_size = kStateBytes - 1;
   wrong_size.param_size = 1679;
   std::vector<unsigned char> blank(kStateBytes);
-  const T_VornParam never_initialised = test::ParamOver(blank.data());
+  const T_VornParam never_initialised = sim::ParamOver(blank.data());
   const std::pair<const T_VornParam*, int32_t> refused[] = {
       {nullptr, 1}, {&no_buffer, 1}, {&small, 2}, {&wrong_size, 3}, {&never_initialised, VORN_ERR_NOT_INITIALISED}};
   for (const auto& [pm, want] : refused) EXPECT_EQ(VornGetDoaConfidence(pm, &value), want);
@@ -303,7 +303,7 @@ TEST(DoaConfidence, GetterAndTheTrackersPooledEvidence) {
   EXPECT_EQ(fe.Search(silent, 1), 201);  // no frame yet
 
   for (auto [azimuth, seed] : {std::pair{60.0, 81u}, std::pair{200.0, 82u}}) {
-    const std::vector<short> pcm = test::Interleave(Talker(2.0, azimuth, 0.0, seed));
+    const std::vector<short> pcm = sim::Interleave(Talker(2.0, azimuth, 0.0, seed));
     for (std::size_t f = 0; f + 3 * kFrame <= pcm.size(); f += 3 * kFrame) fe.Frame(&pcm[f], nullptr);
     EXPECT_GT(fe.Confidence(), 0.5f);
     ASSERT_EQ(fe.Search(silent, 1), 0);
@@ -316,7 +316,7 @@ TEST(DoaConfidence, GetterAndTheTrackersPooledEvidence) {
   EXPECT_EQ(fe.Confidence(), 0.0f);
 
   FrontEnd classic(0, VORN_PROFILE_CLASSIC);
-  const std::vector<short> pcm = test::Interleave(Talker(1.0, 60.0, 0.0, 83));
+  const std::vector<short> pcm = sim::Interleave(Talker(1.0, 60.0, 0.0, 83));
   for (std::size_t f = 0; f + 3 * kFrame <= pcm.size(); f += 3 * kFrame) classic.Frame(&pcm[f], nullptr);
   EXPECT_EQ(classic.Confidence(), 0.0f);
 }

@@ -28,7 +28,7 @@
 #include <numbers>
 
 #include "common/adsp_common_fft_rel.h"
-#include "support/signals.h"
+#include "sim/signals.h"
 
 namespace vorn::bench {
 namespace {
@@ -60,8 +60,8 @@ Complex TimesConj(Complex a, Complex b) {
 // array centre.
 double LeadSamples(int m, double az_deg, double el_deg) {
   const double az = az_deg * kPi / 180.0, el = el_deg * kPi / 180.0;
-  return test::kArrayRadiusM * std::cos(el) * std::cos(az - 2.0 * kPi * m / 3.0) / test::kSpeedOfSound *
-         test::kSampleRate;
+  return sim::kArrayRadiusM * std::cos(el) * std::cos(az - 2.0 * kPi * m / 3.0) / sim::kSpeedOfSound *
+         sim::kSampleRate;
 }
 
 using Spectra = std::array<std::array<Complex, kBins>, kMics>;
@@ -282,7 +282,7 @@ BaselineAnswers RunBaseline(Baseline method, const std::vector<std::int16_t>& mi
   const std::vector<Spectra> spectra = Analyse(mics);
   const std::array<double, kBins> floor = NoiseFloor(spectra);
   const std::array<double, kBins>* weights = method == Baseline::kSrpPhatSnr ? &floor : nullptr;
-  const double forget = std::exp(-static_cast<double>(kHop) / test::kSampleRate / kForgetS);
+  const double forget = std::exp(-static_cast<double>(kHop) / sim::kSampleRate / kForgetS);
   static const Grid track_grid(5.0), stretch_grid(1.0);
   BaselineAnswers answers;
   answers.per_frame_deg.reserve(spectra.size());

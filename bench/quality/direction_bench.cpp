@@ -22,13 +22,18 @@
 #include "quality/direction_baselines.h"
 #include "quality/direction_grid.h"
 #include "quality/systems.h"
-#include "scene/metrics.h"
-#include "support/front_end_param.h"
+#include "sim/metrics.h"
+#include "sim/front_end_param.h"
 #include "vorn/vorn_param.h"
 #include "vorn_proc.h"
 
 namespace vorn::bench {
 namespace {
+
+using sim::AzimuthErrorDeg;
+using sim::kFrame;
+using sim::kMics;
+using sim::kSampleRate;
 
 constexpr std::size_t kSettleFrames = 62;  // one second of speech
 constexpr double kKeywordS = 0.5;
@@ -56,8 +61,8 @@ FrameRange Frames(double begin_s, double end_s, std::size_t frames) {
 bool RunVornDirection(int profile, const DirectionRender& r, const FrameRange& sentence, const FrameRange& keyword,
                       Answers* out, std::string* error) {
   std::vector<unsigned char> state(kVornMinBuffSize);
-  const test::FrontEndSwitches switches{.agc = 0, .bf = 0, .doa = 1, .aec = 0, .ns = 1, .azimuth = 0, .vad_mode = 2};
-  T_VornParam pm = test::ParamKeeping(state.data(), switches, 1);
+  const sim::Switches switches{.agc = 0, .bf = 0, .doa = 1, .aec = 0, .ns = 1, .azimuth = 0, .vad_mode = 2};
+  T_VornParam pm = sim::ParamKeeping(state.data(), switches, 1);
   if (const int code = VornInit(&pm, nullptr); code != 0) {
     *error = "VornInit returned " + std::to_string(code);
     return false;

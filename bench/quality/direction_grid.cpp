@@ -8,11 +8,13 @@
 #include <cmath>
 #include <cstdio>
 
-#include "scene/metrics.h"
-#include "scene/signal_ops.h"
+#include "sim/metrics.h"
+#include "sim/signal_ops.h"
 
 namespace vorn::bench {
 namespace {
+
+using namespace vorn::sim;
 
 constexpr double kRt60s[] = {0.2, 0.4, 0.6, 0.8};
 constexpr double kSnrsDb[] = {0.0, 5.0, 10.0, 20.0};
@@ -76,9 +78,9 @@ bool AddWalkingTalker(const DirectionScene& cell, DirectionRender* out, std::str
   const std::size_t n = out->rendered.mics.size() / kMics;
   const std::size_t begin = static_cast<std::size_t>(std::llround(scene.talker_begin_s * kSampleRate));
   const std::size_t end = static_cast<std::size_t>(std::llround(scene.talker_end_s * kSampleRate));
-  test::SpeechLikeOptions voice;
+  sim::SpeechLikeOptions voice;
   voice.f0_hz = 130.0;
-  const test::SpeechLike source = test::MakeSpeechLike(end - begin, scene.seed * 2654435761u + 7u, voice);
+  const sim::SpeechLike source = sim::MakeSpeechLike(end - begin, scene.seed * 2654435761u + 7u, voice);
 
   // Positions every few degrees along the walk, each owning a triangular
   // share of the source around its moment; the shares sum to one.
@@ -124,7 +126,7 @@ bool AddWalkingTalker(const DirectionScene& cell, DirectionRender* out, std::str
 
   std::vector<std::uint8_t> active(n, 0);
   for (std::size_t i = begin; i < end && i + direct_delay < n; ++i) active[i + direct_delay] = source.active[i - begin];
-  const double ms = test::MaskedMeanSquare(talker[0], active, 1);
+  const double ms = sim::MaskedMeanSquare(talker[0], active, 1);
   const double want = std::pow(32768.0 * std::pow(10.0, scene.talker_level_dbfs / 20.0), 2.0);
   const double gain = ms > 0.0 ? std::sqrt(want / ms) : 0.0;
   std::vector<std::int16_t>& mics = out->rendered.mics;
@@ -136,7 +138,7 @@ bool AddWalkingTalker(const DirectionScene& cell, DirectionRender* out, std::str
     }
   out->rendered.target = talker[0];
   for (float& v : out->rendered.target) v = static_cast<float>(v * gain);
-  out->rendered.truth.speech = test::FrameLabels(active);
+  out->rendered.truth.speech = sim::FrameLabels(active);
   out->rendered.truth.talker_delay = direct_delay;
   return true;
 }

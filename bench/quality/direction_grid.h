@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "scene/scene.h"
+#include "sim/scene.h"
 
 namespace vorn::bench {
 
@@ -15,7 +15,7 @@ enum class DirectionNoise { kDiffuse, kBabble, kInterferer };
 
 struct DirectionScene {
   std::string name;
-  Scene scene;
+  sim::Scene scene;
   DirectionNoise noise = DirectionNoise::kDiffuse;
   double snr_db = 0.0;
   // A walking talker goes from scene.azimuth_deg to scene.azimuth_deg +
@@ -26,7 +26,7 @@ struct DirectionScene {
 
 // The rendered scene and where the talker is at each 256-sample frame.
 struct DirectionRender {
-  RenderedScene rendered;
+  sim::RenderedScene rendered;
   std::vector<double> azimuth_deg;  // per frame, on the microphones' time line
 };
 
