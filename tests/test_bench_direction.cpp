@@ -6,6 +6,7 @@
 #include <cmath>
 
 #include "quality/direction_baselines.h"
+#include "quality/direction_bench.h"
 #include "quality/direction_grid.h"
 #include "sim/metrics.h"
 
@@ -62,6 +63,23 @@ TEST(BenchDirection, TheWalkingTalkerWalks) {
       RunBaseline(Baseline::kSrpPhat, r.rendered.mics, {{at(0.2), at(1.0)}, {at(4.2), at(6.0)}});
   EXPECT_LE(AzimuthErrorDeg(answers.stretch_deg[0], 300.0), 3.0);
   EXPECT_LE(AzimuthErrorDeg(answers.stretch_deg[1], 30.0), 3.0);
+}
+
+// A track that repeats the truth half a second late across 0/360 is found
+// half a second late and perfect there; pauses do not count.
+TEST(BenchDirection, TrackLagFindsTheDelayOverSpeechFrames) {
+  std::vector<double> truth(400), late(400);
+  std::vector<std::uint8_t> speech(400, 1);
+  for (std::size_t f = 0; f < truth.size(); ++f) truth[f] = std::fmod(300.0 + 0.5 * static_cast<double>(f), 360.0);
+  for (std::size_t f = 0; f < late.size(); ++f) late[f] = truth[f >= 31 ? f - 31 : 0];
+  for (std::size_t f = 200; f < 260; ++f) {
+    speech[f] = 0;
+    late[f] = 0.0;  // wild, but in a pause
+  }
+  const TrackLag lag = FindTrackLag(late, truth, speech, 100, 400, 125);
+  EXPECT_EQ(lag.frames, 31u);
+  EXPECT_NEAR(lag.error_at_lag_deg, 0.0, 1e-9);
+  EXPECT_NEAR(lag.error_undelayed_deg, 15.5, 1e-9);
 }
 
 }  // namespace

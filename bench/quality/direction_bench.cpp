@@ -144,16 +144,9 @@ Score ScoreAnswers(const DirectionScene& cell, const DirectionRender& r, const A
   // Lag: the delay of the truth that best explains the estimates over the
   // walk and the second after it.
   const FrameRange walk = Frames(cell.walk_begin_s, cell.walk_end_s + 1.0, frames);
-  double best = 1e300;
-  for (std::size_t lag = 0; lag <= kMaxLagFrames; ++lag) {
-    double sum = 0.0;
-    int n = 0;
-    for (std::size_t f = walk.begin; f < walk.end; ++f)
-      if (speech[f] != 0) sum += AzimuthErrorDeg(a.azimuth_deg[f], r.azimuth_deg[f - lag]), ++n;
-    const double mean = n ? sum / n : 0.0;
-    if (lag == 0) s.walk_error = mean;
-    if (mean < best) best = mean, s.lag_s = static_cast<double>(lag) * kFrameS;
-  }
+  const TrackLag lag = FindTrackLag(a.azimuth_deg, r.azimuth_deg, speech, walk.begin, walk.end, kMaxLagFrames);
+  s.lag_s = static_cast<double>(lag.frames) * kFrameS;
+  s.walk_error = lag.error_undelayed_deg;
   // Catch-up: from the end of the walk to the first speech frame from which
   // every later speech frame of the talk is within 10 degrees.
   const FrameRange after = Frames(cell.walk_end_s, cell.scene.talker_end_s, frames);
@@ -433,6 +426,23 @@ std::string Markdown(const Results& results, const std::vector<DirectionScene>& 
 }
 
 }  // namespace
+
+TrackLag FindTrackLag(const std::vector<double>& estimates_deg, const std::vector<double>& truth_deg,
+                      const std::vector<std::uint8_t>& speech, std::size_t begin, std::size_t end,
+                      std::size_t max_lag) {
+  TrackLag found;
+  double best = 1e300;
+  for (std::size_t lag = 0; lag <= max_lag; ++lag) {
+    double sum = 0.0;
+    int n = 0;
+    for (std::size_t f = std::max(begin, lag); f < end && f < estimates_deg.size() && f < speech.size(); ++f)
+      if (speech[f] != 0) sum += AzimuthErrorDeg(estimates_deg[f], truth_deg[f - lag]), ++n;
+    const double mean = n ? sum / n : 0.0;
+    if (lag == 0) found.error_undelayed_deg = mean;
+    if (mean < best) best = mean, found.frames = lag, found.error_at_lag_deg = mean;
+  }
+  return found;
+}
 
 int RunDirectionBench(const std::filesystem::path& out_dir, const std::string& match) {
   std::vector<DirectionScene> cells = DirectionScenes();
