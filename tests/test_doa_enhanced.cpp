@@ -212,7 +212,8 @@ TEST(DoaUtteranceEnhanced, UsesTheWholeStretchAndTheMicrophoneOrder) {
 TEST(DoaTrackerEnhanced, FollowsHoldsAndIgnoresTheLoudspeaker) {
   struct Segment {
     double seconds, azimuth;
-    bool talking, permitted, far_end;
+    bool talking, permitted;
+    double reference_rms;  // the loudspeaker reference, 0 when silent
   };
   // Every case starts with half a second of hiss, as a device would hear
   // the room before anyone speaks.
@@ -226,26 +227,33 @@ TEST(DoaTrackerEnhanced, FollowsHoldsAndIgnoresTheLoudspeaker) {
     double check_from_s, check_to_s, want;
   };
   const Case cases[] = {
-      {"locks on next to 0 degrees", {{3.0, 356.0, true, true, false}}, 0, 1.0, 3.0, 356.0},
-      {"holds in a pause", {{2.0, 100.0, true, true, false}, {3.0, 100.0, false, true, false}}, 0, 1.0, 5.0, 100.0},
+      {"locks on next to 0 degrees", {{3.0, 356.0, true, true, 0.0}}, 0, 1.0, 3.0, 356.0},
+      {"holds in a pause", {{2.0, 100.0, true, true, 0.0}, {3.0, 100.0, false, true, 0.0}}, 0, 1.0, 5.0, 100.0},
       {"follows a move within a second",
-       {{3.0, 40.0, true, true, false}, {3.0, 160.0, true, true, false}},
+       {{3.0, 40.0, true, true, 0.0}, {3.0, 160.0, true, true, 0.0}},
        0,
        4.0,
        6.0,
        160.0},
       {"stands still without permission",
-       {{2.5, 40.0, true, true, false}, {2.5, 160.0, true, false, false}},
+       {{2.5, 40.0, true, true, 0.0}, {2.5, 160.0, true, false, 0.0}},
        0,
        1.0,
        5.0,
        40.0},
       {"ignores the far end and its tail",
-       {{2.5, 300.0, true, true, false}, {2.0, 170.0, true, true, true}, {0.2, 170.0, true, true, false}},
+       {{2.5, 300.0, true, true, 0.0}, {2.0, 170.0, true, true, 3000.0}, {0.2, 170.0, true, true, 0.0}},
        1,
        1.0,
        4.7,
        300.0},
+      // A reference 70 dB down is a loudspeaker at rest, not a far end.
+      {"takes a dithered reference for silence",
+       {{2.5, 300.0, true, true, 0.0}, {2.5, 170.0, true, true, 10.0}},
+       1,
+       3.5,
+       5.0,
+       170.0},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
@@ -253,7 +261,7 @@ TEST(DoaTrackerEnhanced, FollowsHoldsAndIgnoresTheLoudspeaker) {
     std::uint32_t seed = 60;
     int frame = 0;
     int first_found = -1;
-    std::vector<Segment> segments = {{kLeadS, 0.0, false, true, false}};
+    std::vector<Segment> segments = {{kLeadS, 0.0, false, true, 0.0}};
     segments.insert(segments.end(), c.segments.begin(), c.segments.end());
     for (const Segment& s : segments) {
       // The far end plays through the loudspeaker as a source of its own at
@@ -263,8 +271,8 @@ TEST(DoaTrackerEnhanced, FollowsHoldsAndIgnoresTheLoudspeaker) {
           s.talking ? Talker(s.seconds, s.azimuth, 10.0, ++seed) : sim::IndependentNoise(n, 95.0, ++seed);
       const std::vector<short> pcm = sim::Interleave(mics);
       const std::vector<short> reference =
-          s.far_end ? sim::ToPcm(sim::MakeSpeechLike(n, seed + 50, {.rms = 3000.0}).samples)
-                    : std::vector<short>(n, 0);
+          s.reference_rms > 0.0 ? sim::ToPcm(sim::MakeSpeechLike(n, seed + 50, {.rms = s.reference_rms}).samples)
+                                : std::vector<short>(n, 0);
       fe.pm.doa_update_flag = s.permitted ? 1 : 0;
       for (std::size_t f = 0; f + kFrame <= n; f += kFrame, ++frame) {
         const int azimuth = fe.Frame(&pcm[3 * f], &reference[f]);
