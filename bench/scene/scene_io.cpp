@@ -49,6 +49,7 @@ const char* ColourName(NoiseColour colour) {
     case NoiseColour::kWhite: return "white";
     case NoiseColour::kPink: return "pink";
     case NoiseColour::kSpeech: return "speech";
+    case NoiseColour::kSpeechShaped: return "speech-shaped";
   }
   return "";
 }

@@ -1,0 +1,335 @@
+// vorn_fit_presence SCENES TABLE.cpp: designs the enhanced speech presence's
+// network (src/adsp_ns/presence_net.h) and the speech flag's threshold, and
+// writes them as the generated table src/adsp_ns/presence_net_table.cpp:
+//
+//   build/rel/bench/quality/vorn_fit_presence 60 src/adsp_ns/presence_net_table.cpp
+//
+// About five minutes on one core of the development machine, most of it
+// rendering the scenes (VORN_FIT_CACHE=DIR keeps rendered scenes between runs).
+//
+// Assumptions, written here because the weights have no closed rule:
+//  - Training scenes come from the bench's room simulator with seeds from
+//    9000 on, so none is one of the bench's own evaluation scenes (those use
+//    seeds below 1000). Each has a speech-like talker of its own (pitch
+//    90-250 Hz, 3-6 syllables a second, 45-75 % voiced), a level of -50 to
+//    -10 dBFS, a room of RT60 0.2-0.7 s, and one of the five noises of the
+//    bench (white, pink, speech-shaped, babble, a point source) at 0-20 dB.
+//  - A hop is labelled speech when the talker is in a syllable at the middle
+//    of its analysis window (the frame label the simulator gives there).
+//  - The network sees each hop's cues with the two hops before (as the
+//    library hands them), normalised by their training mean and spread. It
+//    is trained by Adam on the cross-entropy of the labels, full batch, from
+//    a fixed seed, with a small weight decay. The echo cue is not an input
+//    (these scenes have no far end): the library weighs it apart.
+//  - The flag's threshold maximises the F1 of the flag over the training
+//    scenes, with the flag drawn as the library draws it.
+// The program prints the weights as C++ to paste over the old ones, with the
+// training scenes' figures.
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <random>
+#include <vector>
+
+#include "adsp_ns/ns_enhanced.h"
+#include "adsp_ns/presence_net.h"
+#include "quality/scoring.h"
+#include "scene/metrics.h"
+
+namespace {
+
+using namespace vorn;
+using namespace vorn::bench;
+
+constexpr int kEpochs = 600;
+constexpr double kLearningRate = 0.01;
+constexpr double kWeightDecay = 1e-4;
+constexpr std::uint32_t kFirstSeed = 9000;
+
+Scene TrainingScene(std::uint32_t seed) {
+  std::mt19937 rng(seed);
+  std::uniform_real_distribution<double> u(0.0, 1.0);
+  Scene s;
+  s.seed = seed;
+  s.room.rt60_s = 0.2 + 0.5 * u(rng);
+  s.far_begin_s = s.far_end_s = 0.0;
+  s.talker_begin_s = 1.0 + 2.0 * u(rng);
+  s.talker_end_s = 12.0;
+  s.azimuth_deg = 360.0 * u(rng);
+  s.talker_level_dbfs = -50.0 + 40.0 * u(rng);
+  test::SpeechLikeOptions voice;
+  voice.f0_hz = 90.0 + 160.0 * u(rng);
+  voice.syllable_hz = 3.0 + 3.0 * u(rng);
+  voice.duty = 0.45 + 0.3 * u(rng);
+  voice.lead_silence_s = 0.3 * u(rng);
+  const std::size_t samples = static_cast<std::size_t>((s.talker_end_s - s.talker_begin_s) * kSampleRate);
+  s.talker = test::MakeSpeechLike(samples, seed * 7u + 3u, voice).samples;
+  NoiseSource noise;
+  noise.snr_db = 20.0 * u(rng);
+  switch (seed % 5) {
+    case 0: noise.kind = NoiseKind::kSensor, noise.colour = NoiseColour::kWhite; break;
+    case 1: noise.kind = NoiseKind::kDiffuse, noise.colour = NoiseColour::kPink; break;
+    case 2: noise.kind = NoiseKind::kDiffuse, noise.colour = NoiseColour::kSpeechShaped; break;
+    case 3: noise.kind = NoiseKind::kBabble; break;
+    default:
+      noise.kind = NoiseKind::kInterferer, noise.colour = NoiseColour::kPink;
+      noise.azimuth_deg = 360.0 * u(rng);
+      noise.distance_m = 1.0 + u(rng);
+  }
+  s.noises.push_back(noise);
+  s.noises.push_back({NoiseKind::kSensor, NoiseColour::kWhite, 45.0});
+  return s;
+}
+
+template <class T>
+void Put(std::ofstream& o, const std::vector<T>& v) {
+  const std::size_t n = v.size();
+  o.write(reinterpret_cast<const char*>(&n), sizeof n);
+  o.write(reinterpret_cast<const char*>(v.data()), static_cast<std::streamsize>(n * sizeof(T)));
+}
+template <class T>
+void Get(std::ifstream& i, std::vector<T>& v) {
+  std::size_t n = 0;
+  i.read(reinterpret_cast<char*>(&n), sizeof n);
+  v.resize(n);
+  i.read(reinterpret_cast<char*>(v.data()), static_cast<std::streamsize>(n * sizeof(T)));
+}
+
+// Microphone 0 and the frame labels of a training scene, rendered or read back.
+bool Load(std::uint32_t seed, std::vector<std::int16_t>* mic, std::vector<std::uint8_t>* labels) {
+  const char* cache = std::getenv("VORN_FIT_CACHE");
+  const std::string path = cache ? std::string(cache) + "/fit_" + std::to_string(seed) + ".bin" : "";
+  if (!path.empty() && std::filesystem::exists(path)) {
+    std::ifstream in(path, std::ios::binary);
+    Get(in, *mic);
+    Get(in, *labels);
+    return true;
+  }
+  RenderedScene r;
+  std::string error;
+  if (!RenderScene(TrainingScene(seed), &r, &error)) {
+    std::fprintf(stderr, "scene %u left out: %s\n", seed, error.c_str());
+    return false;
+  }
+  mic->resize(r.mics.size() / kMics);
+  for (std::size_t i = 0; i < mic->size(); ++i) (*mic)[i] = r.mics[i * kMics];
+  *labels = r.truth.speech;
+  if (!path.empty()) {
+    std::ofstream out(path, std::ios::binary);
+    Put(out, *mic);
+    Put(out, *labels);
+  }
+  return true;
+}
+
+struct SceneCues {
+  std::vector<std::array<float, kNetInputs>> inputs;  // per hop, as the library builds them
+  std::vector<std::uint8_t> labels;                   // per frame
+};
+
+SceneCues Cues(const std::vector<std::int16_t>& mic, const std::vector<std::uint8_t>& labels) {
+  SceneCues sc;
+  sc.labels = labels;
+  EnhancedPresenceState st;
+  EnhancedPresenceInit(&st);
+  const NsEchoCues no_echo{false, 0.0f, nullptr, -200.0f};
+  std::array<float, kNetCues> past[2] = {};
+  for (std::size_t h = 0; (h + 1) * kNsHop <= mic.size() && h < labels.size() * 2; ++h) {
+    NsHopAnalysis hop;
+    EnhancedPresenceHop(&st, &mic[h * kNsHop], no_echo, &hop);
+    std::array<float, kNetInputs> in{};
+    for (int c = 0; c < kNetCues; ++c) {
+      in[static_cast<std::size_t>(c)] = hop.cues[c];
+      in[static_cast<std::size_t>(kNetCues + c)] = past[0][static_cast<std::size_t>(c)];
+      in[static_cast<std::size_t>(2 * kNetCues + c)] = past[1][static_cast<std::size_t>(c)];
+    }
+    past[1] = past[0];
+    for (int c = 0; c < kNetCues; ++c) past[0][static_cast<std::size_t>(c)] = hop.cues[c];
+    sc.inputs.push_back(in);
+  }
+  return sc;
+}
+
+// The network in double for training.
+struct Net {
+  double mean[kNetInputs], scale[kNetInputs];
+  double w1[kNetHidden][kNetInputs], b1[kNetHidden], w2[kNetHidden], b2;
+};
+
+// The library's float inference over the table the fitter is about to write.
+float Logit(const PresenceNetTable& t, const std::array<float, kNetInputs>& in) {
+  float x[kNetInputs];
+  for (int i = 0; i < kNetInputs; ++i) x[i] = (in[static_cast<std::size_t>(i)] - t.input_mean[i]) * t.input_scale[i];
+  float out = t.output_bias;
+  for (int h = 0; h < kNetHidden; ++h) {
+    float a = t.hidden_bias[h];
+    for (int i = 0; i < kNetInputs; ++i) a += t.hidden_weights[h][i] * x[i];
+    out += t.output_weights[h] * std::tanh(a);
+  }
+  return out;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc != 3) {
+    std::fprintf(stderr, "usage: vorn_fit_presence SCENES TABLE.cpp\n");
+    return 2;
+  }
+  const int scenes = std::atoi(argv[1]);
+  std::vector<SceneCues> data;
+  for (int i = 0; i < scenes; ++i) {
+    std::vector<std::int16_t> mic;
+    std::vector<std::uint8_t> labels;
+    if (!Load(kFirstSeed + static_cast<std::uint32_t>(i), &mic, &labels)) continue;
+    data.push_back(Cues(mic, labels));
+    std::fprintf(stderr, "scene %d ready\n", i);
+  }
+
+  // Training samples: every hop past the first 320 ms, labelled at its window's middle.
+  std::vector<const std::array<float, kNetInputs>*> x;
+  std::vector<double> y;
+  for (const SceneCues& sc : data)
+    for (std::size_t h = 40; h < sc.inputs.size(); ++h) {
+      const std::size_t centre = (h + 1) * kNsHop - kNsFftLen / 2;
+      x.push_back(&sc.inputs[h]);
+      y.push_back(sc.labels[centre / 256]);
+    }
+  const double n = static_cast<double>(x.size());
+
+  Net net{};
+  for (int i = 0; i < kNetInputs; ++i) {
+    double sum = 0.0, sq = 0.0;
+    for (const auto* s : x) sum += (*s)[static_cast<std::size_t>(i)];
+    net.mean[i] = sum / n;
+    for (const auto* s : x) sq += ((*s)[static_cast<std::size_t>(i)] - net.mean[i]) * ((*s)[static_cast<std::size_t>(i)] - net.mean[i]);
+    net.scale[i] = 1.0 / std::sqrt(sq / n + 1e-6);
+  }
+  std::mt19937 rng(1);
+  std::uniform_real_distribution<double> init(-1.0 / std::sqrt(kNetInputs), 1.0 / std::sqrt(kNetInputs));
+  for (auto& row : net.w1)
+    for (double& w : row) w = init(rng);
+  for (double& w : net.w2) w = init(rng);
+
+  constexpr int kParams = kNetHidden * kNetInputs + 2 * kNetHidden + 1;
+  std::vector<double> m(kParams, 0.0), v(kParams, 0.0), g(kParams);
+  std::vector<double> xs(static_cast<std::size_t>(kNetInputs));
+  for (int epoch = 1; epoch <= kEpochs; ++epoch) {
+    std::fill(g.begin(), g.end(), 0.0);
+    double loss = 0.0;
+    for (std::size_t s = 0; s < x.size(); ++s) {
+      for (int i = 0; i < kNetInputs; ++i)
+        xs[static_cast<std::size_t>(i)] = ((*x[s])[static_cast<std::size_t>(i)] - net.mean[i]) * net.scale[i];
+      double hidden[kNetHidden], out = net.b2;
+      for (int h = 0; h < kNetHidden; ++h) {
+        double a = net.b1[h];
+        for (int i = 0; i < kNetInputs; ++i) a += net.w1[h][i] * xs[static_cast<std::size_t>(i)];
+        hidden[h] = std::tanh(a);
+        out += net.w2[h] * hidden[h];
+      }
+      const double p = 1.0 / (1.0 + std::exp(-out));
+      loss -= y[s] > 0.5 ? std::log(p + 1e-12) : std::log(1.0 - p + 1e-12);
+      const double d = p - y[s];
+      std::size_t k = 0;
+      for (int h = 0; h < kNetHidden; ++h) {
+        const double dh = d * net.w2[h] * (1.0 - hidden[h] * hidden[h]);
+        for (int i = 0; i < kNetInputs; ++i) g[k++] += dh * xs[static_cast<std::size_t>(i)];
+        g[k++] += dh;
+      }
+      for (int h = 0; h < kNetHidden; ++h) g[k++] += d * hidden[h];
+      g[k] += d;
+    }
+    // Adam over the mean gradient.
+    std::size_t k = 0;
+    auto step = [&](double& w, bool decay) {
+      const double grad = g[k] / n + (decay ? kWeightDecay * w : 0.0);
+      m[k] = 0.9 * m[k] + 0.1 * grad;
+      v[k] = 0.999 * v[k] + 0.001 * grad * grad;
+      const double mh = m[k] / (1.0 - std::pow(0.9, epoch)), vh = v[k] / (1.0 - std::pow(0.999, epoch));
+      w -= kLearningRate * mh / (std::sqrt(vh) + 1e-8);
+      ++k;
+    };
+    for (int h = 0; h < kNetHidden; ++h) {
+      for (int i = 0; i < kNetInputs; ++i) step(net.w1[h][i], true);
+      step(net.b1[h], false);
+    }
+    for (int h = 0; h < kNetHidden; ++h) step(net.w2[h], true);
+    step(net.b2, false);
+    if (epoch % 100 == 0) std::fprintf(stderr, "epoch %d: cross-entropy %.4f\n", epoch, loss / n);
+  }
+
+  PresenceNetTable t{};
+  for (int i = 0; i < kNetInputs; ++i) {
+    t.input_mean[i] = static_cast<float>(net.mean[i]);
+    t.input_scale[i] = static_cast<float>(net.scale[i]);
+  }
+  for (int h = 0; h < kNetHidden; ++h) {
+    for (int i = 0; i < kNetInputs; ++i) t.hidden_weights[h][i] = static_cast<float>(net.w1[h][i]);
+    t.hidden_bias[h] = static_cast<float>(net.b1[h]);
+    t.output_weights[h] = static_cast<float>(net.w2[h]);
+  }
+  t.output_bias = static_cast<float>(net.b2);
+
+  // The flag's threshold, with the flag drawn as the library draws it.
+  double best_f1 = 0.0;
+  t.flag_threshold = 0.5f;
+  for (int step = 0; step <= 12; ++step) {
+    const float threshold = 0.2f + 0.05f * static_cast<float>(step);
+    std::vector<VadScores> scores;
+    for (const SceneCues& sc : data) {
+      std::vector<float> p(sc.inputs.size());
+      for (std::size_t h = 0; h < p.size(); ++h) p[h] = 1.0f / (1.0f + std::exp(-Logit(t, sc.inputs[h])));
+      std::vector<std::uint8_t> flags(sc.labels.size(), 0);
+      for (std::size_t f = 1; 2 * f < p.size(); ++f)
+        flags[f] = 0.25f * p[2 * f - 2] + 0.5f * p[2 * f - 1] + 0.25f * p[2 * f] > threshold ? 1 : 0;
+      // The output frame f covers the input 384 samples back: scored, as the bench does, against label f - 2.
+      scores.push_back(ScoreVad(flags, sc.labels, 2));
+    }
+    const VadScores pooled = PoolVad(scores);
+    std::fprintf(stderr, "threshold %.2f: P %.3f R %.3f F1 %.3f\n", threshold, pooled.precision, pooled.recall,
+                 pooled.f1);
+    if (pooled.f1 > best_f1) best_f1 = pooled.f1, t.flag_threshold = threshold;
+  }
+
+  std::FILE* f = std::fopen(argv[2], "w");
+  if (f == nullptr) {
+    std::fprintf(stderr, "cannot write %s\n", argv[2]);
+    return 1;
+  }
+  std::fprintf(f,
+               "// Generated by bench/quality/fit_presence.cpp (its header gives the command and the\n"
+               "// assumptions); do not edit. %zu training hops from %zu scenes; the speech flag's\n"
+               "// F1 over them is %.3f at the threshold below.\n"
+               "#include \"adsp_ns/presence_net.h\"\n\nnamespace vorn {\n\n// clang-format off\n"
+               "const PresenceNetTable kPresenceNet = {\n",
+               x.size(), data.size(), best_f1);
+  auto row = [f](const float* a, int count) {
+    std::fprintf(f, "{");
+    for (int i = 0; i < count; ++i) std::fprintf(f, "%s%#.9gf", i ? ", " : "", static_cast<double>(a[i]));
+    std::fprintf(f, "}");
+  };
+  std::fprintf(f, "  ");
+  row(t.input_mean, kNetInputs);
+  std::fprintf(f, ",\n  ");
+  row(t.input_scale, kNetInputs);
+  std::fprintf(f, ",\n  {\n");
+  for (int h = 0; h < kNetHidden; ++h) {
+    std::fprintf(f, "    ");
+    row(t.hidden_weights[h], kNetInputs);
+    std::fprintf(f, ",\n");
+  }
+  std::fprintf(f, "  },\n  ");
+  row(t.hidden_bias, kNetHidden);
+  std::fprintf(f, ",\n  ");
+  row(t.output_weights, kNetHidden);
+  std::fprintf(f, ",\n  %#.9gf,\n  %#.9gf,\n};\n// clang-format on\n\n}  // namespace vorn\n",
+               static_cast<double>(t.output_bias), static_cast<double>(t.flag_threshold));
+  std::fclose(f);
+  std::printf("wrote %s: flag F1 %.3f at threshold %.2f over the training scenes\n", argv[2], best_f1,
+              static_cast<double>(t.flag_threshold));
+  return 0;
+}

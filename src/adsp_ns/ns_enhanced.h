@@ -1,0 +1,143 @@
+// The enhanced profile's speech presence, suppressor and speech flag.
+//
+// One analysis per 128-sample hop is shared by all three: the presence
+// estimator windows and transforms the hop (the same unit-energy Hamming
+// window and 512-point transform as the classic suppressor, so spectra and
+// noise powers are on the classic scale), tracks the noise, and judges per
+// band and per hop whether the near talker speaks. The suppressor turns those
+// judgements into gains on the same spectrum and resynthesises; the speech
+// flag reads the hop judgements aligned with the suppressor's output.
+//
+// Records live in caller memory (the enhanced region) and are prepared by
+// the ...Init functions; nothing here allocates.
+#pragma once
+
+#include <array>
+#include <cstdint>
+
+#include "adsp_ns/adsp_ns_proc.h"
+
+namespace vorn {
+
+// ---- bands ----------------------------------------------------------------
+// Bins 0..15 in bands of two; from bin 16 on, every octave of bins in four
+// bands of equal width (16..31 by 4, 32..63 by 8, ..., 128..255 by 32); bin
+// 256 closes the last band. Narrow where speech has its pitch harmonics and
+// formants, wide where a band has to average out noise.
+constexpr int kPresenceBands = 24;
+
+constexpr std::array<int, kPresenceBands + 1> MakeBandEdges() {
+  std::array<int, kPresenceBands + 1> edges{};
+  int b = 0;
+  for (int bin = 0; bin < 16; bin += 2) edges[b++] = bin;
+  for (int octave = 16; octave < 256; octave *= 2)
+    for (int q = 0; q < 4; ++q) edges[b++] = octave + q * octave / 4;
+  edges[b] = kNsBins;  // the last band takes bin 256 too
+  return edges;
+}
+constexpr std::array<int, kPresenceBands + 1> kBandEdges = MakeBandEdges();
+static_assert(kBandEdges[8] == 16 && kBandEdges[12] == 32 && kBandEdges[23] == 224 && kBandEdges[24] == 257);
+
+// ---- what the canceller tells the presence estimate ------------------------
+struct NsEchoCues {
+  bool reference_active;  // the loudspeaker plays this frame
+  float far_activity;     // 0..1
+  const float* coherence; // the canceller's 130 values: far/near (0..64), near/error (65..129); null when off
+  float residual_echo_db; // the canceller's estimate of the echo left in its output, dB re 1 (int16 scale)
+                          // per sample; below -100 when unknown
+};
+
+// ---- the cues a hop's presence is judged by ---------------------------------
+enum PresenceCue {
+  kCueExcess,       // mean excess over the noise in the speech bands, dB (0..25 per band)
+  kCueExcessTop,    // the same over the four bands that stand highest, dB
+  kCueFrameSnr,     // excess power over noise power in the speech bands, dB (-20..40)
+  kCueHarmonicity,  // energy on multiples of a pitch: about 0.6 for noise, above 1 for a voice
+  kCueBelowTalker,  // dB by which the hop's excess level falls short of the talker's recent level (0..40)
+  kCueDecay,        // dB by which it lies below its own peak of the last 120 ms: a dying tail (0..30)
+  kCueEcho,         // 0..1: the far end's share, from the canceller's coherence
+  kPresenceCues
+};
+// The cues the presence network reads (all but the echo, which is weighed
+// apart), for this hop and the two before it.
+constexpr int kNetCues = kCueEcho;
+constexpr int kNetContext = 3;
+constexpr int kNetInputs = kNetCues * kNetContext;
+
+// ---- one hop's analysis, handed from the presence estimate to the suppressor
+struct NsHopAnalysis {
+  float spectrum[kNsFftLen];  // packed spectrum of the windowed hop (classic packing)
+  float power[kNsBins];
+  float band_prob[kPresenceBands];  // 0..1 per band: the talker in this band
+  float prob;                       // 0..1: the talker in this hop
+  float echo;                       // 0..1: how much of the hop the far end's echo explains
+  float snr_db;                     // speech-band excess over the noise, dB
+  float cues[kPresenceCues];
+};
+
+// ---- records -------------------------------------------------------------------
+constexpr int kNoiseSubWindows = 6;     // the noise floor's minimum search: 6 stretches ...
+constexpr int kNoiseSubWindowHops = 32; // ... of 32 hops (1.5 s in all)
+constexpr int kLevelHistory = 15;        // hops a tail is judged against (120 ms)
+
+struct EnhancedPresenceState {
+  float au[kNsFftLen];                      // the last 512 input samples
+  float noise[kNsBins];                     // noise power per bin
+  float spp_mean[kNsBins];                  // smoothed bin presence, for the stagnation guard
+  float smooth_power[kNsBins];              // time/frequency smoothed power, for the floor search
+  float stretch_min[kNsBins];               // minimum of smooth_power in the current stretch
+  float window_min[kNsBins];                // minimum over the stored stretches
+  float stretch_mins[kNoiseSubWindows][kNsBins];
+  float band_prob[kPresenceBands];          // smoothed band presence
+  float talker_level_db;                    // peak follower of the talker's excess level
+  float level_history[kLevelHistory];       // the last hops' excess levels, dB (a ring)
+  float prob;                               // last hop's presence (smoothed)
+  int32_t hops;                             // hops analysed, saturating
+  int32_t stretch_hops;                     // hops into the current stretch
+  int32_t stretch_index;                    // next stretch row to overwrite
+  int32_t stretches_filled;
+  int32_t level_at;                         // next slot of level_history
+  float past_cues[kNetContext - 1][kNetCues];  // the two previous hops' cues, newest first
+};
+
+struct EnhancedSuppressorState {
+  float ola[kNsFftLen];      // synthesis overlap-add buffer
+  float clean_power[kNsBins];// last hop's output power per bin (decision-directed memory)
+  float floor_gain;          // the gain floor in force, following the presence
+};
+
+struct EnhancedVadState {
+  float last_hop_prob[2];  // the previous frame's two hop presences
+  int32_t hangover;        // frames the flag is still held
+  int32_t frames;          // frames decided, saturating
+};
+
+// The three records as the enhanced region holds them.
+struct EnhancedSpeechRecords {
+  EnhancedPresenceState presence;
+  EnhancedSuppressorState suppressor;
+  EnhancedVadState vad;
+};
+static_assert(sizeof(EnhancedSpeechRecords) <= 38 * 1024, "speech presence, suppressor and flag share 38 KB");
+
+// ---- presence ------------------------------------------------------------
+void EnhancedPresenceInit(EnhancedPresenceState* st);
+// Analyses one hop of 128 samples into `hop` and updates the noise estimate.
+void EnhancedPresenceHop(EnhancedPresenceState* st, const short* in, const NsEchoCues& echo, NsHopAnalysis* hop);
+
+// ---- suppressor ------------------------------------------------------------
+void EnhancedSuppressorInit(EnhancedSuppressorState* st);
+// Gains from `hop` and the presence state's noise, applied to hop->spectrum
+// (changed in place); 128 output samples, 384 samples behind the input.
+void EnhancedSuppressHop(EnhancedSuppressorState* st, const EnhancedPresenceState& presence, NsHopAnalysis* hop,
+                         short* out);
+
+// ---- speech flag -----------------------------------------------------------------
+void EnhancedVadInit(EnhancedVadState* st);
+// The presence of the frame leaving the suppressor now (384 samples behind
+// the frame just analysed), from this frame's and the previous frame's hops.
+float EnhancedOutputPresence(const EnhancedVadState& st, const NsHopAnalysis hops[2]);
+// The speech flag of that frame; call once per frame after EnhancedOutputPresence.
+int EnhancedVadDecide(EnhancedVadState* st, const NsHopAnalysis hops[2], float output_prob);
+
+}  // namespace vorn

@@ -1,0 +1,254 @@
+// Speech presence for the enhanced profile: noise tracking and the judgement,
+// per band and per hop, of whether the near talker speaks.
+//
+// Noise. Each bin's noise power follows the periodogram weighted by the
+// probability that the bin holds noise alone, judged from its a posteriori
+// SNR against a fixed speech SNR of 15 dB. That follows a noise that rises
+// or falls between syllables (babble, a passing car) within a few hundred
+// milliseconds, and it leaves a bin alone while speech dominates it, so a
+// sustained vowel is not learned as noise. Its one weakness, a step up in
+// noise that looks like speech to it, is covered by a floor: a bias-corrected
+// minimum of the smoothed power over the last 1.5 s lifts the estimate when
+// it has stayed below the noise that long. The probability is capped below 1
+// while it has been near 1 for a while, so a bin cannot freeze for ever.
+//
+// Presence. Three cues, each robust to a different noise:
+//  - excess: per band, how far the power stands above the noise; the hop's
+//    cue is the mean over the speech bands (62 Hz to 4 kHz) in dB;
+//  - harmonicity: voiced speech puts its energy on multiples of a pitch; the
+//    excess magnitude spectrum, with its envelope removed, correlates with
+//    itself shifted by the pitch. Noise does not, and a mixture of many
+//    voices (diffuse speech-shaped noise) hardly does;
+//  - level: other talkers in the room (babble) stand above the noise estimate
+//    as well, but well below the talker, who is nearest; a hop far below the
+//    talker's recent level counts against speech.
+// The far end's echo counts against speech where the canceller finds the
+// microphone coherent with the loudspeaker.
+#include <algorithm>
+#include <cmath>
+
+#include "adsp_ns/ns_enhanced.h"
+#include "adsp_ns/presence_net.h"
+#include "common/adsp_common_fft_rel.h"
+#include "common/adsp_common_rom.h"
+#include "common/adsp_common_util.h"
+
+namespace vorn {
+namespace {
+
+constexpr float kNoiseFloorPower = 1e-3f;  // below any int16 signal's bin power
+constexpr int kStartHops = 8;              // hops averaged as noise before tracking starts
+constexpr int kHopsMax = 1 << 30;
+
+// Bin presence against a speech SNR of 15 dB with even prior odds.
+constexpr float kSpeechSnr = 31.622777f;
+constexpr float kLikelihoodScale = kSpeechSnr / (1.0f + kSpeechSnr);
+constexpr float kNoiseSmoothing = 0.9f;    // per hop: about 80 ms
+constexpr float kSppMeanSmoothing = 0.9f;
+constexpr float kSppStagnation = 0.99f;    // a bin this sure of speech for this long ...
+constexpr float kSppCap = 0.998f;          // ... is let to learn a little
+constexpr float kPowerSmoothing = 0.8f;    // smoothing ahead of the floor search
+constexpr float kFloorBias = 1.5f;         // minimum of a smoothed periodogram lies below its mean
+
+// Band cue: logistic in the band's excess SNR.
+constexpr float kBandCentreDb = 3.0f;
+constexpr float kBandSlope = 0.9f;
+constexpr float kBandRelease = 0.5f;  // share of the old band presence kept when it falls
+
+constexpr int kCueFirstBand = 1;   // bins 2..127: 62 Hz to 4 kHz
+constexpr int kCueLastBand = 19;
+constexpr int kCueFirstBin = 2;
+constexpr int kCueLastBin = 127;
+constexpr float kExcessCapDb = 25.0f;
+
+// Harmonicity over 94 Hz .. 3 kHz, pitch 62.5 .. 400 Hz.
+constexpr int kHarmFirstBin = 3;
+constexpr int kHarmLastBin = 96;
+constexpr int kPitchLagMin = 40;
+constexpr int kPitchLagMax = 256;
+
+// Echo: full far/near coherence outweighs any other evidence.
+constexpr float kEchoWeight = 8.0f;
+constexpr int kTopBands = 4;
+
+// Talker level: follows peaks, decays 1.25 dB/s.
+constexpr float kLevelAttack = 0.3f;
+constexpr float kLevelDecayDb = 0.01f;
+constexpr float kLevelVoicedHarmonicity = 1.0f;
+constexpr float kLevelVoicedSnrDb = 0.0f;
+constexpr float kLevelUnknownDb = -100.0f;
+
+// Echo: mean far/near coherence over 375 Hz .. 5 kHz of the canceller's 65 bands.
+constexpr int kCohFirst = 3;
+constexpr int kCohLast = 40;
+constexpr int kCohBands = 65;
+constexpr float kCohEchoStart = 0.25f;
+constexpr float kCohEchoSpan = 0.35f;
+
+float Logistic(float z) { return 1.0f / (1.0f + std::exp(-z)); }
+
+float Db(float power) { return 10.0f * std::log10(power); }
+
+// Noise per bin; returns nothing, updates st->noise and the floor search.
+void TrackNoise(EnhancedPresenceState* st, const float* power) {
+  if (st->hops <= kStartHops) {
+    const float w = 1.0f / static_cast<float>(st->hops);
+    for (int k = 0; k < kNsBins; ++k) st->noise[k] += w * (power[k] - st->noise[k]);
+  } else {
+    for (int k = 0; k < kNsBins; ++k) {
+      const float noise = std::max(st->noise[k], kNoiseFloorPower);
+      const float x = power[k] / noise * kLikelihoodScale;
+      // exp(-x) below 2e-9 leaves the probability at 1 in float.
+      float spp = x > 20.0f ? 1.0f : 1.0f / (1.0f + (1.0f + kSpeechSnr) * std::exp(-x));
+      st->spp_mean[k] = kSppMeanSmoothing * st->spp_mean[k] + (1.0f - kSppMeanSmoothing) * spp;
+      if (st->spp_mean[k] > kSppStagnation) spp = std::min(spp, kSppCap);
+      const float heard = spp * noise + (1.0f - spp) * power[k];
+      st->noise[k] = kNoiseSmoothing * noise + (1.0f - kNoiseSmoothing) * heard;
+    }
+  }
+
+  // Floor search over the power smoothed across three bins and in time.
+  for (int k = 0; k < kNsBins; ++k) {
+    const float left = power[k > 0 ? k - 1 : k], right = power[k < kNsBins - 1 ? k + 1 : k];
+    const float across = 0.25f * left + 0.5f * power[k] + 0.25f * right;
+    st->smooth_power[k] =
+        st->hops == 1 ? across : kPowerSmoothing * st->smooth_power[k] + (1.0f - kPowerSmoothing) * across;
+    st->stretch_min[k] = st->stretch_hops == 0 ? st->smooth_power[k] : std::min(st->stretch_min[k], st->smooth_power[k]);
+  }
+  if (++st->stretch_hops == kNoiseSubWindowHops) {
+    st->stretch_hops = 0;
+    float* row = st->stretch_mins[st->stretch_index];
+    for (int k = 0; k < kNsBins; ++k) row[k] = st->stretch_min[k];
+    st->stretch_index = (st->stretch_index + 1) % kNoiseSubWindows;
+    if (st->stretches_filled < kNoiseSubWindows) ++st->stretches_filled;
+    for (int k = 0; k < kNsBins; ++k) {
+      float m = st->stretch_mins[0][k];
+      for (int r = 1; r < st->stretches_filled; ++r) m = std::min(m, st->stretch_mins[r][k]);
+      st->window_min[k] = m;
+    }
+  }
+  // Only a full window of evidence may lift the estimate.
+  if (st->stretches_filled == kNoiseSubWindows)
+    for (int k = 0; k < kNsBins; ++k) st->noise[k] = std::max(st->noise[k], kFloorBias * st->window_min[k]);
+}
+
+// 0..~0.8: how strongly the excess magnitude spectrum repeats at a pitch
+// spacing. The spectrum's envelope is removed (its local five-bin mean), and
+// the inverse transform of what remains peaks at the pitch period; its height
+// against the spectrum's total magnitude is the cue.
+float Harmonicity(const float* power, const float* noise) {
+  float mag[kNsBins] = {};
+  for (int k = kHarmFirstBin - 2; k <= kHarmLastBin + 2; ++k) mag[k] = std::sqrt(std::max(power[k] - noise[k], 0.0f));
+  float ripple[kNsFftLen] = {};
+  float total = 0.0f;
+  for (int k = kHarmFirstBin; k <= kHarmLastBin; ++k) {
+    const float envelope = 0.2f * (mag[k - 2] + mag[k - 1] + mag[k] + mag[k + 1] + mag[k + 2]);
+    ripple[k] = mag[k] - envelope;
+    total += std::fabs(ripple[k]);
+  }
+  if (total <= 1e-3f) return 0.0f;
+  ifft_rel(ripple, kNsFftLen, kNsFftOrder);  // a real, even spectrum: the cosine sum, scaled by 1/512
+  float peak = 0.0f;
+  for (int lag = kPitchLagMin; lag <= kPitchLagMax; ++lag) peak = std::max(peak, ripple[lag]);
+  return peak * static_cast<float>(kNsFftLen) / total;
+}
+
+float EchoShare(const NsEchoCues& echo) {
+  if (!echo.reference_active || echo.coherence == nullptr) return 0.0f;
+  float sum = 0.0f;
+  for (int k = kCohFirst; k <= kCohLast; ++k) sum += echo.coherence[k];
+  const float far_near = sum / static_cast<float>(kCohLast - kCohFirst + 1);
+  return std::clamp((far_near - kCohEchoStart) / kCohEchoSpan, 0.0f, 1.0f);
+}
+
+}  // namespace
+
+static_assert(kCohLast < kCohBands);
+static_assert(kBandEdges[kCueFirstBand] == kCueFirstBin && kBandEdges[kCueLastBand + 1] == kCueLastBin + 1);
+
+void EnhancedPresenceInit(EnhancedPresenceState* st) {
+  *st = EnhancedPresenceState{};
+  st->talker_level_db = kLevelUnknownDb;
+  for (float& l : st->level_history) l = 0.0f;
+}
+
+void EnhancedPresenceHop(EnhancedPresenceState* st, const short* in, const NsEchoCues& echo, NsHopAnalysis* hop) {
+  if (st->hops < kHopsMax) ++st->hops;
+  SaveFrameMoveAu(st->au, const_cast<short*>(in), kNsFftLen, kNsHop);
+  AddWin(st->au, hanmming_win, kNsFftLen, hop->spectrum);
+  fft_rel(hop->spectrum, kNsFftLen, kNsFftOrder);
+  GetPsd(hop->spectrum, kNsFftLen, hop->power);
+  TrackNoise(st, hop->power);
+
+  // Band cue.
+  float excess_sum = 0.0f;
+  float top[kTopBands] = {};  // the highest band excesses, falling
+  for (int b = 0; b < kPresenceBands; ++b) {
+    float p = 0.0f, n = 0.0f;
+    for (int k = kBandEdges[b]; k < kBandEdges[b + 1]; ++k) {
+      p += hop->power[k];
+      n += std::max(st->noise[k], kNoiseFloorPower);
+    }
+    const float excess_db = Db(std::max(p / n - 1.0f, 0.01f));
+    const float now = Logistic(kBandSlope * (excess_db - kBandCentreDb));
+    st->band_prob[b] = std::max(now, kBandRelease * st->band_prob[b] + (1.0f - kBandRelease) * now);
+    hop->band_prob[b] = st->band_prob[b];
+    if (b >= kCueFirstBand && b <= kCueLastBand) {
+      float e = std::clamp(excess_db, 0.0f, kExcessCapDb);
+      excess_sum += e;
+      for (float& t : top)
+        if (e > t) std::swap(e, t);
+    }
+  }
+  const float excess = excess_sum / static_cast<float>(kCueLastBand - kCueFirstBand + 1);
+
+  float excess_power = 0.0f, noise_power = 0.0f;
+  for (int k = kCueFirstBin; k <= kCueLastBin; ++k) {
+    excess_power += std::max(hop->power[k] - st->noise[k], 0.0f);
+    noise_power += std::max(st->noise[k], kNoiseFloorPower);
+  }
+  const float level_db = Db(excess_power + 1.0f);
+  const float below_talker =
+      st->talker_level_db <= kLevelUnknownDb ? 0.0f : std::clamp(st->talker_level_db - level_db, 0.0f, 40.0f);
+
+  float recent_peak = level_db;
+  for (float l : st->level_history) recent_peak = std::max(recent_peak, l);
+  st->level_history[st->level_at] = level_db;
+  st->level_at = (st->level_at + 1) % kLevelHistory;
+
+  hop->echo = EchoShare(echo);
+  hop->cues[kCueExcess] = excess;
+  hop->cues[kCueExcessTop] = (top[0] + top[1] + top[2] + top[3]) / static_cast<float>(kTopBands);
+  hop->cues[kCueFrameSnr] = std::clamp(Db(excess_power / noise_power + 1e-4f), -20.0f, 40.0f);
+  hop->cues[kCueHarmonicity] = Harmonicity(hop->power, st->noise);
+  hop->cues[kCueBelowTalker] = below_talker;
+  hop->cues[kCueDecay] = std::min(recent_peak - level_db, 30.0f);
+  hop->cues[kCueEcho] = hop->echo;
+
+  float inputs[kNetInputs];
+  for (int c = 0; c < kNetCues; ++c) {
+    inputs[c] = hop->cues[c];
+    for (int back = 0; back < kNetContext - 1; ++back) inputs[(back + 1) * kNetCues + c] = st->past_cues[back][c];
+  }
+  for (int c = 0; c < kNetCues; ++c) {
+    st->past_cues[1][c] = st->past_cues[0][c];
+    st->past_cues[0][c] = hop->cues[c];
+  }
+  hop->prob = Logistic(PresenceNetLogit(inputs) - kEchoWeight * hop->echo);
+  hop->snr_db = hop->cues[kCueFrameSnr];
+
+  // The talker's level follows hops that are clearly a voice well above the
+  // noise (judged from the cues alone, so the network's inputs do not
+  // depend on its own output).
+  const bool voiced = hop->cues[kCueHarmonicity] > kLevelVoicedHarmonicity && hop->cues[kCueFrameSnr] > kLevelVoicedSnrDb;
+  if (voiced && level_db > st->talker_level_db)
+    st->talker_level_db = st->talker_level_db <= kLevelUnknownDb
+                              ? level_db
+                              : st->talker_level_db + kLevelAttack * (level_db - st->talker_level_db);
+  else if (st->talker_level_db > kLevelUnknownDb)
+    st->talker_level_db -= kLevelDecayDb;
+  if (st->talker_level_db < kLevelUnknownDb) st->talker_level_db = kLevelUnknownDb;
+  st->prob = hop->prob;
+}
+
+}  // namespace vorn
