@@ -14,13 +14,18 @@
 //    90-250 Hz, 3-6 syllables a second, 45-75 % voiced), a level of -50 to
 //    -10 dBFS, a room of RT60 0.2-0.7 s, and one of the five noises of the
 //    bench (white, pink, speech-shaped, babble, a point source) at 0-20 dB.
+//    Every third scene has a far end as well (from the start for 5-9 s, its
+//    echo at -35 to -15 dBFS, the talker from 2-5 s on); those scenes go
+//    through the classic canceller (aec_flag 1) as the library's chain sends
+//    them, and its output with the loudspeaker's reference is what the
+//    presence hears.
 //  - A hop is labelled speech when the talker is in a syllable at the middle
-//    of its analysis window (the frame label the simulator gives there).
+//    of its analysis window (the frame label the simulator gives there; the
+//    canceller's output lags its input by 64 samples).
 //  - The network sees each hop's cues with the two hops before (as the
 //    library hands them), normalised by their training mean and spread. It
 //    is trained by Adam on the cross-entropy of the labels, full batch, from
-//    a fixed seed, with a small weight decay. The echo cue is not an input
-//    (these scenes have no far end): the library weighs it apart.
+//    a fixed seed, with a small weight decay.
 //  - The flag's threshold maximises the F1 of the flag over the training
 //    scenes, with the flag drawn as the library draws it.
 // The program prints the weights as C++ to paste over the old ones, with the
@@ -39,6 +44,8 @@
 #include "adsp_ns/presence_net.h"
 #include "quality/scoring.h"
 #include "scene/metrics.h"
+#include "support/front_end_param.h"
+#include "vorn_proc.h"
 
 namespace {
 
@@ -49,6 +56,7 @@ constexpr int kEpochs = 600;
 constexpr double kLearningRate = 0.01;
 constexpr double kWeightDecay = 1e-4;
 constexpr std::uint32_t kFirstSeed = 9000;
+constexpr std::size_t kAecBlock = 64;
 
 Scene TrainingScene(std::uint32_t seed) {
   std::mt19937 rng(seed);
@@ -58,6 +66,11 @@ Scene TrainingScene(std::uint32_t seed) {
   s.room.rt60_s = 0.2 + 0.5 * u(rng);
   s.far_begin_s = s.far_end_s = 0.0;
   s.talker_begin_s = 1.0 + 2.0 * u(rng);
+  if (seed % 3 == 0) {
+    s.far_end_s = 5.0 + 4.0 * u(rng);
+    s.echo_level_dbfs = -35.0 + 20.0 * u(rng);
+    s.talker_begin_s = 2.0 + 3.0 * u(rng);
+  }
   s.talker_end_s = 12.0;
   s.azimuth_deg = 360.0 * u(rng);
   s.talker_level_dbfs = -50.0 + 40.0 * u(rng);
@@ -100,12 +113,14 @@ void Get(std::ifstream& i, std::vector<T>& v) {
 }
 
 // Microphone 0 and the frame labels of a training scene, rendered or read back.
-bool Load(std::uint32_t seed, std::vector<std::int16_t>* mic, std::vector<std::uint8_t>* labels) {
+bool Load(std::uint32_t seed, std::vector<std::int16_t>* mics, std::vector<std::int16_t>* reference,
+          std::vector<std::uint8_t>* labels) {
   const char* cache = std::getenv("VORN_FIT_CACHE");
   const std::string path = cache ? std::string(cache) + "/fit_" + std::to_string(seed) + ".bin" : "";
   if (!path.empty() && std::filesystem::exists(path)) {
     std::ifstream in(path, std::ios::binary);
-    Get(in, *mic);
+    Get(in, *mics);
+    Get(in, *reference);
     Get(in, *labels);
     return true;
   }
@@ -115,12 +130,13 @@ bool Load(std::uint32_t seed, std::vector<std::int16_t>* mic, std::vector<std::u
     std::fprintf(stderr, "scene %u left out: %s\n", seed, error.c_str());
     return false;
   }
-  mic->resize(r.mics.size() / kMics);
-  for (std::size_t i = 0; i < mic->size(); ++i) (*mic)[i] = r.mics[i * kMics];
+  *mics = r.mics;
+  *reference = r.reference;
   *labels = r.truth.speech;
   if (!path.empty()) {
     std::ofstream out(path, std::ios::binary);
-    Put(out, *mic);
+    Put(out, *mics);
+    Put(out, *reference);
     Put(out, *labels);
   }
   return true;
@@ -129,18 +145,38 @@ bool Load(std::uint32_t seed, std::vector<std::int16_t>* mic, std::vector<std::u
 struct SceneCues {
   std::vector<std::array<float, kNetInputs>> inputs;  // per hop, as the library builds them
   std::vector<std::uint8_t> labels;                   // per frame
+  std::size_t delay = 0;                              // samples the heard signal lags the microphone
 };
 
-SceneCues Cues(const std::vector<std::int16_t>& mic, const std::vector<std::uint8_t>& labels) {
+// What the presence hears: microphone 0, or with a far end the classic
+// canceller's output (its recognition output, aec_flag 1).
+std::vector<std::int16_t> Heard(std::vector<std::int16_t> mics, std::vector<std::int16_t> reference) {
+  const std::size_t frames = std::min(mics.size() / (kMics * kFrame), reference.size() / kFrame);
+  std::vector<std::int16_t> heard(frames * kFrame);
+  std::vector<unsigned char> state(static_cast<std::size_t>(VornGetBuffSize()) + 1000000);
+  const test::FrontEndSwitches switches{.aec = 1, .ns = 0, .vad_mode = 2};
+  T_VornParam pm = test::ParamKeeping(state.data(), switches, 0);
+  if (VornInit(&pm, nullptr) != 0) return heard;
+  short order[3] = {0, 1, 2};
+  for (std::size_t f = 0; f < frames; ++f)
+    VornProc(&pm, &mics[f * kMics * kFrame], &reference[f * kFrame], &heard[f * kFrame], order);
+  return heard;
+}
+
+SceneCues Cues(const std::vector<std::int16_t>& mics, const std::vector<std::int16_t>& reference,
+               const std::vector<std::uint8_t>& labels, bool far_end) {
   SceneCues sc;
   sc.labels = labels;
+  sc.delay = far_end ? kAecBlock : 0;
+  std::vector<std::int16_t> near(mics.size() / kMics);
+  for (std::size_t i = 0; i < near.size(); ++i) near[i] = mics[i * kMics];
+  const std::vector<std::int16_t> mic = far_end ? Heard(mics, reference) : near;
   EnhancedPresenceState st;
   EnhancedPresenceInit(&st);
-  const NsEchoCues no_echo{false, 0.0f, nullptr, -200.0f};
   std::array<float, kNetCues> past[2] = {};
   for (std::size_t h = 0; (h + 1) * kNsHop <= mic.size() && h < labels.size() * 2; ++h) {
     NsHopAnalysis hop;
-    EnhancedPresenceHop(&st, &mic[h * kNsHop], no_echo, &hop);
+    EnhancedPresenceHop(&st, &mic[h * kNsHop], NsEchoCues{far_end ? &reference[h * kNsHop] : nullptr, far_end ? &near[h * kNsHop] : nullptr}, &hop);
     std::array<float, kNetInputs> in{};
     for (int c = 0; c < kNetCues; ++c) {
       in[static_cast<std::size_t>(c)] = hop.cues[c];
@@ -183,10 +219,11 @@ int main(int argc, char** argv) {
   const int scenes = std::atoi(argv[1]);
   std::vector<SceneCues> data;
   for (int i = 0; i < scenes; ++i) {
-    std::vector<std::int16_t> mic;
+    const std::uint32_t seed = kFirstSeed + static_cast<std::uint32_t>(i);
+    std::vector<std::int16_t> mics, reference;
     std::vector<std::uint8_t> labels;
-    if (!Load(kFirstSeed + static_cast<std::uint32_t>(i), &mic, &labels)) continue;
-    data.push_back(Cues(mic, labels));
+    if (!Load(seed, &mics, &reference, &labels)) continue;
+    data.push_back(Cues(mics, reference, labels, seed % 3 == 0));
     std::fprintf(stderr, "scene %d ready\n", i);
   }
 
@@ -195,7 +232,7 @@ int main(int argc, char** argv) {
   std::vector<double> y;
   for (const SceneCues& sc : data)
     for (std::size_t h = 40; h < sc.inputs.size(); ++h) {
-      const std::size_t centre = (h + 1) * kNsHop - kNsFftLen / 2;
+      const std::size_t centre = (h + 1) * kNsHop - kNsFftLen / 2 - sc.delay;
       x.push_back(&sc.inputs[h]);
       y.push_back(sc.labels[centre / 256]);
     }

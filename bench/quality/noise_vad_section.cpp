@@ -125,7 +125,7 @@ std::string SpeedMarkdown(const RenderedScene& r, const LearnedPeerRuns& peers) 
   EnhancedSuppressorInit(&speech->suppressor);
   EnhancedVadInit(&speech->vad);
   NsHopAnalysis hops[2];
-  const NsEchoCues no_echo{false, 0.0f, nullptr, -200.0f};
+  const NsEchoCues no_echo{nullptr, nullptr};
   int flags = 0;
   const double enhanced = MicrosPerFrame(frames, [&](std::size_t f) {
     short* in = &mic[f * kFrame];

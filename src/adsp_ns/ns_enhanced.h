@@ -39,12 +39,13 @@ constexpr std::array<int, kPresenceBands + 1> kBandEdges = MakeBandEdges();
 static_assert(kBandEdges[8] == 16 && kBandEdges[12] == 32 && kBandEdges[23] == 224 && kBandEdges[24] == 257);
 
 // ---- what the canceller tells the presence estimate ------------------------
+// With the canceller on, the presence is judged on the canceller's input
+// (the talker as the microphones hear it, before any echo suppression) with
+// the loudspeaker's echo predicted from the reference; the suppressor still
+// works on the canceller's output.
 struct NsEchoCues {
-  bool reference_active;  // the loudspeaker plays this frame
-  float far_activity;     // 0..1
-  const float* coherence; // the canceller's 130 values: far/near (0..64), near/error (65..129); null when off
-  float residual_echo_db; // the canceller's estimate of the echo left in its output, dB re 1 (int16 scale)
-                          // per sample; below -100 when unknown
+  const short* reference;  // the loudspeaker's 128 samples of this hop; null when the canceller is off
+  const short* near;       // the canceller's input for this hop; null when the canceller is off
 };
 
 // ---- the cues a hop's presence is judged by ---------------------------------
@@ -55,12 +56,11 @@ enum PresenceCue {
   kCueHarmonicity,  // energy on multiples of a pitch: about 0.6 for noise, above 1 for a voice
   kCueBelowTalker,  // dB by which the hop's excess level falls short of the talker's recent level (0..40)
   kCueDecay,        // dB by which it lies below its own peak of the last 120 ms: a dying tail (0..30)
-  kCueEcho,         // 0..1: the far end's share, from the canceller's coherence
+  kCueEcho,         // 0..1: the share of the hop's power the far end's echo explains
   kPresenceCues
 };
-// The cues the presence network reads (all but the echo, which is weighed
-// apart), for this hop and the two before it.
-constexpr int kNetCues = kCueEcho;
+// The cues the presence network reads, for this hop and the two before it.
+constexpr int kNetCues = kPresenceCues;
 constexpr int kNetContext = 3;
 constexpr int kNetInputs = kNetCues * kNetContext;
 
@@ -98,6 +98,18 @@ struct EnhancedPresenceState {
   int32_t stretches_filled;
   int32_t level_at;                         // next slot of level_history
   float past_cues[kNetContext - 1][kNetCues];  // the two previous hops' cues, newest first
+  // The far end: the canceller's input analysed as the suppressor's input
+  // is, its own noise, the loudspeaker's power per bin held as its echo
+  // lingers, and the power coupling per band from loudspeaker to input
+  // (averages of input excess x loudspeaker and loudspeaker^2 powers).
+  float near_au[kNsFftLen];
+  float near_noise[kNsBins];
+  float near_spp_mean[kNsBins];
+  float reference_au[kNsFftLen];
+  float reference_held[kNsBins];
+  float coupling_num[kPresenceBands];
+  float coupling_den[kPresenceBands];
+  int32_t near_hops;
 };
 
 struct EnhancedSuppressorState {

@@ -22,8 +22,11 @@
 //  - level: other talkers in the room (babble) stand above the noise estimate
 //    as well, but well below the talker, who is nearest; a hop far below the
 //    talker's recent level counts against speech.
-// The far end's echo counts against speech where the canceller finds the
-// microphone coherent with the loudspeaker.
+// The far end's echo counts as noise: where the loudspeaker plays, the
+// talker has to stand above the echo the reference predicts as well. With
+// the canceller on, the cues are taken from its input rather than its
+// output: the talker is whole there, and the noise there does not step up
+// and down as the canceller's suppression engages.
 #include <algorithm>
 #include <cmath>
 
@@ -67,10 +70,6 @@ constexpr int kHarmLastBin = 96;
 constexpr int kPitchLagMin = 40;
 constexpr int kPitchLagMax = 256;
 
-// Echo: full far/near coherence outweighs any other evidence.
-constexpr float kEchoWeight = 8.0f;
-constexpr int kTopBands = 4;
-
 // Talker level: follows peaks, decays 1.25 dB/s.
 constexpr float kLevelAttack = 0.3f;
 constexpr float kLevelDecayDb = 0.01f;
@@ -78,34 +77,50 @@ constexpr float kLevelVoicedHarmonicity = 1.0f;
 constexpr float kLevelVoicedSnrDb = 0.0f;
 constexpr float kLevelUnknownDb = -100.0f;
 
-// Echo: mean far/near coherence over 375 Hz .. 5 kHz of the canceller's 65 bands.
-constexpr int kCohFirst = 3;
-constexpr int kCohLast = 40;
-constexpr int kCohBands = 65;
-constexpr float kCohEchoStart = 0.25f;
-constexpr float kCohEchoSpan = 0.35f;
+// Echo: the loudspeaker's power per bin is held and let die at 0.7 dB a hop
+// (88 dB/s: the echo's delay and a room's reverberation stay covered). The
+// coupling per band is a least-squares fit of the input's excess over its
+// noise against the held power, over the hops where the loudspeaker plays
+// and the talker was not heard (about a second). It starts at 0 dB, as loud
+// as the loudspeaker, with the weight of a quiet loudspeaker, so real
+// evidence takes over within a few hops. The talker then has to stand above
+// twice the predicted echo; per bin, so a talker between the far end's
+// harmonics is still heard.
+constexpr float kEchoHeldDecay = 0.85f;
+constexpr float kCouplingSmoothing = 0.99f;     // per hop: 0.8 s
+constexpr float kCouplingPrior = 1e8f;          // (1e4 per bin)^2: the start's weight
+constexpr float kEchoMargin = 2.0f;
+constexpr float kReferenceFloorPower = 100.0f;  // per bin: about -70 dBFS; quieter plays no echo worth judging
+constexpr float kCouplingUpdateProb = 0.5f;
+constexpr int kTopBands = 4;
 
 float Logistic(float z) { return 1.0f / (1.0f + std::exp(-z)); }
 
 float Db(float power) { return 10.0f * std::log10(power); }
 
-// Noise per bin; returns nothing, updates st->noise and the floor search.
-void TrackNoise(EnhancedPresenceState* st, const float* power) {
-  if (st->hops <= kStartHops) {
-    const float w = 1.0f / static_cast<float>(st->hops);
-    for (int k = 0; k < kNsBins; ++k) st->noise[k] += w * (power[k] - st->noise[k]);
-  } else {
-    for (int k = 0; k < kNsBins; ++k) {
-      const float noise = std::max(st->noise[k], kNoiseFloorPower);
-      const float x = power[k] / noise * kLikelihoodScale;
-      // exp(-x) below 2e-9 leaves the probability at 1 in float.
-      float spp = x > 20.0f ? 1.0f : 1.0f / (1.0f + (1.0f + kSpeechSnr) * std::exp(-x));
-      st->spp_mean[k] = kSppMeanSmoothing * st->spp_mean[k] + (1.0f - kSppMeanSmoothing) * spp;
-      if (st->spp_mean[k] > kSppStagnation) spp = std::min(spp, kSppCap);
-      const float heard = spp * noise + (1.0f - spp) * power[k];
-      st->noise[k] = kNoiseSmoothing * noise + (1.0f - kNoiseSmoothing) * heard;
-    }
+// The probability-weighted noise update of one bin array; `hops` counts the
+// hops analysed, the first kStartHops of which are simply averaged.
+void TrackBinNoise(float* noise, float* spp_mean, const float* power, int hops) {
+  if (hops <= kStartHops) {
+    const float w = 1.0f / static_cast<float>(hops);
+    for (int k = 0; k < kNsBins; ++k) noise[k] += w * (power[k] - noise[k]);
+    return;
   }
+  for (int k = 0; k < kNsBins; ++k) {
+    const float n = std::max(noise[k], kNoiseFloorPower);
+    const float x = power[k] / n * kLikelihoodScale;
+    // exp(-x) below 2e-9 leaves the probability at 1 in float.
+    float spp = x > 20.0f ? 1.0f : 1.0f / (1.0f + (1.0f + kSpeechSnr) * std::exp(-x));
+    spp_mean[k] = kSppMeanSmoothing * spp_mean[k] + (1.0f - kSppMeanSmoothing) * spp;
+    if (spp_mean[k] > kSppStagnation) spp = std::min(spp, kSppCap);
+    noise[k] = kNoiseSmoothing * n + (1.0f - kNoiseSmoothing) * (spp * n + (1.0f - spp) * power[k]);
+  }
+}
+
+// The suppressor's noise: the probability-weighted update, lifted by the
+// floor search when it has stayed below the noise for a whole window.
+void TrackNoise(EnhancedPresenceState* st, const float* power) {
+  TrackBinNoise(st->noise, st->spp_mean, power, st->hops);
 
   // Floor search over the power smoothed across three bins and in time.
   for (int k = 0; k < kNsBins; ++k) {
@@ -132,6 +147,43 @@ void TrackNoise(EnhancedPresenceState* st, const float* power) {
     for (int k = 0; k < kNsBins; ++k) st->noise[k] = std::max(st->noise[k], kFloorBias * st->window_min[k]);
 }
 
+// Windowed 512-point power spectrum of an analysis buffer after it takes a hop.
+void HopPower(float* au, const short* in, float* spectrum, float* power) {
+  SaveFrameMoveAu(au, const_cast<short*>(in), kNsFftLen, kNsHop);
+  AddWin(au, hanmming_win, kNsFftLen, spectrum);
+  fft_rel(spectrum, kNsFftLen, kNsFftOrder);
+  GetPsd(spectrum, kNsFftLen, power);
+}
+
+// The canceller's input and the loudspeaker: the input's power, its noise,
+// and the echo the loudspeaker is predicted to put there (per bin).
+void AnalyseNear(EnhancedPresenceState* st, const NsEchoCues& echo, float* power, float* noise, float* echo_power) {
+  float spectrum[kNsFftLen], reference[kNsBins];
+  if (st->near_hops < kHopsMax) ++st->near_hops;
+  HopPower(st->near_au, echo.near, spectrum, power);
+  TrackBinNoise(st->near_noise, st->near_spp_mean, power, st->near_hops);
+  HopPower(st->reference_au, echo.reference, spectrum, reference);
+  for (int k = 0; k < kNsBins; ++k) {
+    st->reference_held[k] = std::max(reference[k], kEchoHeldDecay * st->reference_held[k]);
+    noise[k] = std::max(st->near_noise[k], kNoiseFloorPower);
+  }
+  for (int b = 0; b < kPresenceBands; ++b) {
+    float held = 0.0f, excess = 0.0f;
+    for (int k = kBandEdges[b]; k < kBandEdges[b + 1]; ++k) {
+      held += st->reference_held[k];
+      excess += std::max(power[k] - noise[k], 0.0f);
+    }
+    const float bins = static_cast<float>(kBandEdges[b + 1] - kBandEdges[b]);
+    if (held >= kReferenceFloorPower * bins && st->prob < kCouplingUpdateProb) {
+      st->coupling_num[b] = kCouplingSmoothing * st->coupling_num[b] + (1.0f - kCouplingSmoothing) * excess * held;
+      st->coupling_den[b] = kCouplingSmoothing * st->coupling_den[b] + (1.0f - kCouplingSmoothing) * held * held;
+    }
+    const float coupling = kEchoMargin * st->coupling_num[b] / st->coupling_den[b];
+    for (int k = kBandEdges[b]; k < kBandEdges[b + 1]; ++k)
+      echo_power[k] = st->reference_held[k] >= kReferenceFloorPower ? coupling * st->reference_held[k] : 0.0f;
+  }
+}
+
 // 0..~0.8: how strongly the excess magnitude spectrum repeats at a pitch
 // spacing. The spectrum's envelope is removed (its local five-bin mean), and
 // the inverse transform of what remains peaks at the pitch period; its height
@@ -153,32 +205,38 @@ float Harmonicity(const float* power, const float* noise) {
   return peak * static_cast<float>(kNsFftLen) / total;
 }
 
-float EchoShare(const NsEchoCues& echo) {
-  if (!echo.reference_active || echo.coherence == nullptr) return 0.0f;
-  float sum = 0.0f;
-  for (int k = kCohFirst; k <= kCohLast; ++k) sum += echo.coherence[k];
-  const float far_near = sum / static_cast<float>(kCohLast - kCohFirst + 1);
-  return std::clamp((far_near - kCohEchoStart) / kCohEchoSpan, 0.0f, 1.0f);
-}
-
 }  // namespace
 
-static_assert(kCohLast < kCohBands);
 static_assert(kBandEdges[kCueFirstBand] == kCueFirstBin && kBandEdges[kCueLastBand + 1] == kCueLastBin + 1);
 
 void EnhancedPresenceInit(EnhancedPresenceState* st) {
   *st = EnhancedPresenceState{};
   st->talker_level_db = kLevelUnknownDb;
+  for (int b = 0; b < kPresenceBands; ++b) st->coupling_num[b] = st->coupling_den[b] = kCouplingPrior;
   for (float& l : st->level_history) l = 0.0f;
 }
 
 void EnhancedPresenceHop(EnhancedPresenceState* st, const short* in, const NsEchoCues& echo, NsHopAnalysis* hop) {
   if (st->hops < kHopsMax) ++st->hops;
-  SaveFrameMoveAu(st->au, const_cast<short*>(in), kNsFftLen, kNsHop);
-  AddWin(st->au, hanmming_win, kNsFftLen, hop->spectrum);
-  fft_rel(hop->spectrum, kNsFftLen, kNsFftOrder);
-  GetPsd(hop->spectrum, kNsFftLen, hop->power);
+  HopPower(st->au, in, hop->spectrum, hop->power);
   TrackNoise(st, hop->power);
+
+  // What the talker has to stand above: the noise, and where the loudspeaker
+  // plays, its echo. With the canceller on, both are judged on its input.
+  float near_power[kNsBins], near_noise[kNsBins], echo_power[kNsBins];
+  const bool far_end = echo.reference != nullptr && echo.near != nullptr;
+  if (far_end) AnalyseNear(st, echo, near_power, near_noise, echo_power);
+  const float* power = far_end ? near_power : hop->power;
+  float floor[kNsBins];
+  float echo_sum = 0.0f, speech_band_power = 0.0f;
+  for (int k = 0; k < kNsBins; ++k) {
+    floor[k] = far_end ? near_noise[k] + echo_power[k] : std::max(st->noise[k], kNoiseFloorPower);
+    if (k >= kCueFirstBin && k <= kCueLastBin) {
+      echo_sum += far_end ? echo_power[k] : 0.0f;
+      speech_band_power += power[k];
+    }
+  }
+  hop->echo = std::min(echo_sum / (speech_band_power + kNoiseFloorPower), 1.0f);
 
   // Band cue.
   float excess_sum = 0.0f;
@@ -186,8 +244,8 @@ void EnhancedPresenceHop(EnhancedPresenceState* st, const short* in, const NsEch
   for (int b = 0; b < kPresenceBands; ++b) {
     float p = 0.0f, n = 0.0f;
     for (int k = kBandEdges[b]; k < kBandEdges[b + 1]; ++k) {
-      p += hop->power[k];
-      n += std::max(st->noise[k], kNoiseFloorPower);
+      p += power[k];
+      n += floor[k];
     }
     const float excess_db = Db(std::max(p / n - 1.0f, 0.01f));
     const float now = Logistic(kBandSlope * (excess_db - kBandCentreDb));
@@ -204,8 +262,8 @@ void EnhancedPresenceHop(EnhancedPresenceState* st, const short* in, const NsEch
 
   float excess_power = 0.0f, noise_power = 0.0f;
   for (int k = kCueFirstBin; k <= kCueLastBin; ++k) {
-    excess_power += std::max(hop->power[k] - st->noise[k], 0.0f);
-    noise_power += std::max(st->noise[k], kNoiseFloorPower);
+    excess_power += std::max(power[k] - floor[k], 0.0f);
+    noise_power += floor[k];
   }
   const float level_db = Db(excess_power + 1.0f);
   const float below_talker =
@@ -216,11 +274,10 @@ void EnhancedPresenceHop(EnhancedPresenceState* st, const short* in, const NsEch
   st->level_history[st->level_at] = level_db;
   st->level_at = (st->level_at + 1) % kLevelHistory;
 
-  hop->echo = EchoShare(echo);
   hop->cues[kCueExcess] = excess;
   hop->cues[kCueExcessTop] = (top[0] + top[1] + top[2] + top[3]) / static_cast<float>(kTopBands);
   hop->cues[kCueFrameSnr] = std::clamp(Db(excess_power / noise_power + 1e-4f), -20.0f, 40.0f);
-  hop->cues[kCueHarmonicity] = Harmonicity(hop->power, st->noise);
+  hop->cues[kCueHarmonicity] = Harmonicity(power, floor);
   hop->cues[kCueBelowTalker] = below_talker;
   hop->cues[kCueDecay] = std::min(recent_peak - level_db, 30.0f);
   hop->cues[kCueEcho] = hop->echo;
@@ -234,7 +291,7 @@ void EnhancedPresenceHop(EnhancedPresenceState* st, const short* in, const NsEch
     st->past_cues[1][c] = st->past_cues[0][c];
     st->past_cues[0][c] = hop->cues[c];
   }
-  hop->prob = Logistic(PresenceNetLogit(inputs) - kEchoWeight * hop->echo);
+  hop->prob = Logistic(PresenceNetLogit(inputs));
   hop->snr_db = hop->cues[kCueFrameSnr];
 
   // The talker's level follows hops that are clearly a voice well above the

@@ -46,10 +46,11 @@ int32_t EchoStage(const T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
 void PresenceStage(const T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
   TVornEnhancedState* enhanced = EnhancedStateOf(st);
   EnhancedSpeechRecords& speech = enhanced->modules.speech;
-  const NsEchoCues cues{fr.echo.reference_active, fr.echo.far_activity, pm->aec_flag >= 1 ? fr.subcoh : nullptr,
-                        -200.0f};
-  EnhancedPresenceHop(&speech.presence, fr.echo_out, cues, &fr.ns_hops[0]);
-  EnhancedPresenceHop(&speech.presence, fr.echo_out + kHalfLen, cues, &fr.ns_hops[1]);
+  const bool far_end = pm->aec_flag >= 1;
+  for (int h = 0; h < 2; ++h) {
+    const NsEchoCues cues{far_end ? fr.aec_ref + h * kHalfLen : nullptr, far_end ? fr.beam + h * kHalfLen : nullptr};
+    EnhancedPresenceHop(&speech.presence, fr.echo_out + h * kHalfLen, cues, &fr.ns_hops[h]);
+  }
   SpeechPresence& p = fr.presence;
   p.frame_prob = 0.5f * (fr.ns_hops[0].prob + fr.ns_hops[1].prob);
   p.output_prob = EnhancedOutputPresence(speech.vad, fr.ns_hops);
