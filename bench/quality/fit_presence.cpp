@@ -1,6 +1,6 @@
 // vorn_fit_presence SCENES TABLE.cpp: designs the enhanced speech presence's
-// network (src/adsp_ns/presence_net.h) and the speech flag's threshold, and
-// writes them as the generated table src/adsp_ns/presence_net_table.cpp:
+// two networks (src/adsp_ns/presence_net.h) and the speech flag's threshold,
+// and writes them as the generated table src/adsp_ns/presence_net_table.cpp:
 //
 //   build/rel/bench/quality/vorn_fit_presence 60 src/adsp_ns/presence_net_table.cpp
 //
@@ -19,15 +19,18 @@
 //    through the classic canceller (aec_flag 1) as the library's chain sends
 //    them, and its output with the loudspeaker's reference is what the
 //    presence hears.
-//  - A hop is labelled speech when the talker is in a syllable at the middle
-//    of its analysis window (the frame label the simulator gives there; the
-//    canceller's output lags its input by 64 samples).
-//  - The network sees each hop's cues with the two hops before (as the
-//    library hands them), normalised by their training mean and spread. It
-//    is trained by Adam on the cross-entropy of the labels, full batch, from
-//    a fixed seed, with a small weight decay.
+//  - For the presence network, a hop is labelled speech when the talker is
+//    in a syllable at the middle of its analysis window (the frame label the
+//    simulator gives there; the canceller's output lags its input by 64
+//    samples). For the flag network, the frame leaving the suppressor takes
+//    the label of the input frame two frames back (it lags by 1.5 frames, or
+//    1.75 behind the canceller; the bench rounds both to 2).
+//  - The networks see the cues as the library hands them, normalised by
+//    their training mean and spread. Each is trained by Adam on the
+//    cross-entropy of its labels, full batch, from a fixed seed, with a small
+//    weight decay.
 //  - The flag's threshold maximises the F1 of the flag over the training
-//    scenes, with the flag drawn as the library draws it.
+//    scenes.
 // The program prints the weights as C++ to paste over the old ones, with the
 // training scenes' figures.
 #include <algorithm>
@@ -142,10 +145,12 @@ bool Load(std::uint32_t seed, std::vector<std::int16_t>* mics, std::vector<std::
   return true;
 }
 
+using Cues = std::array<float, kPresenceCues>;
+
 struct SceneCues {
-  std::vector<std::array<float, kNetInputs>> inputs;  // per hop, as the library builds them
-  std::vector<std::uint8_t> labels;                   // per frame
-  std::size_t delay = 0;                              // samples the heard signal lags the microphone
+  std::vector<Cues> hops;            // per hop, as the library computes them
+  std::vector<std::uint8_t> labels;  // per frame
+  std::size_t delay = 0;             // samples the heard signal lags the microphone
 };
 
 // What the presence hears: microphone 0, or with a far end the classic
@@ -163,50 +168,160 @@ std::vector<std::int16_t> Heard(std::vector<std::int16_t> mics, std::vector<std:
   return heard;
 }
 
-SceneCues Cues(const std::vector<std::int16_t>& mics, const std::vector<std::int16_t>& reference,
-               const std::vector<std::uint8_t>& labels, bool far_end) {
+SceneCues Analyse(const std::vector<std::int16_t>& mics, const std::vector<std::int16_t>& reference,
+                  const std::vector<std::uint8_t>& labels, bool far_end) {
   SceneCues sc;
   sc.labels = labels;
   sc.delay = far_end ? kAecBlock : 0;
   std::vector<std::int16_t> near(mics.size() / kMics);
   for (std::size_t i = 0; i < near.size(); ++i) near[i] = mics[i * kMics];
-  const std::vector<std::int16_t> mic = far_end ? Heard(mics, reference) : near;
+  const std::vector<std::int16_t> heard = far_end ? Heard(mics, reference) : near;
   EnhancedPresenceState st;
   EnhancedPresenceInit(&st);
-  std::array<float, kNetCues> past[2] = {};
-  for (std::size_t h = 0; (h + 1) * kNsHop <= mic.size() && h < labels.size() * 2; ++h) {
+  for (std::size_t h = 0; (h + 1) * kNsHop <= heard.size() && h < labels.size() * 2; ++h) {
     NsHopAnalysis hop;
-    EnhancedPresenceHop(&st, &mic[h * kNsHop], NsEchoCues{far_end ? &reference[h * kNsHop] : nullptr, far_end ? &near[h * kNsHop] : nullptr}, &hop);
-    std::array<float, kNetInputs> in{};
-    for (int c = 0; c < kNetCues; ++c) {
-      in[static_cast<std::size_t>(c)] = hop.cues[c];
-      in[static_cast<std::size_t>(kNetCues + c)] = past[0][static_cast<std::size_t>(c)];
-      in[static_cast<std::size_t>(2 * kNetCues + c)] = past[1][static_cast<std::size_t>(c)];
-    }
-    past[1] = past[0];
-    for (int c = 0; c < kNetCues; ++c) past[0][static_cast<std::size_t>(c)] = hop.cues[c];
-    sc.inputs.push_back(in);
+    const NsEchoCues echo{far_end ? &reference[h * kNsHop] : nullptr, far_end ? &near[h * kNsHop] : nullptr};
+    EnhancedPresenceHop(&st, &heard[h * kNsHop], echo, &hop);
+    Cues c;
+    std::copy(hop.cues, hop.cues + kPresenceCues, c.begin());
+    sc.hops.push_back(c);
   }
   return sc;
 }
 
-// The network in double for training.
+// The inputs of a network over `context` hops ending at hop `last`, newest first.
+std::vector<float> Inputs(const SceneCues& sc, std::size_t last, int context) {
+  std::vector<float> in;
+  for (int back = 0; back < context; ++back) {
+    const Cues zero{};
+    const Cues& c = last >= static_cast<std::size_t>(back) ? sc.hops[last - static_cast<std::size_t>(back)] : zero;
+    in.insert(in.end(), c.begin(), c.end());
+  }
+  return in;
+}
+
+// A network in double for training.
 struct Net {
-  double mean[kNetInputs], scale[kNetInputs];
-  double w1[kNetHidden][kNetInputs], b1[kNetHidden], w2[kNetHidden], b2;
+  int inputs = 0;
+  std::vector<double> mean, scale, w1, b1, w2;  // w1 row-major [hidden][inputs]
+  double b2 = 0.0;
 };
 
-// The library's float inference over the table the fitter is about to write.
-float Logit(const PresenceNetTable& t, const std::array<float, kNetInputs>& in) {
-  float x[kNetInputs];
-  for (int i = 0; i < kNetInputs; ++i) x[i] = (in[static_cast<std::size_t>(i)] - t.input_mean[i]) * t.input_scale[i];
-  float out = t.output_bias;
-  for (int h = 0; h < kNetHidden; ++h) {
-    float a = t.hidden_bias[h];
-    for (int i = 0; i < kNetInputs; ++i) a += t.hidden_weights[h][i] * x[i];
-    out += t.output_weights[h] * std::tanh(a);
+Net Train(const std::vector<std::vector<float>>& x, const std::vector<double>& y, const char* name) {
+  const int n_in = static_cast<int>(x[0].size());
+  const double n = static_cast<double>(x.size());
+  Net net;
+  net.inputs = n_in;
+  net.mean.assign(static_cast<std::size_t>(n_in), 0.0);
+  net.scale.assign(static_cast<std::size_t>(n_in), 0.0);
+  for (int i = 0; i < n_in; ++i) {
+    const auto u = static_cast<std::size_t>(i);
+    double sum = 0.0, sq = 0.0;
+    for (const auto& s : x) sum += s[u];
+    net.mean[u] = sum / n;
+    for (const auto& s : x) sq += (s[u] - net.mean[u]) * (s[u] - net.mean[u]);
+    net.scale[u] = 1.0 / std::sqrt(sq / n + 1e-6);
   }
-  return out;
+  std::mt19937 rng(1);
+  std::uniform_real_distribution<double> init(-1.0 / std::sqrt(n_in), 1.0 / std::sqrt(n_in));
+  net.w1.resize(static_cast<std::size_t>(kNetHidden * n_in));
+  for (double& w : net.w1) w = init(rng);
+  net.b1.assign(kNetHidden, 0.0);
+  net.w2.resize(kNetHidden);
+  for (double& w : net.w2) w = init(rng);
+
+  // Parameters in one vector for Adam: w1, b1, w2, b2.
+  const std::size_t params = net.w1.size() + 2 * kNetHidden + 1;
+  std::vector<double> m(params, 0.0), v(params, 0.0), g(params);
+  std::vector<double> xs(static_cast<std::size_t>(n_in)), hidden(kNetHidden);
+  for (int epoch = 1; epoch <= kEpochs; ++epoch) {
+    std::fill(g.begin(), g.end(), 0.0);
+    double loss = 0.0;
+    for (std::size_t s = 0; s < x.size(); ++s) {
+      for (std::size_t i = 0; i < xs.size(); ++i) xs[i] = (x[s][i] - net.mean[i]) * net.scale[i];
+      double out = net.b2;
+      for (int h = 0; h < kNetHidden; ++h) {
+        double a = net.b1[static_cast<std::size_t>(h)];
+        for (int i = 0; i < n_in; ++i) a += net.w1[static_cast<std::size_t>(h * n_in + i)] * xs[static_cast<std::size_t>(i)];
+        hidden[static_cast<std::size_t>(h)] = std::tanh(a);
+        out += net.w2[static_cast<std::size_t>(h)] * hidden[static_cast<std::size_t>(h)];
+      }
+      const double p = 1.0 / (1.0 + std::exp(-out));
+      loss -= y[s] > 0.5 ? std::log(p + 1e-12) : std::log(1.0 - p + 1e-12);
+      const double d = p - y[s];
+      for (int h = 0; h < kNetHidden; ++h) {
+        const auto hu = static_cast<std::size_t>(h);
+        const double dh = d * net.w2[hu] * (1.0 - hidden[hu] * hidden[hu]);
+        for (int i = 0; i < n_in; ++i) g[static_cast<std::size_t>(h * n_in + i)] += dh * xs[static_cast<std::size_t>(i)];
+        g[net.w1.size() + hu] += dh;
+        g[net.w1.size() + kNetHidden + hu] += d * hidden[hu];
+      }
+      g[params - 1] += d;
+    }
+    std::size_t k = 0;
+    auto step = [&](double& w, bool decay) {
+      const double grad = g[k] / n + (decay ? kWeightDecay * w : 0.0);
+      m[k] = 0.9 * m[k] + 0.1 * grad;
+      v[k] = 0.999 * v[k] + 0.001 * grad * grad;
+      const double mh = m[k] / (1.0 - std::pow(0.9, epoch)), vh = v[k] / (1.0 - std::pow(0.999, epoch));
+      w -= kLearningRate * mh / (std::sqrt(vh) + 1e-8);
+      ++k;
+    };
+    for (double& w : net.w1) step(w, true);
+    for (double& w : net.b1) step(w, false);
+    for (double& w : net.w2) step(w, true);
+    step(net.b2, false);
+    if (epoch % 100 == 0) std::fprintf(stderr, "%s, epoch %d: cross-entropy %.4f\n", name, epoch, loss / n);
+  }
+  return net;
+}
+
+// The network rounded to float and evaluated as the library evaluates it.
+struct FloatNet {
+  std::vector<float> mean, scale, w1, b1, w2;
+  float b2 = 0.0f;
+  int inputs = 0;
+  explicit FloatNet(const Net& net) : inputs(net.inputs) {
+    auto round = [](const std::vector<double>& a) { return std::vector<float>(a.begin(), a.end()); };
+    mean = round(net.mean), scale = round(net.scale), w1 = round(net.w1), b1 = round(net.b1), w2 = round(net.w2);
+    b2 = static_cast<float>(net.b2);
+  }
+  float Prob(const std::vector<float>& in) const {
+    float out = b2;
+    for (int h = 0; h < kNetHidden; ++h) {
+      float a = b1[static_cast<std::size_t>(h)];
+      for (int i = 0; i < inputs; ++i) {
+        const auto u = static_cast<std::size_t>(i);
+        a += w1[static_cast<std::size_t>(h * inputs + i)] * ((in[u] - mean[u]) * scale[u]);
+      }
+      out += w2[static_cast<std::size_t>(h)] * std::tanh(a);
+    }
+    return 1.0f / (1.0f + std::exp(-out));
+  }
+};
+
+void PrintRow(std::FILE* f, const float* a, int count) {
+  std::fprintf(f, "{");
+  for (int i = 0; i < count; ++i) std::fprintf(f, "%s%#.9gf", i ? ", " : "", static_cast<double>(a[i]));
+  std::fprintf(f, "}");
+}
+
+void PrintNet(std::FILE* f, const char* type, const char* name, const FloatNet& net) {
+  std::fprintf(f, "const %s %s = {\n  ", type, name);
+  PrintRow(f, net.mean.data(), net.inputs);
+  std::fprintf(f, ",\n  ");
+  PrintRow(f, net.scale.data(), net.inputs);
+  std::fprintf(f, ",\n  {\n");
+  for (int h = 0; h < kNetHidden; ++h) {
+    std::fprintf(f, "    ");
+    PrintRow(f, net.w1.data() + h * net.inputs, net.inputs);
+    std::fprintf(f, ",\n");
+  }
+  std::fprintf(f, "  },\n  ");
+  PrintRow(f, net.b1.data(), kNetHidden);
+  std::fprintf(f, ",\n  ");
+  PrintRow(f, net.w2.data(), kNetHidden);
+  std::fprintf(f, ",\n  %#.9gf,\n};\n\n", static_cast<double>(net.b2));
 }
 
 }  // namespace
@@ -223,113 +338,46 @@ int main(int argc, char** argv) {
     std::vector<std::int16_t> mics, reference;
     std::vector<std::uint8_t> labels;
     if (!Load(seed, &mics, &reference, &labels)) continue;
-    data.push_back(Cues(mics, reference, labels, seed % 3 == 0));
+    data.push_back(Analyse(mics, reference, labels, seed % 3 == 0));
     std::fprintf(stderr, "scene %d ready\n", i);
   }
 
-  // Training samples: every hop past the first 320 ms, labelled at its window's middle.
-  std::vector<const std::array<float, kNetInputs>*> x;
+  // Presence: every hop past the first 320 ms, labelled at its window's middle.
+  std::vector<std::vector<float>> x;
   std::vector<double> y;
   for (const SceneCues& sc : data)
-    for (std::size_t h = 40; h < sc.inputs.size(); ++h) {
-      const std::size_t centre = (h + 1) * kNsHop - kNsFftLen / 2 - sc.delay;
-      x.push_back(&sc.inputs[h]);
-      y.push_back(sc.labels[centre / 256]);
+    for (std::size_t h = 40; h < sc.hops.size(); ++h) {
+      x.push_back(Inputs(sc, h, kNetContext));
+      y.push_back(sc.labels[((h + 1) * kNsHop - kNsFftLen / 2 - sc.delay) / kFrame]);
     }
-  const double n = static_cast<double>(x.size());
+  const std::size_t presence_samples = x.size();
+  const FloatNet presence(Train(x, y, "presence"));
 
-  Net net{};
-  for (int i = 0; i < kNetInputs; ++i) {
-    double sum = 0.0, sq = 0.0;
-    for (const auto* s : x) sum += (*s)[static_cast<std::size_t>(i)];
-    net.mean[i] = sum / n;
-    for (const auto* s : x) sq += ((*s)[static_cast<std::size_t>(i)] - net.mean[i]) * ((*s)[static_cast<std::size_t>(i)] - net.mean[i]);
-    net.scale[i] = 1.0 / std::sqrt(sq / n + 1e-6);
-  }
-  std::mt19937 rng(1);
-  std::uniform_real_distribution<double> init(-1.0 / std::sqrt(kNetInputs), 1.0 / std::sqrt(kNetInputs));
-  for (auto& row : net.w1)
-    for (double& w : row) w = init(rng);
-  for (double& w : net.w2) w = init(rng);
-
-  constexpr int kParams = kNetHidden * kNetInputs + 2 * kNetHidden + 1;
-  std::vector<double> m(kParams, 0.0), v(kParams, 0.0), g(kParams);
-  std::vector<double> xs(static_cast<std::size_t>(kNetInputs));
-  for (int epoch = 1; epoch <= kEpochs; ++epoch) {
-    std::fill(g.begin(), g.end(), 0.0);
-    double loss = 0.0;
-    for (std::size_t s = 0; s < x.size(); ++s) {
-      for (int i = 0; i < kNetInputs; ++i)
-        xs[static_cast<std::size_t>(i)] = ((*x[s])[static_cast<std::size_t>(i)] - net.mean[i]) * net.scale[i];
-      double hidden[kNetHidden], out = net.b2;
-      for (int h = 0; h < kNetHidden; ++h) {
-        double a = net.b1[h];
-        for (int i = 0; i < kNetInputs; ++i) a += net.w1[h][i] * xs[static_cast<std::size_t>(i)];
-        hidden[h] = std::tanh(a);
-        out += net.w2[h] * hidden[h];
-      }
-      const double p = 1.0 / (1.0 + std::exp(-out));
-      loss -= y[s] > 0.5 ? std::log(p + 1e-12) : std::log(1.0 - p + 1e-12);
-      const double d = p - y[s];
-      std::size_t k = 0;
-      for (int h = 0; h < kNetHidden; ++h) {
-        const double dh = d * net.w2[h] * (1.0 - hidden[h] * hidden[h]);
-        for (int i = 0; i < kNetInputs; ++i) g[k++] += dh * xs[static_cast<std::size_t>(i)];
-        g[k++] += dh;
-      }
-      for (int h = 0; h < kNetHidden; ++h) g[k++] += d * hidden[h];
-      g[k] += d;
+  // Flag: frame f, from the hops up to its second one, labelled as frame f - 2.
+  x.clear();
+  y.clear();
+  for (const SceneCues& sc : data)
+    for (std::size_t f = 20; f < sc.labels.size() && 2 * f + 1 < sc.hops.size(); ++f) {
+      x.push_back(Inputs(sc, 2 * f + 1, kFlagContext));
+      y.push_back(sc.labels[f - 2]);
     }
-    // Adam over the mean gradient.
-    std::size_t k = 0;
-    auto step = [&](double& w, bool decay) {
-      const double grad = g[k] / n + (decay ? kWeightDecay * w : 0.0);
-      m[k] = 0.9 * m[k] + 0.1 * grad;
-      v[k] = 0.999 * v[k] + 0.001 * grad * grad;
-      const double mh = m[k] / (1.0 - std::pow(0.9, epoch)), vh = v[k] / (1.0 - std::pow(0.999, epoch));
-      w -= kLearningRate * mh / (std::sqrt(vh) + 1e-8);
-      ++k;
-    };
-    for (int h = 0; h < kNetHidden; ++h) {
-      for (int i = 0; i < kNetInputs; ++i) step(net.w1[h][i], true);
-      step(net.b1[h], false);
-    }
-    for (int h = 0; h < kNetHidden; ++h) step(net.w2[h], true);
-    step(net.b2, false);
-    if (epoch % 100 == 0) std::fprintf(stderr, "epoch %d: cross-entropy %.4f\n", epoch, loss / n);
-  }
+  const FloatNet flag(Train(x, y, "flag"));
 
-  PresenceNetTable t{};
-  for (int i = 0; i < kNetInputs; ++i) {
-    t.input_mean[i] = static_cast<float>(net.mean[i]);
-    t.input_scale[i] = static_cast<float>(net.scale[i]);
-  }
-  for (int h = 0; h < kNetHidden; ++h) {
-    for (int i = 0; i < kNetInputs; ++i) t.hidden_weights[h][i] = static_cast<float>(net.w1[h][i]);
-    t.hidden_bias[h] = static_cast<float>(net.b1[h]);
-    t.output_weights[h] = static_cast<float>(net.w2[h]);
-  }
-  t.output_bias = static_cast<float>(net.b2);
-
-  // The flag's threshold, with the flag drawn as the library draws it.
   double best_f1 = 0.0;
-  t.flag_threshold = 0.5f;
+  float threshold = 0.5f;
   for (int step = 0; step <= 12; ++step) {
-    const float threshold = 0.2f + 0.05f * static_cast<float>(step);
+    const float t = 0.2f + 0.05f * static_cast<float>(step);
     std::vector<VadScores> scores;
     for (const SceneCues& sc : data) {
-      std::vector<float> p(sc.inputs.size());
-      for (std::size_t h = 0; h < p.size(); ++h) p[h] = 1.0f / (1.0f + std::exp(-Logit(t, sc.inputs[h])));
       std::vector<std::uint8_t> flags(sc.labels.size(), 0);
-      for (std::size_t f = 1; 2 * f < p.size(); ++f)
-        flags[f] = 0.25f * p[2 * f - 2] + 0.5f * p[2 * f - 1] + 0.25f * p[2 * f] > threshold ? 1 : 0;
-      // The output frame f covers the input 384 samples back: scored, as the bench does, against label f - 2.
+      for (std::size_t f = 0; f < flags.size() && 2 * f + 1 < sc.hops.size(); ++f)
+        flags[f] = flag.Prob(Inputs(sc, 2 * f + 1, kFlagContext)) > t ? 1 : 0;
       scores.push_back(ScoreVad(flags, sc.labels, 2));
     }
     const VadScores pooled = PoolVad(scores);
-    std::fprintf(stderr, "threshold %.2f: P %.3f R %.3f F1 %.3f\n", threshold, pooled.precision, pooled.recall,
-                 pooled.f1);
-    if (pooled.f1 > best_f1) best_f1 = pooled.f1, t.flag_threshold = threshold;
+    std::fprintf(stderr, "threshold %.2f: P %.3f R %.3f F1 %.3f\n", static_cast<double>(t), pooled.precision,
+                 pooled.recall, pooled.f1);
+    if (pooled.f1 > best_f1) best_f1 = pooled.f1, threshold = t;
   }
 
   std::FILE* f = std::fopen(argv[2], "w");
@@ -341,32 +389,14 @@ int main(int argc, char** argv) {
                "// Generated by bench/quality/fit_presence.cpp (its header gives the command and the\n"
                "// assumptions); do not edit. %zu training hops from %zu scenes; the speech flag's\n"
                "// F1 over them is %.3f at the threshold below.\n"
-               "#include \"adsp_ns/presence_net.h\"\n\nnamespace vorn {\n\n// clang-format off\n"
-               "const PresenceNetTable kPresenceNet = {\n",
-               x.size(), data.size(), best_f1);
-  auto row = [f](const float* a, int count) {
-    std::fprintf(f, "{");
-    for (int i = 0; i < count; ++i) std::fprintf(f, "%s%#.9gf", i ? ", " : "", static_cast<double>(a[i]));
-    std::fprintf(f, "}");
-  };
-  std::fprintf(f, "  ");
-  row(t.input_mean, kNetInputs);
-  std::fprintf(f, ",\n  ");
-  row(t.input_scale, kNetInputs);
-  std::fprintf(f, ",\n  {\n");
-  for (int h = 0; h < kNetHidden; ++h) {
-    std::fprintf(f, "    ");
-    row(t.hidden_weights[h], kNetInputs);
-    std::fprintf(f, ",\n");
-  }
-  std::fprintf(f, "  },\n  ");
-  row(t.hidden_bias, kNetHidden);
-  std::fprintf(f, ",\n  ");
-  row(t.output_weights, kNetHidden);
-  std::fprintf(f, ",\n  %#.9gf,\n  %#.9gf,\n};\n// clang-format on\n\n}  // namespace vorn\n",
-               static_cast<double>(t.output_bias), static_cast<double>(t.flag_threshold));
+               "#include \"adsp_ns/presence_net.h\"\n\nnamespace vorn {\n\n// clang-format off\n",
+               presence_samples, data.size(), best_f1);
+  PrintNet(f, "NetTable<kNetInputs>", "kPresenceNet", presence);
+  PrintNet(f, "NetTable<kFlagInputs>", "kFlagNet", flag);
+  std::fprintf(f, "const float kFlagThreshold = %#.9gf;\n// clang-format on\n\n}  // namespace vorn\n",
+               static_cast<double>(threshold));
   std::fclose(f);
   std::printf("wrote %s: flag F1 %.3f at threshold %.2f over the training scenes\n", argv[2], best_f1,
-              static_cast<double>(t.flag_threshold));
+              static_cast<double>(threshold));
   return 0;
 }

@@ -131,10 +131,10 @@ std::string SpeedMarkdown(const RenderedScene& r, const LearnedPeerRuns& peers) 
     short* in = &mic[f * kFrame];
     EnhancedPresenceHop(&speech->presence, in, no_echo, &hops[0]);
     EnhancedPresenceHop(&speech->presence, in + kNsHop, no_echo, &hops[1]);
-    const float p = EnhancedOutputPresence(speech->vad, hops);
+    const float p = EnhancedOutputPresence(speech->presence);
     EnhancedSuppressHop(&speech->suppressor, speech->presence, &hops[0], out.data());
     EnhancedSuppressHop(&speech->suppressor, speech->presence, &hops[1], out.data() + kNsHop);
-    flags += EnhancedVadDecide(&speech->vad, hops, p);
+    flags += EnhancedVadDecide(&speech->vad, p);
   });
 
   std::string md;

@@ -59,10 +59,12 @@ enum PresenceCue {
   kCueEcho,         // 0..1: the share of the hop's power the far end's echo explains
   kPresenceCues
 };
-// The cues the presence network reads, for this hop and the two before it.
-constexpr int kNetCues = kPresenceCues;
+// The presence network reads the cues of this hop and the two before it;
+// the flag network those of the five hops centred on the frame it judges.
 constexpr int kNetContext = 3;
-constexpr int kNetInputs = kNetCues * kNetContext;
+constexpr int kNetInputs = kPresenceCues * kNetContext;
+constexpr int kFlagContext = 5;
+constexpr int kFlagInputs = kPresenceCues * kFlagContext;
 
 // ---- one hop's analysis, handed from the presence estimate to the suppressor
 struct NsHopAnalysis {
@@ -97,7 +99,7 @@ struct EnhancedPresenceState {
   int32_t stretch_index;                    // next stretch row to overwrite
   int32_t stretches_filled;
   int32_t level_at;                         // next slot of level_history
-  float past_cues[kNetContext - 1][kNetCues];  // the two previous hops' cues, newest first
+  float recent_cues[kFlagContext][kPresenceCues];  // the last hops' cues, newest first
   // The far end: the canceller's input analysed as the suppressor's input
   // is, its own noise, the loudspeaker's power per bin held as its echo
   // lingers, and the power coupling per band from loudspeaker to input
@@ -119,9 +121,7 @@ struct EnhancedSuppressorState {
 };
 
 struct EnhancedVadState {
-  float last_hop_prob[2];  // the previous frame's two hop presences
-  int32_t hangover;        // frames the flag is still held
-  int32_t frames;          // frames decided, saturating
+  int32_t frames;  // frames decided, saturating
 };
 
 // The three records as the enhanced region holds them.
@@ -147,9 +147,9 @@ void EnhancedSuppressHop(EnhancedSuppressorState* st, const EnhancedPresenceStat
 // ---- speech flag -----------------------------------------------------------------
 void EnhancedVadInit(EnhancedVadState* st);
 // The presence of the frame leaving the suppressor now (384 samples behind
-// the frame just analysed), from this frame's and the previous frame's hops.
-float EnhancedOutputPresence(const EnhancedVadState& st, const NsHopAnalysis hops[2]);
-// The speech flag of that frame; call once per frame after EnhancedOutputPresence.
-int EnhancedVadDecide(EnhancedVadState* st, const NsHopAnalysis hops[2], float output_prob);
+// the frame just analysed), from the presence state's last five hops.
+float EnhancedOutputPresence(const EnhancedPresenceState& st);
+// The speech flag of that frame.
+int EnhancedVadDecide(EnhancedVadState* st, float output_prob);
 
 }  // namespace vorn

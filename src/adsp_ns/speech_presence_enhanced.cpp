@@ -81,7 +81,8 @@ constexpr float kLevelUnknownDb = -100.0f;
 // (88 dB/s: the echo's delay and a room's reverberation stay covered). The
 // coupling per band is a least-squares fit of the input's excess over its
 // noise against the held power, over the hops where the loudspeaker plays
-// and the talker was not heard (about a second). It starts at 0 dB, as loud
+// and the last hop stood less than 3 dB above noise and predicted echo
+// (about a second). It starts at 0 dB, as loud
 // as the loudspeaker, with the weight of a quiet loudspeaker, so real
 // evidence takes over within a few hops. The talker then has to stand above
 // twice the predicted echo; per bin, so a talker between the far end's
@@ -91,7 +92,7 @@ constexpr float kCouplingSmoothing = 0.99f;     // per hop: 0.8 s
 constexpr float kCouplingPrior = 1e8f;          // (1e4 per bin)^2: the start's weight
 constexpr float kEchoMargin = 2.0f;
 constexpr float kReferenceFloorPower = 100.0f;  // per bin: about -70 dBFS; quieter plays no echo worth judging
-constexpr float kCouplingUpdateProb = 0.5f;
+constexpr float kCouplingUpdateSnrDb = 3.0f;  // the last hop stood no higher above noise and echo
 constexpr int kTopBands = 4;
 
 float Logistic(float z) { return 1.0f / (1.0f + std::exp(-z)); }
@@ -174,7 +175,7 @@ void AnalyseNear(EnhancedPresenceState* st, const NsEchoCues& echo, float* power
       excess += std::max(power[k] - noise[k], 0.0f);
     }
     const float bins = static_cast<float>(kBandEdges[b + 1] - kBandEdges[b]);
-    if (held >= kReferenceFloorPower * bins && st->prob < kCouplingUpdateProb) {
+    if (held >= kReferenceFloorPower * bins && st->recent_cues[0][kCueFrameSnr] < kCouplingUpdateSnrDb) {
       st->coupling_num[b] = kCouplingSmoothing * st->coupling_num[b] + (1.0f - kCouplingSmoothing) * excess * held;
       st->coupling_den[b] = kCouplingSmoothing * st->coupling_den[b] + (1.0f - kCouplingSmoothing) * held * held;
     }
@@ -208,6 +209,10 @@ float Harmonicity(const float* power, const float* noise) {
 }  // namespace
 
 static_assert(kBandEdges[kCueFirstBand] == kCueFirstBin && kBandEdges[kCueLastBand + 1] == kCueLastBin + 1);
+
+float EnhancedOutputPresence(const EnhancedPresenceState& st) {
+  return Logistic(NetLogit(kFlagNet, &st.recent_cues[0][0]));
+}
 
 void EnhancedPresenceInit(EnhancedPresenceState* st) {
   *st = EnhancedPresenceState{};
@@ -282,16 +287,10 @@ void EnhancedPresenceHop(EnhancedPresenceState* st, const short* in, const NsEch
   hop->cues[kCueDecay] = std::min(recent_peak - level_db, 30.0f);
   hop->cues[kCueEcho] = hop->echo;
 
-  float inputs[kNetInputs];
-  for (int c = 0; c < kNetCues; ++c) {
-    inputs[c] = hop->cues[c];
-    for (int back = 0; back < kNetContext - 1; ++back) inputs[(back + 1) * kNetCues + c] = st->past_cues[back][c];
-  }
-  for (int c = 0; c < kNetCues; ++c) {
-    st->past_cues[1][c] = st->past_cues[0][c];
-    st->past_cues[0][c] = hop->cues[c];
-  }
-  hop->prob = Logistic(PresenceNetLogit(inputs));
+  for (int back = kFlagContext - 1; back > 0; --back)
+    for (int c = 0; c < kPresenceCues; ++c) st->recent_cues[back][c] = st->recent_cues[back - 1][c];
+  for (int c = 0; c < kPresenceCues; ++c) st->recent_cues[0][c] = hop->cues[c];
+  hop->prob = Logistic(NetLogit(kPresenceNet, &st->recent_cues[0][0]));
   hop->snr_db = hop->cues[kCueFrameSnr];
 
   // The talker's level follows hops that are clearly a voice well above the

@@ -53,7 +53,7 @@ void PresenceStage(const T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
   }
   SpeechPresence& p = fr.presence;
   p.frame_prob = 0.5f * (fr.ns_hops[0].prob + fr.ns_hops[1].prob);
-  p.output_prob = EnhancedOutputPresence(speech.vad, fr.ns_hops);
+  p.output_prob = EnhancedOutputPresence(speech.presence);
   for (int b = 0; b < kPresenceBands; ++b) p.band_prob[b] = fr.ns_hops[1].band_prob[b];
   p.snr_db = 0.5f * (fr.ns_hops[0].snr_db + fr.ns_hops[1].snr_db);
   p.echo = 0.5f * (fr.ns_hops[0].echo + fr.ns_hops[1].echo);
@@ -84,7 +84,7 @@ int32_t SuppressStage(T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
 
 void VadStage(T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
   EnhancedSpeechRecords& speech = EnhancedStateOf(st)->modules.speech;
-  pm->vad_flag = EnhancedVadDecide(&speech.vad, fr.ns_hops, fr.presence.output_prob);
+  pm->vad_flag = EnhancedVadDecide(&speech.vad, fr.presence.output_prob);
   if (pm->agc_flag != 0) {
     // The digital AGC reads its SNR figures from the classic VAD suppressor.
     short vad_out[kFrameLen];
