@@ -4,9 +4,13 @@
 // hop's output power blended with this hop's excess) keeps the talker where
 // the estimate is sure of it; that gain is an MSE-optimal shape, which is
 // what keeps the output close to the talker's waveform. It is allowed above
-// the floor only as far as the bin's band holds the talker, so an isolated
-// noise peak in a band judged empty is held at the floor instead of
-// sounding as a short tone (musical noise). The floor itself follows the
+// the floor only as far as the bin's band holds signal above the noise, so
+// an isolated noise peak in a band judged empty is held at the floor
+// instead of sounding as a short tone (musical noise); and away from the
+// talker (other voices, the far end's echo) only a quarter of that. "Near
+// the talker" is the hop presence held as it dies by 0.2 dB a hop, because
+// the talker's reverberation is part of what the listener should hear and
+// the presence rightly says the talker has stopped. The floor itself follows the
 // hop's presence: shallow while the talker speaks, so misjudged bins inside
 // speech are damped rather than removed, and deep in pauses, where it sets
 // how much quieter the noise gets. It rises within a hop and falls over about
@@ -27,12 +31,13 @@ namespace {
 
 constexpr float kOverlapAddGain = 127.99999f;  // two unit-energy windows at hop 128
 constexpr float kNoiseFloorPower = 1e-3f;
-constexpr float kDecisionDirected = 0.96f;
+constexpr float kDecisionDirected = 0.9f;
 constexpr float kMinPrioriSnr = 1e-3f;
 constexpr float kFloorSpeech = 0.1778f;  // -15 dB while the talker speaks
-constexpr float kFloorPause = 0.0562f;   // -25 dB in pauses
+constexpr float kFloorPause = 0.0316f;   // -30 dB in pauses
 constexpr float kFloorFall = 0.85f;      // per hop towards a lower floor
-constexpr float kFrameGate = 0.25f;      // share of the band presence kept in a hop judged empty
+constexpr float kFrameGate = 0.25f;      // share of the band presence kept away from the talker
+constexpr float kTalkerHoldDecay = 0.95f;  // per hop: the talker's reverberation follows it for 150 ms or so
 
 // The band each bin belongs to.
 constexpr std::array<std::uint8_t, kNsBins> MakeBinBands() {
@@ -65,7 +70,8 @@ void EnhancedSuppressHop(EnhancedSuppressorState* st, const EnhancedPresenceStat
   st->floor_gain = target_floor > st->floor_gain ? target_floor
                                                  : kFloorFall * st->floor_gain + (1.0f - kFloorFall) * target_floor;
   const float floor = st->floor_gain;
-  const float gate = kFrameGate + (1.0f - kFrameGate) * hop->prob;
+  st->talker_hold = std::max(hop->prob, kTalkerHoldDecay * st->talker_hold);
+  const float gate = kFrameGate + (1.0f - kFrameGate) * st->talker_hold;
 
   float gain[kNsBins];
   for (int k = 0; k < kNsBins; ++k) {

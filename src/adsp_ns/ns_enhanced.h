@@ -118,6 +118,7 @@ struct EnhancedSuppressorState {
   float ola[kNsFftLen];      // synthesis overlap-add buffer
   float clean_power[kNsBins];// last hop's output power per bin (decision-directed memory)
   float floor_gain;          // the gain floor in force, following the presence
+  float talker_hold;         // the hop presence, held as the talker's reverberation dies
 };
 
 struct EnhancedVadState {
