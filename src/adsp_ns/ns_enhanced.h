@@ -60,10 +60,13 @@ enum PresenceCue {
   kPresenceCues
 };
 // The presence network reads the cues of this hop and the two before it;
-// the flag network those of the five hops centred on the frame it judges.
+// the flag network those of the five hops before this one, which are
+// centred on the input frame 1.5 frames back: the frame the speech flag
+// labels (the suppressor's output lags its input by as much).
 constexpr int kNetContext = 3;
 constexpr int kNetInputs = kPresenceCues * kNetContext;
 constexpr int kFlagContext = 5;
+constexpr int kCueHistory = kFlagContext + 1;
 constexpr int kFlagInputs = kPresenceCues * kFlagContext;
 
 // ---- one hop's analysis, handed from the presence estimate to the suppressor
@@ -99,7 +102,7 @@ struct EnhancedPresenceState {
   int32_t stretch_index;                    // next stretch row to overwrite
   int32_t stretches_filled;
   int32_t level_at;                         // next slot of level_history
-  float recent_cues[kFlagContext][kPresenceCues];  // the last hops' cues, newest first
+  float recent_cues[kCueHistory][kPresenceCues];  // the last hops' cues, newest first
   // The far end: the canceller's input analysed as the suppressor's input
   // is, its own noise, the loudspeaker's power per bin held as its echo
   // lingers, and the power coupling per band from loudspeaker to input

@@ -211,7 +211,7 @@ float Harmonicity(const float* power, const float* noise) {
 static_assert(kBandEdges[kCueFirstBand] == kCueFirstBin && kBandEdges[kCueLastBand + 1] == kCueLastBin + 1);
 
 float EnhancedOutputPresence(const EnhancedPresenceState& st) {
-  return Logistic(NetLogit(kFlagNet, &st.recent_cues[0][0]));
+  return Logistic(NetLogit(kFlagNet, &st.recent_cues[1][0]));
 }
 
 void EnhancedPresenceInit(EnhancedPresenceState* st) {
@@ -287,7 +287,7 @@ void EnhancedPresenceHop(EnhancedPresenceState* st, const short* in, const NsEch
   hop->cues[kCueDecay] = std::min(recent_peak - level_db, 30.0f);
   hop->cues[kCueEcho] = hop->echo;
 
-  for (int back = kFlagContext - 1; back > 0; --back)
+  for (int back = kCueHistory - 1; back > 0; --back)
     for (int c = 0; c < kPresenceCues; ++c) st->recent_cues[back][c] = st->recent_cues[back - 1][c];
   for (int c = 0; c < kPresenceCues; ++c) st->recent_cues[0][c] = hop->cues[c];
   hop->prob = Logistic(NetLogit(kPresenceNet, &st->recent_cues[0][0]));
