@@ -56,7 +56,7 @@ namespace {
 using namespace vorn;
 using namespace vorn::bench;
 
-constexpr int kEpochs = 600;
+constexpr int kEpochs = 1000;
 constexpr double kLearningRate = 0.01;
 constexpr double kWeightDecay = 1e-4;
 constexpr std::uint32_t kFirstSeed = 9000;

@@ -16,7 +16,7 @@
 
 namespace vorn {
 
-constexpr int kNetHidden = 12;
+constexpr int kNetHidden = 20;
 
 template <int Inputs>
 struct NetTable {
