@@ -20,7 +20,7 @@ constexpr std::size_t kFrame = 256;
 constexpr std::size_t kRate = 16000;
 constexpr std::size_t kSettleFrames = 2 * kRate / kFrame;  // the first 2 s
 
-struct Run {
+struct ChainRun {
   std::vector<std::int16_t> out;
   std::vector<std::uint8_t> flags;
   std::vector<float> probs;
@@ -29,7 +29,7 @@ struct Run {
 // The wake-up chain with the canceller (aec 1), suppressor (ns 1) and no AGC,
 // enhanced profile, over a signal all three microphones hear alike. An empty
 // reference plays nothing.
-Run RunEnhanced(const test::Signal& mic, const test::Signal& reference = {}) {
+ChainRun RunEnhanced(const test::Signal& mic, const test::Signal& reference = {}) {
   std::vector<unsigned char> state(1000000);
   T_VornParam pm = test::ParamKeeping(state.data(), {.aec = 1, .ns = 1, .vad_mode = 2}, 0);
   EXPECT_EQ(VornInit(&pm, nullptr), 0);
@@ -37,7 +37,7 @@ Run RunEnhanced(const test::Signal& mic, const test::Signal& reference = {}) {
   const std::vector<std::int16_t> pcm = test::ToPcm(mic);
   std::vector<std::int16_t> ref = reference.empty() ? std::vector<std::int16_t>(pcm.size(), 0) : test::ToPcm(reference);
   ref.resize(pcm.size(), 0);
-  Run run;
+  ChainRun run;
   short inp[3 * kFrame], out[kFrame], order[3] = {0, 1, 2};
   for (std::size_t f = 0; (f + 1) * kFrame <= pcm.size(); ++f) {
     for (std::size_t i = 0; i < kFrame; ++i)
@@ -64,7 +64,7 @@ double RmsOf(const test::Signal& x, std::size_t begin, std::size_t end) {
   return std::sqrt(sum / static_cast<double>(std::max<std::size_t>(end - begin, 1)));
 }
 
-std::size_t FlagsFrom(const Run& run, std::size_t first_frame) {
+std::size_t FlagsFrom(const ChainRun& run, std::size_t first_frame) {
   std::size_t n = 0;
   for (std::size_t f = first_frame; f < run.flags.size(); ++f) n += run.flags[f];
   return n;
@@ -101,12 +101,14 @@ TEST(EnhancedSpeech, HostileInputGivesBoundedOutputAndNoSpeechOnNoiseAlone) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
-    const Run run = RunEnhanced(c.mic);
+    const ChainRun run = RunEnhanced(c.mic);
     ASSERT_EQ(run.out.size(), c.mic.size() / kFrame * kFrame);
     // The suppressor never adds level: its gains stay at or below one.
     EXPECT_LE(RmsOf(run.out, 0, run.out.size()), RmsOf(c.mic, 0, run.out.size()) * 1.05 + 1.0);
     for (float p : run.probs) ASSERT_TRUE(p >= 0.0f && p <= 1.0f) << p;
-    if (c.noise_alone) EXPECT_EQ(FlagsFrom(run, kSettleFrames), 0u);
+    if (c.noise_alone) {
+      EXPECT_EQ(FlagsFrom(run, kSettleFrames), 0u);
+    }
   }
 }
 
@@ -136,7 +138,7 @@ TEST(EnhancedSpeech, FlagsTheTalkerAndNotTheNoiseOrTheEcho) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
-    const Run run = RunEnhanced(c.mic, c.reference);
+    const ChainRun run = RunEnhanced(c.mic, c.reference);
     if (c.talker == nullptr) {
       EXPECT_LT(FlagsFrom(run, kSettleFrames), (run.flags.size() - kSettleFrames) / 20) << "more than 5 % flagged";
       continue;
@@ -164,7 +166,7 @@ TEST(EnhancedSpeech, SuppressesNoiseAndKeepsTheTalker) {
   for (const auto& [name, noise] : {std::pair{"white", test::WhiteNoise(n, 300.0, 32)},
                                     std::pair{"pink", test::PinkNoise(n, 300.0, 33)}}) {
     SCOPED_TRACE(name);
-    const Run run = RunEnhanced(test::Mix(talker.samples, noise));
+    const ChainRun run = RunEnhanced(test::Mix(talker.samples, noise));
     // Noise alone, 2-4 s: at least 20 dB quieter (output lags by 384 samples).
     const double noise_drop = 20.0 * std::log10(RmsOf(noise, 2 * kRate, 4 * kRate) /
                                                 (RmsOf(run.out, 2 * kRate + 384, 4 * kRate + 384) + 1e-9));
@@ -178,7 +180,7 @@ TEST(EnhancedSpeech, SuppressesNoiseAndKeepsTheTalker) {
 
 TEST(EnhancedSpeech, SameInputSameBytes) {
   const test::Signal mic = test::Mix(test::MakeSpeechLike(4 * kRate, 41).samples, test::WhiteNoise(4 * kRate, 200.0, 42));
-  const Run a = RunEnhanced(mic), b = RunEnhanced(mic);
+  const ChainRun a = RunEnhanced(mic), b = RunEnhanced(mic);
   EXPECT_EQ(a.out, b.out);
   EXPECT_EQ(a.flags, b.flags);
 }

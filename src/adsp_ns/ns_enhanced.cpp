@@ -75,7 +75,7 @@ void EnhancedSuppressHop(EnhancedSuppressorState* st, const EnhancedPresenceStat
 
   float gain[kNsBins];
   for (int k = 0; k < kNsBins; ++k) {
-    const float noise = std::max(presence.noise[k], kNoiseFloorPower);
+    const float noise = std::max(presence.noise.noise[k], kNoiseFloorPower);
     const float posterior = hop->power[k] / noise;
     const float prior = std::max(kDecisionDirected * st->clean_power[k] / noise +
                                      (1.0f - kDecisionDirected) * std::max(posterior - 1.0f, 0.0f),

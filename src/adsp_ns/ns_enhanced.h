@@ -85,22 +85,27 @@ constexpr int kNoiseSubWindows = 6;     // the noise floor's minimum search: 6 s
 constexpr int kNoiseSubWindowHops = 32; // ... of 32 hops (1.5 s in all)
 constexpr int kLevelHistory = 15;        // hops a tail is judged against (120 ms)
 
-struct EnhancedPresenceState {
-  float au[kNsFftLen];                      // the last 512 input samples
+// One signal's noise estimate per bin, with the minimum search that backs it up.
+struct NoiseTracker {
   float noise[kNsBins];                     // noise power per bin
   float spp_mean[kNsBins];                  // smoothed bin presence, for the stagnation guard
   float smooth_power[kNsBins];              // time/frequency smoothed power, for the floor search
   float stretch_min[kNsBins];               // minimum of smooth_power in the current stretch
   float window_min[kNsBins];                // minimum over the stored stretches
   float stretch_mins[kNoiseSubWindows][kNsBins];
+  int32_t hops;                             // hops tracked, saturating
+  int32_t stretch_hops;                     // hops into the current stretch
+  int32_t stretch_index;                    // next stretch row to overwrite
+  int32_t stretches_filled;
+};
+
+struct EnhancedPresenceState {
+  float au[kNsFftLen];                      // the last 512 input samples
+  NoiseTracker noise;                       // the suppressor's input's noise
   float band_prob[kPresenceBands];          // smoothed band presence
   float talker_level_db;                    // peak follower of the talker's excess level
   float level_history[kLevelHistory];       // the last hops' excess levels, dB (a ring)
   float prob;                               // last hop's presence (smoothed)
-  int32_t hops;                             // hops analysed, saturating
-  int32_t stretch_hops;                     // hops into the current stretch
-  int32_t stretch_index;                    // next stretch row to overwrite
-  int32_t stretches_filled;
   int32_t level_at;                         // next slot of level_history
   float recent_cues[kCueHistory][kPresenceCues];  // the last hops' cues, newest first
   // The far end: the canceller's input analysed as the suppressor's input
@@ -108,13 +113,11 @@ struct EnhancedPresenceState {
   // lingers, and the power coupling per band from loudspeaker to input
   // (averages of input excess x loudspeaker and loudspeaker^2 powers).
   float near_au[kNsFftLen];
-  float near_noise[kNsBins];
-  float near_spp_mean[kNsBins];
+  NoiseTracker near_noise;
   float reference_au[kNsFftLen];
   float reference_held[kNsBins];
   float coupling_num[kPresenceBands];
   float coupling_den[kPresenceBands];
-  int32_t near_hops;
 };
 
 struct EnhancedSuppressorState {

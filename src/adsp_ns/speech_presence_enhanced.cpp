@@ -118,34 +118,35 @@ void TrackBinNoise(float* noise, float* spp_mean, const float* power, int hops) 
   }
 }
 
-// The suppressor's noise: the probability-weighted update, lifted by the
-// floor search when it has stayed below the noise for a whole window.
-void TrackNoise(EnhancedPresenceState* st, const float* power) {
-  TrackBinNoise(st->noise, st->spp_mean, power, st->hops);
+// One signal's noise: the probability-weighted update, lifted by the floor
+// search when it has stayed below the noise for a whole window.
+void TrackNoise(NoiseTracker* t, const float* power) {
+  if (t->hops < kHopsMax) ++t->hops;
+  TrackBinNoise(t->noise, t->spp_mean, power, t->hops);
 
   // Floor search over the power smoothed across three bins and in time.
   for (int k = 0; k < kNsBins; ++k) {
     const float left = power[k > 0 ? k - 1 : k], right = power[k < kNsBins - 1 ? k + 1 : k];
     const float across = 0.25f * left + 0.5f * power[k] + 0.25f * right;
-    st->smooth_power[k] =
-        st->hops == 1 ? across : kPowerSmoothing * st->smooth_power[k] + (1.0f - kPowerSmoothing) * across;
-    st->stretch_min[k] = st->stretch_hops == 0 ? st->smooth_power[k] : std::min(st->stretch_min[k], st->smooth_power[k]);
+    t->smooth_power[k] =
+        t->hops == 1 ? across : kPowerSmoothing * t->smooth_power[k] + (1.0f - kPowerSmoothing) * across;
+    t->stretch_min[k] = t->stretch_hops == 0 ? t->smooth_power[k] : std::min(t->stretch_min[k], t->smooth_power[k]);
   }
-  if (++st->stretch_hops == kNoiseSubWindowHops) {
-    st->stretch_hops = 0;
-    float* row = st->stretch_mins[st->stretch_index];
-    for (int k = 0; k < kNsBins; ++k) row[k] = st->stretch_min[k];
-    st->stretch_index = (st->stretch_index + 1) % kNoiseSubWindows;
-    if (st->stretches_filled < kNoiseSubWindows) ++st->stretches_filled;
+  if (++t->stretch_hops == kNoiseSubWindowHops) {
+    t->stretch_hops = 0;
+    float* row = t->stretch_mins[t->stretch_index];
+    for (int k = 0; k < kNsBins; ++k) row[k] = t->stretch_min[k];
+    t->stretch_index = (t->stretch_index + 1) % kNoiseSubWindows;
+    if (t->stretches_filled < kNoiseSubWindows) ++t->stretches_filled;
     for (int k = 0; k < kNsBins; ++k) {
-      float m = st->stretch_mins[0][k];
-      for (int r = 1; r < st->stretches_filled; ++r) m = std::min(m, st->stretch_mins[r][k]);
-      st->window_min[k] = m;
+      float m = t->stretch_mins[0][k];
+      for (int r = 1; r < t->stretches_filled; ++r) m = std::min(m, t->stretch_mins[r][k]);
+      t->window_min[k] = m;
     }
   }
   // Only a full window of evidence may lift the estimate.
-  if (st->stretches_filled == kNoiseSubWindows)
-    for (int k = 0; k < kNsBins; ++k) st->noise[k] = std::max(st->noise[k], kFloorBias * st->window_min[k]);
+  if (t->stretches_filled == kNoiseSubWindows)
+    for (int k = 0; k < kNsBins; ++k) t->noise[k] = std::max(t->noise[k], kFloorBias * t->window_min[k]);
 }
 
 // Windowed 512-point power spectrum of an analysis buffer after it takes a hop.
@@ -160,13 +161,12 @@ void HopPower(float* au, const short* in, float* spectrum, float* power) {
 // and the echo the loudspeaker is predicted to put there (per bin).
 void AnalyseNear(EnhancedPresenceState* st, const NsEchoCues& echo, float* power, float* noise, float* echo_power) {
   float spectrum[kNsFftLen], reference[kNsBins];
-  if (st->near_hops < kHopsMax) ++st->near_hops;
   HopPower(st->near_au, echo.near, spectrum, power);
-  TrackBinNoise(st->near_noise, st->near_spp_mean, power, st->near_hops);
+  TrackNoise(&st->near_noise, power);
   HopPower(st->reference_au, echo.reference, spectrum, reference);
   for (int k = 0; k < kNsBins; ++k) {
     st->reference_held[k] = std::max(reference[k], kEchoHeldDecay * st->reference_held[k]);
-    noise[k] = std::max(st->near_noise[k], kNoiseFloorPower);
+    noise[k] = std::max(st->near_noise.noise[k], kNoiseFloorPower);
   }
   for (int b = 0; b < kPresenceBands; ++b) {
     float held = 0.0f, excess = 0.0f;
@@ -222,9 +222,8 @@ void EnhancedPresenceInit(EnhancedPresenceState* st) {
 }
 
 void EnhancedPresenceHop(EnhancedPresenceState* st, const short* in, const NsEchoCues& echo, NsHopAnalysis* hop) {
-  if (st->hops < kHopsMax) ++st->hops;
   HopPower(st->au, in, hop->spectrum, hop->power);
-  TrackNoise(st, hop->power);
+  TrackNoise(&st->noise, hop->power);
 
   // What the talker has to stand above: the noise, and where the loudspeaker
   // plays, its echo. With the canceller on, both are judged on its input.
@@ -235,7 +234,7 @@ void EnhancedPresenceHop(EnhancedPresenceState* st, const short* in, const NsEch
   float floor[kNsBins];
   float echo_sum = 0.0f, speech_band_power = 0.0f;
   for (int k = 0; k < kNsBins; ++k) {
-    floor[k] = far_end ? near_noise[k] + echo_power[k] : std::max(st->noise[k], kNoiseFloorPower);
+    floor[k] = far_end ? near_noise[k] + echo_power[k] : std::max(st->noise.noise[k], kNoiseFloorPower);
     if (k >= kCueFirstBin && k <= kCueLastBin) {
       echo_sum += far_end ? echo_power[k] : 0.0f;
       speech_band_power += power[k];

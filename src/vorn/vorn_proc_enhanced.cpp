@@ -77,7 +77,7 @@ int32_t SuppressStage(T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
   }
   if (pm->doa_update_flag == 1) {
     auto* bf = static_cast<T_AudioDspState*>(st->bf_pm.p_data);
-    std::memcpy(bf->ns_psd, speech.presence.noise, sizeof speech.presence.noise);
+    std::memcpy(bf->ns_psd, speech.presence.noise.noise, sizeof speech.presence.noise.noise);
   }
   return 0;
 }
