@@ -70,12 +70,17 @@ constexpr int kHarmLastBin = 96;
 constexpr int kPitchLagMin = 40;
 constexpr int kPitchLagMax = 256;
 
-// Talker level: follows peaks, decays 1.25 dB/s.
+// Talker level (voiced: three hops in a row with clear pitch harmonics, 3 dB
+// above noise and echo): rises towards louder voiced hops, sinks 0.05 dB with each
+// quieter one (6 dB a second of voice: a talker who steps back), and holds
+// while nobody speaks, so a long stretch of noise never becomes the talker.
 constexpr float kLevelAttack = 0.3f;
-constexpr float kLevelDecayDb = 0.01f;
+constexpr float kLevelDecayDb = 0.05f;
 constexpr float kLevelVoicedHarmonicity = 1.0f;
-constexpr float kLevelVoicedSnrDb = 0.0f;
+constexpr float kLevelVoicedSnrDb = 3.0f;
+constexpr int kLevelVoicedRun = 3;  // hops in a row: noise seldom looks voiced for 24 ms
 constexpr float kLevelUnknownDb = -100.0f;
+constexpr float kBelowMaxDb = 40.0f;  // before any voice, every hop counts as far below the talker
 
 // Echo: the loudspeaker's power per bin is held and let die at 0.7 dB a hop
 // (88 dB/s: the echo's delay and a room's reverberation stay covered). The
@@ -271,7 +276,7 @@ void EnhancedPresenceHop(EnhancedPresenceState* st, const short* in, const NsEch
   }
   const float level_db = Db(excess_power + 1.0f);
   const float below_talker =
-      st->talker_level_db <= kLevelUnknownDb ? 0.0f : std::clamp(st->talker_level_db - level_db, 0.0f, 40.0f);
+      st->talker_level_db <= kLevelUnknownDb ? kBelowMaxDb : std::clamp(st->talker_level_db - level_db, 0.0f, kBelowMaxDb);
 
   float recent_peak = level_db;
   for (float l : st->level_history) recent_peak = std::max(recent_peak, l);
@@ -295,14 +300,16 @@ void EnhancedPresenceHop(EnhancedPresenceState* st, const short* in, const NsEch
   // The talker's level follows hops that are clearly a voice well above the
   // noise (judged from the cues alone, so the network's inputs do not
   // depend on its own output).
-  const bool voiced = hop->cues[kCueHarmonicity] > kLevelVoicedHarmonicity && hop->cues[kCueFrameSnr] > kLevelVoicedSnrDb;
+  const bool voiced_hop =
+      hop->cues[kCueHarmonicity] > kLevelVoicedHarmonicity && hop->cues[kCueFrameSnr] > kLevelVoicedSnrDb;
+  st->voiced_run = voiced_hop ? std::min(st->voiced_run + 1, kLevelVoicedRun) : 0;
+  const bool voiced = st->voiced_run >= kLevelVoicedRun;
   if (voiced && level_db > st->talker_level_db)
     st->talker_level_db = st->talker_level_db <= kLevelUnknownDb
                               ? level_db
                               : st->talker_level_db + kLevelAttack * (level_db - st->talker_level_db);
-  else if (st->talker_level_db > kLevelUnknownDb)
+  else if (voiced)
     st->talker_level_db -= kLevelDecayDb;
-  if (st->talker_level_db < kLevelUnknownDb) st->talker_level_db = kLevelUnknownDb;
   st->prob = hop->prob;
 }
 
