@@ -109,6 +109,7 @@ struct EnhancedPresenceState {
   int32_t level_at;                         // next slot of level_history
   int32_t voiced_run;                       // voiced hops in a row, up to the number that counts
   float recent_cues[kCueHistory][kPresenceCues];  // the last hops' cues, newest first
+  float recent_prob[kCueHistory];                 // the last hops' presence, newest first
   // The far end: the canceller's input analysed as the suppressor's input
   // is, its own noise, the loudspeaker's power per bin held as its echo
   // lingers, and the power coupling per band from loudspeaker to input

@@ -216,7 +216,12 @@ float Harmonicity(const float* power, const float* noise) {
 static_assert(kBandEdges[kCueFirstBand] == kCueFirstBin && kBandEdges[kCueLastBand + 1] == kCueLastBin + 1);
 
 float EnhancedOutputPresence(const EnhancedPresenceState& st) {
-  return Logistic(NetLogit(kFlagNet, &st.recent_cues[1][0]));
+  // The flag network judges the frame; the hop presence of at least one of
+  // its hops must agree, so that a frame neither network is sure of on its
+  // own is not called speech.
+  float hop_prob = 0.0f;
+  for (int back = 1; back <= kFlagContext; ++back) hop_prob = std::max(hop_prob, st.recent_prob[back]);
+  return std::min(Logistic(NetLogit(kFlagNet, &st.recent_cues[1][0])), hop_prob);
 }
 
 void EnhancedPresenceInit(EnhancedPresenceState* st) {
@@ -295,6 +300,8 @@ void EnhancedPresenceHop(EnhancedPresenceState* st, const short* in, const NsEch
     for (int c = 0; c < kPresenceCues; ++c) st->recent_cues[back][c] = st->recent_cues[back - 1][c];
   for (int c = 0; c < kPresenceCues; ++c) st->recent_cues[0][c] = hop->cues[c];
   hop->prob = Logistic(NetLogit(kPresenceNet, &st->recent_cues[0][0]));
+  for (int back = kCueHistory - 1; back > 0; --back) st->recent_prob[back] = st->recent_prob[back - 1];
+  st->recent_prob[0] = hop->prob;
   hop->snr_db = hop->cues[kCueFrameSnr];
 
   // The talker's level follows hops that are clearly a voice well above the
