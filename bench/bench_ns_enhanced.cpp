@@ -12,8 +12,8 @@
 
 #include "adsp_ns/adsp_ns_proc.h"
 #include "adsp_ns/ns_enhanced.h"
-#include "support/ns_harness.h"
-#include "support/signals.h"
+#include "sim/ns_harness.h"
+#include "sim/signals.h"
 
 namespace {
 
@@ -25,13 +25,13 @@ struct Audio {
   std::vector<std::int16_t> mic, far;
   std::size_t frames = 0;
   Audio() {
-    const std::size_t n = 10 * test::kSampleRate;
-    test::SpeechLikeOptions opt;
+    const std::size_t n = 10 * sim::kSampleRate;
+    sim::SpeechLikeOptions opt;
     opt.lead_silence_s = 1.0;
-    mic = test::ToPcm(test::Mix(test::MakeSpeechLike(n, 3, opt).samples, test::PinkNoise(n, 600.0, 4)));
-    test::SpeechLikeOptions far_voice;
+    mic = sim::ToPcm(sim::Mix(sim::MakeSpeechLike(n, 3, opt).samples, sim::PinkNoise(n, 600.0, 4)));
+    sim::SpeechLikeOptions far_voice;
     far_voice.f0_hz = 210.0;
-    far = test::ToPcm(test::MakeSpeechLike(n, 5, far_voice).samples);
+    far = sim::ToPcm(sim::MakeSpeechLike(n, 5, far_voice).samples);
     frames = n / kFrame;
   }
   short* Mic(std::size_t f) { return mic.data() + (f % frames) * kFrame; }
@@ -69,7 +69,7 @@ BENCHMARK(BM_EnhancedSpeechFrame)->ArgName("far_end")->Arg(0)->Arg(1)->Unit(benc
 
 void BM_ClassicSuppressorAndVadFrame(benchmark::State& state) {
   Audio audio;
-  test::NsInstance ns(2), vad(2);
+  sim::NsInstance ns(2), vad(2);
   short out[kFrame], vad_out[kFrame];
   auto frame = [&](std::size_t f) {
     AdspNsProc(&ns.param(), nullptr, nullptr, nullptr, audio.Mic(f), out);

@@ -9,8 +9,8 @@
 #include <string>
 #include <vector>
 
-#include "support/front_end_param.h"
-#include "support/signals.h"
+#include "sim/front_end_param.h"
+#include "sim/signals.h"
 #include "vorn_proc.h"
 
 namespace vorn {
@@ -29,13 +29,13 @@ struct ChainRun {
 // The wake-up chain with the canceller (aec 1), suppressor (ns 1) and no AGC,
 // enhanced profile, over a signal all three microphones hear alike. An empty
 // reference plays nothing.
-ChainRun RunEnhanced(const test::Signal& mic, const test::Signal& reference = {}) {
+ChainRun RunEnhanced(const sim::Signal& mic, const sim::Signal& reference = {}) {
   std::vector<unsigned char> state(1000000);
-  T_VornParam pm = test::ParamKeeping(state.data(), {.aec = 1, .ns = 1, .vad_mode = 2}, 0);
+  T_VornParam pm = sim::ParamKeeping(state.data(), {.aec = 1, .ns = 1, .vad_mode = 2}, 0);
   EXPECT_EQ(VornInit(&pm, nullptr), 0);
   EXPECT_EQ(VornSetProfile(&pm, VORN_PROFILE_ENHANCED), 0);
-  const std::vector<std::int16_t> pcm = test::ToPcm(mic);
-  std::vector<std::int16_t> ref = reference.empty() ? std::vector<std::int16_t>(pcm.size(), 0) : test::ToPcm(reference);
+  const std::vector<std::int16_t> pcm = sim::ToPcm(mic);
+  std::vector<std::int16_t> ref = reference.empty() ? std::vector<std::int16_t>(pcm.size(), 0) : sim::ToPcm(reference);
   ref.resize(pcm.size(), 0);
   ChainRun run;
   short inp[3 * kFrame], out[kFrame], order[3] = {0, 1, 2};
@@ -58,7 +58,7 @@ double RmsOf(const std::vector<std::int16_t>& x, std::size_t begin, std::size_t 
   return std::sqrt(sum / static_cast<double>(std::max<std::size_t>(end - begin, 1)));
 }
 
-double RmsOf(const test::Signal& x, std::size_t begin, std::size_t end) {
+double RmsOf(const sim::Signal& x, std::size_t begin, std::size_t end) {
   double sum = 0.0;
   for (std::size_t i = begin; i < end; ++i) sum += static_cast<double>(x[i]) * x[i];
   return std::sqrt(sum / static_cast<double>(std::max<std::size_t>(end - begin, 1)));
@@ -70,8 +70,8 @@ std::size_t FlagsFrom(const ChainRun& run, std::size_t first_frame) {
   return n;
 }
 
-test::Signal Square(std::size_t n, double period_samples, double amplitude) {
-  test::Signal x(n);
+sim::Signal Square(std::size_t n, double period_samples, double amplitude) {
+  sim::Signal x(n);
   for (std::size_t i = 0; i < n; ++i)
     x[i] = static_cast<float>(std::fmod(static_cast<double>(i), period_samples) < period_samples / 2 ? amplitude
                                                                                                      : -amplitude);
@@ -80,24 +80,24 @@ test::Signal Square(std::size_t n, double period_samples, double amplitude) {
 
 TEST(EnhancedSpeech, HostileInputGivesBoundedOutputAndNoSpeechOnNoiseAlone) {
   const std::size_t n10 = 10 * kRate;
-  test::Signal step = test::WhiteNoise(n10, 30.0, 7);
-  const test::Signal loud = test::WhiteNoise(n10, 3000.0, 8);
+  sim::Signal step = sim::WhiteNoise(n10, 30.0, 7);
+  const sim::Signal loud = sim::WhiteNoise(n10, 3000.0, 8);
   std::copy(loud.begin() + static_cast<long>(n10 / 2), loud.end(), step.begin() + static_cast<long>(n10 / 2));
-  test::Signal dc = test::WhiteNoise(n10, 20.0, 9);
+  sim::Signal dc = sim::WhiteNoise(n10, 20.0, 9);
   for (float& v : dc) v += 5000.0f;
   struct Case {
     const char* name;
-    test::Signal mic;
+    sim::Signal mic;
     bool noise_alone;  // no speech flag may follow the first 2 s
   };
   const Case cases[] = {
-      {"digital silence", test::Signal(n10, 0.0f), true},
+      {"digital silence", sim::Signal(n10, 0.0f), true},
       {"full-scale square wave, 250 Hz", Square(n10, 64.0, 32767.0), false},
       {"full-scale square wave, 4 kHz", Square(n10, 4.0, 32767.0), false},
       {"DC offset under faint noise", dc, true},
       {"white noise stepping up by 40 dB", step, true},
-      {"60 s of white noise", test::WhiteNoise(60 * kRate, 1000.0, 10), true},
-      {"60 s of pink noise", test::PinkNoise(60 * kRate, 1000.0, 11), true},
+      {"60 s of white noise", sim::WhiteNoise(60 * kRate, 1000.0, 10), true},
+      {"60 s of pink noise", sim::PinkNoise(60 * kRate, 1000.0, 11), true},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
@@ -116,26 +116,26 @@ TEST(EnhancedSpeech, HostileInputGivesBoundedOutputAndNoSpeechOnNoiseAlone) {
 
 TEST(EnhancedSpeech, FlagsTheTalkerAndNotTheNoiseOrTheEcho) {
   const std::size_t n = 12 * kRate;
-  test::SpeechLikeOptions voice;
+  sim::SpeechLikeOptions voice;
   voice.lead_silence_s = 3.0;
-  const test::SpeechLike talker = test::MakeSpeechLike(n, 21, voice);
-  test::SpeechLikeOptions far_voice;
+  const sim::SpeechLike talker = sim::MakeSpeechLike(n, 21, voice);
+  sim::SpeechLikeOptions far_voice;
   far_voice.f0_hz = 210.0;
-  const test::SpeechLike far = test::MakeSpeechLike(n, 22, far_voice);
+  const sim::SpeechLike far = sim::MakeSpeechLike(n, 22, far_voice);
   // The echo as the microphones hear it: the far end 6 dB down, 2 ms late.
-  test::Signal echo(n, 0.0f);
+  sim::Signal echo(n, 0.0f);
   for (std::size_t i = 32; i < n; ++i) echo[i] = 0.5f * far.samples[i - 32];
-  const test::Signal noise = test::PinkNoise(n, 300.0, 23);  // 20 dB under the talker
+  const sim::Signal noise = sim::PinkNoise(n, 300.0, 23);  // 20 dB under the talker
 
   struct Case {
     const char* name;
-    test::Signal mic, reference;
+    sim::Signal mic, reference;
     const std::vector<std::uint8_t>* talker;  // null: nobody near talks
   };
   const Case cases[] = {
-      {"talker in pink noise", test::Mix(talker.samples, noise), {}, &talker.active},
-      {"far end's echo in pink noise", test::Mix(echo, noise), far.samples, nullptr},
-      {"talker over the far end's echo", test::Mix(test::Mix(talker.samples, echo), noise), far.samples,
+      {"talker in pink noise", sim::Mix(talker.samples, noise), {}, &talker.active},
+      {"far end's echo in pink noise", sim::Mix(echo, noise), far.samples, nullptr},
+      {"talker over the far end's echo", sim::Mix(sim::Mix(talker.samples, echo), noise), far.samples,
        &talker.active},
   };
   for (const Case& c : cases) {
@@ -147,7 +147,7 @@ TEST(EnhancedSpeech, FlagsTheTalkerAndNotTheNoiseOrTheEcho) {
     }
     // The flag labels the frame leaving the suppressor, 384 samples (1.5
     // frames) behind; compare it with the talker's syllables there.
-    const std::vector<std::uint8_t> labels = test::FrameLabels(*c.talker);
+    const std::vector<std::uint8_t> labels = sim::FrameLabels(*c.talker);
     std::size_t tp = 0, fp = 0, fn = 0;
     for (std::size_t f = 2 + kSettleFrames; f < run.flags.size(); ++f) {
       const bool label = labels[f - 2] != 0, flag = run.flags[f] != 0;
@@ -162,13 +162,13 @@ TEST(EnhancedSpeech, FlagsTheTalkerAndNotTheNoiseOrTheEcho) {
 
 TEST(EnhancedSpeech, SuppressesNoiseAndKeepsTheTalker) {
   const std::size_t n = 10 * kRate;
-  test::SpeechLikeOptions voice;
+  sim::SpeechLikeOptions voice;
   voice.lead_silence_s = 4.0;
-  const test::SpeechLike talker = test::MakeSpeechLike(n, 31, voice);
-  for (const auto& [name, noise] : {std::pair{"white", test::WhiteNoise(n, 300.0, 32)},
-                                    std::pair{"pink", test::PinkNoise(n, 300.0, 33)}}) {
+  const sim::SpeechLike talker = sim::MakeSpeechLike(n, 31, voice);
+  for (const auto& [name, noise] : {std::pair{"white", sim::WhiteNoise(n, 300.0, 32)},
+                                    std::pair{"pink", sim::PinkNoise(n, 300.0, 33)}}) {
     SCOPED_TRACE(name);
-    const ChainRun run = RunEnhanced(test::Mix(talker.samples, noise));
+    const ChainRun run = RunEnhanced(sim::Mix(talker.samples, noise));
     // Noise alone, 2-4 s: at least 20 dB quieter (output lags by 384 samples).
     const double noise_drop = 20.0 * std::log10(RmsOf(noise, 2 * kRate, 4 * kRate) /
                                                 (RmsOf(run.out, 2 * kRate + 384, 4 * kRate + 384) + 1e-9));
@@ -181,7 +181,7 @@ TEST(EnhancedSpeech, SuppressesNoiseAndKeepsTheTalker) {
 }
 
 TEST(EnhancedSpeech, SameInputSameBytes) {
-  const test::Signal mic = test::Mix(test::MakeSpeechLike(4 * kRate, 41).samples, test::WhiteNoise(4 * kRate, 200.0, 42));
+  const sim::Signal mic = sim::Mix(sim::MakeSpeechLike(4 * kRate, 41).samples, sim::WhiteNoise(4 * kRate, 200.0, 42));
   const ChainRun a = RunEnhanced(mic), b = RunEnhanced(mic);
   EXPECT_EQ(a.out, b.out);
   EXPECT_EQ(a.flags, b.flags);
@@ -190,7 +190,7 @@ TEST(EnhancedSpeech, SameInputSameBytes) {
 TEST(EnhancedSpeech, ProbabilityGetterRefusesWhatTheProfileSwitchRefuses) {
   std::vector<unsigned char> state(1000000);
   float value = 0.5f;
-  T_VornParam pm = test::ParamOver(state.data());
+  T_VornParam pm = sim::ParamOver(state.data());
   EXPECT_EQ(VornGetSpeechProbability(nullptr, &value), 1);
   EXPECT_EQ(VornGetSpeechProbability(&pm, &value), VORN_ERR_NOT_INITIALISED);
   ASSERT_EQ(VornInit(&pm, nullptr), 0);

@@ -47,14 +47,15 @@
 #include "adsp_ns/ns_enhanced.h"
 #include "adsp_ns/presence_net.h"
 #include "quality/scoring.h"
-#include "scene/metrics.h"
-#include "support/front_end_param.h"
+#include "sim/metrics.h"
+#include "sim/front_end_param.h"
 #include "vorn_proc.h"
 
 namespace {
 
 using namespace vorn;
 using namespace vorn::bench;
+using namespace vorn::sim;
 
 constexpr int kEpochs = 1000;
 constexpr double kLearningRate = 0.01;
@@ -80,13 +81,13 @@ Scene TrainingScene(std::uint32_t seed, std::vector<std::uint8_t>* talker_active
   s.talker_end_s = 12.0;
   s.azimuth_deg = 360.0 * u(rng);
   s.talker_level_dbfs = -50.0 + 40.0 * u(rng);
-  test::SpeechLikeOptions voice;
+  sim::SpeechLikeOptions voice;
   voice.f0_hz = 90.0 + 160.0 * u(rng);
   voice.syllable_hz = 3.0 + 3.0 * u(rng);
   voice.duty = 0.45 + 0.3 * u(rng);
   voice.lead_silence_s = 0.3 * u(rng);
   const std::size_t samples = static_cast<std::size_t>((s.talker_end_s - s.talker_begin_s) * kSampleRate);
-  test::SpeechLike talker = test::MakeSpeechLike(samples, seed * 7u + 3u, voice);
+  sim::SpeechLike talker = sim::MakeSpeechLike(samples, seed * 7u + 3u, voice);
   s.talker = std::move(talker.samples);
   *talker_active = std::move(talker.active);
   NoiseSource noise;
@@ -146,7 +147,7 @@ bool Load(std::uint32_t seed, std::vector<std::int16_t>* mics, std::vector<std::
   std::vector<std::uint8_t> active(r.mics.size() / kMics, 0);
   const std::size_t begin = static_cast<std::size_t>(scene.talker_begin_s * kSampleRate) + r.truth.talker_delay;
   for (std::size_t i = 0; i < talker_active.size() && begin + i < active.size(); ++i) active[begin + i] = talker_active[i];
-  r.truth.speech = test::FrameLabels(active);
+  r.truth.speech = sim::FrameLabels(active);
   *mics = r.mics;
   *reference = r.reference;
   *labels = r.truth.speech;
@@ -173,8 +174,8 @@ std::vector<std::int16_t> Heard(std::vector<std::int16_t> mics, std::vector<std:
   const std::size_t frames = std::min(mics.size() / (kMics * kFrame), reference.size() / kFrame);
   std::vector<std::int16_t> heard(frames * kFrame);
   std::vector<unsigned char> state(static_cast<std::size_t>(VornGetBuffSize()) + 1000000);
-  const test::FrontEndSwitches switches{.aec = 1, .ns = 0, .vad_mode = 2};
-  T_VornParam pm = test::ParamKeeping(state.data(), switches, 0);
+  const sim::Switches switches{.aec = 1, .ns = 0, .vad_mode = 2};
+  T_VornParam pm = sim::ParamKeeping(state.data(), switches, 0);
   if (VornInit(&pm, nullptr) != 0) return heard;
   short order[3] = {0, 1, 2};
   for (std::size_t f = 0; f < frames; ++f)

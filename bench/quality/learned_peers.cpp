@@ -4,9 +4,11 @@
 #include <cstdlib>
 #include <fstream>
 
-#include "scene/metrics.h"
+#include "sim/metrics.h"
 
 namespace vorn::bench {
+
+using namespace vorn::sim;
 namespace {
 
 namespace fs = std::filesystem;

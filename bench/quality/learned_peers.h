@@ -24,6 +24,6 @@ struct LearnedPeerRuns {
 // node when `modules_dir` holds their packages, and reads back what they
 // wrote. A flag is 1 where a peer's speech probability exceeds 0.5.
 LearnedPeerRuns RunLearnedPeers(const std::filesystem::path& work_dir, const std::filesystem::path& modules_dir,
-                                const std::map<std::string, const RenderedScene*>& scenes);
+                                const std::map<std::string, const sim::RenderedScene*>& scenes);
 
 }  // namespace vorn::bench

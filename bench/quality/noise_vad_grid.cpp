@@ -5,6 +5,8 @@
 #include <cstdio>
 
 namespace vorn::bench {
+
+using namespace vorn::sim;
 namespace {
 
 NoiseSource Noise(const std::string& name, double snr_db) {

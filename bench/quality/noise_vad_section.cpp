@@ -14,7 +14,7 @@
 #include "quality/noise_vad_grid.h"
 #include "quality/scoring.h"
 #include "quality/systems.h"
-#include "scene/metrics.h"
+#include "sim/metrics.h"
 #include "vorn_proc.h"
 #ifdef VORN_WITH_SPEEXDSP
 #include <speex/speex_preprocess.h>
@@ -23,6 +23,8 @@
 #endif
 
 namespace vorn::bench {
+
+using namespace vorn::sim;
 namespace {
 
 namespace fs = std::filesystem;
