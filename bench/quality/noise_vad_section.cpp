@@ -32,8 +32,8 @@ constexpr std::size_t kMaxLag = 4096;
 
 // The single-microphone recognition chain (canceller, suppressor, speech
 // flag), as SpeexDSP's chain is single-microphone too.
-const VornConfig kClassic{"classic", 0, 0, 0, 1, 1, 2, false, false, false, VORN_PROFILE_CLASSIC};
-const VornConfig kEnhanced{"enhanced", 0, 0, 0, 1, 1, 2, false, false, false, VORN_PROFILE_ENHANCED};
+const VornConfig kClassic{"classic", {.aec = 1, .ns = 1, .vad_mode = 2}, false, false, false, VORN_PROFILE_CLASSIC};
+const VornConfig kEnhanced{"enhanced", {.aec = 1, .ns = 1, .vad_mode = 2}, false, false, false, VORN_PROFILE_ENHANCED};
 const char* const kSpeex = "SpeexDSP";
 const char* const kRnnoise = "RNNoise";
 const char* const kSilero = "Silero VAD";
