@@ -97,6 +97,16 @@ int32_t VornSetProfile(T_VornParam* pm, int32_t profile);
  * has not been prepared by VornInit. */
 int32_t VornGetProfile(const T_VornParam* pm);
 
+/* ---- Enhanced profile results ----
+ * Figures of the last frame VornProc processed under the enhanced profile.
+ * Each returns 0 with *value set; 1..3 for a record the parameter check
+ * refuses (1 also for a null value); or VORN_ERR_NOT_INITIALISED. */
+
+/* How likely the near talker speaks in the frame last written to out (0..1),
+ * the figure the speech flag is drawn from (the flag is 1 above 0.5, held one
+ * frame after a confident run). Noise and the far end's echo are not speech. */
+int32_t VornGetSpeechProbability(const T_VornParam* pm, float* value);
+
 #ifdef __cplusplus
 }
 #endif

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "quality/grid.h"
+#include "quality/noise_vad_section.h"
 #include "quality/scoring.h"
 #include "quality/systems.h"
 #include "sim/metrics.h"
@@ -617,12 +618,15 @@ std::string FindingsMarkdown(const Results& results) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc != 2) {
-    std::fprintf(stderr, "usage: vorn_bench_quality OUT_DIR\n");
+  const bool only_noise_vad = argc == 4 && std::string(argv[2]) == "--only" && std::string(argv[3]) == "noise_vad";
+  if (argc != 2 && !only_noise_vad) {
+    std::fprintf(stderr, "usage: vorn_bench_quality OUT_DIR [--only noise_vad]\n");
     return 2;
   }
   const std::filesystem::path dir = argv[1];
   std::filesystem::create_directories(dir);
+  if (only_noise_vad) return vorn::bench::RunNoiseVadSection(dir);
+  if (const int rc = vorn::bench::RunNoiseVadSection(dir); rc != 0) return rc;
   Results results;
   results.scenes = AllScenes();
   const std::vector<System> systems = Systems();

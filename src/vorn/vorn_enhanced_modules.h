@@ -3,11 +3,13 @@
 // this list only places them.
 #pragma once
 
+#include "adsp_ns/ns_enhanced.h"
+
 namespace vorn {
 
 struct EnhancedModules {
   // Enhanced modules add their records here.
-  int reserved;
+  EnhancedSpeechRecords speech;  // speech presence, suppressor, speech flag
 };
 
 }  // namespace vorn
