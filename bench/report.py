@@ -128,6 +128,9 @@ def main():
     add("## Headline")
     add("")
     add(headline)
+    add("")
+    add("The enhanced profile's noise suppression and speech detection, against SpeexDSP, RNNoise and Silero VAD "
+        "on their own noise and speech-detection grids: [noise_vad.md](noise_vad.md).")
     if chain:
         add("| speed | whole chain, CPU µs per 16 ms frame (× real time) | %.0f (%.0f×), 1-mic | %.0f (%.0f×) | – |" %
             (chain[0], 16000.0 / chain[0], chain[1], 16000.0 / chain[1]))

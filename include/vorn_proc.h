@@ -98,9 +98,14 @@ int32_t VornSetProfile(T_VornParam* pm, int32_t profile);
 int32_t VornGetProfile(const T_VornParam* pm);
 
 /* ---- Enhanced profile results ----
- * Each getter returns 0 and writes *value; or 1 (record, buffer or value
- * pointer missing), 2 (buffer smaller than 1,000,000 bytes), 3 (wrong
- * param_size) or VORN_ERR_NOT_INITIALISED, writing nothing. */
+ * Figures of the last frame VornProc processed under the enhanced profile.
+ * Each returns 0 with *value set; 1..3 for a record the parameter check
+ * refuses (1 also for a null value); or VORN_ERR_NOT_INITIALISED. */
+
+/* How likely the near talker speaks in the frame last written to out (0..1),
+ * the figure the speech flag is drawn from (the flag is 1 above 0.5, held one
+ * frame after a confident run). Noise and the far end's echo are not speech. */
+int32_t VornGetSpeechProbability(const T_VornParam* pm, float* value);
 
 /* Confidence, 0..1, of the azimuth last written to pm->azimuth: by VornProc
  * with per-frame tracking (doa_flag 1), or by VornDoa. It grows with how

@@ -12,6 +12,7 @@
 
 #include "quality/direction_bench.h"
 #include "quality/grid.h"
+#include "quality/noise_vad_section.h"
 #include "quality/scoring.h"
 #include "quality/systems.h"
 #include "sim/metrics.h"
@@ -618,8 +619,9 @@ std::string FindingsMarkdown(const Results& results) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  // --only TOPIC runs one section alone; --match TEXT keeps its scenes whose
-  // name contains TEXT (a quicker look while developing).
+  // --only TOPIC runs one section alone (direction or noise_vad); --match
+  // TEXT keeps the direction section's scenes whose name contains TEXT (a
+  // quicker look while developing).
   std::string only, match;
   std::vector<std::string> rest;
   for (int i = 1; i < argc; ++i) {
@@ -629,13 +631,15 @@ int main(int argc, char** argv) {
     else
       rest.push_back(arg);
   }
-  if (rest.size() != 1 || (!only.empty() && only != "direction")) {
-    std::fprintf(stderr, "usage: vorn_bench_quality [--only direction [--match TEXT]] OUT_DIR\n");
+  if (rest.size() != 1 || (!only.empty() && only != "direction" && only != "noise_vad")) {
+    std::fprintf(stderr, "usage: vorn_bench_quality OUT_DIR [--only direction|noise_vad] [--match TEXT]\n");
     return 2;
   }
   const std::filesystem::path dir = rest[0];
   std::filesystem::create_directories(dir);
   if (only == "direction") return RunDirectionBench(dir, match);
+  if (only == "noise_vad") return vorn::bench::RunNoiseVadSection(dir);
+  if (const int rc = vorn::bench::RunNoiseVadSection(dir); rc != 0) return rc;
   Results results;
   results.scenes = AllScenes();
   const std::vector<System> systems = Systems();

@@ -45,10 +45,9 @@ static_assert(kEnhancedRegionBytes == 111960);
 static_assert(sizeof(TVornEnhancedState) <= kEnhancedRegionBytes, "enhanced state outgrew its region");
 static_assert(alignof(TVornEnhancedState) <= 64);
 
-// The checks every entry point of the enhanced state makes: the record's own
-// fields are sound (1..3, as the parameter check numbers them) and VornInit
-// has prepared its buffer (VORN_ERR_NOT_INITIALISED). 0 and the enhanced
-// state, or the code.
+// The check every enhanced-profile call makes of the caller's record: 0 with
+// *enhanced set; 1..3 as the parameter check refuses the record; or
+// VORN_ERR_NOT_INITIALISED for a buffer VornInit has not prepared.
 int32_t CheckPrepared(const T_VornParam* pm, TVornEnhancedState** enhanced);
 
 inline TVornEnhancedState* EnhancedStateOf(TVornState* st) {

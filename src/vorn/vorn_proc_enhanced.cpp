@@ -1,7 +1,8 @@
 // The enhanced profile's frame.
 //
 // The same chain as the classic frame (beam, echo, suppression, speech
-// detection, level), run as named stages over one frame record so that each
+// detection, level), with a speech-presence stage ahead of the suppression,
+// run as named stages over one frame record so that each
 // stage can read what earlier ones learned about this frame: the echo
 // picture, the speech presence, the talker's direction. Each stage calls the
 // module's enhanced path where one exists and the classic module otherwise.
@@ -57,32 +58,57 @@ int32_t EchoStage(const T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
   return CancelEcho(pm, st, fr.beam, fr.aec_ref, fr.echo_out, fr.vad_in, fr.subcoh);
 }
 
+// Speech presence, once per frame, shared by every later stage: the
+// suppressor's gains, the speech flag, and (through the enhanced state) the
+// next frame's earlier stages.
+void PresenceStage(const T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
+  TVornEnhancedState* enhanced = EnhancedStateOf(st);
+  EnhancedSpeechRecords& speech = enhanced->modules.speech;
+  const bool far_end = pm->aec_flag >= 1;
+  for (int h = 0; h < 2; ++h) {
+    const NsEchoCues cues{far_end ? fr.aec_ref + h * kHalfLen : nullptr, far_end ? fr.beam + h * kHalfLen : nullptr};
+    EnhancedPresenceHop(&speech.presence, fr.echo_out + h * kHalfLen, cues, &fr.ns_hops[h]);
+  }
+  SpeechPresence& p = fr.presence;
+  p.frame_prob = 0.5f * (fr.ns_hops[0].prob + fr.ns_hops[1].prob);
+  p.output_prob = EnhancedOutputPresence(speech.presence);
+  for (int b = 0; b < kPresenceBands; ++b) p.band_prob[b] = fr.ns_hops[1].band_prob[b];
+  p.snr_db = 0.5f * (fr.ns_hops[0].snr_db + fr.ns_hops[1].snr_db);
+  p.echo = 0.5f * (fr.ns_hops[0].echo + fr.ns_hops[1].echo);
+  enhanced->last_presence = p;
+}
+
 int32_t SuppressStage(T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
   std::memcpy(fr.clean, fr.echo_out, sizeof fr.clean);
+  EnhancedSpeechRecords& speech = EnhancedStateOf(st)->modules.speech;
   if (pm->ns_flag == 1) {
-    fr.rtn = AdspNsProc(&st->ns_pm[0], nullptr, nullptr, nullptr, fr.echo_out, fr.clean);
-    fr.rtn = AdspNsProc(&st->ns_pm[0], nullptr, nullptr, nullptr, fr.echo_out + kHalfLen, fr.clean + kHalfLen);
+    EnhancedSuppressHop(&speech.suppressor, speech.presence, &fr.ns_hops[0], fr.clean);
+    EnhancedSuppressHop(&speech.suppressor, speech.presence, &fr.ns_hops[1], fr.clean + kHalfLen);
+    fr.rtn = 0;
   } else if (pm->ns_flag == 2) {
     if (fr.rtn != 0) return fr.rtn;
     VornMultiChannelPostFilter(pm, fr.clean);
+    if (pm->doa_update_flag == 1) VornGetNosieEstFromNsToBf(&st->ns_pm[0], &st->bf_pm);
+    return 0;
+  } else if (pm->doa_flag != 0) {
+    fr.rtn = 0;  // the presence stage keeps the noise estimate current for direction finding
   }
-  if (pm->ns_flag == 0 && pm->doa_flag != 0) {
-    // Keep the noise estimate current for direction finding.
-    short discard[kFrameLen];
-    fr.rtn = AdspNsProc(&st->ns_pm[0], nullptr, nullptr, nullptr, fr.echo_out, discard);
-    fr.rtn = AdspNsProc(&st->ns_pm[0], nullptr, nullptr, nullptr, fr.echo_out + kHalfLen, discard + kHalfLen);
+  if (pm->doa_update_flag == 1) {
+    auto* bf = static_cast<T_AudioDspState*>(st->bf_pm.p_data);
+    std::memcpy(bf->ns_psd, speech.presence.noise.noise, sizeof speech.presence.noise.noise);
   }
-  if (pm->doa_update_flag == 1) VornGetNosieEstFromNsToBf(&st->ns_pm[0], &st->bf_pm);
   return 0;
 }
 
 void VadStage(T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
-  short vad_out[kFrameLen];
-  short* vad_in = pm->aec_flag == 3 ? fr.vad_in : fr.clean;
-  pm->vad_flag = VornVadProc(pm, vad_in, fr.aec_ref, fr.subcoh, kVadCohLen, vad_out);
-  // Until a presence estimate of its own runs, the speech flag stands in.
-  fr.presence.frame_prob = pm->vad_flag != 0 ? 1.0f : 0.0f;
-  EnhancedStateOf(st)->last_presence = fr.presence;
+  EnhancedSpeechRecords& speech = EnhancedStateOf(st)->modules.speech;
+  pm->vad_flag = EnhancedVadDecide(&speech.vad, fr.presence.output_prob);
+  if (pm->agc_flag != 0) {
+    // The digital AGC reads its SNR figures from the classic VAD suppressor.
+    short vad_out[kFrameLen];
+    short* vad_in = pm->aec_flag == 3 ? fr.vad_in : fr.clean;
+    VornVadProc(pm, vad_in, fr.aec_ref, fr.subcoh, kVadCohLen, vad_out);
+  }
 }
 
 void LevelStage(const T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
@@ -125,6 +151,10 @@ void DirectionStage(T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
 
 void VornInitEnhanced(const T_VornParam* pm, TVornState* st) {
   (void)pm;
+  EnhancedSpeechRecords& speech = EnhancedStateOf(st)->modules.speech;
+  EnhancedPresenceInit(&speech.presence);
+  EnhancedSuppressorInit(&speech.suppressor);
+  EnhancedVadInit(&speech.vad);
   DoaTrackerInit(&EnhancedStateOf(st)->modules.doa_tracker);
 }
 
@@ -138,6 +168,7 @@ int32_t VornProcEnhanced(T_VornParam* pm, TVornState* st, short* inp, short* aec
 
   int32_t rc = BeamStage(pm, st, fr);
   if (rc == 0) rc = EchoStage(pm, st, fr);
+  if (rc == 0) PresenceStage(pm, st, fr);
   if (rc == 0) rc = SuppressStage(pm, st, fr);
   if (rc != 0) return rc;
   VadStage(pm, st, fr);

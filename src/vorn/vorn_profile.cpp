@@ -5,6 +5,8 @@
 #include "vorn/vorn_enhanced_state.h"
 #include "vorn/vorn_param.h"
 
+using namespace vorn;
+
 namespace vorn {
 
 int32_t CheckPrepared(const T_VornParam* pm, TVornEnhancedState** enhanced) {
@@ -18,8 +20,6 @@ int32_t CheckPrepared(const T_VornParam* pm, TVornEnhancedState** enhanced) {
 }
 
 }  // namespace vorn
-
-using namespace vorn;
 
 extern "C" int32_t VornSetProfile(T_VornParam* pm, int32_t profile) {
   TVornEnhancedState* enhanced = nullptr;

@@ -31,6 +31,10 @@ constexpr int kRate = 16000;
 // reference is silence rather than quiet speech.
 constexpr double kReferenceSilentRms = 32.0;
 constexpr int kEchoTailFrames = 16;  // 256 ms
+// A frame belongs to the talker's utterance while a speech flag came at most
+// this long ago: the enhanced flag marks syllables and leaves the short
+// pauses between them unflagged.
+constexpr int kUtteranceGapFrames = 20;  // 320 ms
 
 bool ReferencePlays(const int16_t* ref, size_t count) {
   double energy = 0.0;
@@ -179,6 +183,7 @@ int ProcessRecording(const ProcessOptions& opt, Summary* summary, std::vector<in
   std::optional<uint64_t> reference_ended_at;
   uint64_t frame_index = 0;
   int frames_since_reference = kEchoTailFrames;
+  int frames_since_speech = kUtteranceGapFrames + 1;
   for (;;) {
     const size_t got = input.Read(block.data(), kFrameSamples);
     if (got == 0) break;
@@ -208,7 +213,8 @@ int ProcessRecording(const ProcessOptions& opt, Summary* summary, std::vector<in
     azimuths.push_back(front_end.azimuth());
     frames_since_reference = have_reference && ReferencePlays(ref, got) ? 0 : frames_since_reference + 1;
     const bool talker_alone = frames_since_reference > kEchoTailFrames;
-    direction.AddFrame(front_end, mics, front_end.vad_flag() != 0 && talker_alone);
+    frames_since_speech = front_end.vad_flag() != 0 ? 0 : frames_since_speech + 1;
+    direction.AddFrame(front_end, mics, frames_since_speech <= kUtteranceGapFrames && talker_alone);
     library_direction.AddFrame(mics);
     samples += got;
     ++frame_index;
