@@ -66,6 +66,9 @@ if [ "${VORN_BENCH_REPEAT:-0}" = 1 ]; then
   echo "quality: both runs agree"
 fi
 
+# The direction section is a page of its own, linked from the report.
+cp "$data/direction.md" "$report/direction.md"
+
 echo "speed: Vorn against SpeexDSP"
 if [ -x "$build/bench/bench_vs_speexdsp" ]; then
   "$build/bench/bench_vs_speexdsp" --benchmark_repetitions=5 --benchmark_enable_random_interleaving=true \

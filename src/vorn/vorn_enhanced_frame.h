@@ -49,6 +49,11 @@ struct EnhancedFrame {
   short out[kFrameLen];       // after the level control
   float subcoh[kCohLen];      // the canceller's sub-band coherence of the last block
   NsHopAnalysis ns_hops[2];   // the two hops' spectra and presence, from presence to suppression
+  // The hop's unwindowed 512-point spectra of the three microphone rows (the
+  // last 512 samples of each), for the direction stage; filled by the beam
+  // stage when direction tracking is on.
+  float mic_spectra[kBfChannels][kBfFftLen];
+  bool mic_spectra_ready;
   EchoPicture echo;
   SpeechPresence presence;
   TalkerDirection direction;

@@ -4,12 +4,14 @@
 #pragma once
 
 #include "adsp_ns/ns_enhanced.h"
+#include "adsp_bf/doa_tracker_enhanced.h"
 
 namespace vorn {
 
 struct EnhancedModules {
   // Enhanced modules add their records here.
   EnhancedSpeechRecords speech;  // speech presence, suppressor, speech flag
+  TDoaTrackerEnhanced doa_tracker;
 };
 
 }  // namespace vorn

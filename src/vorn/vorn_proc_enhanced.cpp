@@ -9,10 +9,14 @@
 // The classic frame (vorn_proc.cpp) never branches on the profile.
 #include "vorn/vorn_proc_enhanced.h"
 
+#include <cmath>
 #include <cstring>
 
 #include "adsp_bf/audio_dsp_proc.h"
+#include "adsp_bf/doa_tracker_enhanced.h"
+#include "adsp_bf/util.h"
 #include "adsp_ns/adsp_ns_proc.h"
+#include "common/adsp_common_fft_rel.h"
 #include "vorn/vorn_data_exchange.h"
 #include "vorn/vorn_enhanced_frame.h"
 #include "vorn/vorn_enhanced_state.h"
@@ -22,9 +26,23 @@
 namespace vorn {
 namespace {
 
+// The hop's microphone spectra for the direction stage, from the analysis
+// buffers the beamformer has just slid forward.
+void KeepMicSpectra(TVornState* st, EnhancedFrame& fr) {
+  const auto* bf = static_cast<const T_AudioDspState*>(st->bf_pm.p_data);
+  for (int m = 0; m < kBfChannels; ++m) {
+    std::memcpy(fr.mic_spectra[m], bf->au[m], sizeof fr.mic_spectra[m]);
+    fft_rel(fr.mic_spectra[m], kBfFftLen, kBfFftOrder);
+  }
+  fr.mic_spectra_ready = true;
+}
+
 int32_t BeamStage(const T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
-  (void)pm;
+  // The direction stage tracks the talker; the classic per-hop tracker
+  // inside the beamformer does not run.
+  st->bf_pm.ext_doa_update_flag = 0;
   fr.rtn = BfProc(&st->bf_pm, fr.inp, fr.beam, fr.mic_order);
+  if (fr.rtn == 0 && pm->doa_flag == 1) KeepMicSpectra(st, fr);
   return 0;
 }
 
@@ -101,10 +119,32 @@ void LevelStage(const T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
   fr.rtn = RunDigitalAgc(pm, st, fr.clean, fr.out);
 }
 
+// A reference at or below -60 dBFS (RMS) is silence, not a far end the room
+// could echo.
+bool ReferenceAudible(const EnhancedFrame& fr) {
+  if (!fr.echo.reference_active || fr.aec_ref == nullptr) return false;
+  constexpr double kSilentRms = 32.0;
+  double energy = 0.0;
+  for (int i = 0; i < kFrameLen; ++i) energy += static_cast<double>(fr.aec_ref[i]) * fr.aec_ref[i];
+  return energy > kSilentRms * kSilentRms * kFrameLen;
+}
+
+int AzimuthDegrees(float azimuth_deg) { return static_cast<int>(std::lround(azimuth_deg)) % 360; }
+
 void DirectionStage(T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
-  pm->azimuth = st->bf_pm.azimuth;
-  fr.direction = {static_cast<float>(pm->azimuth), 0.0f};
-  EnhancedStateOf(st)->last_direction = fr.direction;
+  TVornEnhancedState* enhanced = EnhancedStateOf(st);
+  TDoaTrackerEnhanced& tracker = enhanced->modules.doa_tracker;
+  if (!fr.mic_spectra_ready) {
+    // Tracking off: the azimuth and its confidence stay as they were.
+    fr.direction = enhanced->last_direction;
+    return;
+  }
+  const DoaHopCues cues{fr.presence.frame_prob, fr.echo.far_activity, ReferenceAudible(fr),
+                        pm->doa_update_flag != 0};
+  const DoaTrack track = DoaTrackerHop(&tracker, fr.mic_spectra, cues);
+  if (track.found) pm->azimuth = AzimuthDegrees(track.azimuth_deg);
+  fr.direction = {track.azimuth_deg, track.confidence};
+  enhanced->last_direction = fr.direction;
 }
 
 }  // namespace
@@ -115,6 +155,7 @@ void VornInitEnhanced(const T_VornParam* pm, TVornState* st) {
   EnhancedPresenceInit(&speech.presence);
   EnhancedSuppressorInit(&speech.suppressor);
   EnhancedVadInit(&speech.vad);
+  DoaTrackerInit(&EnhancedStateOf(st)->modules.doa_tracker);
 }
 
 int32_t VornProcEnhanced(T_VornParam* pm, TVornState* st, short* inp, short* aec_ref, short* out, short* mic_order) {
@@ -138,12 +179,27 @@ int32_t VornProcEnhanced(T_VornParam* pm, TVornState* st, short* inp, short* aec
 }
 
 int32_t VornDoaEnhanced(T_VornParam* pm, TVornState* st, short* inp, short* mic_order, int samples_per_channel) {
-  FillBfParamForDoa(pm, st);
-  TBfParam& bf = st->bf_pm;
-  const int rc = (pm->doa_flag == 2 || pm->doa_flag == 3) ? VornDoaProc(&bf, inp, mic_order, samples_per_channel)
-                                                          : AudioDspDoa(&bf, inp, mic_order, samples_per_channel);
-  pm->azimuth = bf.azimuth;
-  return rc;
+  TDoaTrackerEnhanced& tracker = EnhancedStateOf(st)->modules.doa_tracker;
+  DoaTrack found{};
+  if (pm->doa_flag == 2 || pm->doa_flag == 3) {
+    // The search over the stretch's samples.
+    if (inp == nullptr) return kBfErrNull;
+    short order[kBfChannels];
+    if (!TakeMicOrder(mic_order, order)) return kBfErrParam;
+    found = DoaUtteranceEnhanced(inp, order, samples_per_channel);
+  } else if (pm->doa_flag == 1) {
+    // The talker evidence the per-frame tracker has pooled since it was
+    // last asked; the samples are not read.
+    if (inp == nullptr || mic_order == nullptr) return kBfErrNull;
+    if (static_cast<const T_AudioDspState*>(st->bf_pm.p_data)->frame_num == 0) return kBfErrNotReady;
+    found = DoaTrackerPooled(&tracker);
+    if (!found.found) found = {tracker.azimuth_deg, 0.0f, tracker.has_direction != 0};
+  } else {
+    return kBfErrParam;
+  }
+  pm->azimuth = found.found ? AzimuthDegrees(found.azimuth_deg) : 0;
+  tracker.reported_confidence = found.found ? found.confidence : 0.0f;
+  return 0;
 }
 
 }  // namespace vorn
