@@ -133,6 +133,9 @@ int vorn_init(VornState* st, size_t size, const VornSettings* settings);
 typedef struct VornResult {
   int32_t speech;             /* 1 when the frame held speech, else 0 */
   int32_t azimuth_deg;        /* talker direction after this frame, 0..359 */
+  float speech_probability;   /* 0..1: how likely the near talker speaks in the frame written to out; noise
+                                 and the loudspeaker's echo are not speech (enhanced profile; the classic
+                                 profile has only its flag, so 0 or 1 there) */
   float direction_confidence; /* 0..1 (enhanced profile; 0 in classic) */
   float echo_activity;        /* 0..1: how much of the frame the loudspeaker played (enhanced profile,
                                  canceller on; else 0) */
@@ -182,7 +185,8 @@ int vorn_get_config_warnings(const VornState* st, int32_t* count, const char** t
 
 /* Per-frame figures beyond VornResult, after the last vorn_process. Each
  * has the shape int vorn_get_<figure>(const VornState* st, float* value). */
-int vorn_get_direction_confidence(const VornState* st, float* value); /* 0..1 */
+int vorn_get_speech_probability(const VornState* st, float* value);   /* 0..1 */
+int vorn_get_direction_confidence(const VornState* st, float* value); /* 0..1, also after vorn_direction */
 int vorn_get_echo_activity(const VornState* st, float* value);         /* 0..1 */
 
 /* For callers who want the library to allocate: a state on the heap,

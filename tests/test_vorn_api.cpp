@@ -59,7 +59,8 @@ std::vector<float> RunFrames(VornState* st, int from, int to) {
     VornResult r{};
     EXPECT_EQ(vorn_process(st, Capture().Mics(f), Capture().Ref(f), out, &r), VORN_OK) << "frame " << f;
     seen.insert(seen.end(), out, out + kFrame);
-    seen.insert(seen.end(), {float(r.speech), float(r.azimuth_deg), r.direction_confidence, r.echo_activity});
+    seen.insert(seen.end(),
+                {float(r.speech), float(r.azimuth_deg), r.speech_probability, r.direction_confidence, r.echo_activity});
   }
   return seen;
 }
@@ -172,6 +173,8 @@ TEST(ModernInterface, EveryEntryPointGivesItsCode) {
        VORN_E_NULL},
       {"get confidence: nowhere", [](VornState* st) { return vorn_get_direction_confidence(st, nullptr); },
        VORN_E_NULL},
+      {"get speech probability: nowhere", [](VornState* st) { return vorn_get_speech_probability(st, nullptr); },
+       VORN_E_NULL},
       {"get echo activity: no state", [](VornState*) {
          float v;
          return vorn_get_echo_activity(nullptr, &v);
@@ -280,6 +283,7 @@ TEST(ModernInterface, AStateNotInitialisedIsRefusedEverywhere) {
       vorn_set_doa_update(st, 0),
       vorn_get_doa_update(st, &value),
       vorn_get_config_warnings(st, &value, nullptr),
+      vorn_get_speech_probability(st, &figure),
       vorn_get_direction_confidence(st, &figure),
       vorn_get_echo_activity(st, &figure),
   };
@@ -323,8 +327,15 @@ TEST(ModernInterface, RunsTheSameProcessingAsTheDesignedInterface) {
       ASSERT_EQ(std::memcmp(got, want, sizeof got), 0) << "frame " << f;
       ASSERT_EQ(r.speech, pm.vad_flag);
       ASSERT_EQ(r.azimuth_deg, pm.azimuth);
-      ASSERT_GE(r.direction_confidence, 0.0f);
-      ASSERT_LE(r.direction_confidence, 1.0f);
+      // The figures the designed getters give, the flag for a probability
+      // in the classic profile.
+      float designed = -1.0f;
+      ASSERT_EQ(VornGetDoaConfidence(&pm, &designed), VORN_OK);
+      ASSERT_EQ(r.direction_confidence, designed);
+      ASSERT_EQ(VornGetSpeechProbability(&pm, &designed), VORN_OK);
+      ASSERT_EQ(r.speech_probability, profile == VORN_PROFILE_ENHANCED ? designed : float(pm.vad_flag));
+      ASSERT_GE(r.speech_probability, 0.0f);
+      ASSERT_LE(r.speech_probability, 1.0f);
       ASSERT_GE(r.echo_activity, 0.0f);
       ASSERT_LE(r.echo_activity, 1.0f);
       if (profile == VORN_PROFILE_CLASSIC) {

@@ -102,6 +102,7 @@ extern "C" int vorn_process(VornState* st, const int16_t* mics, const int16_t* r
   if (result != nullptr) {
     result->speech = pm->vad_flag;
     result->azimuth_deg = pm->azimuth;
+    vorn_get_speech_probability(st, &result->speech_probability);
     vorn_get_direction_confidence(st, &result->direction_confidence);
     vorn_get_echo_activity(st, &result->echo_activity);
   }

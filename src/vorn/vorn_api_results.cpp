@@ -1,7 +1,7 @@
 // What the modern interface reports beyond a frame's audio: the figures the
 // enhanced profile keeps about the last frame, and the configuration's
-// warnings. A figure is a float somewhere in the enhanced state; adding one
-// is a line here and a declaration in vorn.h.
+// warnings. A figure the designed interface has a getter for goes through
+// it; the others are read from the enhanced state.
 #include <cstddef>
 
 #include "vorn/vorn_api_state.h"
@@ -27,11 +27,29 @@ int EnhancedFigure(const VornState* st, std::size_t offset, float* value) {
   return VORN_OK;
 }
 
+// A figure the designed interface has a getter for, through that getter.
+int DesignedFigure(const VornState* st, int32_t (*getter)(const T_VornParam*, float*), float* value) {
+  const int ready = CheckReady(st);
+  if (ready != VORN_OK) return ready;
+  if (value == nullptr) return VORN_E_NULL;
+  const T_VornParam record = RecordCopyOf(st);
+  const int32_t rc = getter(&record, value);
+  return rc == VORN_OK ? VORN_OK : FromDesignedCode(rc, record);
+}
+
 }  // namespace
 
+extern "C" int vorn_get_speech_probability(const VornState* st, float* value) {
+  const int rc = DesignedFigure(st, VornGetSpeechProbability, value);
+  // The classic profile keeps no probability; its flag is the best it knows.
+  if (rc != VORN_OK) return rc;
+  const T_VornParam record = RecordCopyOf(st);
+  if (VornGetProfile(&record) != VORN_PROFILE_ENHANCED) *value = record.vad_flag != 0 ? 1.0f : 0.0f;
+  return rc;
+}
+
 extern "C" int vorn_get_direction_confidence(const VornState* st, float* value) {
-  return EnhancedFigure(st, offsetof(TVornEnhancedState, last_direction) + offsetof(TalkerDirection, confidence),
-                        value);
+  return DesignedFigure(st, VornGetDoaConfidence, value);
 }
 
 extern "C" int vorn_get_echo_activity(const VornState* st, float* value) {

@@ -3,6 +3,7 @@
 #include "vorn/vorn_housekeeping.h"
 
 #include "vorn/vorn_enhanced_state.h"
+#include "vorn/vorn_param.h"
 
 namespace vorn {
 namespace {
@@ -48,6 +49,13 @@ const unsigned char* FindRecord(const unsigned char* p_data) {
   if (ReadRecord<uint32_t>(record, kEnhancedRegionOffset + offsetof(TVornEnhancedState, magic)) != kEnhancedMagic)
     return nullptr;
   return record;
+}
+
+int32_t CheckPrepared(const T_VornParam* pm, const unsigned char** record) {
+  const int32_t rc = VornCheckRecord(pm);
+  if (rc != VORN_OK) return rc;
+  *record = FindRecord(pm->p_data);
+  return *record != nullptr ? VORN_OK : VORN_ERR_NOT_INITIALISED;
 }
 
 }  // namespace vorn

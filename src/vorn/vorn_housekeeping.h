@@ -70,6 +70,12 @@ TVornState* LocateState(const T_VornParam* pm);
 // boundary, so read it with ReadRecord), or null.
 const unsigned char* FindRecord(const unsigned char* p_data);
 
+// The check every getter of a per-frame figure makes: 0 with *record set as
+// FindRecord sets it; 1..3 as VornCheckRecord refuses the record; or
+// VORN_ERR_NOT_INITIALISED for a buffer VornInit has not prepared. Reads
+// only, so the caller's record may be const.
+int32_t CheckPrepared(const T_VornParam* pm, const unsigned char** record);
+
 // A value from a record found by FindRecord, `offset` bytes into it.
 template <typename T>
 T ReadRecord(const unsigned char* record, std::size_t offset) {

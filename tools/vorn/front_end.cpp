@@ -106,6 +106,11 @@ int FrontEnd::Process(const int16_t* mics, const int16_t* reference, int16_t* ou
   return VornProc(&pm_, mics, reference, out, mic_order_);
 }
 
+double FrontEnd::DirectionConfidence() const {
+  float confidence = 0.0f;
+  return VornGetDoaConfidence(&pm_, &confidence) == 0 ? confidence : 0.0;
+}
+
 int FrontEnd::UtteranceDirection(int doa_flag, const int16_t* mics, int samples_per_channel, int* azimuth_deg) {
   // The search reads the active switches as they stand and leaves its result
   // in the azimuth field, which the next frame would pass on; both are put
