@@ -241,6 +241,9 @@ TEST(DesignedInterface, UnpreparedBuffersAreRefused) {
   EXPECT_EQ(VornSetProfile(&pm, VORN_PROFILE_CLASSIC), VORN_ERR_NOT_INITIALISED);
   EXPECT_EQ(VornGetProfile(&pm), -1);
   EXPECT_EQ(VornGetConfigWarnings(&pm, &count, nullptr), VORN_ERR_NOT_INITIALISED);
+  float figure = 0.0f;
+  EXPECT_EQ(VornGetSpeechProbability(&pm, &figure), VORN_ERR_NOT_INITIALISED);
+  EXPECT_EQ(VornGetDoaConfidence(&pm, &figure), VORN_ERR_NOT_INITIALISED);
   pm.vad_mode = 0;
   EXPECT_EQ(VornInit(&pm, nullptr), VORN_ERR_VAD_MODE);
   EXPECT_EQ(VornProc(&pm, Capture().Mics(0), Capture().Ref(0), out, order), VORN_ERR_VAD_MODE);

@@ -47,6 +47,18 @@ void RunFrames(T_VornParam* pm, int from, int to, std::vector<short>* seen) {
   }
 }
 
+// The per-frame figures the record has no field for.
+struct Figures {
+  float speech = -1.0f, confidence = -1.0f;
+  bool operator==(const Figures&) const = default;
+};
+Figures Read(const T_VornParam* pm) {
+  Figures f;
+  EXPECT_EQ(VornGetSpeechProbability(pm, &f.speech), VORN_OK);
+  EXPECT_EQ(VornGetDoaConfidence(pm, &f.confidence), VORN_OK);
+  return f;
+}
+
 TEST(StateCopy, ACopyGoesOnWithTheSameBytes) {
   const sim::Switches heaviest{.agc = 2, .bf = 4, .doa = 1, .aec = 3, .ns = 2, .azimuth = 300};
   for (const int32_t profile : {VORN_PROFILE_CLASSIC, VORN_PROFILE_ENHANCED}) {
@@ -56,8 +68,10 @@ TEST(StateCopy, ACopyGoesOnWithTheSameBytes) {
     ASSERT_EQ(VornSetProfile(&reference, profile), VORN_OK);
     std::vector<short> want;
     RunFrames(&reference, 0, kCopyAfter, &want);
+    const Figures at_copy = Read(&reference);
     want.clear();
     RunFrames(&reference, kCopyAfter, kFrames, &want);
+    const Figures at_end = Read(&reference);
 
     for (const int misalignment : {0, 4, 8, 33}) {
       SCOPED_TRACE("profile " + std::to_string(profile) + ", copied " + std::to_string(misalignment) +
@@ -74,10 +88,13 @@ TEST(StateCopy, ACopyGoesOnWithTheSameBytes) {
       std::memset(pm.p_data, 0xa5, VORN_MIN_BUFF_SIZE);
       old_memory.reset();
       pm.p_data = new_memory.At(misalignment);
-      ASSERT_EQ(VornGetProfile(&pm), profile);  // readable before the first call moves the record
+      // Readable before the first call moves the record.
+      ASSERT_EQ(VornGetProfile(&pm), profile);
+      EXPECT_TRUE(Read(&pm) == at_copy);
       std::vector<short> got;
       RunFrames(&pm, kCopyAfter, kFrames, &got);
       EXPECT_TRUE(got == want);
+      EXPECT_TRUE(Read(&pm) == at_end);
       // The utterance search over the copy's history, too.
       T_VornParam search = pm, reference_search = reference;
       search.doa_flag = reference_search.doa_flag = 1;
