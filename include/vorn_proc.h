@@ -43,7 +43,8 @@ extern "C" {
  *      0  VORN_OK                     success
  *      1  VORN_ERR_NULL               no record or no state buffer; VornProc: no input, output or
  *                                     microphone order, or no reference while aec_flag >= 1;
- *                                     VornDoa: no input (or no order with doa_flag 1)
+ *                                     VornDoa: no input (or no order with doa_flag 1); a getter: no
+ *                                     place for its value
  *      2  VORN_ERR_BUFF_SIZE          buff_size below VORN_MIN_BUFF_SIZE
  *      3  VORN_ERR_PARAM_SIZE         param_size is not sizeof(T_VornParam) of this build
  *      4  VORN_ERR_AGC_FLAG           agc_flag not 0..2
@@ -193,8 +194,10 @@ int32_t VornGetProfile(const T_VornParam* pm);
 
 /* ---- Enhanced profile results ----
  * Figures of the last frame VornProc processed under the enhanced profile.
- * Each returns 0 with *value set; 1..3 for a record the parameter check
- * refuses (1 also for a null value); or VORN_ERR_NOT_INITIALISED. */
+ * Each returns 0 with *value set; VORN_ERR_NULL, VORN_ERR_BUFF_SIZE or
+ * VORN_ERR_PARAM_SIZE for a record the parameter check refuses (VORN_ERR_NULL
+ * also for a null value); or VORN_ERR_NOT_INITIALISED. They only read, so a
+ * copied buffer answers before its first call as the original would. */
 
 /* How likely the near talker speaks in the frame last written to out (0..1),
  * the figure the speech flag is drawn from (the flag is 1 above 0.5, held one
