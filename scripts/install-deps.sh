@@ -16,6 +16,15 @@ if [ "${1:-}" != "--tools" ]; then
   echo 'int main() { return 0; }' | g++ -m32 -x c++ - -o /dev/null 2>/dev/null || need+=(g++-multilib)
   [ -f /usr/i686-linux-gnu/include/asm/errno.h ] || need+=(linux-libc-dev-i386-cross)
   [ -f /usr/src/googletest/CMakeLists.txt ] || need+=(googletest)
+  # The Python module and its tests, built against the distribution's
+  # interpreter; pip and setuptools for `pip install --no-build-isolation .`;
+  # Dask distributed for the cluster batch and its test.
+  [ -f /usr/include/pybind11/pybind11.h ] || need+=(pybind11-dev)
+  [ -x /usr/bin/python3-config ] || need+=(python3-dev)
+  for module in numpy:python3-numpy pytest:python3-pytest pybind11:python3-pybind11 pip:python3-pip \
+                setuptools:python3-setuptools distributed:python3-distributed; do
+    /usr/bin/python3 -c "import ${module%%:*}" 2>/dev/null || need+=("${module#*:}")
+  done
 fi
 
 if [ ${#need[@]} -gt 0 ]; then

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Builds Vorn in four configurations and runs their tests:
 #   build/release  optimised, warnings are errors: everything, all tests
+#                  (the Python module's pytest suite among them)
 #   build/asan     AddressSanitizer + UndefinedBehaviorSanitizer: all tests
 #   build/tsan     ThreadSanitizer: the library and the threads test only
 #   build/m32      32-bit (i386, SSE2 arithmetic): the library, tools and

@@ -212,14 +212,8 @@ def write_wav(path, samples, rate: int = SAMPLE_RATE) -> None:
         w.writeframes(a.astype("<i2").tobytes())
 
 
-def process_file(path, output=None, ref=None, mode: Union[str, int] = "wakeup",
-                 profile: Union[str, int] = "enhanced", config=None, **switches: int) -> Result:
-    """Processes a 16 kHz WAV capture of 3 channels (4 with the reference last) as `vorn process` does.
-
-    ref: a mono 16 kHz WAV reference, when the capture has no fourth channel.
-    With a reference and no aec switch the canceller comes on (2 in comm mode,
-    1 otherwise). output: where to write the enhanced mono WAV (optional).
-    """
+def _front_end_for_file(path, ref, mode, profile, config, switches):
+    """Reads a capture (and its reference) and prepares a front end as `vorn process` would."""
     mics, rate = read_wav(path)
     if rate != SAMPLE_RATE:
         raise ValueError(f"{path}: sample rate {rate} Hz; vorn needs {SAMPLE_RATE} Hz")
@@ -242,11 +236,23 @@ def process_file(path, output=None, ref=None, mode: Union[str, int] = "wakeup",
         reference = np.concatenate([reference[:len(mics)],
                                     np.zeros(max(0, len(mics) - len(reference)), np.int16)])
     mode_id = _lookup(_MODES, mode, "mode")
+    switches = dict(switches)
     if reference is not None and "aec" not in switches:
         probe = FrontEnd(mode_id, profile, config)
         if probe.switches["aec"] == 0:
             switches["aec"] = 2 if mode_id == _vorn.MODE_COMM else 1
-    fe = FrontEnd(mode_id, profile, config, **switches)
+    return FrontEnd(mode_id, profile, config, **switches), mics, reference
+
+
+def process_file(path, output=None, ref=None, mode: Union[str, int] = "wakeup",
+                 profile: Union[str, int] = "enhanced", config=None, **switches: int) -> Result:
+    """Processes a 16 kHz WAV capture of 3 channels (4 with the reference last) as `vorn process` does.
+
+    ref: a mono 16 kHz WAV reference, when the capture has no fourth channel.
+    With a reference and no aec switch the canceller comes on (2 in comm mode,
+    1 otherwise). output: where to write the enhanced mono WAV (optional).
+    """
+    fe, mics, reference = _front_end_for_file(path, ref, mode, profile, config, switches)
     result = Result.concatenate([fe.process(mics, reference), fe.flush()])
     if output is not None:
         write_wav(output, result.audio)
