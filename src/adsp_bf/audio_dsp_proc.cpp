@@ -102,11 +102,15 @@ int BfProc(T_AudioDspParam* pm, short* inp, short* out, short* mic_order) {
   auto* st = static_cast<T_AudioDspState*>(pm->p_data);
   st->frame_num = st->frame_num < kBfFrameNumMax ? st->frame_num + 1 : kBfFrameNumMax;
 
+  // The unwindowed spectra feed only the beams: with the beam off and no
+  // multi-beam output asked for, nothing reads them and they are not formed.
+  const bool beams_wanted = pm->bf_flag != 0 || pm->inner_interface_flag == 1;
   float spectrum[kBfChannels][kBfFftLen];
   for (int m = 0; m < kBfChannels; ++m) {
     float* au = st->au[m];
     for (int n = 0; n < kBfHop; ++n) au[n] = au[n + kBfHop];
     for (int n = 0; n < kBfHop; ++n) au[kBfHop + n] = static_cast<float>(inp[kBfChannels * n + order[m]]);
+    if (!beams_wanted) continue;
     CopyData(spectrum[m], au, kBfFftLen);
     fft_rel(spectrum[m], kBfFftLen, kBfFftOrder);
   }
