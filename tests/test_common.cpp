@@ -195,6 +195,22 @@ TEST(CommonUtil, ConvIsCentredAndDropsTermsBeyondBothEdges) {
       ASSERT_NEAR(out[o], want, 1e-5) << "output " << o;
     }
   }
+  // A range gives the same bits as the whole, plain and vector alike, and
+  // writes nothing outside it.
+  {
+    Floats xi = sim::WhiteNoise(257, 1.0, 21u), kernel = sim::WhiteNoise(31, 1.0, 22u), whole(257);
+    ConvPlain(kernel.data(), 31, xi.data(), 257, whole.data());
+    const int ranges[][2] = {{6, 151}, {0, 257}, {0, 3}, {250, 300}, {-4, 20}, {100, 100}, {140, 139}};
+    for (const auto& r : ranges) {
+      SCOPED_TRACE(testing::Message() << "outputs " << r[0] << ".." << r[1]);
+      for (auto* conv : {&ConvRange, &ConvRangePlain}) {
+        Floats out(257, -7.0f);
+        conv(kernel.data(), 31, xi.data(), 257, r[0], r[1], out.data());
+        for (int o = 0; o < 257; ++o)
+          ASSERT_EQ(out[o], o >= r[0] && o < r[1] ? whole[o] : -7.0f) << "output " << o;
+      }
+    }
+  }
   // Nothing is written for empty inputs.
   Floats ones(6, 1.0f), kernel = {1.0f, 2.0f, 1.0f}, out(6, 9.0f);
   Conv(ones.data(), 0, kernel.data(), 3, out.data());

@@ -35,7 +35,7 @@ constexpr int kFastStartFrames = 50;        // long-term SNRs adapt faster until
 
 }  // namespace
 
-void NoiseEst(T_AdspNsState *ns_st, float *psd) {
+void NoiseEst(T_AdspNsState *ns_st, float *psd, NsSharedTerms *terms) {
   T_AdspNsState &st = *ns_st;
   float smoothed_psd[kNsBins];
   float noise_indicator[kNsBins];
@@ -110,12 +110,14 @@ void NoiseEst(T_AdspNsState *ns_st, float *psd) {
     const float gamma_min = psd[k] / kBiasMinimum / minimum;
     const float zeta = st.s[k] / kBiasMinimum / minimum;
     float presence = 0.0f;  // stays 0 where the periodogram is at or below the minimum
+    terms->exp_neg_v[k] = -1.0;
     if (gamma_min > 1.0f && gamma_min < kGammaMax && zeta < kZetaMax) {
       const double absence = (3.0 - static_cast<double>(gamma_min)) * 0.5;
       const double not_absent = 1.0 - absence;
+      const double exp_neg_v = std::exp(-static_cast<double>(st.v[k]));
+      terms->exp_neg_v[k] = exp_neg_v;
       presence = static_cast<float>(
-          not_absent / (not_absent + (1.0 + static_cast<double>(st.eta[k])) * absence *
-                                         std::exp(-static_cast<double>(st.v[k]))));
+          not_absent / (not_absent + (1.0 + static_cast<double>(st.eta[k])) * absence * exp_neg_v));
     }
     if (gamma_min > kGammaMax || zeta > kZetaMax) {
       // Surely speech: both averages hold their value.
@@ -176,17 +178,18 @@ void NoiseEst(T_AdspNsState *ns_st, float *psd) {
 
   UpdatePsd(ns_st);
 
+  // The gain under the speech hypothesis: its square times gamma is the
+  // decision-directed memory, and the gain rule uses it as it stands.
   for (int k = 0; k < kNsBins; ++k) {
     const float v = st.v[k];
-    float gain_sq = 1.0f;
+    float gain = 1.0f;
     if (v > 5.0f) {
-      const float gain = st.eta[k] / (st.eta[k] + 1.0f);
-      gain_sq = gain * gain;
+      gain = st.eta[k] / (st.eta[k] + 1.0f);
     } else if (v > 0.0f) {
-      const float gain = ExpExpint(v) * st.eta[k] / (st.eta[k] + 1.0f);
-      gain_sq = gain * gain;
+      gain = ExpExpint(v) * st.eta[k] / (st.eta[k] + 1.0f);
     }
-    st.eta_2term[k] = gain_sq * st.gamma[k];
+    terms->lsa_gain[k] = gain;
+    st.eta_2term[k] = gain * gain * st.gamma[k];
   }
 }
 

@@ -47,7 +47,7 @@ float RampOfRatio(float ratio) {
 
 }  // namespace
 
-void EstAbsenceProb(T_AdspNsState *ns_st, float *q) {
+void EstAbsenceProb(T_AdspNsState *ns_st, float *q, int first_bin, int last_bin) {
   T_AdspNsState &st = *ns_st;
   float local_xi[kNsBins];
   float global_xi[kNsBins];
@@ -55,7 +55,7 @@ void EstAbsenceProb(T_AdspNsState *ns_st, float *q) {
 
   SmoothData(st.xi, st.eta, 0.7f, kNsBins);
   Conv(st.b_xi_local, 3, st.xi, kNsBins, local_xi);
-  Conv(st.b_xi_global, 31, st.xi, kNsBins, global_xi);
+  ConvRange(st.b_xi_global, 31, st.xi, kNsBins, first_bin, last_bin + 1, global_xi);
 
   const float previous_frame_xi = st.xi_frame;
   st.xi_frame = DataMean(st.xi, 2, kNsBins);
@@ -88,40 +88,49 @@ void EstAbsenceProb(T_AdspNsState *ns_st, float *q) {
     frame_likelihood = 1.0f;
   }
 
-  for (int k = 0; k < kNsBins; ++k) {
+  for (int k = first_bin; k <= last_bin; ++k) {
     const float absence = 1.0f - local_likelihood[k] * frame_likelihood * RampOfRatio(global_xi[k]);
     q[k] = absence < kMaxAbsence ? absence : kMaxAbsence;
   }
 }
 
-void UpdateAbsenceProb(float *lambda_dav_long, float *q) {
+void UpdateAbsenceProb(float *lambda_dav_long, float *q, int first_bin, int last_bin) {
   const float *ldl = lambda_dav_long;
+  // A bin's result depends only on its own value and on how many of the
+  // peaks beside it fire, so bins outside the range can be left out.
+  const auto raise = [&](int bin) {
+    if (bin >= first_bin && bin <= last_bin) q[bin] = 0.3f * q[bin] + 0.6986f;
+  };
   for (int k = kPeakFirstBin; k <= kPeakLastBin; ++k) {
     if (ldl[k] > 2.3f * (ldl[k - 2] + ldl[k + 2])) {
-      q[k] = 0.3f * q[k] + 0.6986f;
-      q[k - 1] = 0.3f * q[k - 1] + 0.6986f;
-      q[k + 1] = 0.3f * q[k + 1] + 0.6986f;
+      raise(k);
+      raise(k - 1);
+      raise(k + 1);
     }
   }
 }
 
-void EstGain(T_AdspNsState *ns_st, float *q, float *g) {
+void EstGain(T_AdspNsState *ns_st, float *q, const NsSharedTerms &terms, float *g, int first_bin, int last_bin) {
   const T_AdspNsState &st = *ns_st;
   const float *ldl = st.lambda_dav_long;
   const float *noise = st.lambda_d;
   const float snr_weight = 2.0f * st.long_eta / (st.long_eta + 5.0f);
-  int peak_count = 0;
+  int peak_count = 0;  // the tonal-peak run starts at kPeakFirstBin, so a range starting later replays it
 
-  for (int k = 0; k < kNsBins; ++k) {
+  for (int k = first_bin < kPeakFirstBin ? first_bin : kPeakFirstBin; k <= last_bin; ++k) {
+    if (k < first_bin) {
+      if (k <= kPeakLastBin) peak_count = ldl[k + 1] > 2.07f * (ldl[k - 1] + ldl[k + 3]) ? 2 : peak_count - 1;
+      continue;
+    }
     const float eta = st.eta[k];
     const float v = st.v[k];
 
     float presence = 0.0f;
     if (q[k] < 0.9f) {
       const double absence = q[k];
+      const double exp_neg_v = terms.exp_neg_v[k] >= 0.0 ? terms.exp_neg_v[k] : std::exp(-static_cast<double>(v));
       presence = static_cast<float>(
-          1.0 / (1.0 + (absence / (1.0 - absence)) * (1.0 + static_cast<double>(eta)) *
-                           std::exp(-static_cast<double>(v))));
+          1.0 / (1.0 + (absence / (1.0 - absence)) * (1.0 + static_cast<double>(eta)) * exp_neg_v));
     }
 
     float floor = st.g_f;
@@ -149,12 +158,7 @@ void EstGain(T_AdspNsState *ns_st, float *q, float *g) {
       g[k] = scaled_floor;
       continue;
     }
-    float speech_gain = 1.0f;
-    if (v > 5.0f) {
-      speech_gain = eta / (eta + 1.0f);
-    } else if (v > 0.0f) {
-      speech_gain = ExpExpint(v) * eta / (eta + 1.0f);
-    }
+    const float speech_gain = terms.lsa_gain[k];
     if (presence == 1.0f) {
       // x^0 * y^1 is y exactly; the floor would be discarded.
       g[k] = speech_gain;

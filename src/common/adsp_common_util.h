@@ -41,6 +41,13 @@ void ConvPlain(const float *a, int alen, const float *b, int blen, float *out);
 #if defined(__SSE2__)
 void ConvSse2(const float *a, int alen, const float *b, int blen, float *out);
 #endif
+// The same outputs for o = first..past-1 only (clipped to the signal); the
+// other entries of out are not written.
+void ConvRange(const float *a, int alen, const float *b, int blen, int first, int past, float *out);
+void ConvRangePlain(const float *a, int alen, const float *b, int blen, int first, int past, float *out);
+#if defined(__SSE2__)
+void ConvRangeSse2(const float *a, int alen, const float *b, int blen, int first, int past, float *out);
+#endif
 
 // y[i] = alpha*y[i] + (1 - alpha)*x[i]
 void SmoothData(float *y, float *x, float alpha, int length);

@@ -3,7 +3,8 @@
 // terms whose signal index falls outside s left out, summed in order of j.
 // Each output clips its own term range, so the edge stretches (growing and
 // shrinking term counts) and the full middle come out of one loop, and a
-// signal shorter than the kernel still stays inside both arrays.
+// signal shorter than the kernel still stays inside both arrays. A caller
+// that reads only some outputs asks for that range alone.
 //
 // The suppressor smooths every hop with a 31-tap kernel over 257 bins, which
 // makes this its hottest loop. The SSE2 version computes four neighbouring
@@ -44,26 +45,38 @@ void ConvOutputs(const ConvShape &c, int from, int to, float *out) {
   }
 }
 
+// The outputs the caller asked for, inside the signal; false when none.
+bool ClipRange(const ConvShape &c, int *first, int *past) {
+  if (*first < 0) *first = 0;
+  if (*past > c.signal_len) *past = c.signal_len;
+  return *first < *past;
+}
+
+int Max(int a, int b) { return a > b ? a : b; }
+int Min(int a, int b) { return a < b ? a : b; }
+
 }  // namespace
 
-void ConvPlain(const float *a, int alen, const float *b, int blen, float *out) {
+void ConvRangePlain(const float *a, int alen, const float *b, int blen, int first, int past, float *out) {
   if (alen <= 0 || blen <= 0) return;
   const ConvShape c = ShapeOf(a, alen, b, blen);
-  ConvOutputs(c, 0, c.signal_len, out);
+  if (!ClipRange(c, &first, &past)) return;
+  ConvOutputs(c, first, past, out);
 }
 
 #if defined(__SSE2__)
-void ConvSse2(const float *a, int alen, const float *b, int blen, float *out) {
+void ConvRangeSse2(const float *a, int alen, const float *b, int blen, int first, int past, float *out) {
   if (alen <= 0 || blen <= 0) return;
   const ConvShape c = ShapeOf(a, alen, b, blen);
+  if (!ClipRange(c, &first, &past)) return;
   // Outputs lead .. signal_len - kernel_len + lead take every kernel term.
-  const int full_first = c.lead;
-  const int full_past = c.signal_len - c.kernel_len + c.lead + 1;
+  const int full_first = Max(c.lead, first);
+  const int full_past = Min(c.signal_len - c.kernel_len + c.lead + 1, past);
   if (full_past - full_first < 4) {
-    ConvOutputs(c, 0, c.signal_len, out);
+    ConvOutputs(c, first, past, out);
     return;
   }
-  ConvOutputs(c, 0, full_first, out);
+  ConvOutputs(c, first, full_first, out);
   int o = full_first;
   for (; o + 4 <= full_past; o += 4) {
     __m128 acc = _mm_setzero_ps();
@@ -72,16 +85,30 @@ void ConvSse2(const float *a, int alen, const float *b, int blen, float *out) {
       acc = _mm_add_ps(acc, _mm_mul_ps(_mm_set1_ps(c.kernel[j]), _mm_loadu_ps(window + j)));
     _mm_storeu_ps(out + o, acc);
   }
-  ConvOutputs(c, o, c.signal_len, out);
+  ConvOutputs(c, o, past, out);
+}
+#endif
+
+void ConvRange(const float *a, int alen, const float *b, int blen, int first, int past, float *out) {
+#if defined(__SSE2__)
+  ConvRangeSse2(a, alen, b, blen, first, past, out);
+#else
+  ConvRangePlain(a, alen, b, blen, first, past, out);
+#endif
+}
+
+void ConvPlain(const float *a, int alen, const float *b, int blen, float *out) {
+  ConvRangePlain(a, alen, b, blen, 0, alen > blen ? alen : blen, out);
+}
+
+#if defined(__SSE2__)
+void ConvSse2(const float *a, int alen, const float *b, int blen, float *out) {
+  ConvRangeSse2(a, alen, b, blen, 0, alen > blen ? alen : blen, out);
 }
 #endif
 
 void Conv(float *a, int alen, float *b, int blen, float *out) {
-#if defined(__SSE2__)
-  ConvSse2(a, alen, b, blen, out);
-#else
-  ConvPlain(a, alen, b, blen, out);
-#endif
+  ConvRange(a, alen, b, blen, 0, alen > blen ? alen : blen, out);
 }
 
 }  // namespace vorn

@@ -68,7 +68,6 @@ extern "C" int32_t VornInit(T_VornParam* pm, char* config_file) {
 
   TVornState* st = VornStateOf(pm);
   FillBfParam(pm, st);
-  st->bf_pm.inner_interface_flag = 1;
 
   for (int i = 0; i < 3; ++i) {
     FillNsParam(&st->ns_pm[i], st->ns_buff[i]);
@@ -101,7 +100,6 @@ extern "C" int32_t VornProc(T_VornParam* pm, short* inp, short* aec_ref, short* 
   short tmp_in[kFrameLen] = {};
   short tmp_out[kFrameLen] = {};
   short aec_vad_in[kFrameLen] = {};
-  short vad_out[kFrameLen] = {};
   float subcohXd[kCohLen] = {};
 
   if (pm != nullptr) SwitchMode(pm);
@@ -143,7 +141,7 @@ extern "C" int32_t VornProc(T_VornParam* pm, short* inp, short* aec_ref, short* 
 
   std::memcpy(tmp_in, tmp_out, sizeof tmp_in);
   short* vad_in = pm->aec_flag == 3 ? aec_vad_in : tmp_in;
-  pm->vad_flag = VornVadProc(pm, vad_in, aec_ref, subcohXd, kVadCohLen, vad_out);
+  pm->vad_flag = VornVadProc(pm, vad_in, aec_ref, subcohXd, kVadCohLen, nullptr);
 
   if (pm->agc_flag != 0) rtn = RunDigitalAgc(pm, st, tmp_in, tmp_out);
   pm->azimuth = st->bf_pm.azimuth;
