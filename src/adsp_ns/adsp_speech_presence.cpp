@@ -14,6 +14,7 @@
 // The presence probability and the geometric blend are formed in double.
 #include <cmath>
 
+#include "adsp_ns/adsp_ns_kernels.h"
 #include "adsp_ns/adsp_ns_proc.h"
 #include "common/adsp_common_util.h"
 
@@ -24,26 +25,6 @@ constexpr float kMinLikelihood = 0.005f;
 constexpr float kMaxAbsence = 0.998f;
 constexpr int kPeakFirstBin = 6;  // tonal-peak rules cover bins 6..199
 constexpr int kPeakLastBin = 199;
-
-float PowerDb(float ratio) {
-  return ratio > 0.0f ? static_cast<float>(10.0 * std::log10(static_cast<double>(ratio))) : -100.0f;
-}
-
-// Likelihood of speech from an SNR in dB: 0.005 up to -10 dB, 1 from -5 dB.
-float Ramp(float snr_db) {
-  if (snr_db <= -10.0f) return kMinLikelihood;
-  if (snr_db >= -5.0f) return 1.0f;
-  return ((snr_db + 10.0f) / 5.0f) * 0.995f + kMinLikelihood;
-}
-
-// Ramp(PowerDb(ratio)). The ramp is flat outside -10..-5 dB, so the
-// logarithm is taken only for ratios near 0.1..0.316; the brackets keep a
-// margin of several thousandths of a dB, so the result is unchanged.
-float RampOfRatio(float ratio) {
-  if (ratio < 0.0999f) return kMinLikelihood;
-  if (ratio > 0.3165f) return 1.0f;
-  return Ramp(PowerDb(ratio));
-}
 
 }  // namespace
 
@@ -59,12 +40,10 @@ void EstAbsenceProb(T_AdspNsState *ns_st, float *q, int first_bin, int last_bin)
 
   const float previous_frame_xi = st.xi_frame;
   st.xi_frame = DataMean(st.xi, 2, kNsBins);
-  const float frame_db = PowerDb(st.xi_frame);
+  const float frame_db = NsPowerDb(st.xi_frame);
 
-  for (int k = 0; k < kNsBins; ++k) {
-    const float likelihood = RampOfRatio(local_xi[k]);
-    local_likelihood[k] = likelihood > 1.0f ? 1.0f : likelihood;
-  }
+  NsRampOfRatio(local_xi, local_likelihood, kNsBins);
+  for (int k = 0; k < kNsBins; ++k) local_likelihood[k] = local_likelihood[k] > 1.0f ? 1.0f : local_likelihood[k];
   // A frame whose low and middle band looks like noise throughout loses its
   // local evidence in the speech band, so isolated noise bins do not pass.
   if (DataMean(local_likelihood, 3, 126) < 0.25f) {
@@ -88,8 +67,11 @@ void EstAbsenceProb(T_AdspNsState *ns_st, float *q, int first_bin, int last_bin)
     frame_likelihood = 1.0f;
   }
 
+  float global_likelihood[kNsBins];
+  if (first_bin <= last_bin)
+    NsRampOfRatio(global_xi + first_bin, global_likelihood + first_bin, last_bin - first_bin + 1);
   for (int k = first_bin; k <= last_bin; ++k) {
-    const float absence = 1.0f - local_likelihood[k] * frame_likelihood * RampOfRatio(global_xi[k]);
+    const float absence = 1.0f - local_likelihood[k] * frame_likelihood * global_likelihood[k];
     q[k] = absence < kMaxAbsence ? absence : kMaxAbsence;
   }
 }

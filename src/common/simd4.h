@@ -55,6 +55,15 @@ inline bool All(M4 m) { return _mm_movemask_ps(m) == 0xf; }
 // Lanes in the opposite order.
 inline F4 Reverse(F4 v) { return _mm_shuffle_ps(v, v, _MM_SHUFFLE(0, 1, 2, 3)); }
 
+// Two-lane doubles, for the steps the plain code rounds through double.
+using D2 = __m128d;
+inline D2 LowToDouble(F4 v) { return _mm_cvtps_pd(v); }
+inline D2 HighToDouble(F4 v) { return _mm_cvtps_pd(_mm_movehl_ps(v, v)); }
+inline F4 ToFloat(D2 lo, D2 hi) { return _mm_movelh_ps(_mm_cvtpd_ps(lo), _mm_cvtpd_ps(hi)); }
+inline D2 Set1D(double x) { return _mm_set1_pd(x); }
+inline D2 DivD(D2 a, D2 b) { return _mm_div_pd(a, b); }
+inline D2 SqrtD(D2 a) { return _mm_sqrt_pd(a); }
+
 #else  // NEON
 
 using F4 = float32x4_t;
@@ -90,10 +99,20 @@ inline F4 Reverse(F4 v) {
   return vextq_f32(pairs, pairs, 2);
 }
 
+using D2 = float64x2_t;
+inline D2 LowToDouble(F4 v) { return vcvt_f64_f32(vget_low_f32(v)); }
+inline D2 HighToDouble(F4 v) { return vcvt_high_f64_f32(v); }
+inline F4 ToFloat(D2 lo, D2 hi) { return vcvt_high_f32_f64(vcvt_f32_f64(lo), hi); }
+inline D2 Set1D(double x) { return vdupq_n_f64(x); }
+inline D2 DivD(D2 a, D2 b) { return vdivq_f64(a, b); }
+inline D2 SqrtD(D2 a) { return vsqrtq_f64(a); }
+
 #endif
 
 inline F4 Zero() { return Set1(0.0f); }
 inline F4 Min(F4 a, F4 b) { return Select(Lt(a, b), a, b); }
+// Finite lanes (not infinite, not NaN).
+inline M4 IsFinite(F4 a) { return Lt(Abs(a), Set1(__builtin_inff())); }
 // Four entries ending at p, last first: p[0], p[-1], p[-2], p[-3].
 inline F4 LoadReversed(const float* p) { return Reverse(Load(p - 3)); }
 inline void StoreReversed(float* p, F4 v) { Store(p - 3, Reverse(v)); }
