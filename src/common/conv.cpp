@@ -7,14 +7,13 @@
 // that reads only some outputs asks for that range alone.
 //
 // The suppressor smooths every hop with a 31-tap kernel over 257 bins, which
-// makes this its hottest loop. The SSE2 version computes four neighbouring
-// outputs of the full middle at once, each lane adding the same products in
-// the same order as the plain loop, so the two agree bit for bit.
+// makes this its hottest loop. The vector version (common/simd4.h) computes
+// sixteen, then four, neighbouring outputs of the full middle at once, each
+// lane adding the same products in the same order as the plain loop, so the
+// two agree bit for bit.
 #include "common/adsp_common_util.h"
 
-#if defined(__SSE2__)
-#include <emmintrin.h>
-#endif
+#include "common/simd4.h"
 
 namespace vorn {
 namespace {
@@ -64,8 +63,8 @@ void ConvRangePlain(const float *a, int alen, const float *b, int blen, int firs
   ConvOutputs(c, first, past, out);
 }
 
-#if defined(__SSE2__)
-void ConvRangeSse2(const float *a, int alen, const float *b, int blen, int first, int past, float *out) {
+#if defined(VORN_SIMD4)
+void ConvRangeSimd(const float *a, int alen, const float *b, int blen, int first, int past, float *out) {
   if (alen <= 0 || blen <= 0) return;
   const ConvShape c = ShapeOf(a, alen, b, blen);
   if (!ClipRange(c, &first, &past)) return;
@@ -78,20 +77,35 @@ void ConvRangeSse2(const float *a, int alen, const float *b, int blen, int first
   }
   ConvOutputs(c, first, full_first, out);
   int o = full_first;
-  for (; o + 4 <= full_past; o += 4) {
-    __m128 acc = _mm_setzero_ps();
+  // Sixteen outputs per pass share each kernel tap's broadcast.
+  for (; o + 16 <= full_past; o += 16) {
+    simd::F4 acc0 = simd::Zero(), acc1 = simd::Zero(), acc2 = simd::Zero(), acc3 = simd::Zero();
     const float *window = c.signal + o - c.lead;
-    for (int j = 0; j < c.kernel_len; ++j)
-      acc = _mm_add_ps(acc, _mm_mul_ps(_mm_set1_ps(c.kernel[j]), _mm_loadu_ps(window + j)));
-    _mm_storeu_ps(out + o, acc);
+    for (int j = 0; j < c.kernel_len; ++j) {
+      const simd::F4 tap = simd::Set1(c.kernel[j]);
+      acc0 = simd::Add(acc0, simd::Mul(tap, simd::Load(window + j)));
+      acc1 = simd::Add(acc1, simd::Mul(tap, simd::Load(window + j + 4)));
+      acc2 = simd::Add(acc2, simd::Mul(tap, simd::Load(window + j + 8)));
+      acc3 = simd::Add(acc3, simd::Mul(tap, simd::Load(window + j + 12)));
+    }
+    simd::Store(out + o, acc0);
+    simd::Store(out + o + 4, acc1);
+    simd::Store(out + o + 8, acc2);
+    simd::Store(out + o + 12, acc3);
+  }
+  for (; o + 4 <= full_past; o += 4) {
+    simd::F4 acc = simd::Zero();
+    const float *window = c.signal + o - c.lead;
+    for (int j = 0; j < c.kernel_len; ++j) acc = simd::Add(acc, simd::Mul(simd::Set1(c.kernel[j]), simd::Load(window + j)));
+    simd::Store(out + o, acc);
   }
   ConvOutputs(c, o, past, out);
 }
 #endif
 
 void ConvRange(const float *a, int alen, const float *b, int blen, int first, int past, float *out) {
-#if defined(__SSE2__)
-  ConvRangeSse2(a, alen, b, blen, first, past, out);
+#if defined(VORN_SIMD4)
+  ConvRangeSimd(a, alen, b, blen, first, past, out);
 #else
   ConvRangePlain(a, alen, b, blen, first, past, out);
 #endif
@@ -101,9 +115,9 @@ void ConvPlain(const float *a, int alen, const float *b, int blen, float *out) {
   ConvRangePlain(a, alen, b, blen, 0, alen > blen ? alen : blen, out);
 }
 
-#if defined(__SSE2__)
-void ConvSse2(const float *a, int alen, const float *b, int blen, float *out) {
-  ConvRangeSse2(a, alen, b, blen, 0, alen > blen ? alen : blen, out);
+#if defined(VORN_SIMD4)
+void ConvSimd(const float *a, int alen, const float *b, int blen, float *out) {
+  ConvRangeSimd(a, alen, b, blen, 0, alen > blen ? alen : blen, out);
 }
 #endif
 
