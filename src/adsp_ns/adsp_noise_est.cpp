@@ -191,13 +191,15 @@ void UpdatePsd(T_AdspNsState *ns_st) {
 
 void MinTrace(const float *x, int rows, int len, float *out) {
   // The stride is len + 1: each older row is read one bin higher. The
-  // spectral-scale mode was tuned with this diagonal search.
+  // spectral-scale mode was tuned with this diagonal search. The minimum is
+  // taken in double, but every candidate is a float, so `out` holds the
+  // running minimum exactly; walking the rows outside keeps the search free
+  // of a reduction loop (which Debian's aarch64 g++ 12 fails to compile at -O3).
   const int stride = len + 1;
-  for (int k = 0; k < len; ++k) {
-    double minimum = x[k];
-    for (int j = 1; j < rows; ++j) minimum = std::fmin(minimum, static_cast<double>(x[k + j * stride]));
-    out[k] = static_cast<float>(minimum);
-  }
+  for (int k = 0; k < len; ++k) out[k] = x[k];
+  for (int j = 1; j < rows; ++j)
+    for (int k = 0; k < len; ++k)
+      out[k] = static_cast<float>(std::fmin(static_cast<double>(out[k]), static_cast<double>(x[k + j * stride])));
 }
 
 void GetNsScale(const float *amp, int len, const float *min, float *scale) {
