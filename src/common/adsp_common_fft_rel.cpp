@@ -243,7 +243,10 @@ inline void InverseButterfly(float *x, int i, int j, int n4, const InverseTwiddl
   t4 = t2 - t3;
   t2 = t2 + t3;
   x[i3] = t5 * w.cc1 + t4 * w.ss1;
-  x[i7] = -t4 * w.cc1 + t5 * w.ss1;
+  // -(t4 cc1) + t5 ss1 is this difference exactly; spelled as one, the NaN a
+  // poisoned input leaves carries the same sign whatever instructions the
+  // compiler picks for the negation.
+  x[i7] = t5 * w.ss1 - t4 * w.cc1;
   x[i4] = t1 * w.cc3 - t2 * w.ss3;
   x[i8] = t2 * w.cc3 + t1 * w.ss3;
 }
@@ -302,7 +305,7 @@ inline void InverseButterflies4(float *x, int i, int j, int n4) {
   t4 = Sub(t2, t3);
   t2 = Add(t2, t3);
   Store(p3, Add(Mul(t5, cc1), Mul(t4, ss1)));
-  StoreReversed(p7, Add(Mul(Neg(t4), cc1), Mul(t5, ss1)));
+  StoreReversed(p7, Sub(Mul(t5, ss1), Mul(t4, cc1)));
   Store(p4, Sub(Mul(t1, cc3), Mul(t2, ss3)));
   StoreReversed(p8, Add(Mul(t2, cc3), Mul(t1, ss3)));
 }
