@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Installs what building Vorn needs on a Debian machine, only when missing:
-#   scripts/install-deps.sh           compilers and the test and benchmark libraries
+#   scripts/install-deps.sh           compilers, the test and benchmark libraries, and the
+#                                     aarch64 cross compiler and emulator the tests also run under
 #   scripts/install-deps.sh --tools   compilers only (enough for the library and the tools)
 set -euo pipefail
 
@@ -11,6 +12,10 @@ command -v make >/dev/null || need+=(make)
 if [ "${1:-}" != "--tools" ]; then
   [ -f /usr/include/gtest/gtest.h ] || need+=(libgtest-dev)
   [ -f /usr/include/benchmark/benchmark.h ] || need+=(libbenchmark-dev)
+  # The 64-bit Arm build of the tests: cross compiler, emulator, GoogleTest's sources.
+  command -v aarch64-linux-gnu-g++ >/dev/null || need+=(g++-aarch64-linux-gnu)
+  command -v qemu-aarch64 >/dev/null || command -v qemu-aarch64-static >/dev/null || need+=(qemu-user)
+  [ -f /usr/src/googletest/CMakeLists.txt ] || need+=(googletest)
 fi
 
 if [ ${#need[@]} -gt 0 ]; then
