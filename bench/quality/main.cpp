@@ -10,7 +10,9 @@
 #include <string>
 #include <vector>
 
+#include "quality/direction_bench.h"
 #include "quality/grid.h"
+#include "quality/noise_vad_section.h"
 #include "quality/scoring.h"
 #include "quality/systems.h"
 #include "sim/metrics.h"
@@ -617,12 +619,27 @@ std::string FindingsMarkdown(const Results& results) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc != 2) {
-    std::fprintf(stderr, "usage: vorn_bench_quality OUT_DIR\n");
+  // --only TOPIC runs one section alone (direction or noise_vad); --match
+  // TEXT keeps the direction section's scenes whose name contains TEXT (a
+  // quicker look while developing).
+  std::string only, match;
+  std::vector<std::string> rest;
+  for (int i = 1; i < argc; ++i) {
+    const std::string arg = argv[i];
+    if ((arg == "--only" || arg == "--match") && i + 1 < argc)
+      (arg == "--only" ? only : match) = argv[++i];
+    else
+      rest.push_back(arg);
+  }
+  if (rest.size() != 1 || (!only.empty() && only != "direction" && only != "noise_vad")) {
+    std::fprintf(stderr, "usage: vorn_bench_quality OUT_DIR [--only direction|noise_vad] [--match TEXT]\n");
     return 2;
   }
-  const std::filesystem::path dir = argv[1];
+  const std::filesystem::path dir = rest[0];
   std::filesystem::create_directories(dir);
+  if (only == "direction") return RunDirectionBench(dir, match);
+  if (only == "noise_vad") return vorn::bench::RunNoiseVadSection(dir);
+  if (const int rc = vorn::bench::RunNoiseVadSection(dir); rc != 0) return rc;
   Results results;
   results.scenes = AllScenes();
   const std::vector<System> systems = Systems();
@@ -667,5 +684,5 @@ int main(int argc, char** argv) {
     std::fclose(headline);
   }
   std::printf("%s", md.c_str());
-  return 0;
+  return RunDirectionBench(dir);
 }

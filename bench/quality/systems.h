@@ -35,6 +35,7 @@ struct VornConfig {
   // doa_update_flag from the scene's speech labels on every frame: a caller
   // that holds the tracker while nobody talks, with a perfect speech detector.
   bool doa_updates_on_speech = false;
+  int profile = 0;  // VORN_PROFILE_CLASSIC or VORN_PROFILE_ENHANCED
 };
 
 // Whole frames in an interleaved three-microphone capture.

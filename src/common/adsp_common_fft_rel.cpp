@@ -38,7 +38,7 @@
 #include <cstddef>
 
 #include "common/adsp_common_rom.h"
-#include "common/adsp_common_trig.h"
+#include "common/constexpr_trig.h"
 #include "common/simd4.h"
 
 namespace vorn {
@@ -122,7 +122,7 @@ constexpr std::array<float, kTwiddleSlots> MakeForwardTwiddles() {
   for (int q = kVectorMinTwiddles; q < kTwiddleSlots; q *= 2) {
     const int step = kTwiddleTurn / (4 * q);
     for (int j = 0; j < q; ++j)
-      t[q + j] = static_cast<float>(trig::SinTurn((kCos ? kCosOffset : 0) + j * step, kTwiddleTurn));
+      t[q + j] = static_cast<float>(ct::SinTurn((kCos ? kCosOffset : 0) + j * step, kTwiddleTurn));
   }
   return t;
 }
@@ -265,7 +265,7 @@ constexpr std::array<float, kTwiddleSlots / 2> MakeInverseTwiddles() {
     const int step = kTwiddleTurn / (8 * n8);
     for (int j = 0; j < n8; ++j)
       t[n8 + j] =
-          static_cast<float>(trig::SinTurn((kCos ? kCosOffset : 0) + (kTriple ? 3 : 1) * j * step, kTwiddleTurn));
+          static_cast<float>(ct::SinTurn((kCos ? kCosOffset : 0) + (kTriple ? 3 : 1) * j * step, kTwiddleTurn));
   }
   return t;
 }

@@ -1,5 +1,7 @@
 // Constant tables of the real FFT and the analysis window, computed at compile
-// time from their rules (the trigonometry is adsp_common_trig.h's).
+// time from their rules. The trigonometry runs in double (common/
+// constexpr_trig.h) and each entry is rounded to float once, so the stored
+// values are the correctly rounded floats of the exact figures.
 //
 // The arrays keep a plain C declaration for their users; their initialisers are
 // spelled out element by element through the REPEAT macros below, each element
@@ -9,24 +11,14 @@
 
 #include <array>
 
-#include "common/adsp_common_trig.h"
+#include "common/constexpr_trig.h"
 
 namespace vorn {
 namespace {
 
-using trig::CosTurn;
-using trig::SinTurn;
-
-constexpr double SqrtNewton(double v) {
-  if (v <= 0.0) return 0.0;
-  double r = v > 1.0 ? v : 1.0;
-  for (int i = 0; i < 200; ++i) {
-    const double next = 0.5 * (r + v / r);
-    if (next == r) break;
-    r = next;
-  }
-  return r;
-}
+using ct::CosTurn;
+using ct::SinTurn;
+using ct::SqrtNewton;
 
 constexpr std::array<short, 256> MakeBitReverse8() {
   std::array<short, 256> t{};

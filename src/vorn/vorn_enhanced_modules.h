@@ -3,11 +3,15 @@
 // this list only places them.
 #pragma once
 
+#include "adsp_ns/ns_enhanced.h"
+#include "adsp_bf/doa_tracker_enhanced.h"
+
 namespace vorn {
 
 struct EnhancedModules {
   // Enhanced modules add their records here.
-  int reserved;
+  EnhancedSpeechRecords speech;  // speech presence, suppressor, speech flag
+  TDoaTrackerEnhanced doa_tracker;
 };
 
 }  // namespace vorn

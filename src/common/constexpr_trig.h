@@ -1,18 +1,14 @@
-// Compile-time trigonometry for the constant tables: sines and cosines of
-// rational fractions of a turn. The series run in double (a reduced-argument
-// Taylor series, accurate to a few units in the last place of a double), so
-// an entry rounded to float once is the correctly rounded float of the exact
-// figure. Quarter-turn symmetry is applied on the turn fraction before any
-// series is evaluated, which makes sin(pi/2) = 1 and sin(pi) = 0 come out
-// exactly. Every table built from these functions holds the same float for
-// the same angle, whichever file builds it.
+// Trigonometry for tables computed at compile time from their rules. The
+// angle is given as an exact fraction of a turn, reduced by octant on the
+// integers, so the series only ever sees |a| <= pi/4 and quarter-turn points
+// come out exact (sin(pi/2) = 1, sin(pi) = 0). A 12-term Taylor series on
+// that range is accurate to a few units in the last place of a double.
 #pragma once
 
-namespace vorn::trig {
+namespace vorn::ct {
 
 constexpr double kPi = 3.141592653589793238462643383279502884;
 
-// Taylor series on |a| <= pi/4: 12 terms leave an error far below 1e-17.
 constexpr double SinSmall(double a) {
   const double a2 = a * a;
   double term = a;
@@ -35,10 +31,10 @@ constexpr double CosSmall(double a) {
   return sum;
 }
 
-// sin(2*pi*num/den) for num >= 0, den > 0, reduced by octant on the integers
-// so the argument handed to the series is at most pi/4.
+// sin(2*pi*num/den) for any num and den > 0.
 constexpr double SinTurn(long num, long den) {
   num %= den;
+  if (num < 0) num += den;
   // Eighths of a turn: octant o covers [o*den/8, (o+1)*den/8).
   const long o = (8 * num) / den;
   // Angle measured from the nearest multiple of a quarter turn, as a turn fraction.
@@ -53,6 +49,18 @@ constexpr double SinTurn(long num, long den) {
   }
 }
 
+// cos(2*pi*num/den).
 constexpr double CosTurn(long num, long den) { return SinTurn(num * 4 + den, den * 4); }
 
-}  // namespace vorn::trig
+constexpr double SqrtNewton(double v) {
+  if (v <= 0.0) return 0.0;
+  double r = v > 1.0 ? v : 1.0;
+  for (int i = 0; i < 200; ++i) {
+    const double next = 0.5 * (r + v / r);
+    if (next == r) break;
+    r = next;
+  }
+  return r;
+}
+
+}  // namespace vorn::ct
