@@ -15,7 +15,7 @@
 namespace vorn {
 namespace {
 
-enum StageSet { kPlain = 0, kSse2 = 1 };
+enum StageSet { kPlain = 0, kVector = 1 };
 
 void SelectStages(int set) {
   aec_rdft_init();
@@ -38,12 +38,12 @@ void BM_RdftForwardInverse(benchmark::State& state) {
     for (float& v : a) v *= 2.0f / 128.0f;  // keep the data bounded across iterations
     benchmark::DoNotOptimize(a.data());
   }
-  state.SetLabel(state.range(0) == kPlain ? "plain" : "sse2");
+  state.SetLabel(state.range(0) == kPlain ? "plain" : "vector");
   aec_rdft_init();
 }
 BENCHMARK(BM_RdftForwardInverse)->Arg(kPlain)
-#if defined(__SSE2__)
-    ->Arg(kSse2)
+#if defined(VORN_SIMD4)
+    ->Arg(kVector)
 #endif
     ;
 
@@ -57,12 +57,12 @@ void BM_RdftForward(benchmark::State& state) {
     aec_rdft_forward_128(a.data());
     benchmark::DoNotOptimize(a.data());
   }
-  state.SetLabel(state.range(0) == kPlain ? "plain" : "sse2");
+  state.SetLabel(state.range(0) == kPlain ? "plain" : "vector");
   aec_rdft_init();
 }
 BENCHMARK(BM_RdftForward)->Arg(kPlain)
-#if defined(__SSE2__)
-    ->Arg(kSse2)
+#if defined(VORN_SIMD4)
+    ->Arg(kVector)
 #endif
     ;
 

@@ -8,7 +8,8 @@
 // pre-processing conjugating the spectrum and the last complex stage
 // conjugating back, so the same cft1st/cftmdl serve both directions.
 //
-// These plain stages are the reference; where SSE2 is available the hot stages
+// These plain stages are the reference; where the build has four-lane vectors
+// (aec_rdft_simd.cpp: SSE2 or NEON, the same bits on both) the hot stages
 // are replaced through the stage pointers. The first group of cft1st and the
 // first two of cftmdl take shortcuts for their trivial twiddles
 // (1 and e^(i pi/4)), so plain and vector stages agree to float rounding, not
@@ -252,8 +253,8 @@ void aec_rdft_init(void) {
   cftbsub_128 = cftbsub_128_C;
   rftfsub_128 = rftfsub_128_C;
   rftbsub_128 = rftbsub_128_C;
-#if defined(__SSE2__)
-  aec_rdft_init_sse2();
+#if defined(VORN_SIMD4)
+  aec_rdft_init_simd();
 #endif
 }
 

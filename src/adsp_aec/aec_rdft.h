@@ -4,8 +4,10 @@
 // with R[k] = sum x[j] cos(2 pi j k / 128), I[k] = sum x[j] sin(2 pi j k / 128)
 // (the sine sign, opposite to the usual e^-iwt DFT; every user is written for
 // it). aec_rdft_inverse_128 maps that packing back to 64 * x (n/2 times the
-// signal). The array must be 16-byte aligned for the SSE2 stages.
+// signal).
 #pragma once
+
+#include "common/simd4.h"
 
 namespace vorn {
 
@@ -13,8 +15,8 @@ inline constexpr int kRdftLength = 128;
 
 using RdftStage128 = void (*)(float* a);
 
-// Stage pointers, set by aec_rdft_init (plain stages, then the SSE2 ones where
-// the build has them). They start out on the plain stages so the transform is
+// Stage pointers, set by aec_rdft_init (plain stages, then the four-lane ones
+// where the build has them). They start out on the plain stages so the transform is
 // usable before aec_rdft_init is called.
 extern RdftStage128 bitrv2_128;
 extern RdftStage128 cft1st_128;
@@ -39,13 +41,14 @@ void cftbsub_128_C(float* a);
 void rftfsub_128_C(float* a);
 void rftbsub_128_C(float* a);
 
-#if defined(__SSE2__)
-void cft1st_128_SSE2(float* a);
-void cftmdl_128_SSE2(float* a);
-void rftfsub_128_SSE2(float* a);
-void rftbsub_128_SSE2(float* a);
-// Installs the four SSE2 stages above; bit reversal and cftfsub/cftbsub stay plain.
-void aec_rdft_init_sse2(void);
+#if defined(VORN_SIMD4)
+// Four-lane stages: the same bits on every target that has them.
+void cft1st_128_Simd(float* a);
+void cftmdl_128_Simd(float* a);
+void rftfsub_128_Simd(float* a);
+void rftbsub_128_Simd(float* a);
+// Installs the four stages above; bit reversal and cftfsub/cftbsub stay plain.
+void aec_rdft_init_simd(void);
 #endif
 
 void aec_rdft_init(void);

@@ -3,8 +3,8 @@
 //
 // Only the operations that round exactly as the scalar ones do are offered:
 // add, subtract, multiply, divide, square root (each an IEEE operation on
-// every lane), comparisons, bitwise selection and data movement. There is no
-// fused multiply-add and no approximate reciprocal, and Min is spelled as the
+// every lane), comparisons, bitwise selection, sign flips and data movement.
+// There is no fused multiply-add and no approximate reciprocal, and Min is spelled as the
 // plain code's `a < b ? a : b` (NEON's own minimum treats NaN otherwise). A
 // kernel that performs, per lane, the plain loop's operations in the plain
 // loop's order therefore gives the plain loop's bits.
@@ -15,6 +15,8 @@
 
 #if defined(__SSE2__)
 #include <emmintrin.h>
+
+#include <cstdint>
 #define VORN_SIMD4 1
 #elif defined(__aarch64__) && defined(__ARM_NEON)
 #include <arm_neon.h>
@@ -54,6 +56,19 @@ inline bool Any(M4 m) { return _mm_movemask_ps(m) != 0; }
 inline bool All(M4 m) { return _mm_movemask_ps(m) == 0xf; }
 // Lanes in the opposite order.
 inline F4 Reverse(F4 v) { return _mm_shuffle_ps(v, v, _MM_SHUFFLE(0, 1, 2, 3)); }
+// Lane moves for data held as (re, im) pairs.
+inline F4 SwapInPairs(F4 v) { return _mm_shuffle_ps(v, v, _MM_SHUFFLE(2, 3, 0, 1)); }  // 1 0 3 2
+inline F4 SwapPairs(F4 v) { return _mm_shuffle_ps(v, v, _MM_SHUFFLE(1, 0, 3, 2)); }    // 2 3 0 1
+inline F4 LowPairs(F4 a, F4 b) { return _mm_movelh_ps(a, b); }                          // a0 a1 b0 b1
+inline F4 HighPairs(F4 a, F4 b) { return _mm_movehl_ps(b, a); }                         // a2 a3 b2 b3
+// p[0] p[0] p[1] p[1], reading two floats only.
+inline F4 LoadTwoDoubled(const float* p) {
+  const __m128 pair = _mm_castsi128_ps(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(p)));
+  return _mm_unpacklo_ps(pair, pair);
+}
+// Flips the sign bit of lanes 0 and 2 (even) or 1 and 3 (odd), NaN included.
+inline F4 NegateEven(F4 v) { return _mm_xor_ps(v, _mm_castsi128_ps(_mm_setr_epi32(INT32_MIN, 0, INT32_MIN, 0))); }
+inline F4 NegateOdd(F4 v) { return _mm_xor_ps(v, _mm_castsi128_ps(_mm_setr_epi32(0, INT32_MIN, 0, INT32_MIN))); }
 
 // Two-lane doubles, for the steps the plain code rounds through double.
 using D2 = __m128d;
@@ -97,6 +112,22 @@ inline bool All(M4 m) { return vminvq_u32(m) != 0; }
 inline F4 Reverse(F4 v) {
   const F4 pairs = vrev64q_f32(v);  // 1 0 3 2
   return vextq_f32(pairs, pairs, 2);
+}
+inline F4 SwapInPairs(F4 v) { return vrev64q_f32(v); }
+inline F4 SwapPairs(F4 v) { return vextq_f32(v, v, 2); }
+inline F4 LowPairs(F4 a, F4 b) { return vcombine_f32(vget_low_f32(a), vget_low_f32(b)); }
+inline F4 HighPairs(F4 a, F4 b) { return vcombine_f32(vget_high_f32(a), vget_high_f32(b)); }
+inline F4 LoadTwoDoubled(const float* p) {
+  const float32x2_t pair = vld1_f32(p);
+  return vcombine_f32(vdup_lane_f32(pair, 0), vdup_lane_f32(pair, 1));
+}
+inline F4 NegateEven(F4 v) {
+  const uint32x4_t sign = {0x80000000u, 0u, 0x80000000u, 0u};
+  return vreinterpretq_f32_u32(veorq_u32(vreinterpretq_u32_f32(v), sign));
+}
+inline F4 NegateOdd(F4 v) {
+  const uint32x4_t sign = {0u, 0x80000000u, 0u, 0x80000000u};
+  return vreinterpretq_f32_u32(veorq_u32(vreinterpretq_u32_f32(v), sign));
 }
 
 using D2 = float64x2_t;
