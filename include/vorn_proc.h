@@ -97,6 +97,25 @@ int32_t VornSetProfile(T_VornParam* pm, int32_t profile);
  * has not been prepared by VornInit. */
 int32_t VornGetProfile(const T_VornParam* pm);
 
+/* ---- Enhanced profile results ----------------------------------------
+ * Small getters and setters for what the parameter record has no field for.
+ * Each returns 0; 1..3 for a record the parameter check refuses (missing
+ * record, buffer or result pointer: 1; buffer too small: 2; wrong record
+ * size: 3); VORN_ERR_NOT_INITIALISED; or the code named with it. Nothing
+ * changes on a nonzero return. */
+
+/* Microphone warnings, a bit mask. Microphone m (0..2) is the array's
+ * microphone m, i.e. input slot mic_oder[m]. The enhanced profile watches
+ * every frame's samples; a faulty microphone is left out of the beams (and
+ * bf_flag 0 passes the first working microphone instead of microphone 0)
+ * until it has behaved for about a second. */
+#define VORN_WARN_MIC_DEAD(m) (1u << (m))          /* constant (zeros) while another microphone is not */
+#define VORN_WARN_MIC_CLIPPED(m) (1u << (3 + (m))) /* clipping while another microphone is not */
+
+/* The warnings in force after the last frame; 0 under the classic profile,
+ * which does not watch the microphones. */
+int32_t VornGetWarnings(const T_VornParam* pm, uint32_t* warnings);
+
 #ifdef __cplusplus
 }
 #endif

@@ -3,11 +3,15 @@
 // this list only places them.
 #pragma once
 
+#include "adsp_bf/beam_enhanced.h"
+
 namespace vorn {
 
 struct EnhancedModules {
-  // Enhanced modules add their records here.
-  int reserved;
+  EnhancedBeamState beam;
 };
+
+// Beam and level control share a budget of 24 KB.
+static_assert(sizeof(EnhancedBeamState) <= 24 * 1024, "the beam outgrew its budget");
 
 }  // namespace vorn

@@ -11,6 +11,7 @@
 #include <cstring>
 
 #include "adsp_bf/audio_dsp_proc.h"
+#include "adsp_bf/beam_enhanced.h"
 #include "adsp_ns/adsp_ns_proc.h"
 #include "vorn/vorn_data_exchange.h"
 #include "vorn/vorn_enhanced_frame.h"
@@ -22,8 +23,15 @@ namespace vorn {
 namespace {
 
 int32_t BeamStage(const T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
-  (void)pm;
-  fr.rtn = BfProc(&st->bf_pm, fr.inp, fr.beam, fr.mic_order);
+  // The classic frame reports the beamformer's code only through later
+  // stages' results; so does this one.
+  float spectrum[kBfChannels][kBfFftLen];
+  fr.rtn = BfAnalyse(&st->bf_pm, fr.inp, fr.mic_order, spectrum);
+  if (fr.rtn != 0) return 0;
+  const TVornEnhancedState* enhanced = EnhancedStateOf(st);
+  const BeamRequest request{pm->bf_flag, pm->bf_azimuth, pm->doa_flag, enhanced->last_presence.frame_prob,
+                            enhanced->last_direction.azimuth_deg, enhanced->last_direction.confidence};
+  EnhancedBeamProc(&EnhancedStateOf(st)->modules.beam, request, fr.inp, fr.mic_order, spectrum, fr.beam);
   return 0;
 }
 
@@ -85,7 +93,8 @@ void DirectionStage(T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
 
 void VornInitEnhanced(const T_VornParam* pm, TVornState* st) {
   (void)pm;
-  (void)st;
+  EnhancedModules& modules = EnhancedStateOf(st)->modules;
+  EnhancedBeamInit(&modules.beam);
 }
 
 int32_t VornProcEnhanced(T_VornParam* pm, TVornState* st, short* inp, short* aec_ref, short* out, short* mic_order) {

@@ -1,0 +1,103 @@
+// Microphone faults from the samples alone, frame by frame.
+//
+// Dead: the microphone's frame is constant (zeros, or a stuck DC value) while
+// another microphone's is not; a whole array in digital silence is a silent
+// room, not a fault. Clipping: the microphone's frame reaches its extreme
+// value several times at a level no quiet signal has, while another
+// microphone's frame does not; a talker loud enough to clip every microphone
+// leaves them all in. Each kind of evidence raises a score quickly and a
+// clean frame lowers it slowly, so a fault is declared within a few frames
+// and withdrawn only after about a second of good behaviour; a clipping
+// microphone that is quiet between syllables stays out meanwhile.
+#include "adsp_bf/mic_health.h"
+
+#include <cstdlib>
+
+namespace vorn {
+namespace {
+
+constexpr int kFrame = 256;
+constexpr int kMics = 3;
+constexpr uint16_t kEvidenceStep = 4;    // per frame with evidence
+constexpr uint16_t kFaultScore = 16;     // four frames of evidence in a row
+constexpr uint16_t kScoreCeiling = 64;   // withdrawn after 64 clean frames
+constexpr int kClipRunSamples = 3;       // samples at the frame's extreme value
+constexpr int kClipLevel = 8192;         // -12 dBFS: below it repeats are quantisation
+
+struct FrameFacts {
+  bool constant;
+  bool clipped;
+};
+
+FrameFacts Inspect(const short* inp, int slot) {
+  int lo = inp[slot], hi = inp[slot];
+  for (int n = 1; n < kFrame; ++n) {
+    const int x = inp[3 * n + slot];
+    lo = x < lo ? x : lo;
+    hi = x > hi ? x : hi;
+  }
+  FrameFacts facts{lo == hi, false};
+  const int peak = std::abs(hi) > std::abs(lo) ? hi : lo;
+  if (std::abs(peak) >= kClipLevel) {
+    int at_peak = 0;
+    for (int n = 0; n < kFrame; ++n) at_peak += inp[3 * n + slot] == peak;
+    facts.clipped = at_peak >= kClipRunSamples;
+  }
+  return facts;
+}
+
+void Score(uint16_t& score, bool evidence) {
+  if (evidence) {
+    score = static_cast<uint16_t>(score + kEvidenceStep > kScoreCeiling ? kScoreCeiling : score + kEvidenceStep);
+  } else if (score > 0) {
+    --score;
+  }
+}
+
+// Fault when the score reaches kFaultScore; cleared only when it is back at 0.
+void Judge(uint32_t& mask, int m, uint16_t score) {
+  if (score >= kFaultScore) mask |= 1u << m;
+  if (score == 0) mask &= ~(1u << m);
+}
+
+}  // namespace
+
+void MicHealthInit(MicHealth* health) { *health = MicHealth{}; }
+
+void MicHealthUpdate(MicHealth* health, const short* inp, const short order[3]) {
+  FrameFacts facts[kMics];
+  int varying = 0, unclipped = 0;
+  for (int m = 0; m < kMics; ++m) {
+    facts[m] = Inspect(inp, order[m]);
+    varying += !facts[m].constant;
+    unclipped += !facts[m].clipped;
+  }
+  for (int m = 0; m < kMics; ++m) {
+    // Evidence counts only against a microphone that behaves otherwise.
+    const bool others_vary = varying - !facts[m].constant > 0;
+    const bool others_clean = unclipped - !facts[m].clipped > 0;
+    Score(health->dead_score[m], facts[m].constant && others_vary);
+    Score(health->clipped_score[m], facts[m].clipped && others_clean);
+    Judge(health->dead_mask, m, health->dead_score[m]);
+    Judge(health->clipped_mask, m, health->clipped_score[m]);
+  }
+}
+
+uint32_t MicHealthLive(const MicHealth* health) {
+  const uint32_t live = ~(health->dead_mask | health->clipped_mask | health->excluded_mask) & 0x7u;
+  if (live != 0) return live;
+  // Every microphone judged faulty cannot happen frame by frame (evidence
+  // needs another microphone behaving), but scores outlive their evidence:
+  // keep the one with the least against it.
+  int best = 0, best_score = 1 << 30;
+  for (int m = 0; m < kMics; ++m) {
+    const int score = health->dead_score[m] + health->clipped_score[m] + ((health->excluded_mask >> m) & 1u) * 1000;
+    if (score < best_score) {
+      best_score = score;
+      best = m;
+    }
+  }
+  return 1u << best;
+}
+
+}  // namespace vorn
