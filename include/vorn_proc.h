@@ -116,6 +116,20 @@ int32_t VornGetProfile(const T_VornParam* pm);
  * which does not watch the microphones. */
 int32_t VornGetWarnings(const T_VornParam* pm, uint32_t* warnings);
 
+/* The enhanced profile's level control (agc_flag 1 or 2) steers the near
+ * talker's active speech level at its output to a target in dBFS:
+ * 10*log10 of the mean square over the talker's speech frames against
+ * 32768^2. VornInit sets the default. The classic AGC ignores it. */
+#define VORN_AGC_TARGET_DEFAULT_DBFS (-26.0f)
+#define VORN_AGC_TARGET_MIN_DBFS (-40.0f)
+#define VORN_AGC_TARGET_MAX_DBFS (-6.0f)
+#define VORN_ERR_OUT_OF_RANGE 13 /* a value outside its documented range */
+
+/* Sets the target, at any frame boundary: VORN_AGC_TARGET_MIN_DBFS ..
+ * VORN_AGC_TARGET_MAX_DBFS, else VORN_ERR_OUT_OF_RANGE. */
+int32_t VornSetAgcTarget(T_VornParam* pm, float target_dbfs);
+int32_t VornGetAgcTarget(const T_VornParam* pm, float* target_dbfs);
+
 #ifdef __cplusplus
 }
 #endif

@@ -3,15 +3,17 @@
 // this list only places them.
 #pragma once
 
+#include "adsp_agc/level_control.h"
 #include "adsp_bf/beam_enhanced.h"
 
 namespace vorn {
 
 struct EnhancedModules {
   EnhancedBeamState beam;
+  EnhancedLevelState level;
 };
 
 // Beam and level control share a budget of 24 KB.
-static_assert(sizeof(EnhancedBeamState) <= 24 * 1024, "the beam outgrew its budget");
+static_assert(sizeof(EnhancedBeamState) + sizeof(EnhancedLevelState) <= 24 * 1024, "beam and level outgrew their budget");
 
 }  // namespace vorn

@@ -10,6 +10,7 @@
 
 #include <cstring>
 
+#include "adsp_agc/level_control.h"
 #include "adsp_bf/audio_dsp_proc.h"
 #include "adsp_bf/beam_enhanced.h"
 #include "adsp_ns/adsp_ns_proc.h"
@@ -80,7 +81,10 @@ void LevelStage(const T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
     std::memcpy(fr.out, fr.clean, sizeof fr.out);
     return;
   }
-  fr.rtn = RunDigitalAgc(pm, st, fr.clean, fr.out);
+  // agc_flag 1 and 2 both mean "on"; the level control has no modes.
+  const LevelCues cues{fr.presence.frame_prob, fr.echo.far_activity >= 0.5f && !fr.echo.double_talk};
+  LevelProc(&EnhancedStateOf(st)->modules.level, cues, fr.clean, fr.out);
+  fr.rtn = 0;
 }
 
 void DirectionStage(T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
@@ -95,6 +99,7 @@ void VornInitEnhanced(const T_VornParam* pm, TVornState* st) {
   (void)pm;
   EnhancedModules& modules = EnhancedStateOf(st)->modules;
   EnhancedBeamInit(&modules.beam);
+  LevelInit(&modules.level);
 }
 
 int32_t VornProcEnhanced(T_VornParam* pm, TVornState* st, short* inp, short* aec_ref, short* out, short* mic_order) {

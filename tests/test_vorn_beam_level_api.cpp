@@ -1,0 +1,121 @@
+// The public side of the enhanced beam and level control: the microphone
+// warnings, the level target and their effect on whole frames through
+// VornProc.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+#include <vector>
+
+#include "support/front_end_param.h"
+#include "support/signals.h"
+#include "vorn_proc.h"
+
+namespace vorn {
+namespace {
+
+constexpr int kFrame = 256;
+constexpr int kStateBytes = 1000000;
+
+struct Instance {
+  std::vector<unsigned char> storage = std::vector<unsigned char>(kStateBytes);
+  T_VornParam pm = test::ParamOver(storage.data());
+};
+
+TEST(VornBeamLevelApi, BadCallsAreRefusedWithTheDocumentedCodes) {
+  Instance ready;
+  ASSERT_EQ(VornInit(&ready.pm, nullptr), 0);
+  Instance never_initialised;
+  T_VornParam no_buffer = ready.pm, small = ready.pm, wrong_size = ready.pm;
+  no_buffer.p_data = nullptr;
+  small.buff_size = kStateBytes - 1;
+  wrong_size.param_size = 1679;
+  struct Case {
+    const char* name;
+    T_VornParam* pm;
+    int32_t want;
+  };
+  const Case cases[] = {{"no record", nullptr, 1},
+                        {"no buffer", &no_buffer, 1},
+                        {"buffer too small", &small, 2},
+                        {"record of another layout", &wrong_size, 3},
+                        {"buffer not prepared", &never_initialised.pm, VORN_ERR_NOT_INITIALISED}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    uint32_t warnings = 99;
+    float target = 99.0f;
+    EXPECT_EQ(VornGetWarnings(c.pm, &warnings), c.want);
+    EXPECT_EQ(VornSetAgcTarget(c.pm, -20.0f), c.want);
+    EXPECT_EQ(VornGetAgcTarget(c.pm, &target), c.want);
+    EXPECT_EQ(warnings, 99u);
+    EXPECT_EQ(target, 99.0f);
+  }
+  EXPECT_EQ(VornGetWarnings(&ready.pm, nullptr), 1);
+  EXPECT_EQ(VornGetAgcTarget(&ready.pm, nullptr), 1);
+
+  struct Target {
+    float dbfs;
+    int32_t want;
+  };
+  const Target targets[] = {{VORN_AGC_TARGET_MIN_DBFS, 0},
+                            {VORN_AGC_TARGET_MAX_DBFS, 0},
+                            {-40.1f, VORN_ERR_OUT_OF_RANGE},
+                            {-5.0f, VORN_ERR_OUT_OF_RANGE},
+                            {std::numeric_limits<float>::infinity(), VORN_ERR_OUT_OF_RANGE},
+                            {std::numeric_limits<float>::quiet_NaN(), VORN_ERR_OUT_OF_RANGE}};
+  for (const Target& t : targets) {
+    SCOPED_TRACE(t.dbfs);
+    ASSERT_EQ(VornSetAgcTarget(&ready.pm, -30.0f), 0);
+    EXPECT_EQ(VornSetAgcTarget(&ready.pm, t.dbfs), t.want);
+    float now = 0.0f;
+    ASSERT_EQ(VornGetAgcTarget(&ready.pm, &now), 0);
+    EXPECT_EQ(now, t.want == 0 ? t.dbfs : -30.0f);
+  }
+}
+
+// Runs `frames` frames of `mics` through a fresh instance with `switches`.
+std::vector<short> Process(Instance& in, const std::vector<short>& mics, const test::FrontEndSwitches& switches,
+                           int32_t profile, float target, uint32_t* warnings) {
+  in.pm = test::ParamKeeping(in.storage.data(), switches, 0);
+  EXPECT_EQ(VornInit(&in.pm, nullptr), 0);
+  EXPECT_EQ(VornSetProfile(&in.pm, profile), 0);
+  EXPECT_EQ(VornSetAgcTarget(&in.pm, target), 0);
+  std::vector<short> out(mics.size() / 3), frame(3 * kFrame), ref(kFrame, 0);
+  short order[3] = {0, 1, 2};
+  for (std::size_t f = 0; f < out.size() / kFrame; ++f) {
+    std::copy_n(mics.begin() + static_cast<long>(f * 3 * kFrame), 3 * kFrame, frame.begin());
+    EXPECT_EQ(VornProc(&in.pm, frame.data(), ref.data(), &out[f * kFrame], order), 0);
+  }
+  EXPECT_EQ(VornGetWarnings(&in.pm, warnings), 0);
+  return out;
+}
+
+double TailDbfs(const std::vector<short>& x) {
+  double sum = 0.0;
+  for (std::size_t i = x.size() / 2; i < x.size(); ++i) sum += static_cast<double>(x[i]) * x[i];
+  return 10.0 * std::log10(sum / static_cast<double>(x.size() - x.size() / 2) / (32768.0 * 32768.0));
+}
+
+TEST(VornBeamLevelApi, WholeFramesCarryTheWarningAndTheTarget) {
+  // A talker at 100 degrees with microphone 2 dead from the start.
+  const std::size_t n = 500 * kFrame;
+  const test::Signal talker = test::MakeSpeechLike(n, 7, {.rms = 600.0, .lead_silence_s = 0.5}).samples;
+  test::ThreeMics mics = test::Mix(test::PlaneWave(talker, 100.0), test::IndependentNoise(n, 5.0, 8));
+  mics[2].assign(n, 0.0f);
+  const std::vector<short> pcm = test::Interleave(mics);
+  const test::FrontEndSwitches switches{.agc = 1, .bf = 2, .doa = 0, .aec = 0, .ns = 1, .azimuth = 100};
+
+  Instance classic, quiet, loud;
+  uint32_t classic_warnings = 1, quiet_warnings = 0, loud_warnings = 0;
+  Process(classic, pcm, switches, VORN_PROFILE_CLASSIC, -26.0f, &classic_warnings);
+  const std::vector<short> at_36 = Process(quiet, pcm, switches, VORN_PROFILE_ENHANCED, -36.0f, &quiet_warnings);
+  const std::vector<short> at_16 = Process(loud, pcm, switches, VORN_PROFILE_ENHANCED, -16.0f, &loud_warnings);
+  EXPECT_EQ(classic_warnings, 0u);  // classic does not watch the microphones
+  EXPECT_EQ(quiet_warnings, VORN_WARN_MIC_DEAD(2));
+  EXPECT_EQ(loud_warnings, VORN_WARN_MIC_DEAD(2));
+  EXPECT_NEAR(TailDbfs(at_16) - TailDbfs(at_36), 20.0, 2.0);
+}
+
+}  // namespace
+}  // namespace vorn
