@@ -119,7 +119,11 @@ int32_t VornGetWarnings(const T_VornParam* pm, uint32_t* warnings);
 /* The enhanced profile's level control (agc_flag 1 or 2) steers the near
  * talker's active speech level at its output to a target in dBFS:
  * 10*log10 of the mean square over the talker's speech frames against
- * 32768^2. VornInit sets the default. The classic AGC ignores it. */
+ * 32768^2. VornInit sets the default, or the configuration file's
+ *   [VORN]
+ *   agc_target_dbfs = -26
+ * (a value that is no number or lies outside the range makes VornInit
+ * return -1). The classic AGC ignores it. */
 #define VORN_AGC_TARGET_DEFAULT_DBFS (-26.0f)
 #define VORN_AGC_TARGET_MIN_DBFS (-40.0f)
 #define VORN_AGC_TARGET_MAX_DBFS (-6.0f)

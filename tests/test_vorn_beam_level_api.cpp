@@ -1,11 +1,14 @@
 // The public side of the enhanced beam and level control: the microphone
-// warnings, the level target and their effect on whole frames through
-// VornProc.
+// warnings, the level target (setter, getter, configuration key) and their
+// effect on whole frames through VornProc.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
+#include <filesystem>
 #include <limits>
+#include <string>
 #include <vector>
 
 #include "support/front_end_param.h"
@@ -22,6 +25,14 @@ struct Instance {
   std::vector<unsigned char> storage = std::vector<unsigned char>(kStateBytes);
   T_VornParam pm = test::ParamOver(storage.data());
 };
+
+std::string WriteConfig(const std::string& text) {
+  const std::string path = (std::filesystem::temp_directory_path() / "vorn_beam_level_api.ini").string();
+  FILE* f = std::fopen(path.c_str(), "wb");
+  std::fputs(text.c_str(), f);
+  std::fclose(f);
+  return path;
+}
 
 TEST(VornBeamLevelApi, BadCallsAreRefusedWithTheDocumentedCodes) {
   Instance ready;
@@ -71,6 +82,39 @@ TEST(VornBeamLevelApi, BadCallsAreRefusedWithTheDocumentedCodes) {
     float now = 0.0f;
     ASSERT_EQ(VornGetAgcTarget(&ready.pm, &now), 0);
     EXPECT_EQ(now, t.want == 0 ? t.dbfs : -30.0f);
+  }
+}
+
+TEST(VornBeamLevelApi, ConfigurationFileSetsTheLevelTarget) {
+  const std::string modes = "[VORN_WKP]\nagc_flag=1\nns_flag=1\nvad_mode=1\n";
+  struct Case {
+    const char* name;
+    const char* config;
+    int32_t want_init;
+    float want_target;
+  };
+  const Case cases[] = {
+      {"absent", "[VORN]\nprofile = enhanced\n", 0, VORN_AGC_TARGET_DEFAULT_DBFS},
+      {"a whole number", "[VORN]\nagc_target_dbfs = -20\n", 0, -20.0f},
+      {"a decimal, any case, a comment", "[vorn]\nAGC_Target_dBFS = -31.5 ; quieter\n", 0, -31.5f},
+      {"the last mention wins", "[VORN]\nagc_target_dbfs = -20\nagc_target_dbfs = -18\n", 0, -18.0f},
+      {"in a mode section it is not the target", "[VORN_WKP]\nagc_target_dbfs = -20\n", 0,
+       VORN_AGC_TARGET_DEFAULT_DBFS},
+      {"out of range", "[VORN]\nagc_target_dbfs = -3\n", -1, 0.0f},
+      {"not a number", "[VORN]\nagc_target_dbfs = loud\n", -1, 0.0f},
+      {"an exponent", "[VORN]\nagc_target_dbfs = -2e1\n", -1, 0.0f},
+      {"empty", "[VORN]\nagc_target_dbfs =\n", -1, 0.0f},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    Instance in;
+    in.pm.vorn_mode = 0;
+    std::string path = WriteConfig(modes + c.config);
+    ASSERT_EQ(VornInit(&in.pm, path.data()), c.want_init);
+    if (c.want_init != 0) continue;
+    float target = 0.0f;
+    ASSERT_EQ(VornGetAgcTarget(&in.pm, &target), 0);
+    EXPECT_EQ(target, c.want_target);
   }
 }
 
