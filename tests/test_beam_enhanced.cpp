@@ -9,10 +9,13 @@
 #include <array>
 #include <cmath>
 #include <complex>
+#include <functional>
+#include <limits>
 #include <vector>
 
 #include "adsp_bf/audio_dsp_proc.h"
 #include "adsp_bf/beam_enhanced.h"
+#include "common/pcm_round.h"
 #include "support/signals.h"
 #include "vorn_proc.h"
 
@@ -82,7 +85,9 @@ struct Rig {
     short frame[3 * kHop];
     for (int i = 0; i < 3 * kHop; ++i) frame[i] = pcm[h * 3 * kHop + static_cast<std::size_t>(i)];
     ASSERT_EQ(BfAnalyse(&pm, frame, nullptr, spectrum), 0);
-    EnhancedBeamProc(&beam, request, frame, nullptr, spectrum, out);
+    const auto* analysis = static_cast<const T_AudioDspState*>(pm.p_data);
+    const float* const latest[3] = {analysis->au[0] + kHop, analysis->au[1] + kHop, analysis->au[2] + kHop};
+    EnhancedBeamProc(&beam, request, latest, spectrum, out);
   }
   Signal Run(const std::vector<short>& pcm) {
     const std::size_t hops = pcm.size() / (3 * kHop);
@@ -208,13 +213,14 @@ TEST(EnhancedBeam, FaultyMicrophonesAreReportedLeftOutAndReadmitted) {
   struct Case {
     const char* name;
     int mic;
-    bool dead;       // else clipped
+    std::function<float(float)> fault;  // what the microphone gives instead of x
     uint32_t want;
   };
   const Case cases[] = {
-      {"mic 0 silent", 0, true, VORN_WARN_MIC_DEAD(0)},
-      {"mic 2 stuck at a DC value", 2, true, VORN_WARN_MIC_DEAD(2)},
-      {"mic 1 overdriven into the rails", 1, false, VORN_WARN_MIC_CLIPPED(1)},
+      {"mic 0 silent", 0, [](float) { return 0.0f; }, VORN_WARN_MIC_DEAD(0)},
+      {"mic 2 stuck at a DC value", 2, [](float) { return 1000.0f; }, VORN_WARN_MIC_DEAD(2)},
+      {"mic 1 overdriven into the rails", 1, [](float x) { return std::clamp(40.0f * x, -32768.0f, 32767.0f); },
+       VORN_WARN_MIC_CLIPPED(1)},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
@@ -223,8 +229,7 @@ TEST(EnhancedBeam, FaultyMicrophonesAreReportedLeftOutAndReadmitted) {
     ThreeMics mics = ToneWave(n, 40.0, 300.0);
     const Signal mic0 = mics[0];
     Signal& bad = mics[static_cast<std::size_t>(c.mic)];
-    for (std::size_t t = 10 * kHop; t < 150 * kHop; ++t)
-      bad[t] = c.dead ? (c.mic == 2 ? 1000.0f : 0.0f) : std::clamp(bad[t] * 40.0f, -32768.0f, 32767.0f);
+    for (std::size_t t = 10 * kHop; t < 150 * kHop; ++t) bad[t] = c.fault(bad[t]);
     const std::vector<short> pcm = Pcm(mics);
     Rig rig(2, 40);
     Signal out(n);
@@ -308,6 +313,40 @@ TEST(EnhancedBeam, AdaptiveBeamCancelsAnInterfererButNotTheTalker) {
   const Split a = Separate(adaptive.Run(pcm), talker_mics[0], 300 * kHop);
   EXPECT_NEAR(a.talker_db, 0.0, 0.75);
   EXPECT_LT(a.residual_db, f.residual_db - 6.0);
+}
+
+TEST(EnhancedBeam, FastPathsGiveTheBitsOfTheirPlainTwins) {
+#if defined(__SSE2__)
+  // Rounding to PCM: ties, the rails and just past them, infinities, NaN,
+  // and a long run of ordinary values with an odd tail.
+  std::vector<float> x = {0.5f,     1.5f,      2.5f,      -0.5f,    -2.5f,    32766.5f, 32767.0f,
+                          32767.6f, 1e9f,      -32768.0f, -32768.5f, -1e9f,    0.0f,     -0.0f,
+                          std::numeric_limits<float>::infinity(), -std::numeric_limits<float>::infinity(),
+                          std::numeric_limits<float>::quiet_NaN()};
+  const Signal noise = test::WhiteNoise(1000, 20000.0, 9);
+  x.insert(x.end(), noise.begin(), noise.end());
+  std::vector<short> plain(x.size()), fast(x.size());
+  RoundToPcmPlain(x.data(), plain.data(), static_cast<int>(x.size()));
+  RoundToPcmSse2(x.data(), fast.data(), static_cast<int>(x.size()));
+  EXPECT_EQ(plain, fast);
+  EXPECT_EQ(std::vector<short>(plain.begin(), plain.begin() + 17),
+            (std::vector<short>{0, 2, 2, 0, -2, 32766, 32767, 32767, 32767, -32768, -32768, -32768, 0, 0, 32767,
+                                -32768, 0}));
+  // A frame's extremes and energy.
+  for (const std::uint32_t seed : {1u, 2u, 3u}) {
+    SCOPED_TRACE(seed);
+    Signal frame = test::WhiteNoise(kHop, 8000.0 * seed, seed);
+    for (float& v : frame) v = std::round(std::clamp(v, -32768.0f, 32767.0f));
+    frame[seed * 7] = -32768.0f;
+    const FrameStats a = FrameStatsPlain(frame.data()), b = FrameStatsSse2(frame.data());
+    EXPECT_EQ(a.lo, b.lo);
+    EXPECT_EQ(a.hi, b.hi);
+    EXPECT_EQ(a.energy, b.energy);
+    EXPECT_EQ(a.lo, -32768.0f);
+  }
+#else
+  GTEST_SKIP() << "no SSE2 in this build";
+#endif
 }
 
 }  // namespace

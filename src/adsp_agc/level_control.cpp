@@ -149,13 +149,15 @@ void ApplyLimited(EnhancedLevelState* st, const short* in, short* out, float fro
     if (b + 1 < kSubBlocks && need[b + 1] < next) next = need[b + 1];
     limit[b + 1] = next;
   }
+  float scaled[kFrame];
   for (int n = 0; n < kFrame; ++n) {
     const int b = n / kSub;
     const float within = static_cast<float>(n - b * kSub) / kSub;
     const float agc = from + (to - from) * static_cast<float>(n) / kFrame;
     const float lim = limit[b] + (limit[b + 1] - limit[b]) * within;
-    out[n] = RoundToPcm(static_cast<float>(in[n]) * agc * lim);
+    scaled[n] = static_cast<float>(in[n]) * agc * lim;
   }
+  RoundToPcm(scaled, out, kFrame);
   st->limiter = limit[kSubBlocks];
 }
 

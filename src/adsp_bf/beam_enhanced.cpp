@@ -31,7 +31,6 @@
 
 #include "adsp_bf/fixed_beamformer.h"
 #include "adsp_bf/gsc_enhanced.h"
-#include "adsp_bf/util.h"
 #include "adsp_bf/weight_tables.h"
 #include "common/adsp_common_fft_rel.h"
 #include "common/pcm_round.h"
@@ -64,28 +63,6 @@ int LowestMic(uint32_t mask) {
 
 bool IsAdaptive(int bf_flag) { return bf_flag == 3 || bf_flag == 4; }
 
-// Y(k) = sum_m W_m(k) X_m(k), packed; DC and Nyquist real.
-void FixedBeam(const BeamWeights w, float x[kBfChannels][kBfFftLen], float* y) {
-  float dc = 0.0f, nyquist = 0.0f;
-  for (int m = 0; m < kBfChannels; ++m) {
-    dc += w[0][m][0] * x[m][0];
-    nyquist += w[kHalf][m][0] * x[m][kHalf];
-  }
-  y[0] = dc;
-  y[kHalf] = nyquist;
-  for (int k = 1; k < kHalf; ++k) {
-    float re = 0.0f, im = 0.0f;
-    for (int m = 0; m < kBfChannels; ++m) {
-      const float w_re = w[k][m][0], w_im = w[k][m][1];
-      const float x_re = x[m][k], x_im = x[m][kBfFftLen - k];
-      re += w_re * x_re - w_im * x_im;
-      im += w_im * x_re + w_re * x_im;
-    }
-    y[k] = re;
-    y[kBfFftLen - k] = im;
-  }
-}
-
 // Microphone `ref` as microphone 0's position hears the look direction,
 // delayed like the beams.
 void ReferenceSpectrum(int ref, float azimuth, float x[kBfChannels][kBfFftLen], float* r) {
@@ -93,15 +70,18 @@ void ReferenceSpectrum(int ref, float azimuth, float x[kBfChannels][kBfFftLen], 
   r[0] = xr[0];
   r[kHalf] = xr[kHalf];
   if (ref == 0) {
-    // The quarter-block delay alone: (-j)^k.
-    for (int k = 1; k < kHalf; ++k) {
-      const float re = xr[k], im = xr[kBfFftLen - k];
-      switch (k & 3) {
-        case 0: r[k] = re; r[kBfFftLen - k] = im; break;
-        case 1: r[k] = im; r[kBfFftLen - k] = -re; break;
-        case 2: r[k] = -re; r[kBfFftLen - k] = -im; break;
-        default: r[k] = -im; r[kBfFftLen - k] = re; break;
+    // The quarter-block delay alone: (-j)^k, four bins at a time.
+    for (int k = 0; k < kHalf; k += 4) {
+      if (k > 0) {
+        r[k] = xr[k];
+        r[kBfFftLen - k] = xr[kBfFftLen - k];
       }
+      r[k + 1] = xr[kBfFftLen - k - 1];
+      r[kBfFftLen - k - 1] = -xr[k + 1];
+      r[k + 2] = -xr[k + 2];
+      r[kBfFftLen - k - 2] = -xr[kBfFftLen - k - 2];
+      r[k + 3] = -xr[kBfFftLen - k - 3];
+      r[kBfFftLen - k - 3] = xr[k + 3];
     }
     return;
   }
@@ -115,17 +95,15 @@ void ReferenceSpectrum(int ref, float azimuth, float x[kBfChannels][kBfFftLen], 
   }
 }
 
-float BinPower(const float* spectrum, int k) {
-  if (k == 0 || k == kHalf) return spectrum[k] * spectrum[k];
-  return spectrum[k] * spectrum[k] + spectrum[kBfFftLen - k] * spectrum[kBfFftLen - k];
-}
-
+static_assert(kBlendBandBins == 4 && kBlendBands == 65, "bands of four bins and one for Nyquist");
 void BandPowers(const float* spectrum, float power[kBlendBands]) {
-  for (int b = 0; b < kBlendBands; ++b) {
-    power[b] = 0.0f;
-    for (int k = b * kBlendBandBins; k < (b + 1) * kBlendBandBins && k < kBfNumBins; ++k)
-      power[b] += BinPower(spectrum, k);
-  }
+  float bin[kBfNumBins];
+  bin[0] = spectrum[0] * spectrum[0];
+  bin[kHalf] = spectrum[kHalf] * spectrum[kHalf];
+  for (int k = 1; k < kHalf; ++k) bin[k] = spectrum[k] * spectrum[k] + spectrum[kBfFftLen - k] * spectrum[kBfFftLen - k];
+  for (int b = 0; b + 1 < kBlendBands; ++b)
+    power[b] = bin[4 * b] + bin[4 * b + 1] + bin[4 * b + 2] + bin[4 * b + 3];
+  power[kBlendBands - 1] = bin[kHalf];
 }
 
 // The talker's share of the reference's power in each band this hop, from
@@ -163,7 +141,7 @@ void TalkerShareUpdate(TalkerShare* ts, const float* reference, const float* bea
 // y += share * (reference - y), band by band.
 void Blend(const float share[kBlendBands], const float* reference, float* y) {
   y[0] += share[0] * (reference[0] - y[0]);
-  y[kHalf] += share[kHalf / kBlendBandBins] * (reference[kHalf] - y[kHalf]);
+  y[kHalf] += share[kBlendBands - 1] * (reference[kHalf] - y[kHalf]);
   for (int k = 1; k < kHalf; ++k) {
     const float s = share[k / kBlendBandBins];
     y[k] += s * (reference[k] - y[k]);
@@ -218,7 +196,7 @@ void BeamSpectrum(EnhancedBeamState* st, const BeamSlot& slot, bool adaptive, bo
   if (adaptive) {
     GscEnhancedBeam(&st->gsc, slot, slot.design.live_mask, spectrum, may_adapt, y);
   } else {
-    FixedBeam(slot.weights, spectrum, y);
+    ApplyBeam(slot.weights, spectrum, y);
   }
 }
 
@@ -239,15 +217,13 @@ void EnhancedBeamInit(EnhancedBeamState* st) {
   MicHealthInit(&st->health);
 }
 
-void EnhancedBeamProc(EnhancedBeamState* st, const BeamRequest& rq, const short* inp, const short* mic_order,
+void EnhancedBeamProc(EnhancedBeamState* st, const BeamRequest& rq, const float* const latest[kBfChannels],
                       float spectrum[kBfChannels][kBfFftLen], short* out) {
-  short order[kBfChannels];
-  TakeMicOrder(mic_order, order);
-  MicHealthUpdate(&st->health, inp, order);
+  MicHealthUpdate(&st->health, latest);
   const uint32_t live = MicHealthLive(&st->health);
   const int ref = LowestMic(live);
   if (rq.bf_flag == 0) {
-    for (int n = 0; n < kBfHop; ++n) out[n] = inp[kBfChannels * n + order[ref]];
+    RoundToPcm(latest[ref], out, kBfHop);  // whole numbers: exactly the input
     return;
   }
 
@@ -258,12 +234,12 @@ void EnhancedBeamProc(EnhancedBeamState* st, const BeamRequest& rq, const short*
   if (st->active < 0) {
     st->active = 0;
     st->slot[0].design = wanted;
-    DesignBeam(wanted, st->slot[0].weights);
+    DesignBeam(wanted, &st->slot[0].weights);
   } else if (NeedsResteer(st->slot[st->active].design, wanted, following, st->frames_since_steer)) {
     faded_from = st->active;
     st->active = 1 - st->active;
     st->slot[st->active].design = wanted;
-    DesignBeam(wanted, st->slot[st->active].weights);
+    DesignBeam(wanted, &st->slot[st->active].weights);
     st->frames_since_steer = 0;
   }
   const BeamSlot& slot = st->slot[st->active];
@@ -280,7 +256,7 @@ void EnhancedBeamProc(EnhancedBeamState* st, const BeamRequest& rq, const short*
   TalkerShareUpdate(&st->share, reference, y, talker);
   BlendToTime(st->share.share, reference, y);
   if (faded_from < 0) {
-    for (int n = 0; n < kBfHop; ++n) out[n] = RoundToPcm(y[kHalf + n]);
+    RoundToPcm(y + kHalf, out, kBfHop);
     return;
   }
   // The old beam, blended alike, fades out with a raised cosine while the new
@@ -290,8 +266,9 @@ void EnhancedBeamProc(EnhancedBeamState* st, const BeamRequest& rq, const short*
   BlendToTime(st->share.share, reference, old);
   for (int n = 0; n < kBfHop; ++n) {
     const float fade_in = 0.5f - 0.5f * std::cos(kPi * (static_cast<float>(n) + 0.5f) / kBfHop);
-    out[n] = RoundToPcm(old[kHalf + n] + fade_in * (y[kHalf + n] - old[kHalf + n]));
+    y[kHalf + n] = old[kHalf + n] + fade_in * (y[kHalf + n] - old[kHalf + n]);
   }
+  RoundToPcm(y + kHalf, out, kBfHop);
 }
 
 void EnhancedBeamExclude(EnhancedBeamState* st, uint32_t mask) { st->health.excluded_mask = mask & kAllMics; }

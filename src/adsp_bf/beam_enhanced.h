@@ -69,12 +69,12 @@ constexpr float kFollowConfidence = 0.5f;
 
 void EnhancedBeamInit(EnhancedBeamState* st);
 
-// One hop. `inp` holds 256 frames of three interleaved samples, microphone m
-// in slot mic_order[m] (0, 1, 2 when null; BfAnalyse has checked it);
-// `spectrum` holds the microphones' unwindowed spectra from BfAnalyse; `out`
-// receives 256 samples. Beam type 0 passes the reference microphone through
-// undelayed; every other type delays by kBeamDelay samples.
-void EnhancedBeamProc(EnhancedBeamState* st, const BeamRequest& rq, const short* inp, const short* mic_order,
+// One hop, after BfAnalyse: latest[m] holds microphone m's 256 new samples
+// (the second half of its analysis buffer) and `spectrum` the microphones'
+// unwindowed spectra; `out` receives 256 samples. Beam type 0 passes the
+// first working microphone through undelayed; every other type delays by
+// kBeamDelay samples.
+void EnhancedBeamProc(EnhancedBeamState* st, const BeamRequest& rq, const float* const latest[kBfChannels],
                       float spectrum[kBfChannels][kBfFftLen], short* out);
 
 // The microphone faults as the public VORN_WARN_MIC_DEAD / _CLIPPED bits.

@@ -132,21 +132,7 @@ void GscEnhancedBeam(GscState* gsc, const BeamSlot& slot, uint32_t live_mask, fl
   const int outputs = live - 1;
 
   // The fixed beam, with the blocking outputs' filtered sum taken off it.
-  for (int k = 1; k < kHalf; ++k) {
-    float re = 0.0f, im = 0.0f;
-    for (int m = 0; m < kBfChannels; ++m) {
-      const float w_re = slot.weights[k][m][0], w_im = slot.weights[k][m][1];
-      re += w_re * spectrum[m][k] - w_im * spectrum[m][kBfFftLen - k];
-      im += w_im * spectrum[m][k] + w_re * spectrum[m][kBfFftLen - k];
-    }
-    beam[k] = re;
-    beam[kBfFftLen - k] = im;
-  }
-  beam[0] = beam[kHalf] = 0.0f;
-  for (int m = 0; m < kBfChannels; ++m) {
-    beam[0] += slot.weights[0][m][0] * spectrum[m][0];
-    beam[kHalf] += slot.weights[kHalf][m][0] * spectrum[m][kHalf];
-  }
+  ApplyBeam(slot.weights, spectrum, beam);
   const float fixed_power = BandPower(beam);
 
   float blocked[kGscOutputs][kBfFftLen];

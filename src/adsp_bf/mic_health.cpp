@@ -11,7 +11,12 @@
 // microphone that is quiet between syllables stays out meanwhile.
 #include "adsp_bf/mic_health.h"
 
+#include <cmath>
 #include <cstdlib>
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
 namespace vorn {
 namespace {
@@ -29,21 +34,25 @@ struct FrameFacts {
   bool clipped;
 };
 
-FrameFacts Inspect(const short* inp, int slot) {
-  int lo = inp[slot], hi = inp[slot];
-  for (int n = 1; n < kFrame; ++n) {
-    const int x = inp[3 * n + slot];
-    lo = x < lo ? x : lo;
-    hi = x > hi ? x : hi;
-  }
-  FrameFacts facts{lo == hi, false};
-  const int peak = std::abs(hi) > std::abs(lo) ? hi : lo;
-  if (std::abs(peak) >= kClipLevel) {
+FrameStats FrameStatsOf(const float* x) {
+#if defined(__SSE2__)
+  return FrameStatsSse2(x);
+#else
+  return FrameStatsPlain(x);
+#endif
+}
+
+void Inspect(const float* const latest[kMics], FrameFacts facts[kMics]) {
+  for (int m = 0; m < kMics; ++m) {
+    const float* x = latest[m];
+    const FrameStats stats = FrameStatsOf(x);
+    facts[m] = {stats.lo == stats.hi, false};
+    const float peak = -stats.lo > stats.hi ? stats.lo : stats.hi;
+    if (std::fabs(peak) < kClipLevel) continue;
     int at_peak = 0;
-    for (int n = 0; n < kFrame; ++n) at_peak += inp[3 * n + slot] == peak;
-    facts.clipped = at_peak >= kClipRunSamples;
+    for (int n = 0; n < kFrame; ++n) at_peak += x[n] == peak;
+    facts[m].clipped = at_peak >= kClipRunSamples;
   }
-  return facts;
 }
 
 void Score(uint16_t& score, bool evidence) {
@@ -64,11 +73,57 @@ void Judge(uint32_t& mask, int m, uint16_t score) {
 
 void MicHealthInit(MicHealth* health) { *health = MicHealth{}; }
 
-void MicHealthUpdate(MicHealth* health, const short* inp, const short order[3]) {
+FrameStats FrameStatsPlain(const float* x) {
+  float lo[4], hi[4], energy[4];
+  for (int j = 0; j < 4; ++j) {
+    lo[j] = hi[j] = x[j];
+    energy[j] = 0.0f;
+  }
+  for (int n = 0; n < kFrame; n += 4) {
+    for (int j = 0; j < 4; ++j) {
+      const float v = x[n + j];
+      lo[j] = v < lo[j] ? v : lo[j];
+      hi[j] = v > hi[j] ? v : hi[j];
+      energy[j] += v * v;
+    }
+  }
+  FrameStats stats{lo[0], hi[0], 0.0f};
+  for (int j = 1; j < 4; ++j) {
+    stats.lo = lo[j] < stats.lo ? lo[j] : stats.lo;
+    stats.hi = hi[j] > stats.hi ? hi[j] : stats.hi;
+  }
+  stats.energy = (energy[0] + energy[1]) + (energy[2] + energy[3]);
+  return stats;
+}
+
+#if defined(__SSE2__)
+FrameStats FrameStatsSse2(const float* x) {
+  __m128 lo = _mm_loadu_ps(x), hi = lo, energy = _mm_setzero_ps();
+  for (int n = 0; n < kFrame; n += 4) {
+    const __m128 v = _mm_loadu_ps(x + n);
+    lo = _mm_min_ps(v, lo);
+    hi = _mm_max_ps(v, hi);
+    energy = _mm_add_ps(energy, _mm_mul_ps(v, v));
+  }
+  float l[4], h[4], e[4];
+  _mm_storeu_ps(l, lo);
+  _mm_storeu_ps(h, hi);
+  _mm_storeu_ps(e, energy);
+  FrameStats stats{l[0], h[0], 0.0f};
+  for (int j = 1; j < 4; ++j) {
+    stats.lo = l[j] < stats.lo ? l[j] : stats.lo;
+    stats.hi = h[j] > stats.hi ? h[j] : stats.hi;
+  }
+  stats.energy = (e[0] + e[1]) + (e[2] + e[3]);
+  return stats;
+}
+#endif
+
+void MicHealthUpdate(MicHealth* health, const float* const latest[3]) {
   FrameFacts facts[kMics];
+  Inspect(latest, facts);
   int varying = 0, unclipped = 0;
   for (int m = 0; m < kMics; ++m) {
-    facts[m] = Inspect(inp, order[m]);
     varying += !facts[m].constant;
     unclipped += !facts[m].clipped;
   }

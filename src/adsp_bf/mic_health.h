@@ -18,9 +18,20 @@ struct MicHealth {
 
 void MicHealthInit(MicHealth* health);
 
-// One frame of 256 interleaved samples per microphone; microphone m is read
-// from slot order[m] (each 0..2).
-void MicHealthUpdate(MicHealth* health, const short* inp, const short order[3]);
+// One frame: latest[m] holds microphone m's 256 new samples (whole numbers,
+// as the beamformer's analysis buffers keep them).
+void MicHealthUpdate(MicHealth* health, const float* const latest[3]);
+
+// Smallest and largest sample and energy of a frame of 256: the reference
+// (plain) and, where the build has SSE2, four samples at a time with the same
+// partial sums, so both give the same bits.
+struct FrameStats {
+  float lo, hi, energy;
+};
+FrameStats FrameStatsPlain(const float* x);
+#if defined(__SSE2__)
+FrameStats FrameStatsSse2(const float* x);
+#endif
 
 // Microphones the beams may use: never empty.
 uint32_t MicHealthLive(const MicHealth* health);

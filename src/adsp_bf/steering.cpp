@@ -50,7 +50,7 @@ double MicLeadSamples(int m, double azimuth_deg) {
   return kArrayRadiusSamples * std::cos((azimuth_deg - kMicSpacingDeg * m) * kPi / 180.0);
 }
 
-void DesignBeam(const BeamDesign& design, BeamWeights weights) {
+void DesignBeam(const BeamDesign& design, BeamWeights* weights) {
   Complex step[kBfChannels], d[kBfChannels];
   int live = 0;
   for (int m = 0; m < kBfChannels; ++m) {
@@ -70,10 +70,34 @@ void DesignBeam(const BeamDesign& design, BeamWeights weights) {
     for (int m = 0; m < kBfChannels; ++m) {
       Complex w = 0.0;
       if ((design.live_mask >> m) & 1u) w = std::conj((d[m] - beta * sum) / den) * look;
-      weights[k][m][0] = static_cast<float>(w.real());
-      weights[k][m][1] = static_cast<float>(w.imag());
+      weights->re[m][k] = static_cast<float>(w.real());
+      weights->im[m][k] = static_cast<float>(w.imag());
     }
     for (int m = 0; m < kBfChannels; ++m) d[m] *= step[m];
+  }
+}
+
+void ApplyBeam(const BeamWeights& weights, float x[kBfChannels][kBfFftLen], float* y) {
+  constexpr int kHalf = kBfFftLen / 2;
+  // Bins 1..255: real parts forwards from y[1], imaginary parts backwards
+  // from y[511]; microphone 0 sets them, the others add in turn.
+  for (int m = 0; m < kBfChannels; ++m) {
+    const float* xm = x[m];
+    const float* w_re = weights.re[m];
+    const float* w_im = weights.im[m];
+    for (int k = 1; k < kHalf; ++k) {
+      const float x_re = xm[k], x_im = xm[kBfFftLen - k];
+      const float re = w_re[k] * x_re - w_im[k] * x_im;
+      const float im = w_im[k] * x_re + w_re[k] * x_im;
+      y[k] = m == 0 ? re : y[k] + re;
+      y[kBfFftLen - k] = m == 0 ? im : y[kBfFftLen - k] + im;
+    }
+  }
+  y[0] = 0.0f;
+  y[kHalf] = 0.0f;
+  for (int m = 0; m < kBfChannels; ++m) {
+    y[0] += weights.re[m][0] * x[m][0];
+    y[kHalf] += weights.re[m][kHalf] * x[m][kHalf];
   }
 }
 

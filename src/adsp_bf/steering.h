@@ -31,8 +31,12 @@ struct BeamDesign {
   uint32_t live_mask;  // bit m: microphone m takes part
 };
 
-// Complex weight of each microphone per bin: [bin][mic][re, im].
-using BeamWeights = float[kBfNumBins][kBfChannels][2];
+// Complex weight of each microphone per bin, real and imaginary parts apart
+// so that the product runs over contiguous bins.
+struct BeamWeights {
+  float re[kBfChannels][kBfNumBins];
+  float im[kBfChannels][kBfNumBins];
+};
 
 // Lead in samples of microphone m over the array centre for a far source in
 // the array plane at azimuth_deg.
@@ -41,7 +45,11 @@ double MicLeadSamples(int m, double azimuth_deg);
 // Designs `design` into `weights`; microphones outside the live mask get 0.
 // The MVDR beam assumes a spherically diffuse noise field with a diagonal
 // loading of kMvdrDiagonalLoading, as the classic MVDR tables do.
-void DesignBeam(const BeamDesign& design, BeamWeights weights);
+void DesignBeam(const BeamDesign& design, BeamWeights* weights);
+
+// The beam's packed spectrum: Y(k) = sum_m W_m(k) X_m(k), microphones added
+// in order 0, 1, 2; DC and Nyquist real.
+void ApplyBeam(const BeamWeights& weights, float x[kBfChannels][kBfFftLen], float* y);
 constexpr double kMvdrDiagonalLoading = 0.1;
 
 // Per bin k, exp(+j 2 pi k (lead_to - lead_from - delay) / 512): moves a plane

@@ -1,16 +1,17 @@
-// Float to 16-bit PCM by rounding to the nearest value, with saturation.
-// The enhanced paths use it where the classic ones truncate (TRUNC): rounding
-// adds no bias, and a NaN, which nothing should produce, reads as silence.
+// Float to 16-bit PCM for the enhanced paths: the nearest value (ties to
+// even, as the processor rounds), saturated to -32768..32767; a NaN, which
+// nothing should produce, reads as silence. The classic paths truncate
+// (TRUNC); rounding adds no bias. RoundToPcmPlain is the reference;
+// RoundToPcmSse2 gives its bits four samples at a time, and RoundToPcm takes
+// the SSE2 one where the build has it.
 #pragma once
-
-#include <cmath>
 
 namespace vorn {
 
-inline short RoundToPcm(float x) {
-  if (!(x > -32768.5f)) return x < 0.0f ? -32768 : 0;
-  if (x >= 32766.5f) return 32767;
-  return static_cast<short>(std::floor(x + 0.5f));
-}
+void RoundToPcm(const float* x, short* out, int n);
+void RoundToPcmPlain(const float* x, short* out, int n);
+#if defined(__SSE2__)
+void RoundToPcmSse2(const float* x, short* out, int n);
+#endif
 
 }  // namespace vorn

@@ -32,7 +32,10 @@ int32_t BeamStage(const T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
   const TVornEnhancedState* enhanced = EnhancedStateOf(st);
   const BeamRequest request{pm->bf_flag, pm->bf_azimuth, pm->doa_flag, enhanced->last_presence.frame_prob,
                             enhanced->last_direction.azimuth_deg, enhanced->last_direction.confidence};
-  EnhancedBeamProc(&EnhancedStateOf(st)->modules.beam, request, fr.inp, fr.mic_order, spectrum, fr.beam);
+  const auto* analysis = static_cast<const T_AudioDspState*>(st->bf_pm.p_data);
+  const float* const latest[kBfChannels] = {analysis->au[0] + kBfHop, analysis->au[1] + kBfHop,
+                                            analysis->au[2] + kBfHop};
+  EnhancedBeamProc(&EnhancedStateOf(st)->modules.beam, request, latest, spectrum, fr.beam);
   return 0;
 }
 
