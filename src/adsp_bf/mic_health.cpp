@@ -5,12 +5,17 @@
 // room, not a fault. Clipping: the microphone's frame reaches its extreme
 // value several times at a level no quiet signal has, while another
 // microphone's frame does not; a talker loud enough to clip every microphone
-// leaves them all in. Each kind of evidence raises a score quickly and a
+// leaves them all in. The three microphones lie 6.8 cm apart and hear every
+// source within a few dB of one another, so a microphone whose power
+// (smoothed over a few frames) stands 12 dB above the middle one runs hot and
+// counts as clipping, and one 20 dB below it counts as dead, although neither
+// shows in single samples. Each kind of evidence raises a score quickly and a
 // clean frame lowers it slowly, so a fault is declared within a few frames
 // and withdrawn only after about a second of good behaviour; a clipping
 // microphone that is quiet between syllables stays out meanwhile.
 #include "adsp_bf/mic_health.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdlib>
 
@@ -28,10 +33,17 @@ constexpr uint16_t kFaultScore = 16;     // four frames of evidence in a row
 constexpr uint16_t kScoreCeiling = 64;   // withdrawn after 64 clean frames
 constexpr int kClipRunSamples = 3;       // samples at the frame's extreme value
 constexpr int kClipLevel = 8192;         // -12 dBFS: below it repeats are quantisation
+// Per frame: a rise is followed over about 100 ms; a fall, which in power
+// takes longer to show, over about 30 ms.
+constexpr float kRiseSmoothing = 0.15f;
+constexpr float kFallSmoothing = 0.5f;
+constexpr float kHotRatio = 15.85f;      // 12 dB above the middle microphone's power
+constexpr float kQuietRatio = 0.01f;     // 20 dB below it
 
 struct FrameFacts {
   bool constant;
   bool clipped;
+  float power;  // mean square
 };
 
 FrameStats FrameStatsOf(const float* x) {
@@ -46,7 +58,7 @@ void Inspect(const float* const latest[kMics], FrameFacts facts[kMics]) {
   for (int m = 0; m < kMics; ++m) {
     const float* x = latest[m];
     const FrameStats stats = FrameStatsOf(x);
-    facts[m] = {stats.lo == stats.hi, false};
+    facts[m] = {stats.lo == stats.hi, false, stats.energy / kFrame};
     const float peak = -stats.lo > stats.hi ? stats.lo : stats.hi;
     if (std::fabs(peak) < kClipLevel) continue;
     int at_peak = 0;
@@ -126,13 +138,22 @@ void MicHealthUpdate(MicHealth* health, const float* const latest[3]) {
   for (int m = 0; m < kMics; ++m) {
     varying += !facts[m].constant;
     unclipped += !facts[m].clipped;
+    float& power = health->power[m];
+    const float a = facts[m].power > power ? kRiseSmoothing : kFallSmoothing;
+    power = health->frames == 0 ? facts[m].power : power + a * (facts[m].power - power);
   }
+  if (health->frames < 1u << 30) ++health->frames;
+  const float* power = health->power;
+  const float middle = std::max(std::min(power[0], power[1]), std::min(std::max(power[0], power[1]), power[2]));
   for (int m = 0; m < kMics; ++m) {
     // Evidence counts only against a microphone that behaves otherwise.
     const bool others_vary = varying - !facts[m].constant > 0;
     const bool others_clean = unclipped - !facts[m].clipped > 0;
-    Score(health->dead_score[m], facts[m].constant && others_vary);
-    Score(health->clipped_score[m], facts[m].clipped && others_clean);
+    // One LSB squared keeps a silent array from judging rounding noise.
+    const bool dead = (facts[m].constant && others_vary) || power[m] + 1.0f < kQuietRatio * (middle + 1.0f);
+    const bool clipped = (facts[m].clipped && others_clean) || power[m] + 1.0f > kHotRatio * (middle + 1.0f);
+    Score(health->dead_score[m], dead);
+    Score(health->clipped_score[m], clipped);
     Judge(health->dead_mask, m, health->dead_score[m]);
     Judge(health->clipped_mask, m, health->clipped_score[m]);
   }

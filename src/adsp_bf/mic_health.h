@@ -1,7 +1,8 @@
 // Watches the three microphones for the two faults that ruin a beam: a
-// microphone that has gone dead (digital zeros, or any constant) and one that
-// clips. A faulty microphone is left out of the beams until it has behaved
-// for a while again.
+// microphone that has gone dead (digital zeros, any constant, or far quieter
+// than the others) and one that clips (or runs far hotter than the others,
+// which clips on the next loud sound). A faulty microphone is left out of the
+// beams until it has behaved for a while again.
 #pragma once
 
 #include <cstdint>
@@ -9,6 +10,8 @@
 namespace vorn {
 
 struct MicHealth {
+  float power[3];             // smoothed mean square of the frames
+  uint32_t frames;            // frames seen, saturating
   uint16_t dead_score[3];     // rises on frames of dead evidence, falls on clean ones
   uint16_t clipped_score[3];  // the same for clipping
   uint32_t dead_mask;         // bit m: microphone m is judged dead
