@@ -1,7 +1,9 @@
 // Level control of the enhanced profile.
 //
 // Near speech is a frame the speech presence gives to the near talker, with
-// the loudspeaker not playing alone, that stands 10 dB above the noise floor
+// the loudspeaker not playing alone (nor for 320 ms after it last played,
+// while its echo still rings in the room and in the canceller's residue),
+// that stands 10 dB above the noise floor
 // (the quietest frame of the last 1.5 s): a presence estimate that also
 // fires on the suppressor's residual noise then cannot lift that noise. The
 // first quarter second, while the chain before it settles, is not judged.
@@ -57,6 +59,7 @@ constexpr float kCatchUp = 0.5f;          // ... when more than kCatchUpDb away
 constexpr float kCatchUpDb = 6.0f;
 constexpr float kReleaseDbPerFrame = 2.0f;  // to the pause gain
 constexpr float kSilentDbfs = -200.0f;
+constexpr int kEchoHoldFrames = 20;  // 320 ms
 
 float PowerDbfs(float mean_square) { return 10.0f * std::log10(mean_square / kFullScalePower + 1e-20f); }
 
@@ -182,12 +185,18 @@ bool LevelSetTarget(EnhancedLevelState* st, float target_dbfs) {
 void LevelProc(EnhancedLevelState* st, const LevelCues& cues, const short* in, short* out) {
   const float power = FramePower(in);
   const float level = PowerDbfs(power);
+  if (cues.far_end) {
+    st->echo_frames = kEchoHoldFrames;
+  } else if (st->echo_frames > 0) {
+    --st->echo_frames;
+  }
+  const bool echo_only = st->echo_frames > 0 && !cues.double_talk;
   bool near_speech = false;
   if (st->warmup_frames < kWarmupFrames) {
     ++st->warmup_frames;
   } else {
     const float floor = FloorUpdate(st, level);
-    near_speech = cues.presence >= kNearSpeech && !cues.echo_only && level >= floor + kAboveFloorDb;
+    near_speech = cues.presence >= kNearSpeech && !echo_only && level >= floor + kAboveFloorDb;
   }
   if (near_speech) MeasureLevel(st, power, level);
   const float from_db = st->gain_db;

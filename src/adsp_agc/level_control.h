@@ -32,12 +32,14 @@ struct EnhancedLevelState {
   float limiter;         // peak limiter's gain at the end of the last frame (<= 1)
   int32_t hold_frames;   // frames the speech gain is still held after near speech
   int32_t warmup_frames; // frames seen, up to the warm-up
+  int32_t echo_frames;   // frames the loudspeaker's echo may still sound
 };
 
 // Frame facts the level control is steered by.
 struct LevelCues {
-  float presence;      // 0..1: the near talker speaks in this frame
-  bool echo_only;      // the loudspeaker plays and the near talker does not
+  float presence;    // 0..1: the near talker speaks in this frame
+  bool far_end;      // the loudspeaker plays in this frame
+  bool double_talk;  // ... and the near talker speaks over it
 };
 
 void LevelInit(EnhancedLevelState* st);

@@ -85,7 +85,7 @@ void LevelStage(const T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
     return;
   }
   // agc_flag 1 and 2 both mean "on"; the level control has no modes.
-  const LevelCues cues{fr.presence.frame_prob, fr.echo.far_activity >= 0.5f && !fr.echo.double_talk};
+  const LevelCues cues{fr.presence.frame_prob, fr.echo.far_activity >= 0.5f, fr.echo.double_talk};
   LevelProc(&EnhancedStateOf(st)->modules.level, cues, fr.clean, fr.out);
   fr.rtn = 0;
 }
