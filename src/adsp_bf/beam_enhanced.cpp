@@ -70,18 +70,28 @@ void ReferenceSpectrum(int ref, float azimuth, float x[kBfChannels][kBfFftLen], 
   r[0] = xr[0];
   r[kHalf] = xr[kHalf];
   if (ref == 0) {
-    // The quarter-block delay alone: (-j)^k, four bins at a time.
-    for (int k = 0; k < kHalf; k += 4) {
-      if (k > 0) {
-        r[k] = xr[k];
-        r[kBfFftLen - k] = xr[kBfFftLen - k];
-      }
-      r[k + 1] = xr[kBfFftLen - k - 1];
-      r[kBfFftLen - k - 1] = -xr[k + 1];
-      r[k + 2] = -xr[k + 2];
-      r[kBfFftLen - k - 2] = -xr[kBfFftLen - k - 2];
-      r[k + 3] = -xr[kBfFftLen - k - 3];
-      r[kBfFftLen - k - 3] = xr[k + 3];
+    // The quarter-block delay alone: (-j)^k, which repeats every four bins
+    // as 1, -j, -1, j. Real parts run forwards from r[4b], imaginary parts
+    // backwards from r[512 - 4b].
+    r[1] = xr[kBfFftLen - 1];
+    r[kBfFftLen - 1] = -xr[1];
+    r[2] = -xr[2];
+    r[kBfFftLen - 2] = -xr[kBfFftLen - 2];
+    r[3] = -xr[kBfFftLen - 3];
+    r[kBfFftLen - 3] = xr[3];
+    for (int k = 4; k < kHalf; k += 4) {
+      const float* re = xr + k;
+      const float* im = xr + kBfFftLen - k;
+      float* out_re = r + k;
+      float* out_im = r + kBfFftLen - k;
+      out_re[0] = re[0];
+      out_im[0] = im[0];
+      out_re[1] = im[-1];
+      out_im[-1] = -re[1];
+      out_re[2] = -re[2];
+      out_im[-2] = -im[-2];
+      out_re[3] = -im[-3];
+      out_im[-3] = re[3];
     }
     return;
   }
@@ -127,25 +137,37 @@ void TalkerShareUpdate(TalkerShare* ts, const float* reference, const float* bea
       ts->noise_beam[b] += a * (beam_power[b] - ts->noise_beam[b]);
     }
   }
+  const float known = ts->noise_frames > 0 ? 1.0f : 0.0f;
   for (int b = 0; b < kBlendBands; ++b) {
     const float not_noise = ref_power[b] - ts->noise_ref[b];
     const float from_look = kLookWeight * (beam_power[b] - ts->noise_beam[b]);
-    const float talker_power = from_look < not_noise ? from_look : not_noise;
-    float now = 0.0f;
-    if (ts->noise_frames > 0 && talker_power > 0.0f)
-      now = talker_power < ref_power[b] ? talker_power / ref_power[b] : 1.0f;
+    float talker_power = from_look < not_noise ? from_look : not_noise;
+    talker_power = talker_power > 0.0f ? talker_power : 0.0f;
+    talker_power = talker_power < ref_power[b] ? talker_power : ref_power[b];
+    const float now = known * talker_power / (ref_power[b] + 1e-20f);
     ts->share[b] += kShareSmoothing * (now - ts->share[b]);
   }
 }
 
-// y += share * (reference - y), band by band.
+// y += share * (reference - y), band by band: bins 1..3 with DC's band, then
+// whole bands of four.
 void Blend(const float share[kBlendBands], const float* reference, float* y) {
   y[0] += share[0] * (reference[0] - y[0]);
   y[kHalf] += share[kBlendBands - 1] * (reference[kHalf] - y[kHalf]);
-  for (int k = 1; k < kHalf; ++k) {
-    const float s = share[k / kBlendBandBins];
-    y[k] += s * (reference[k] - y[k]);
-    y[kBfFftLen - k] += s * (reference[kBfFftLen - k] - y[kBfFftLen - k]);
+  for (int k = 1; k < kBlendBandBins; ++k) {
+    y[k] += share[0] * (reference[k] - y[k]);
+    y[kBfFftLen - k] += share[0] * (reference[kBfFftLen - k] - y[kBfFftLen - k]);
+  }
+  for (int b = 1; b + 1 < kBlendBands; ++b) {
+    const float s = share[b];
+    float* re = y + b * kBlendBandBins;
+    float* im = y + kBfFftLen - b * kBlendBandBins - (kBlendBandBins - 1);  // bins 4b+3 .. 4b, backwards
+    const float* ref_re = reference + b * kBlendBandBins;
+    const float* ref_im = reference + kBfFftLen - b * kBlendBandBins - (kBlendBandBins - 1);
+    for (int j = 0; j < kBlendBandBins; ++j) {
+      re[j] += s * (ref_re[j] - re[j]);
+      im[j] += s * (ref_im[j] - im[j]);
+    }
   }
 }
 

@@ -46,6 +46,17 @@ struct FrameFacts {
   float power;  // mean square
 };
 
+// The four lanes' partial results, combined the same way by both paths.
+FrameStats CombineLanes(const float lo[4], const float hi[4], const float energy[4]) {
+  FrameStats stats{lo[0], hi[0], 0.0f};
+  for (int j = 1; j < 4; ++j) {
+    stats.lo = lo[j] < stats.lo ? lo[j] : stats.lo;
+    stats.hi = hi[j] > stats.hi ? hi[j] : stats.hi;
+  }
+  stats.energy = (energy[0] + energy[1]) + (energy[2] + energy[3]);
+  return stats;
+}
+
 FrameStats FrameStatsOf(const float* x) {
 #if defined(__SSE2__)
   return FrameStatsSse2(x);
@@ -99,13 +110,7 @@ FrameStats FrameStatsPlain(const float* x) {
       energy[j] += v * v;
     }
   }
-  FrameStats stats{lo[0], hi[0], 0.0f};
-  for (int j = 1; j < 4; ++j) {
-    stats.lo = lo[j] < stats.lo ? lo[j] : stats.lo;
-    stats.hi = hi[j] > stats.hi ? hi[j] : stats.hi;
-  }
-  stats.energy = (energy[0] + energy[1]) + (energy[2] + energy[3]);
-  return stats;
+  return CombineLanes(lo, hi, energy);
 }
 
 #if defined(__SSE2__)
@@ -121,13 +126,7 @@ FrameStats FrameStatsSse2(const float* x) {
   _mm_storeu_ps(l, lo);
   _mm_storeu_ps(h, hi);
   _mm_storeu_ps(e, energy);
-  FrameStats stats{l[0], h[0], 0.0f};
-  for (int j = 1; j < 4; ++j) {
-    stats.lo = l[j] < stats.lo ? l[j] : stats.lo;
-    stats.hi = h[j] > stats.hi ? h[j] : stats.hi;
-  }
-  stats.energy = (e[0] + e[1]) + (e[2] + e[3]);
-  return stats;
+  return CombineLanes(l, h, e);
 }
 #endif
 
