@@ -64,6 +64,8 @@ for bench in "$build"/bench/bench_*; do
     >/dev/null 2>"$data/speed_$name.log"
 done
 
+# The sections of single changes, each its own page beside the report.
+cp "$data"/sections/*.md "$report"/ 2>/dev/null || true
 gnuplot -e "data='$data'; out='$report'" "$root/bench/plots.gp"
 python3 "$root/bench/report.py" "$data" "$report/report.md"
 echo "wrote $report/report.md"

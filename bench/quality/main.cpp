@@ -10,7 +10,10 @@
 #include <string>
 #include <vector>
 
+#include "quality/beam_grid.h"
 #include "quality/grid.h"
+#include "quality/level_grid.h"
+#include "quality/markdown.h"
 #include "quality/scoring.h"
 #include "quality/systems.h"
 #include "scene/metrics.h"
@@ -123,15 +126,6 @@ std::vector<System> Systems() {
   }
 #endif
   return systems;
-}
-
-// Appends " text |" to a table row.
-void AddCell(std::string& row, const std::string& text) { row.append(" ").append(text).append(" |"); }
-
-std::string Fixed(double value, int decimals = 1) {
-  char text[32];
-  std::snprintf(text, sizeof text, "%.*f", decimals, value);
-  return text;
 }
 
 // ---- plot data -----------------------------------------------------------
@@ -477,8 +471,6 @@ double Spread(const Results& results, const std::string& system) {
   return levels.empty() ? std::nan("") : LevelSpreadDb(levels);
 }
 
-std::string Cell(double value, int decimals = 1) { return std::isnan(value) ? "–" : Fixed(value, decimals); }
-
 // One line per task: Vorn (one microphone / array), the peer, the baseline.
 std::string HeadlineMarkdown(const Results& results) {
   const std::string speex = "SpeexDSP", speex_agc = "SpeexDSP + AGC";
@@ -614,12 +606,34 @@ std::string FindingsMarkdown(const Results& results) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc != 2) {
-    std::fprintf(stderr, "usage: vorn_bench_quality OUT_DIR\n");
+  // vorn_bench_quality OUT_DIR [--only beam|level]: the sections a change
+  // is about can be run alone. They go to OUT_DIR/sections, one file each,
+  // which the report links.
+  const std::string only = argc == 4 && std::string(argv[2]) == "--only" ? argv[3] : "";
+  if (argc != 2 && (only != "beam" && only != "level")) {
+    std::fprintf(stderr, "usage: vorn_bench_quality OUT_DIR [--only beam|level]\n");
     return 2;
   }
   const std::filesystem::path dir = argv[1];
   std::filesystem::create_directories(dir);
+  std::string section_error;
+  const std::filesystem::path sections = dir / "sections";
+  std::filesystem::create_directories(sections);
+  if (only.empty() || only == "beam") {
+    if (!WriteBeamReport(sections, &section_error)) {
+      std::fprintf(stderr, "beam section: %s\n", section_error.c_str());
+      return 1;
+    }
+    std::fprintf(stderr, "wrote %s\n", (sections / "beam.md").c_str());
+  }
+  if (only.empty() || only == "level") {
+    if (!WriteLevelReport(sections, &section_error)) {
+      std::fprintf(stderr, "level section: %s\n", section_error.c_str());
+      return 1;
+    }
+    std::fprintf(stderr, "wrote %s\n", (sections / "level.md").c_str());
+  }
+  if (!only.empty()) return 0;
   Results results;
   results.scenes = AllScenes();
   const std::vector<System> systems = Systems();

@@ -7,6 +7,7 @@
 
 #include "scene/metrics.h"
 #include "support/front_end_param.h"
+#include "vorn/vorn_enhanced_state.h"
 #include "vorn/vorn_param.h"
 #include "vorn_proc.h"
 
@@ -34,13 +35,23 @@ bool RunVorn(const VornConfig& config, const Scene& scene, const RenderedScene& 
   std::vector<unsigned char> state(kVornMinBuffSize);
   const test::FrontEndSwitches switches{.agc = config.agc, .bf = config.bf, .doa = config.doa,
                            .aec = config.aec, .ns = config.ns,
-                           .azimuth = config.steer_to_talker ? TableAzimuth(scene.azimuth_deg) : 0,
+                           .azimuth = config.steer_to_talker ? TableAzimuth(scene.azimuth_deg + config.steer_offset_deg) : 0,
                            .vad_mode = config.vad_mode};
   T_VornParam pm = test::ParamKeeping(state.data(), switches, config.doa != 0 ? 1 : 0);
   if (const int code = VornInit(&pm, nullptr); code != 0) {
     *error = Failure("VornInit", code);
     return false;
   }
+  if (const int code = VornSetProfile(&pm, config.profile); code != 0) {
+    *error = Failure("VornSetProfile", code);
+    return false;
+  }
+  if (const int code = VornSetAgcTarget(&pm, config.agc_target_dbfs); code != 0) {
+    *error = Failure("VornSetAgcTarget", code);
+    return false;
+  }
+  // A beam told which microphone is broken: the best the working ones can do.
+  EnhancedBeamExclude(&EnhancedStateOf(VornStateOf(&pm))->modules.beam, config.exclude_mics);
   const std::size_t frames = WholeFrames(rendered);
   std::vector<short> mics(rendered.mics.begin(), rendered.mics.end());
   std::vector<short> reference(rendered.reference.begin(), rendered.reference.end());
@@ -60,6 +71,9 @@ bool RunVorn(const VornConfig& config, const Scene& scene, const RenderedScene& 
     }
     run->output.insert(run->output.end(), out, out + kFrame);
     run->speech.push_back(pm.vad_flag != 0 ? 1 : 0);
+    std::uint32_t warnings = 0;
+    VornGetWarnings(&pm, &warnings);
+    run->warnings.push_back(warnings);
     if (config.doa != 0) run->azimuth_deg.push_back(pm.azimuth);
   }
   if (config.utterance_doa) {
