@@ -9,7 +9,7 @@
 
 #include "adsp_agc/analog_agc.h"
 #include "adsp_agc/level_control.h"
-#include "support/signals.h"
+#include "sim/signals.h"
 
 namespace {
 
@@ -23,12 +23,12 @@ struct Input {
   std::vector<uint8_t> speech;
 };
 Input SpeechAt(double level_db) {
-  vorn::test::SpeechLikeOptions options;
+  vorn::sim::SpeechLikeOptions options;
   options.rms = 32768.0 * std::pow(10.0, level_db / 20.0);
-  const auto speech = vorn::test::MakeSpeechLike(kFrame * kFrames, 17, options);
-  return {vorn::test::ToPcm(
-              vorn::test::Mix(speech.samples, vorn::test::WhiteNoise(speech.samples.size(), options.rms / 100.0, 3))),
-          vorn::test::FrameLabels(speech.active)};
+  const auto speech = vorn::sim::MakeSpeechLike(kFrame * kFrames, 17, options);
+  return {vorn::sim::ToPcm(
+              vorn::sim::Mix(speech.samples, vorn::sim::WhiteNoise(speech.samples.size(), options.rms / 100.0, 3))),
+          vorn::sim::FrameLabels(speech.active)};
 }
 
 // A full-scale input keeps the limiter iterating.

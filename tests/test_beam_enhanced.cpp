@@ -16,14 +16,14 @@
 #include "adsp_bf/audio_dsp_proc.h"
 #include "adsp_bf/beam_enhanced.h"
 #include "common/pcm_round.h"
-#include "support/signals.h"
+#include "sim/signals.h"
 #include "vorn_proc.h"
 
 namespace vorn {
 namespace {
 
-using test::Signal;
-using test::ThreeMics;
+using sim::Signal;
+using sim::ThreeMics;
 constexpr double kPi = 3.14159265358979323846;
 constexpr int kHop = kBfHop;
 
@@ -118,7 +118,7 @@ Flatness Measure(const Signal& out, const Signal& mic0, std::size_t from) {
   return f;
 }
 
-std::vector<short> Pcm(const ThreeMics& mics) { return test::Interleave(mics); }
+std::vector<short> Pcm(const ThreeMics& mics) { return sim::Interleave(mics); }
 
 TEST(EnhancedBeam, LookDirectionIsFlatAndInPhaseWithMicrophoneZero) {
   struct Case {
@@ -153,8 +153,8 @@ TEST(EnhancedBeam, AttenuatesASourceBehindTheLookDirection) {
   // White noise from 180 degrees off: the beam must take off a good part of
   // it at mid and high frequencies, where a 7.8 cm array has directivity.
   const std::size_t n = 200 * kHop;
-  const Signal noise = test::WhiteNoise(n, 2000.0, 5);
-  const ThreeMics behind = test::PlaneWave(noise, 250.0);
+  const Signal noise = sim::WhiteNoise(n, 2000.0, 5);
+  const ThreeMics behind = sim::PlaneWave(noise, 250.0);
   for (int bf_flag : {1, 2}) {
     SCOPED_TRACE(bf_flag);
     Rig rig(bf_flag, 70);
@@ -182,7 +182,7 @@ TEST(EnhancedBeam, FollowsTheTrackerOnlyWhenItIsSureAndWithoutAClick) {
   const std::size_t n = 120 * kHop;
   Signal tone(n);
   for (std::size_t t = 0; t < n; ++t) tone[t] = static_cast<float>(3000.0 * std::sin(2.0 * kPi * 1000.0 * t / 16000.0));
-  const std::vector<short> pcm = Pcm(test::PlaneWave(tone, 150.0));
+  const std::vector<short> pcm = Pcm(sim::PlaneWave(tone, 150.0));
   for (float confidence : {0.2f, 0.9f}) {
     SCOPED_TRACE(confidence);
     Rig rig(2, 0);
@@ -194,8 +194,8 @@ TEST(EnhancedBeam, FollowsTheTrackerOnlyWhenItIsSureAndWithoutAClick) {
       rig.Hop(pcm, h, block);
       for (int i = 0; i < kHop; ++i) out[h * kHop + static_cast<std::size_t>(i)] = block[i];
     }
-    const double before = test::Rms(out.data() + 20 * kHop, 20 * kHop);
-    const double after = test::Rms(out.data() + 80 * kHop, 20 * kHop);
+    const double before = sim::Rms(out.data() + 20 * kHop, 20 * kHop);
+    const double after = sim::Rms(out.data() + 80 * kHop, 20 * kHop);
     const double steady = Roughness(out, 80 * kHop, 100 * kHop);
     if (confidence < kFollowConfidence) {
       EXPECT_NEAR(after / before, 1.0, 0.02);
@@ -259,13 +259,13 @@ TEST(EnhancedBeam, FaultyMicrophonesAreReportedLeftOutAndReadmitted) {
 
 TEST(EnhancedBeam, NoWarningWhenEveryMicrophoneIsSilentOrClipsTogether) {
   const std::size_t n = 100 * kHop;
-  const Signal loud = test::Tone(n, 440.0, 90000.0);  // clips on every microphone
+  const Signal loud = sim::Tone(n, 440.0, 90000.0);  // clips on every microphone
   struct Case {
     const char* name;
     ThreeMics mics;
   };
   const Case cases[] = {{"digital silence", {Signal(n, 0.0f), Signal(n, 0.0f), Signal(n, 0.0f)}},
-                        {"a talker loud enough to clip them all", test::PlaneWave(loud, 10.0)}};
+                        {"a talker loud enough to clip them all", sim::PlaneWave(loud, 10.0)}};
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     ThreeMics mics = c.mics;
@@ -305,10 +305,10 @@ TEST(EnhancedBeam, AdaptiveBeamCancelsAnInterfererButNotTheTalker) {
   // interferer at 200, and a speech presence that misses the talker
   // entirely: the beam's own look-direction test must hold the canceller.
   const std::size_t n = 600 * kHop;
-  const Signal talker = test::MakeSpeechLike(n, 3, {.rms = 2500.0}).samples;
-  const ThreeMics talker_mics = test::PlaneWave(talker, 66.0, 25.0);
-  const ThreeMics mics = test::Mix(test::Mix(talker_mics, test::PlaneWave(test::WhiteNoise(n, 1500.0, 4), 200.0)),
-                                   test::IndependentNoise(n, 20.0, 6));
+  const Signal talker = sim::MakeSpeechLike(n, 3, {.rms = 2500.0}).samples;
+  const ThreeMics talker_mics = sim::PlaneWave(talker, 66.0, 25.0);
+  const ThreeMics mics = sim::Mix(sim::Mix(talker_mics, sim::PlaneWave(sim::WhiteNoise(n, 1500.0, 4), 200.0)),
+                                   sim::IndependentNoise(n, 20.0, 6));
   const std::vector<short> pcm = Pcm(mics);
   Rig fixed(2, 60), adaptive(4, 60);
   const Split f = Separate(fixed.Run(pcm), talker_mics[0], 300 * kHop);
@@ -325,7 +325,7 @@ TEST(EnhancedBeam, FastPathsGiveTheBitsOfTheirPlainTwins) {
                           32767.6f, 1e9f,      -32768.0f, -32768.5f, -1e9f,    0.0f,     -0.0f,
                           std::numeric_limits<float>::infinity(), -std::numeric_limits<float>::infinity(),
                           std::numeric_limits<float>::quiet_NaN()};
-  const Signal noise = test::WhiteNoise(1000, 20000.0, 9);
+  const Signal noise = sim::WhiteNoise(1000, 20000.0, 9);
   x.insert(x.end(), noise.begin(), noise.end());
   std::vector<short> plain(x.size()), fast(x.size());
   RoundToPcmPlain(x.data(), plain.data(), static_cast<int>(x.size()));
@@ -337,7 +337,7 @@ TEST(EnhancedBeam, FastPathsGiveTheBitsOfTheirPlainTwins) {
   // A frame's extremes and energy.
   for (const std::uint32_t seed : {1u, 2u, 3u}) {
     SCOPED_TRACE(seed);
-    Signal frame = test::WhiteNoise(kHop, 8000.0 * seed, seed);
+    Signal frame = sim::WhiteNoise(kHop, 8000.0 * seed, seed);
     for (float& v : frame) v = std::round(std::clamp(v, -32768.0f, 32767.0f));
     frame[seed * 7] = -32768.0f;
     const FrameStats a = FrameStatsPlain(frame.data()), b = FrameStatsSse2(frame.data());

@@ -11,12 +11,12 @@
 #include <vector>
 
 #include "adsp_agc/level_control.h"
-#include "support/signals.h"
+#include "sim/signals.h"
 
 namespace vorn {
 namespace {
 
-using test::Signal;
+using sim::Signal;
 constexpr int kFrame = 256;
 constexpr double kFullScale = 32768.0;
 
@@ -34,19 +34,19 @@ struct Input {
 // loudspeaker's echo residue, say); it is not the talker's speech.
 Input MakeInput(double seconds, double noise_dbfs, const std::function<double(double)>& level_dbfs,
                 const std::function<bool(double)>& talks, double other_dbfs = -200.0) {
-  const auto n = static_cast<std::size_t>(seconds * test::kSampleRate) / kFrame * kFrame;
-  const test::SpeechLike voice = test::MakeSpeechLike(n, 21, {.rms = 1.0});
-  const test::SpeechLike other = test::MakeSpeechLike(n, 23, {.rms = AmplitudeFor(other_dbfs), .f0_hz = 210.0});
-  const Signal noise = test::WhiteNoise(n, AmplitudeFor(noise_dbfs), 22);
+  const auto n = static_cast<std::size_t>(seconds * sim::kSampleRate) / kFrame * kFrame;
+  const sim::SpeechLike voice = sim::MakeSpeechLike(n, 21, {.rms = 1.0});
+  const sim::SpeechLike other = sim::MakeSpeechLike(n, 23, {.rms = AmplitudeFor(other_dbfs), .f0_hz = 210.0});
+  const Signal noise = sim::WhiteNoise(n, AmplitudeFor(noise_dbfs), 22);
   Signal x(n);
   std::vector<uint8_t> active(n);
   for (std::size_t t = 0; t < n; ++t) {
-    const double at = static_cast<double>(t) / test::kSampleRate;
+    const double at = static_cast<double>(t) / sim::kSampleRate;
     const bool on = talks(at);
     x[t] = noise[t] + (on ? static_cast<float>(voice.samples[t] * AmplitudeFor(level_dbfs(at))) : other.samples[t]);
     active[t] = on && voice.active[t];
   }
-  return {test::ToPcm(x), test::FrameLabels(active)};
+  return {sim::ToPcm(x), sim::FrameLabels(active)};
 }
 
 struct Output {

@@ -11,8 +11,8 @@
 #include <string>
 #include <vector>
 
-#include "support/front_end_param.h"
-#include "support/signals.h"
+#include "sim/front_end_param.h"
+#include "sim/signals.h"
 #include "vorn_proc.h"
 
 namespace vorn {
@@ -23,7 +23,7 @@ constexpr int kStateBytes = 1000000;
 
 struct Instance {
   std::vector<unsigned char> storage = std::vector<unsigned char>(kStateBytes);
-  T_VornParam pm = test::ParamOver(storage.data());
+  T_VornParam pm = sim::ParamOver(storage.data());
 };
 
 std::string WriteConfig(const std::string& text) {
@@ -119,9 +119,9 @@ TEST(VornBeamLevelApi, ConfigurationFileSetsTheLevelTarget) {
 }
 
 // Runs `frames` frames of `mics` through a fresh instance with `switches`.
-std::vector<short> Process(Instance& in, const std::vector<short>& mics, const test::FrontEndSwitches& switches,
+std::vector<short> Process(Instance& in, const std::vector<short>& mics, const sim::Switches& switches,
                            int32_t profile, float target, uint32_t* warnings) {
-  in.pm = test::ParamKeeping(in.storage.data(), switches, 0);
+  in.pm = sim::ParamKeeping(in.storage.data(), switches, 0);
   EXPECT_EQ(VornInit(&in.pm, nullptr), 0);
   EXPECT_EQ(VornSetProfile(&in.pm, profile), 0);
   EXPECT_EQ(VornSetAgcTarget(&in.pm, target), 0);
@@ -144,11 +144,11 @@ double TailDbfs(const std::vector<short>& x) {
 TEST(VornBeamLevelApi, WholeFramesCarryTheWarningAndTheTarget) {
   // A talker at 100 degrees with microphone 2 dead from the start.
   const std::size_t n = 500 * kFrame;
-  const test::Signal talker = test::MakeSpeechLike(n, 7, {.rms = 600.0, .lead_silence_s = 0.5}).samples;
-  test::ThreeMics mics = test::Mix(test::PlaneWave(talker, 100.0), test::IndependentNoise(n, 5.0, 8));
+  const sim::Signal talker = sim::MakeSpeechLike(n, 7, {.rms = 600.0, .lead_silence_s = 0.5}).samples;
+  sim::ThreeMics mics = sim::Mix(sim::PlaneWave(talker, 100.0), sim::IndependentNoise(n, 5.0, 8));
   mics[2].assign(n, 0.0f);
-  const std::vector<short> pcm = test::Interleave(mics);
-  const test::FrontEndSwitches switches{.agc = 1, .bf = 2, .doa = 0, .aec = 0, .ns = 1, .azimuth = 100};
+  const std::vector<short> pcm = sim::Interleave(mics);
+  const sim::Switches switches{.agc = 1, .bf = 2, .doa = 0, .aec = 0, .ns = 1, .azimuth = 100};
 
   Instance classic, quiet, loud;
   uint32_t classic_warnings = 1, quiet_warnings = 0, loud_warnings = 0;

@@ -7,13 +7,18 @@
 #include <string>
 #include <vector>
 
+#include "audio_io/wav_file.h"
+#include "sim/signals.h"
+#include "support/files.h"
 #include "support/run_command.h"
-#include "support/signals.h"
-#include "support/wav_file.h"
 
 namespace {
 
 using namespace vorn::test;
+using namespace vorn::sim;
+using vorn::ReadWavFile;
+using vorn::WavAudio;
+using vorn::WriteWavFile;
 
 class VornCliBeamLevel : public ::testing::Test {
  protected:
@@ -29,11 +34,11 @@ class VornCliBeamLevel : public ::testing::Test {
     const SpeechLike talker = MakeSpeechLike(n, 31, {.rms = 800.0, .lead_silence_s = 0.3});
     ThreeMics mics = Mix(PlaneWave(talker.samples, 60.0), IndependentNoise(n, 8.0, 32));
     for (std::size_t t = kSampleRate; t < n; ++t) mics[1][t] = 0.0f;
-    ASSERT_TRUE(WriteWav(Path("in.wav"), Interleave(mics), 3));
+    ASSERT_TRUE(WriteWavFile(Path("in.wav"), Interleave(mics), 3));
   }
   double OutputDbfs(const std::string& name) const {
-    WavData wav;
-    EXPECT_TRUE(ReadWav(Path(name), &wav));
+    WavAudio wav;
+    EXPECT_TRUE(ReadWavFile(Path(name), &wav));
     return RmsDbfs(Signal(wav.samples.begin() + static_cast<long>(wav.samples.size() / 2), wav.samples.end()));
   }
   std::string dir_;

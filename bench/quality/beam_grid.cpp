@@ -17,13 +17,15 @@
 #include "quality/markdown.h"
 #include "quality/scoring.h"
 #include "quality/systems.h"
-#include "scene/metrics.h"
+#include "sim/metrics.h"
 #ifdef VORN_WITH_SPEEXDSP
 #include "quality/speex_peer.h"
 #endif
 
 namespace vorn::bench {
 namespace {
+
+using namespace vorn::sim;
 
 constexpr std::size_t kMaxLag = 4096;
 constexpr double kSnrs[] = {0.0, 10.0, 20.0};
@@ -41,7 +43,8 @@ Figures Score(const RenderedScene& r, const SystemRun& run) {
 }
 
 VornConfig Chain(const char* name, int profile, int bf_flag) {
-  VornConfig c{name, 0, bf_flag, 0, 1, 1, 2, bf_flag != 0, false};
+  VornConfig c{name, {.agc = 0, .bf = bf_flag, .doa = 0, .aec = 1, .ns = 1, .azimuth = 0, .vad_mode = 2},
+               bf_flag != 0};
   c.profile = profile;
   return c;
 }

@@ -20,14 +20,16 @@
 #include "quality/markdown.h"
 #include "quality/scoring.h"
 #include "quality/systems.h"
-#include "scene/metrics.h"
-#include "support/signals.h"
+#include "sim/metrics.h"
+#include "sim/signals.h"
 #ifdef VORN_WITH_SPEEXDSP
 #include "quality/speex_peer.h"
 #endif
 
 namespace vorn::bench {
 namespace {
+
+using namespace vorn::sim;
 
 constexpr std::size_t kMaxLag = 4096;
 constexpr double kTargetDbfs = -26.0;
@@ -44,7 +46,7 @@ struct System {
 };
 
 Runner Vorn(int profile, int agc) {
-  VornConfig config{"", agc, 0, 0, 1, 1, 2, false, false};
+  VornConfig config{"", {.agc = agc, .bf = 0, .doa = 0, .aec = 1, .ns = 1, .azimuth = 0, .vad_mode = 2}};
   config.profile = profile;
   return [config](const RenderedScene& r, SystemRun* run, std::string* error) {
     return RunVorn(config, Scene{}, r, run, error);
@@ -91,11 +93,11 @@ bool RunPair(const System& system, const RenderedScene& r, Pair* pair, std::stri
 double FramePower(const Signal& x, std::size_t f) {
   const std::size_t begin = f * kFrame;
   if (begin + kFrame > x.size()) return 0.0;
-  const double rms = test::Rms(x.data() + begin, kFrame);
+  const double rms = sim::Rms(x.data() + begin, kFrame);
   return rms * rms;
 }
 
-double Dbfs(double mean_square) { return test::PowerDb(mean_square / (32768.0 * 32768.0)); }
+double Dbfs(double mean_square) { return sim::PowerDb(mean_square / (32768.0 * 32768.0)); }
 
 // Mean power (dBFS) of the talker's speech frames in [from_s, to_s).
 double SpeechDbfs(const Signal& x, const Truth& truth, std::size_t lag, double from_s, double to_s) {
@@ -118,7 +120,7 @@ double LiftDb(const Pair& p, const std::function<bool(std::size_t)>& pick, std::
     with += FramePower(p.with_gain, f + p.lag);
     without += FramePower(p.without_gain, f + p.lag);
   }
-  return test::PowerDb((with + 1.0) / (without + 1.0));
+  return sim::PowerDb((with + 1.0) / (without + 1.0));
 }
 
 // A speech-like talker over [1 s, 12 s) of a 12 s scene, shaped by `gain`
@@ -137,7 +139,7 @@ bool RenderShaped(const ShapedScene& shaped, RenderedScene* r, std::string* erro
   if (!RenderScene(shaped.scene, r, error)) return false;
   std::vector<std::uint8_t> heard(shaped.active.size(), 0);
   for (std::size_t t = r->truth.talker_delay; t < heard.size(); ++t) heard[t] = shaped.active[t - r->truth.talker_delay];
-  r->truth.speech = test::FrameLabels(heard);
+  r->truth.speech = sim::FrameLabels(heard);
   return true;
 }
 
@@ -152,9 +154,9 @@ ShapedScene ShapedTalker(std::uint32_t seed, double level_dbfs, const std::funct
   scene.talker_level_dbfs = level_dbfs;
   scene.noises.push_back({NoiseKind::kDiffuse, NoiseColour::kPink, 30.0});
   const std::size_t n = static_cast<std::size_t>(11.0 * kSampleRate);
-  test::SpeechLikeOptions voice;
+  sim::SpeechLikeOptions voice;
   voice.f0_hz = 130.0;
-  const test::SpeechLike talker = test::MakeSpeechLike(n, seed, voice);
+  const sim::SpeechLike talker = sim::MakeSpeechLike(n, seed, voice);
   scene.talker = talker.samples;
   ShapedScene shaped{scene, std::vector<std::uint8_t>(static_cast<std::size_t>(scene.duration_s * kSampleRate), 0)};
   const std::size_t begin = static_cast<std::size_t>(scene.talker_begin_s * kSampleRate);

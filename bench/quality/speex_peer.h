@@ -20,7 +20,7 @@ struct SpeexConfig {
   float agc_level = 0.0f;   // the AGC's level setting (a sample value); 0 keeps the library's 8000
 };
 
-bool RunSpeex(const SpeexConfig& config, const RenderedScene& rendered, SystemRun* run, std::string* error);
+bool RunSpeex(const SpeexConfig& config, const sim::RenderedScene& rendered, SystemRun* run, std::string* error);
 
 // The library's version text, for the report.
 std::string SpeexVersion();

@@ -12,14 +12,14 @@
 #include <string>
 #include <vector>
 
-#include "scene/scene.h"
+#include "sim/scene.h"
 #include "scene/scene_io.h"
 
 namespace {
 
-using vorn::bench::NoiseColour;
-using vorn::bench::NoiseKind;
-using vorn::bench::NoiseSource;
+using vorn::sim::NoiseColour;
+using vorn::sim::NoiseKind;
+using vorn::sim::NoiseSource;
 
 std::vector<double> Numbers(const std::string& text) {
   std::vector<double> values;
@@ -68,7 +68,7 @@ int Usage() {
 int main(int argc, char** argv) {
   if (argc < 2 || argv[1][0] == '-') return Usage();
   const std::string out_dir = argv[1];
-  vorn::bench::Scene scene;
+  vorn::sim::Scene scene;
   std::vector<double> interferer;
   std::string error;
   for (int i = 2; i < argc; ++i) {
@@ -95,7 +95,7 @@ int main(int argc, char** argv) {
       if (!ParseNoise(value, &noise)) return Usage();
       scene.noises.push_back(noise);
     } else if (option == "--talker-wav" || option == "--far-wav") {
-      vorn::bench::Signal* source = option == "--talker-wav" ? &scene.talker : &scene.far_end;
+      vorn::sim::Signal* source = option == "--talker-wav" ? &scene.talker : &scene.far_end;
       if (!vorn::bench::ReadSourceWav(value, source, &error)) {
         std::fprintf(stderr, "%s\n", error.c_str());
         return 1;
@@ -110,8 +110,8 @@ int main(int argc, char** argv) {
     noise.elevation_deg = interferer[1];
     noise.distance_m = interferer[2];
   }
-  vorn::bench::RenderedScene rendered;
-  if (!vorn::bench::RenderScene(scene, &rendered, &error) ||
+  vorn::sim::RenderedScene rendered;
+  if (!vorn::sim::RenderScene(scene, &rendered, &error) ||
       !vorn::bench::WriteScene(out_dir, scene, rendered, &error)) {
     std::fprintf(stderr, "%s\n", error.c_str());
     return 1;

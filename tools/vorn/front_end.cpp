@@ -74,14 +74,13 @@ bool FrontEnd::LoadModes(int mode, const std::string& config_path, std::string* 
   return true;
 }
 
-Switches FrontEnd::ModeSwitches() const {
-  const T_VornKey& key = pm_.in_argv[mode_];
-  return {key.agc_flag, key.bf_flag, key.doa_flag, key.aec_flag, key.ns_flag, key.bf_azimuth, key.vad_mode};
+sim::Switches FrontEnd::ModeSwitches() const {
+  return sim::SwitchesOf(pm_.in_argv[mode_]);
 }
 
-bool FrontEnd::Start(const Switches& s, int profile, std::string* error) {
+bool FrontEnd::Start(const sim::Switches& s, int profile, std::string* error) {
   pm_.vorn_mode = -1;
-  CopySwitches(s, &pm_);
+  sim::CopySwitches(s, &pm_);
   const int code = VornInit(&pm_, nullptr);
   if (code != 0) {
     std::string where = "mode " + std::string(mode_ == 0 ? "wakeup" : mode_ == 1 ? "asr" : "comm");
@@ -89,7 +88,7 @@ bool FrontEnd::Start(const Switches& s, int profile, std::string* error) {
     *error = Explain(code, ("initialisation with " + where).c_str());
     return false;
   }
-  CopySwitches(s, &pm_.in_argv[mode_]);
+  sim::CopySwitches(s, &pm_.in_argv[mode_]);
   pm_.vorn_mode = mode_;
   VornSetAgcTarget(&pm_, agc_target_dbfs_);
   const int profile_code = VornSetProfile(&pm_, profile);

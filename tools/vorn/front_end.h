@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "switches.h"
+#include "sim/switches.h"
 #include "vorn_proc.h"
 
 namespace vorn::cli {
@@ -22,10 +22,10 @@ class FrontEnd {
   // configuration file when `config_path` is not empty.
   bool LoadModes(int mode, const std::string& config_path, std::string* error);
   // The selected mode's switches as loaded.
-  Switches ModeSwitches() const;
+  sim::Switches ModeSwitches() const;
   // Prepares every module with `switches` in force for the mode, in the
   // processing profile `profile` (0 classic, 1 enhanced).
-  bool Start(const Switches& switches, int profile, std::string* error);
+  bool Start(const sim::Switches& switches, int profile, std::string* error);
 
   // One frame: kMics x kFrameSamples interleaved values, kFrameSamples of
   // reference (null without one) and kFrameSamples out. Returns the

@@ -12,7 +12,8 @@
 #include <cstring>
 #include <unistd.h>
 
-#include "audio_input.h"
+#include "audio_io/audio_input.h"
+#include "audio_io/audio_output.h"
 #include "commands.h"
 #include "direction.h"
 #include "front_end.h"
@@ -83,7 +84,7 @@ void ReportMicrophoneChanges(uint32_t before, uint32_t now, double at_s) {
   }
 }
 
-Switches ApplyOverrides(Switches s, const SwitchOverrides& o) {
+sim::Switches ApplyOverrides(sim::Switches s, const SwitchOverrides& o) {
   if (o.agc) s.agc = *o.agc;
   if (o.bf) s.bf = *o.bf;
   if (o.doa) s.doa = *o.doa;
@@ -142,7 +143,7 @@ int ProcessRecording(const ProcessOptions& opt, Summary* summary, std::vector<in
     ReportError(error);
     return kExitFailure;
   }
-  Switches switches = ApplyOverrides(front_end.ModeSwitches(), opt.overrides);
+  sim::Switches switches = ApplyOverrides(front_end.ModeSwitches(), opt.overrides);
   if (have_reference && !opt.overrides.aec && switches.aec == 0) switches.aec = opt.mode == 2 ? 2 : 1;
   if (!have_reference && switches.aec > 0) {
     if (opt.overrides.aec) {

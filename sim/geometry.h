@@ -4,17 +4,10 @@
 // room's x axis, so an azimuth in the array frame is also one in the room.
 #pragma once
 
-#include "support/signals.h"
+#include "sim/signals.h"
 
-namespace vorn::bench {
+namespace vorn::sim {
 
-using test::Signal;
-using test::ThreeMics;
-
-constexpr int kSampleRate = test::kSampleRate;
-constexpr double kSpeedOfSound = test::kSpeedOfSound;
-constexpr double kArrayRadiusM = test::kArrayRadiusM;
-constexpr int kMics = 3;
 constexpr std::size_t kFrame = 256;  // samples per frame of the front end
 
 struct Point {
@@ -23,7 +16,7 @@ struct Point {
 
 double Distance(const Point& a, const Point& b);
 
-// Microphone m (0..2) sits at 120*m degrees on the circle around `centre`.
+// Microphone m (0..2) on the circle around `centre`, where vorn_array.h puts it.
 Point MicPosition(const Point& centre, int m);
 
 // The point `distance_m` away from `centre` towards azimuth (counter-clockwise
@@ -33,4 +26,4 @@ Point PointToward(const Point& centre, double azimuth_deg, double elevation_deg,
 // True when p lies inside the box [0, size] with `margin` to every wall.
 bool InsideRoom(const Point& size, const Point& p, double margin);
 
-}  // namespace vorn::bench
+}  // namespace vorn::sim

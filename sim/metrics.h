@@ -1,15 +1,15 @@
-// What the bench scores a front end by, against a rendered scene's clean
-// target and ground truth. Signals are on the int16 scale; levels are dBFS
+// What a front end is scored by (the demo, the quality bench, the tests),
+// against a rendered scene's clean target and ground truth. Signals are on the int16 scale; levels are dBFS
 // (RMS relative to 32768).
 #pragma once
 
 #include <cstdint>
 #include <vector>
 
-#include "scene/geometry.h"
-#include "scene/scene.h"
+#include "sim/geometry.h"
+#include "sim/scene.h"
 
-namespace vorn::bench {
+namespace vorn::sim {
 
 Signal ToSignal(const std::vector<std::int16_t>& pcm);
 // One microphone out of an interleaved three-microphone capture.
@@ -68,4 +68,4 @@ double ActiveLevelDbfs(const Signal& x, const std::vector<std::uint8_t>& labels,
 // Largest minus smallest of a set of levels (dB).
 double LevelSpreadDb(const std::vector<double>& levels_db);
 
-}  // namespace vorn::bench
+}  // namespace vorn::sim

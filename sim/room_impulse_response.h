@@ -3,9 +3,9 @@
 
 #include <vector>
 
-#include "scene/geometry.h"
+#include "sim/geometry.h"
 
-namespace vorn::bench {
+namespace vorn::sim {
 
 struct Room {
   Point size{5.0, 4.0, 3.0};  // metres along x, y, z
@@ -22,4 +22,4 @@ double WallReflection(const Room& room);
 // decay has reached -60 dB.
 std::vector<double> RoomImpulseResponse(const Room& room, const Point& source, const Point& mic);
 
-}  // namespace vorn::bench
+}  // namespace vorn::sim

@@ -1,6 +1,6 @@
-#include "support/ns_harness.h"
+#include "sim/ns_harness.h"
 
-namespace vorn::test {
+namespace vorn::sim {
 
 NsInstance::NsInstance(int vad_mode, float level) : storage_(kNsStateBytes / sizeof(float), 0.0f) {
   param_.p_data = storage_.data();
@@ -32,4 +32,4 @@ std::vector<std::uint8_t> HopLabels(const std::vector<std::uint8_t> &active) {
   return FrameLabels(active, kNsHop);
 }
 
-}  // namespace vorn::test
+}  // namespace vorn::sim

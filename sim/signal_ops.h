@@ -7,9 +7,9 @@
 #include <cstddef>
 #include <vector>
 
-#include "scene/geometry.h"
+#include "sim/geometry.h"
 
-namespace vorn::bench {
+namespace vorn::sim {
 
 // Half width of the windowed-sinc fractional delay. Every impulse response
 // the simulator builds carries this much common delay so that its taps stay
@@ -29,4 +29,4 @@ std::vector<Signal> ConvolveEach(const Signal& x, const std::vector<std::vector<
 // c[k] = sum_n y[n + lag] * x[n] for lag = k - max_lag, k = 0 .. 2 * max_lag.
 std::vector<double> CrossCorrelation(const Signal& x, const Signal& y, std::size_t max_lag);
 
-}  // namespace vorn::bench
+}  // namespace vorn::sim

@@ -1,17 +1,17 @@
-// A test scene for the front end: a talker, noise and a loudspeaker playing
-// the far end in a shoebox room around the three-microphone array, rendered
-// to what the device would record together with the ground truth the bench
-// scores against. Deterministic for a given description and seed.
+// A scene for the front end: a talker, noise and a loudspeaker playing the
+// far end in a shoebox room around the three-microphone array, rendered to
+// what the device would record together with the ground truth a run is
+// scored against. Deterministic for a given description and seed.
 #pragma once
 
 #include <cstdint>
 #include <string>
 #include <vector>
 
-#include "scene/geometry.h"
-#include "scene/room_impulse_response.h"
+#include "sim/geometry.h"
+#include "sim/room_impulse_response.h"
 
-namespace vorn::bench {
+namespace vorn::sim {
 
 enum class NoiseKind {
   kSensor,      // independent on each microphone (the microphones' own noise)
@@ -93,4 +93,4 @@ bool RenderScene(const Scene& scene, RenderedScene* out, std::string* error);
 // percentile frame) and no more than 50 dB below its loudest frame.
 std::vector<std::uint8_t> EnergyActivity(const Signal& x);
 
-}  // namespace vorn::bench
+}  // namespace vorn::sim

@@ -15,15 +15,15 @@
 // beta^(2 c t g(u)) = exp(-a t g(u)) with a = -2 c ln(beta); its backward
 // integral depends on a t alone, so the -5 and -25 dB points of that curve,
 // found once per room shape, fix a for any RT60 (measured as 3 * T20).
-#include "scene/room_impulse_response.h"
+#include "sim/room_impulse_response.h"
 
 #include <cmath>
 #include <cstdlib>
 #include <numbers>
 
-#include "scene/signal_ops.h"
+#include "sim/signal_ops.h"
 
-namespace vorn::bench {
+namespace vorn::sim {
 
 namespace {
 
@@ -130,4 +130,4 @@ std::vector<double> RoomImpulseResponse(const Room& room, const Point& source, c
   return h;
 }
 
-}  // namespace vorn::bench
+}  // namespace vorn::sim

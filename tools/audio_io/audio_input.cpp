@@ -1,4 +1,4 @@
-// Audio input of `vorn`. A WAV file is a RIFF list of chunks; writers put
+// Audio input of the tools. A WAV file is a RIFF list of chunks; writers put
 // "LIST", "fact", "bext" or padding chunks before or after the audio and
 // some put the format after it. From a file every chunk header is visited
 // by seeking, so the order does not matter; from a pipe the chunks are read
@@ -6,7 +6,7 @@
 // writer does. A data size of 0 or 0xFFFFFFFF is what streaming writers
 // leave when they cannot rewind, and means "to the end". Raw input is told
 // apart by the absence of the RIFF tag, so a pipe needs no extra option.
-#include "audio_input.h"
+#include "audio_io/audio_input.h"
 
 #include <sys/stat.h>
 
@@ -14,14 +14,8 @@
 #include <cerrno>
 #include <cstring>
 
-namespace vorn::cli {
+namespace vorn {
 namespace {
-
-uint32_t Le32(const unsigned char* p) {
-  return static_cast<uint32_t>(p[0]) | (static_cast<uint32_t>(p[1]) << 8) | (static_cast<uint32_t>(p[2]) << 16) |
-         (static_cast<uint32_t>(p[3]) << 24);
-}
-uint16_t Le16(const unsigned char* p) { return static_cast<uint16_t>(p[0] | (p[1] << 8)); }
 
 bool EndsWith(const std::string& text, const std::string& tail) {
   if (text.size() < tail.size()) return false;
@@ -31,7 +25,6 @@ bool EndsWith(const std::string& text, const std::string& tail) {
 }
 
 constexpr uint32_t kUnknownSize = 0xFFFFFFFFu;
-constexpr int kFormatExtensible = 0xFFFE;
 
 }  // namespace
 
@@ -91,20 +84,10 @@ bool AudioInput::ReadWavHeader(std::string* error) {
   return true;
 }
 
-bool AudioInput::ParseFormat(const unsigned char* bytes, uint32_t size, std::string* error) {
-  if (size < 16) {
-    *error = display_name_ + ": format chunk of " + std::to_string(size) + " bytes is too short";
-    return false;
-  }
-  format_.format_tag = Le16(bytes);
-  format_.channels = Le16(bytes + 2);
-  format_.sample_rate = static_cast<int>(Le32(bytes + 4));
-  format_.block_align = Le16(bytes + 12);
-  format_.bits = Le16(bytes + 14);
-  // The extensible form names its real coding by the first two bytes of
-  // the sub-format GUID.
-  if (format_.format_tag == kFormatExtensible && size >= 26) format_.format_tag = Le16(bytes + 24);
-  return true;
+bool AudioInput::TakeFormat(const unsigned char* bytes, uint32_t size, std::string* error) {
+  if (ParseFormatChunk(bytes, size, &format_)) return true;
+  *error = display_name_ + ": format chunk of " + std::to_string(size) + " bytes is too short";
+  return false;
 }
 
 bool AudioInput::WalkChunksSeekable(uint32_t riff_size, std::string* error) {
@@ -123,10 +106,10 @@ bool AudioInput::WalkChunksSeekable(uint32_t riff_size, std::string* error) {
     if (std::fread(chunk, 1, 8, stream_) != 8) break;
     const uint32_t size = Le32(chunk + 4);
     if (std::memcmp(chunk, "fmt ", 4) == 0 && !have_format) {
-      unsigned char fmt[40] = {};
-      const size_t want = std::min<uint32_t>(size, sizeof fmt);
+      unsigned char fmt[kFormatBytesUsed] = {};
+      const size_t want = std::min(size, kFormatBytesUsed);
       if (std::fread(fmt, 1, want, stream_) != want) break;
-      if (!ParseFormat(fmt, size, error)) return false;
+      if (!TakeFormat(fmt, size, error)) return false;
       have_format = true;
     } else if (std::memcmp(chunk, "data", 4) == 0 && !data_at) {
       data_at = pos + 8;
@@ -157,40 +140,23 @@ bool AudioInput::WalkChunksSeekable(uint32_t riff_size, std::string* error) {
 }
 
 bool AudioInput::WalkChunksStream(std::string* error) {
-  bool have_format = false;
-  for (;;) {
-    unsigned char chunk[8];
-    if (std::fread(chunk, 1, 8, stream_) != 8) {
+  ChunkWalk walk;
+  if (!WalkChunksToData(stream_, &walk)) {
+    if (walk.has_format || std::memcmp(walk.last.id, "fmt ", 4) != 0)
       *error = display_name_ + ": WAV stream ends before its data chunk";
-      return false;
-    }
-    const uint32_t size = Le32(chunk + 4);
-    if (std::memcmp(chunk, "data", 4) == 0) {
-      if (!have_format) {
-        *error = display_name_ + ": the format chunk follows the audio, which a stream cannot rewind to";
-        return false;
-      }
-      if (size != 0 && size != kUnknownSize) data_bytes_ = size;
-      return true;
-    }
-    const uint64_t padded = static_cast<uint64_t>(size) + (size & 1u);
-    if (std::memcmp(chunk, "fmt ", 4) == 0 && size <= 1024) {
-      unsigned char fmt[1024];
-      if (std::fread(fmt, 1, padded, stream_) != padded) {
-        *error = display_name_ + ": WAV stream ends inside its format chunk";
-        return false;
-      }
-      if (!ParseFormat(fmt, size, error)) return false;
-      have_format = true;
-      continue;
-    }
-    for (uint64_t i = 0; i < padded; ++i) {
-      if (std::fgetc(stream_) == EOF) {
-        *error = display_name_ + ": WAV stream ends before its data chunk";
-        return false;
-      }
-    }
+    else if (walk.last.size < 16)
+      *error = display_name_ + ": format chunk of " + std::to_string(walk.last.size) + " bytes is too short";
+    else
+      *error = display_name_ + ": WAV stream ends inside its format chunk";
+    return false;
   }
+  if (!walk.has_format) {
+    *error = display_name_ + ": the format chunk follows the audio, which a stream cannot rewind to";
+    return false;
+  }
+  format_ = walk.format;
+  if (walk.last.size != 0 && walk.last.size != kUnknownSize) data_bytes_ = walk.last.size;
+  return true;
 }
 
 std::optional<uint64_t> AudioInput::total_frames() const {
@@ -240,4 +206,4 @@ size_t AudioInput::Read(int16_t* interleaved, size_t max_frames) {
   return frames;
 }
 
-}  // namespace vorn::cli
+}  // namespace vorn

@@ -2,14 +2,14 @@
 // of the whole signal: a scene is at most a few hundred thousand samples, so
 // a single transform is simpler than overlap-add and costs a few tens of
 // milliseconds. Short kernels (fractional delays) are convolved directly.
-#include "scene/signal_ops.h"
+#include "sim/signal_ops.h"
 
 #include <algorithm>
 #include <cmath>
 #include <complex>
 #include <numbers>
 
-namespace vorn::bench {
+namespace vorn::sim {
 namespace {
 
 using Spectrum = std::vector<std::complex<double>>;
@@ -147,4 +147,4 @@ std::vector<double> CrossCorrelation(const Signal& x, const Signal& y, std::size
   return c;
 }
 
-}  // namespace vorn::bench
+}  // namespace vorn::sim

@@ -1,11 +1,11 @@
-#include "support/signals.h"
+#include "sim/signals.h"
 
 #include <algorithm>
 #include <cmath>
 #include <numbers>
 #include <random>
 
-namespace vorn::test {
+namespace vorn::sim {
 namespace {
 
 constexpr double kPi = std::numbers::pi;
@@ -147,7 +147,7 @@ ThreeMics PlaneWave(const Signal& source, double azimuth_deg, double elevation_d
   const double r_samples = kArrayRadiusM * kSampleRate / kSpeedOfSound;
   ThreeMics out;
   for (int m = 0; m < 3; ++m) {
-    const double phi = m * 2.0 * kPi / 3.0;
+    const double phi = MicAzimuthDeg(m) * kPi / 180.0;
     const double advance = r_samples * std::cos(el) * std::cos(az - phi);
     const double delay = kHalf - advance;  // total delay in samples, > 0
     const int base = static_cast<int>(std::floor(delay));
@@ -244,4 +244,4 @@ double MaskedMeanSquare(const Signal& x, const std::vector<std::uint8_t>& mask, 
   return count ? acc / static_cast<double>(count) : 0.0;
 }
 
-}  // namespace vorn::test
+}  // namespace vorn::sim

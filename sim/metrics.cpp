@@ -1,20 +1,20 @@
-// Bench metrics. Whole-signal energies are summed in double; every ratio is
-// reported through test::PowerDb, so an empty or silent denominator reads as
+// Scoring metrics. Whole-signal energies are summed in double; every ratio is
+// reported through PowerDb, so an empty or silent denominator reads as
 // the 200 dB ceiling rather than infinity.
-#include "scene/metrics.h"
+#include "sim/metrics.h"
 
 #include <algorithm>
 #include <cmath>
 
-#include "scene/signal_ops.h"
+#include "sim/signal_ops.h"
 
-namespace vorn::bench {
+namespace vorn::sim {
 namespace {
 
 double FramePower(const Signal& x, std::size_t frame) {
   const std::size_t begin = frame * kFrame;
   if (begin >= x.size()) return 0.0;
-  const double rms = test::Rms(x.data() + begin, std::min(kFrame, x.size() - begin));
+  const double rms = Rms(x.data() + begin, std::min(kFrame, x.size() - begin));
   return rms * rms;
 }
 
@@ -23,7 +23,7 @@ double Ratio(double num, double den) {
   return num / den;
 }
 
-double Dbfs(double mean_square) { return test::PowerDb(mean_square / (32768.0 * 32768.0)); }
+double Dbfs(double mean_square) { return PowerDb(mean_square / (32768.0 * 32768.0)); }
 
 }  // namespace
 
@@ -60,7 +60,7 @@ double ErleDb(const Signal& mic, const Signal& output, const Truth& truth) {
       output_energy += FramePower(output, f);
     }
   }
-  return test::PowerDb(Ratio(mic_energy, output_energy));
+  return PowerDb(Ratio(mic_energy, output_energy));
 }
 
 double SnrDb(const Signal& x, const Signal& target) {
@@ -89,10 +89,10 @@ double SnrDb(const Signal& x, const Signal& target) {
       ++noise_frames;
     }
   }
-  if (speech_frames == 0) return test::PowerDb(0.0);
+  if (speech_frames == 0) return PowerDb(0.0);
   speech /= static_cast<double>(speech_frames);
   noise = noise_frames ? noise / static_cast<double>(noise_frames) : 0.0;
-  return test::PowerDb(Ratio(std::max(speech - noise, 0.0), noise));
+  return PowerDb(Ratio(std::max(speech - noise, 0.0), noise));
 }
 
 double SiSdrDb(const Signal& x, const Signal& target) {
@@ -109,7 +109,7 @@ double SiSdrDb(const Signal& x, const Signal& target) {
     cross += (x[i] - x_mean) * (target[i] - t_mean);
     target_energy += (target[i] - t_mean) * (target[i] - t_mean);
   }
-  if (target_energy <= 0.0) return test::PowerDb(0.0);
+  if (target_energy <= 0.0) return PowerDb(0.0);
   const double alpha = cross / target_energy;  // the least-squares gain of the target in x
   double wanted = 0.0, distortion = 0.0;
   for (std::size_t i = 0; i < n; ++i) {
@@ -118,7 +118,7 @@ double SiSdrDb(const Signal& x, const Signal& target) {
     wanted += scaled * scaled;
     distortion += residual * residual;
   }
-  return test::PowerDb(Ratio(wanted, distortion));
+  return PowerDb(Ratio(wanted, distortion));
 }
 
 Enhancement ScoreEnhancement(const Signal& mic0, const Signal& output, const Signal& target, std::size_t max_lag) {
@@ -185,4 +185,4 @@ double LevelSpreadDb(const std::vector<double>& levels_db) {
   return *hi - *lo;
 }
 
-}  // namespace vorn::bench
+}  // namespace vorn::sim

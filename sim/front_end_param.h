@@ -3,20 +3,16 @@
 // minimum size, optionally with switches kept in force on every frame.
 #pragma once
 
+#include "sim/switches.h"
 #include "vorn_proc.h"
 
-namespace vorn::test {
-
-// The active switches of a run; unnamed ones stay at these values.
-struct FrontEndSwitches {
-  int agc = 0, bf = 0, doa = 0, aec = 0, ns = 0, azimuth = 0, vad_mode = 1;
-};
+namespace vorn::sim {
 
 // p_data, buff_size and param_size set, everything else zero.
 T_VornParam ParamOver(unsigned char* state);
 
 // ParamOver with `switches` in the active fields and vorn_mode -1, so no
 // mode overwrites them, and the caller's DOA update permission.
-T_VornParam ParamKeeping(unsigned char* state, const FrontEndSwitches& switches, int doa_update_flag);
+T_VornParam ParamKeeping(unsigned char* state, const Switches& switches, int doa_update_flag);
 
-}  // namespace vorn::test
+}  // namespace vorn::sim

@@ -10,14 +10,15 @@
 #include <string>
 #include <vector>
 
-#include "scene/metrics.h"
-#include "scene/room_impulse_response.h"
-#include "scene/scene.h"
+#include "audio_io/wav_file.h"
+#include "sim/metrics.h"
+#include "sim/room_impulse_response.h"
+#include "sim/scene.h"
 #include "scene/scene_io.h"
-#include "scene/signal_ops.h"
-#include "support/wav_file.h"
+#include "sim/signal_ops.h"
+#include "support/files.h"
 
-namespace vorn::bench {
+namespace vorn::sim {
 namespace {
 
 constexpr double kPi = std::numbers::pi;
@@ -42,10 +43,10 @@ RenderedScene Render(const Scene& scene) {
 
 // x delayed by whole samples and scaled: a system with a known latency and gain.
 Signal DelayedScaled(const Signal& x, long delay, double gain) {
-  return test::Mix(Signal(x.size(), 0.0f), Advance(x, -delay), gain);
+  return Mix(Signal(x.size(), 0.0f), Advance(x, -delay), gain);
 }
 
-TEST(BenchScene, SourceAtAnAzimuthReachesItsMicrophoneFirst) {
+TEST(Simulator, SourceAtAnAzimuthReachesItsMicrophoneFirst) {
   for (double rt60 : {0.0, 0.25}) {
     for (int lead = 0; lead < kMics; ++lead) {
       SCOPED_TRACE(testing::Message() << "RT60 " << rt60 << " s, azimuth " << 120 * lead);
@@ -56,7 +57,7 @@ TEST(BenchScene, SourceAtAnAzimuthReachesItsMicrophoneFirst) {
       scene.azimuth_deg = 120.0 * lead;
       scene.elevation_deg = 0.0;
       const RenderedScene r = Render(scene);
-      EXPECT_EQ(test::ToPcm(r.target), test::ToPcm(Channel(r.mics, 0)));  // the target is all it records
+      EXPECT_EQ(ToPcm(r.target), ToPcm(Channel(r.mics, 0)));  // the target is all it records
       // The other two hear the direct sound 1.5 R / c = 2.75 samples later;
       // reverberation, correlated at lag 0, pulls the peak towards 0.
       for (int other : {(lead + 1) % kMics, (lead + 2) % kMics}) {
@@ -91,7 +92,7 @@ double MeasuredRt60(const std::vector<double>& h) {
   return -60.0 * (count * sxx - sx * sx) / (count * sxy - sx * sy);
 }
 
-TEST(BenchScene, ImpulseResponsesHaveTheGeometrysDelaysAndTheRequestedRt60) {
+TEST(Simulator, ImpulseResponsesHaveTheGeometrysDelaysAndTheRequestedRt60) {
   const Point centre{3.0, 2.5, 1.2};
   // Azimuth, elevation (degrees) and distance (m) of the source.
   for (const auto& [azimuth, elevation, distance] :
@@ -125,7 +126,7 @@ TEST(BenchScene, ImpulseResponsesHaveTheGeometrysDelaysAndTheRequestedRt60) {
 // is the field's: none for sensor noise; Si(x)/x for white noise up to 8 kHz
 // in a diffuse field (x = 2 pi 8 kHz d / c, d the spacing); full for a point
 // source on the pair's bisector. The metrics read back what was put in.
-TEST(BenchScene, EachNoiseLandsAtItsLevelAndTheMetricsReadItBack) {
+TEST(Simulator, EachNoiseLandsAtItsLevelAndTheMetricsReadItBack) {
   const double x = 2.0 * kPi * 8000.0 * kArrayRadiusM * std::sqrt(3.0) / kSpeedOfSound;
   double si = 0.0;  // Si(x) by the midpoint rule
   for (int k = 0; k < 10000; ++k) si += std::sin((k + 0.5) * x / 10000) / ((k + 0.5) * x / 10000) * x / 10000;
@@ -154,8 +155,8 @@ TEST(BenchScene, EachNoiseLandsAtItsLevelAndTheMetricsReadItBack) {
     EXPECT_EQ(again.truth.speech, r.truth.speech);
     scene.seed += 1;
     EXPECT_NE(Render(scene).mics, r.mics);
-    const Signal mic0 = Channel(r.mics, 0), mic1 = Channel(r.mics, 1), noise = test::Mix(mic0, r.target, -1.0);
-    EXPECT_NEAR(test::RmsDbfs(noise), c.talker_dbfs - c.noise.snr_db, 0.1);
+    const Signal mic0 = Channel(r.mics, 0), mic1 = Channel(r.mics, 1), noise = Mix(mic0, r.target, -1.0);
+    EXPECT_NEAR(RmsDbfs(noise), c.talker_dbfs - c.noise.snr_db, 0.1);
     levels.push_back(ActiveLevelDbfs(r.target, r.truth.speech));
     EXPECT_NEAR(levels.back(), c.talker_dbfs, 1.0);  // frame labels blur the syllable edges
     if (!std::isnan(c.correlation)) {
@@ -170,13 +171,13 @@ TEST(BenchScene, EachNoiseLandsAtItsLevelAndTheMetricsReadItBack) {
     EXPECT_EQ(identity.SiSdrImprovementDb(), 0.0);
     EXPECT_NEAR(identity.snr_in_db, c.noise.snr_db, 2.5);
     EXPECT_GT(SiSdrDb(r.target, r.target), 150.0);
-    EXPECT_GT(SiSdrDb(ToSignal(test::ToPcm(r.target)), r.target), 50.0);
+    EXPECT_GT(SiSdrDb(ToSignal(ToPcm(r.target)), r.target), 50.0);
     EXPECT_GT(ScoreEnhancement(mic0, r.target, r.target).si_sdr_out_db, 150.0);
     // A system that keeps the target, cuts the rest by a known factor, applies
     // its own gain and answers late scores the cut (the SNR reading needs the
     // noise well below the speech), and its latency is found.
     for (const auto& [gain, output_gain, delay] : {std::tuple{0.1, 1.0, 0L}, {0.1, 2.0, 160L}, {0.316, 0.5, 333L}}) {
-      const Signal output = DelayedScaled(test::Mix(r.target, noise, gain), delay, output_gain);
+      const Signal output = DelayedScaled(Mix(r.target, noise, gain), delay, output_gain);
       const Enhancement e = ScoreEnhancement(mic0, output, r.target);
       EXPECT_EQ(e.latency, delay);
       EXPECT_NEAR(e.SiSdrImprovementDb(), -20.0 * std::log10(gain), 0.3);
@@ -189,29 +190,29 @@ TEST(BenchScene, EachNoiseLandsAtItsLevelAndTheMetricsReadItBack) {
 }
 
 // A user's recording talks over the far end's echo; the scene is written to disk.
-TEST(BenchScene, UserTalkerOverEchoSpansLevelLagClippingErleAndFiles) {
+TEST(Simulator, UserTalkerOverEchoSpansLevelLagClippingErleAndFiles) {
   const std::string dir = test::MakeTempDir("bench_scene");
   // The recording: silence, then a burst of speech-like sound.
   const std::vector<std::int16_t> recording =
-      test::ToPcm(test::MakeSpeechLike(32000, 7, {.lead_silence_s = 0.5}).samples);
-  ASSERT_TRUE(test::WriteWav(dir + "/talker.wav", recording, 1));
-  ASSERT_TRUE(test::WriteWav(dir + "/stereo.wav", std::vector<std::int16_t>(200), 2));
+      ToPcm(MakeSpeechLike(32000, 7, {.lead_silence_s = 0.5}).samples);
+  ASSERT_TRUE(WriteWavFile(dir + "/talker.wav", recording, 1));
+  ASSERT_TRUE(WriteWavFile(dir + "/stereo.wav", std::vector<std::int16_t>(200), 2));
   Scene scene = ShortScene();
   scene.echo_level_dbfs = -22.0;
   std::string error;
-  EXPECT_FALSE(ReadSourceWav(dir + "/stereo.wav", &scene.talker, &error));
+  EXPECT_FALSE(bench::ReadSourceWav(dir + "/stereo.wav", &scene.talker, &error));
   EXPECT_FALSE(error.empty());
-  ASSERT_TRUE(ReadSourceWav(dir + "/talker.wav", &scene.talker, &error)) << error;
+  ASSERT_TRUE(bench::ReadSourceWav(dir + "/talker.wav", &scene.talker, &error)) << error;
   const std::vector<std::uint8_t> active = EnergyActivity(scene.talker);
   EXPECT_TRUE(active[4000] == 0 && active[9000] == 1);  // in the lead silence, in the burst
   const RenderedScene r = Render(scene);
-  ASSERT_TRUE(WriteScene(dir + "/scene", scene, r, &error)) << error;
-  test::WavData mics, target;
-  ASSERT_TRUE(test::ReadWav(dir + "/scene/mics.wav", &mics));
-  ASSERT_TRUE(test::ReadWav(dir + "/scene/target.wav", &target));
+  ASSERT_TRUE(bench::WriteScene(dir + "/scene", scene, r, &error)) << error;
+  WavAudio mics, target;
+  ASSERT_TRUE(ReadWavFile(dir + "/scene/mics.wav", &mics));
+  ASSERT_TRUE(ReadWavFile(dir + "/scene/target.wav", &target));
   EXPECT_EQ(mics.channels, 3);
   EXPECT_EQ(mics.samples, r.mics);
-  EXPECT_EQ(target.samples, test::ToPcm(r.target));
+  EXPECT_EQ(target.samples, ToPcm(r.target));
   const std::string truth = test::ReadText(dir + "/scene/truth.json");
   EXPECT_NE(truth.find("\"azimuth_deg\": 60"), std::string::npos);
   EXPECT_NE(truth.find("\"double_talk\": [["), std::string::npos);
@@ -246,7 +247,7 @@ TEST(BenchScene, UserTalkerOverEchoSpansLevelLagClippingErleAndFiles) {
   EXPECT_TRUE(si_sdr > 3.0 && si_sdr < 20.0) << si_sdr;
 }
 
-TEST(BenchScene, VadAndDoaScores) {
+TEST(Simulator, VadAndDoaScores) {
   std::vector<std::uint8_t> labels(100, 0), late(102, 0);
   for (std::size_t f = 20; f < 50; ++f) labels[f] = late[f + 2] = 1;
   const VadScores all_on = ScoreVad(std::vector<std::uint8_t>(100, 1), labels);
@@ -266,7 +267,7 @@ TEST(BenchScene, VadAndDoaScores) {
   EXPECT_DOUBLE_EQ(doa.share_within_10, 4.0 / 6.0);
 }
 
-TEST(BenchScene, BadScenesAreRefused) {
+TEST(Simulator, BadScenesAreRefused) {
   std::vector<Scene> bad(5, ShortScene());
   bad[0].distance_m = 9.0;             // the talker through the wall
   bad[1].talker_end_s = 5.0;           // talking past the end
@@ -282,4 +283,4 @@ TEST(BenchScene, BadScenesAreRefused) {
 }
 
 }  // namespace
-}  // namespace vorn::bench
+}  // namespace vorn::sim

@@ -1,10 +1,10 @@
 // Array and source positions in the room frame (see geometry.h).
-#include "scene/geometry.h"
+#include "sim/geometry.h"
 
 #include <cmath>
 #include <numbers>
 
-namespace vorn::bench {
+namespace vorn::sim {
 
 namespace {
 constexpr double kDegree = std::numbers::pi / 180.0;
@@ -15,7 +15,7 @@ double Distance(const Point& a, const Point& b) {
   return std::sqrt(dx * dx + dy * dy + dz * dz);
 }
 
-Point MicPosition(const Point& centre, int m) { return PointToward(centre, 120.0 * m, 0.0, kArrayRadiusM); }
+Point MicPosition(const Point& centre, int m) { return PointToward(centre, MicAzimuthDeg(m), 0.0, kArrayRadiusM); }
 
 Point PointToward(const Point& centre, double azimuth_deg, double elevation_deg, double distance_m) {
   const double az = azimuth_deg * kDegree, el = elevation_deg * kDegree;
@@ -28,4 +28,4 @@ bool InsideRoom(const Point& size, const Point& p, double margin) {
          p.z <= size.z - margin;
 }
 
-}  // namespace vorn::bench
+}  // namespace vorn::sim

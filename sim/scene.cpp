@@ -5,16 +5,16 @@
 // active level, each noise to its SNR against the talker's nominal level.
 // Labels follow the sources' syllable activity, moved to the microphones'
 // time line by the direct-path delay to microphone 0.
-#include "scene/scene.h"
+#include "sim/scene.h"
 
 #include <algorithm>
 #include <cmath>
 #include <numbers>
 #include <random>
 
-#include "scene/signal_ops.h"
+#include "sim/signal_ops.h"
 
-namespace vorn::bench {
+namespace vorn::sim {
 namespace {
 
 constexpr double kWallMarginM = 0.05;   // closest a source may come to a wall
@@ -40,7 +40,7 @@ void Scale(ThreeMics& x, double gain) {
   for (Signal& s : x) Scale(s, gain);
 }
 void AddInto(ThreeMics& sum, const ThreeMics& x) {
-  for (int m = 0; m < kMics; ++m) sum[m] = test::Mix(sum[m], x[m]);
+  for (int m = 0; m < kMics; ++m) sum[m] = Mix(sum[m], x[m]);
 }
 
 struct PlacedSource {
@@ -51,12 +51,12 @@ struct PlacedSource {
 // The given source (or a speech-like one) laid into [begin, end) of an
 // n-sample recording; a given source longer than its window is cut.
 PlacedSource Place(const Signal& given, std::size_t n, std::size_t begin, std::size_t end, std::uint32_t seed,
-                   const test::SpeechLikeOptions& voice) {
+                   const SpeechLikeOptions& voice) {
   PlacedSource placed{Signal(n, 0.0f), std::vector<std::uint8_t>(n, 0)};
   if (end <= begin) return placed;
-  test::SpeechLike source;
+  SpeechLike source;
   if (given.empty()) {
-    source = test::MakeSpeechLike(end - begin, seed, voice);
+    source = MakeSpeechLike(end - begin, seed, voice);
   } else {
     source.samples = given;
     source.active = EnergyActivity(given);
@@ -84,9 +84,9 @@ ThreeMics ThroughRoom(const Scene& scene, const Point& source, const Signal& x) 
 
 Signal Coloured(NoiseColour colour, std::size_t n, std::uint32_t seed) {
   switch (colour) {
-    case NoiseColour::kWhite: return test::WhiteNoise(n, 1.0, seed);
-    case NoiseColour::kPink: return test::PinkNoise(n, 1.0, seed);
-    case NoiseColour::kSpeech: return test::MakeSpeechLike(n, seed).samples;
+    case NoiseColour::kWhite: return WhiteNoise(n, 1.0, seed);
+    case NoiseColour::kPink: return PinkNoise(n, 1.0, seed);
+    case NoiseColour::kSpeech: return MakeSpeechLike(n, seed).samples;
   }
   return Signal(n, 0.0f);
 }
@@ -104,10 +104,10 @@ ThreeMics DiffuseField(NoiseColour colour, std::size_t n, std::uint32_t seed) {
     const Signal source = Coloured(colour, n, SubSeed(seed, static_cast<std::uint32_t>(d)));
     for (int m = 0; m < kMics; ++m) {
       const double advance =
-          radius_samples * std::cos(elevation) * std::cos(azimuth - m * 2.0 * std::numbers::pi / 3.0);
+          radius_samples * std::cos(elevation) * std::cos(azimuth - MicAzimuthDeg(m) * std::numbers::pi / 180.0);
       std::vector<double> kernel(static_cast<std::size_t>(2 * common_delay) + 2, 0.0);
       AddFractionalImpulse(common_delay - advance, 1.0, kernel);
-      out[m] = test::Mix(out[m], Convolve(source, kernel));
+      out[m] = Mix(out[m], Convolve(source, kernel));
     }
   }
   return out;
@@ -127,11 +127,11 @@ ThreeMics Babble(const Scene& scene, int talkers, std::size_t n, std::uint32_t s
       distance *= 0.9;
       where = PointToward(scene.array_centre, azimuth, elevation, distance);
     }
-    test::SpeechLikeOptions voice;
+    SpeechLikeOptions voice;
     voice.f0_hz = 100.0 + 120.0 * unit(rng);
     voice.syllable_hz = 3.0 + 2.0 * unit(rng);
     voice.lead_silence_s = 0.4 * unit(rng);
-    const Signal talker = test::MakeSpeechLike(n, SubSeed(seed, 100u + static_cast<std::uint32_t>(k)), voice).samples;
+    const Signal talker = MakeSpeechLike(n, SubSeed(seed, 100u + static_cast<std::uint32_t>(k)), voice).samples;
     AddInto(out, ThroughRoom(scene, where, talker));
   }
   return out;
@@ -216,7 +216,7 @@ std::vector<std::uint8_t> EnergyActivity(const Signal& x) {
   std::vector<double> power(frames);
   for (std::size_t f = 0; f < frames; ++f) {
     const std::size_t begin = f * kFrame, count = std::min(kFrame, x.size() - begin);
-    power[f] = test::Rms(x.data() + begin, count);
+    power[f] = Rms(x.data() + begin, count);
     power[f] *= power[f];
   }
   std::vector<std::uint8_t> active(x.size(), 0);
@@ -245,7 +245,7 @@ bool RenderScene(const Scene& scene, RenderedScene* out, std::string* error) {
   const std::size_t reverb_tail = Samples(scene.room.rt60_s);
 
   // Talker.
-  test::SpeechLikeOptions near_voice;
+  SpeechLikeOptions near_voice;
   near_voice.f0_hz = 130.0;
   const PlacedSource talker = Place(scene.talker, n, Samples(scene.talker_begin_s), Samples(scene.talker_end_s),
                                     SubSeed(scene.seed, 1), near_voice);
@@ -253,21 +253,21 @@ bool RenderScene(const Scene& scene, RenderedScene* out, std::string* error) {
   const std::size_t talker_delay = DirectDelay(talker_at, mic0);
   const std::vector<std::uint8_t> talker_active = Delayed(talker.active, talker_delay);
   ThreeMics capture = ThroughRoom(scene, talker_at, talker.samples);
-  if (const double ms = test::MaskedMeanSquare(capture[0], talker_active, 1); ms > 0.0)
+  if (const double ms = MaskedMeanSquare(capture[0], talker_active, 1); ms > 0.0)
     Scale(capture, std::sqrt(talker_mean_square / ms));
   out->target = capture[0];
 
   // Far end: the reference as asked, the loudspeaker's (maybe clipped,
   // delayed) rendition of it through the room.
-  test::SpeechLikeOptions far_voice;
+  SpeechLikeOptions far_voice;
   far_voice.f0_hz = 210.0;
   far_voice.syllable_hz = 4.5;
   const PlacedSource far = Place(scene.far_end, n, Samples(scene.far_begin_s), Samples(scene.far_end_s),
                                  SubSeed(scene.seed, 2), far_voice);
   Signal drive = far.samples;
-  if (const double ms = test::MaskedMeanSquare(drive, far.active, 1); ms > 0.0)
+  if (const double ms = MaskedMeanSquare(drive, far.active, 1); ms > 0.0)
     Scale(drive, std::sqrt(DbfsToMeanSquare(scene.far_level_dbfs) / ms));
-  out->reference = test::ToPcm(drive);
+  out->reference = ToPcm(drive);
   double peak = 0.0;
   for (std::size_t i = 0; i < n; ++i) {
     drive[i] = out->reference[i];
@@ -284,26 +284,26 @@ bool RenderScene(const Scene& scene, RenderedScene* out, std::string* error) {
                              scene.array_centre.z + offset.z};
   const std::vector<std::uint8_t> far_active = Delayed(far.active, DirectDelay(loudspeaker_at, mic0) + echo_delay);
   ThreeMics echo = ThroughRoom(scene, loudspeaker_at, drive);
-  if (const double ms = test::MaskedMeanSquare(echo[0], far_active, 1); ms > 0.0)
+  if (const double ms = MaskedMeanSquare(echo[0], far_active, 1); ms > 0.0)
     Scale(echo, std::sqrt(DbfsToMeanSquare(scene.echo_level_dbfs) / ms));
   AddInto(capture, echo);
 
   for (std::size_t k = 0; k < scene.noises.size(); ++k) {
     const NoiseSource& noise_source = scene.noises[k];
     ThreeMics noise = RenderNoise(scene, noise_source, n, SubSeed(scene.seed, 10u + static_cast<std::uint32_t>(k)));
-    const double ms = test::Rms(noise[0]) * test::Rms(noise[0]);
+    const double ms = Rms(noise[0]) * Rms(noise[0]);
     if (ms > 0.0) Scale(noise, std::sqrt(talker_mean_square / std::pow(10.0, noise_source.snr_db / 10.0) / ms));
     AddInto(capture, noise);
   }
-  out->mics = test::Interleave(capture);
+  out->mics = Interleave(capture);
 
   Truth& truth = out->truth;
   truth.azimuth_deg = scene.azimuth_deg;
   truth.elevation_deg = scene.elevation_deg;
   truth.distance_m = scene.distance_m;
   truth.talker_delay = talker_delay;
-  truth.speech = test::FrameLabels(talker_active);
-  truth.far_end = test::FrameLabels(far_active);
+  truth.speech = FrameLabels(talker_active);
+  truth.far_end = FrameLabels(far_active);
   const std::vector<std::uint8_t> near_present = Presence(talker_active, reverb_tail, frames);
   const std::vector<std::uint8_t> far_present = Presence(far_active, reverb_tail, frames);
   truth.far_single_talk = Runs(far_present, near_present, true, false);
@@ -312,4 +312,4 @@ bool RenderScene(const Scene& scene, RenderedScene* out, std::string* error) {
   return true;
 }
 
-}  // namespace vorn::bench
+}  // namespace vorn::sim

@@ -1,6 +1,7 @@
-// Test signals a user would feed the front end: noise, speech-like talkers,
-// plane waves on the three-microphone array, and the level measures the
-// tests assert on. Everything is deterministic for a given seed.
+// Signals a user would feed the front end: noise, speech-like talkers, plane
+// waves on the three-microphone array, and the level measures the demo, the
+// benchmarks and the tests judge results by. Everything is deterministic for
+// a given seed.
 #pragma once
 
 #include <array>
@@ -8,11 +9,16 @@
 #include <cstdint>
 #include <vector>
 
-namespace vorn::test {
+#include "vorn_array.h"
 
-constexpr int kSampleRate = 16000;
-constexpr double kArrayRadiusM = 0.039;   // microphones at 0, 120 and 240 degrees
-constexpr double kSpeedOfSound = 340.0;   // m/s, the figure the weight tables assume
+namespace vorn::sim {
+
+// The array of vorn_array.h, which the weight tables are designed for.
+constexpr int kSampleRate = VORN_SAMPLE_RATE_HZ;
+constexpr int kMics = VORN_MICS;
+constexpr double kArrayRadiusM = VORN_ARRAY_RADIUS_M;
+constexpr double kSpeedOfSound = VORN_SPEED_OF_SOUND_M_S;
+constexpr double MicAzimuthDeg(int m) { return VORN_MIC_AZIMUTH_DEG(m); }
 
 using Signal = std::vector<float>;
 using ThreeMics = std::array<Signal, 3>;
@@ -47,7 +53,8 @@ std::vector<std::uint8_t> FrameLabels(const std::vector<std::uint8_t>& active, s
 
 // The signal as the three microphones receive it from a far source at the
 // given azimuth (degrees, array frame) and elevation (degrees from the array
-// plane). Microphone m leads the array centre by R*cos(el)*cos(az - phi_m)/c;
+// plane). Microphone m, at azimuth phi_m, leads the array centre by
+// R*cos(el)*cos(az - phi_m)/c;
 // the fractional delays are applied with a windowed-sinc interpolator and a
 // common delay of 16 samples so that every microphone's filter is causal.
 ThreeMics PlaneWave(const Signal& source, double azimuth_deg, double elevation_deg = 0.0);
@@ -73,4 +80,4 @@ double RmsDbfs(const Signal& x);                // relative to full-scale 32768
 // Energy (mean square) of x over the samples where mask[i] == want.
 double MaskedMeanSquare(const Signal& x, const std::vector<std::uint8_t>& mask, std::uint8_t want);
 
-}  // namespace vorn::test
+}  // namespace vorn::sim

@@ -1,4 +1,4 @@
-// Drives one noise-suppressor instance over a whole test signal, hop by hop,
+// Drives one noise-suppressor instance over a whole signal, hop by hop,
 // the way the front end does, so tests and benchmarks look at the results a
 // user would get rather than at single calls.
 #pragma once
@@ -8,9 +8,9 @@
 #include <vector>
 
 #include "adsp_ns/adsp_ns_proc.h"
-#include "support/signals.h"
+#include "sim/signals.h"
 
-namespace vorn::test {
+namespace vorn::sim {
 
 class NsInstance {
  public:
@@ -36,4 +36,4 @@ class NsInstance {
 // hop's 128 samples are active.
 std::vector<std::uint8_t> HopLabels(const std::vector<std::uint8_t> &active);
 
-}  // namespace vorn::test
+}  // namespace vorn::sim

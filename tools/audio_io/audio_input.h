@@ -1,5 +1,6 @@
-// Reading 16-bit audio for `vorn`: WAV files in whatever chunk order a
-// writer chose, raw little-endian samples, and standard input.
+// Reading 16-bit audio: WAV files in whatever chunk order a writer chose,
+// raw little-endian samples, and standard input. The one WAV reader of the
+// tools, the benchmarks and the tests.
 #pragma once
 
 #include <cstdint>
@@ -8,16 +9,9 @@
 #include <string>
 #include <vector>
 
-namespace vorn::cli {
+#include "audio_io/wav_chunks.h"
 
-// What a WAV file's format chunk says (for raw input: what is assumed).
-struct AudioFormat {
-  int format_tag = 1;  // 1 PCM; WAVE_FORMAT_EXTENSIBLE is resolved to its sub-format
-  int channels = 0;
-  int sample_rate = 16000;
-  int bits = 16;
-  int block_align = 0;
-};
+namespace vorn {
 
 class AudioInput {
  public:
@@ -55,7 +49,7 @@ class AudioInput {
   bool ReadWavHeader(std::string* error);
   bool WalkChunksSeekable(uint32_t riff_size, std::string* error);
   bool WalkChunksStream(std::string* error);
-  bool ParseFormat(const unsigned char* bytes, uint32_t size, std::string* error);
+  bool TakeFormat(const unsigned char* bytes, uint32_t size, std::string* error);
   size_t ReadBytes(void* dst, size_t count);
 
   FILE* stream_ = nullptr;
@@ -73,4 +67,4 @@ class AudioInput {
   std::string read_error_;
 };
 
-}  // namespace vorn::cli
+}  // namespace vorn
