@@ -15,13 +15,18 @@
 #include <cmath>
 #include <complex>
 
-#include "adsp_bf/array_geometry.h"
+#include "vorn_array.h"
 
 namespace vorn {
 namespace {
 
 using Complex = std::complex<double>;
 constexpr double kPi = 3.14159265358979323846;
+// Centre to microphone, in samples: the largest lead of a microphone over the
+// centre for a source in the array plane.
+constexpr double kRadiusSamples = VORN_ARRAY_RADIUS_M * VORN_SAMPLE_RATE_HZ / VORN_SPEED_OF_SOUND_M_S;
+// Every pair of microphones is one chord, radius * sqrt(3), apart.
+constexpr double kChordM = VORN_ARRAY_RADIUS_M * 1.7320508075688772;
 
 // exp(-j 2 pi k kBeamDelay / 512) = (-j)^k for the quarter-block delay.
 Complex CommonDelay(int k) {
@@ -40,14 +45,15 @@ Complex SteeringStep(int m, double azimuth_deg) {
 }
 
 double DiffuseCoherence(int k) {
-  const double x = 2.0 * kPi * (k * kArrayRateHz / kBfFftLen) * kMicChordM / kSpeedOfSoundMs;
+  const double hz = k * static_cast<double>(VORN_SAMPLE_RATE_HZ) / kBfFftLen;
+  const double x = 2.0 * kPi * hz * kChordM / VORN_SPEED_OF_SOUND_M_S;
   return x == 0.0 ? 1.0 : std::sin(x) / x;
 }
 
 }  // namespace
 
 double MicLeadSamples(int m, double azimuth_deg) {
-  return kArrayRadiusSamples * std::cos((azimuth_deg - kMicSpacingDeg * m) * kPi / 180.0);
+  return kRadiusSamples * std::cos((azimuth_deg - VORN_MIC_AZIMUTH_DEG(m)) * kPi / 180.0);
 }
 
 void DesignBeam(const BeamDesign& design, BeamWeights* weights) {
