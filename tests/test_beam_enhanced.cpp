@@ -172,7 +172,8 @@ TEST(EnhancedBeam, AttenuatesASourceBehindTheLookDirection) {
 // smooth signal shows up there first.
 double Roughness(const Signal& x, std::size_t from, std::size_t to) {
   double worst = 0.0;
-  for (std::size_t t = from + 2; t < to; ++t) worst = std::max(worst, std::abs(double(x[t]) - 2.0 * x[t - 1] + x[t - 2]));
+  for (std::size_t t = from + 2; t < to; ++t)
+    worst = std::max(worst, std::abs(double(x[t]) - 2.0 * x[t - 1] + x[t - 2]));
   return worst;
 }
 

@@ -105,7 +105,8 @@ TEST(LevelControl, CatchesUpWithATwentyDecibelJumpWithinTwoSeconds) {
     LevelInit(&st);
     const Output out = RunLevel(&st, in, [&](std::size_t f) { return Honest(in, f); });
     // From two seconds after the jump on, every half second is within 3 dB.
-    for (double t = 8.0; t < 12.0; t += 0.5) EXPECT_NEAR(LevelOver(out.pcm, in.speech, t, t + 0.5, true), -26.0, 3.0) << t;
+    for (double t = 8.0; t < 12.0; t += 0.5)
+      EXPECT_NEAR(LevelOver(out.pcm, in.speech, t, t + 0.5, true), -26.0, 3.0) << t;
     // And the gain is steady meanwhile: no pumping with the syllables.
     double low = 1e9, high = -1e9;
     for (std::size_t f = 9 * 62; f < 12 * 62 - 1; ++f) {
@@ -130,9 +131,12 @@ TEST(LevelControl, PausesAndEchoKeepTheFloorWhereItWas) {
   const Case cases[] = {
       {"presence honest", [](const Input& in, std::size_t f) { return Honest(in, f); }, -200.0},
       {"presence fires on the noise",
-       [&](const Input& in, std::size_t f) { return in_pause(f) ? LevelCues{1.0f, false, false} : Honest(in, f); }, -200.0},
+       [&](const Input& in, std::size_t f) { return in_pause(f) ? LevelCues{1.0f, false, false} : Honest(in, f); },
+       -200.0},
       {"echo alone",
-       [&](const Input& in, std::size_t f) { return in_pause(f) ? LevelCues{1.0f, (f / 10) % 2 == 0, false} : Honest(in, f); },
+       [&](const Input& in, std::size_t f) {
+         return in_pause(f) ? LevelCues{1.0f, (f / 10) % 2 == 0, false} : Honest(in, f);
+       },
        -55.0},
   };
   for (const Case& c : cases) {

@@ -268,7 +268,8 @@ bool FaultSection(std::string& md, std::string* error) {
     const std::uint32_t want = fault.dead ? VORN_WARN_MIC_DEAD(fault.mic) : VORN_WARN_MIC_CLIPPED(fault.mic);
     for (std::size_t s = 0; s < scenes.size(); ++s) {
       const std::vector<std::uint32_t>& warnings = runs[s][0].warnings;
-      const auto first = std::find_if(warnings.begin(), warnings.end(), [want](std::uint32_t w) { return (w & want) != 0; });
+      const auto first =
+          std::find_if(warnings.begin(), warnings.end(), [want](std::uint32_t w) { return (w & want) != 0; });
       std::string detected = "never";
       if (first != warnings.end()) {
         const double at_s = static_cast<double>(first - warnings.begin() + 1) * kFrame / kSampleRate;

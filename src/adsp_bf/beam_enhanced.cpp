@@ -110,7 +110,8 @@ void BandPowers(const float* spectrum, float power[kBlendBands]) {
   float bin[kBfNumBins];
   bin[0] = spectrum[0] * spectrum[0];
   bin[kHalf] = spectrum[kHalf] * spectrum[kHalf];
-  for (int k = 1; k < kHalf; ++k) bin[k] = spectrum[k] * spectrum[k] + spectrum[kBfFftLen - k] * spectrum[kBfFftLen - k];
+  for (int k = 1; k < kHalf; ++k)
+    bin[k] = spectrum[k] * spectrum[k] + spectrum[kBfFftLen - k] * spectrum[kBfFftLen - k];
   for (int b = 0; b + 1 < kBlendBands; ++b)
     power[b] = bin[4 * b] + bin[4 * b + 1] + bin[4 * b + 2] + bin[4 * b + 3];
   power[kBlendBands - 1] = bin[kHalf];

@@ -14,6 +14,7 @@ struct EnhancedModules {
 };
 
 // Beam and level control share a budget of 24 KB.
-static_assert(sizeof(EnhancedBeamState) + sizeof(EnhancedLevelState) <= 24 * 1024, "beam and level outgrew their budget");
+static_assert(sizeof(EnhancedBeamState) + sizeof(EnhancedLevelState) <= 24 * 1024,
+              "beam and level outgrew their budget");
 
 }  // namespace vorn
