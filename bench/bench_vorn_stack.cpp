@@ -96,4 +96,17 @@ void BM_StackVornDoa(benchmark::State& state) {
 }
 BENCHMARK(BM_StackVornDoa)->Arg(1)->Arg(2)->Iterations(1)->Unit(benchmark::kMillisecond);
 
+// The enhanced profile: the heaviest frame (direction tracking included) and
+// the search over a stretch, which holds its pooled evidence on the stack.
+void BM_StackEnhanced(benchmark::State& state) {
+  std::size_t peak = 0;
+  for (auto _ : state) {
+    Job job{static_cast<int>(state.range(0)), state.range(0) == 2};
+    job.profile = VORN_PROFILE_ENHANCED;
+    peak = PeakStack(job);
+  }
+  state.counters["stack_bytes"] = static_cast<double>(peak);
+}
+BENCHMARK(BM_StackEnhanced)->ArgName("doa")->Arg(1)->Arg(2)->Iterations(1)->Unit(benchmark::kMillisecond);
+
 }  // namespace

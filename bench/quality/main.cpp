@@ -11,9 +11,11 @@
 #include <vector>
 
 #include "quality/beam_grid.h"
+#include "quality/direction_bench.h"
 #include "quality/grid.h"
 #include "quality/level_grid.h"
 #include "quality/markdown.h"
+#include "quality/noise_vad_section.h"
 #include "quality/scoring.h"
 #include "quality/systems.h"
 #include "sim/metrics.h"
@@ -609,16 +611,28 @@ std::string FindingsMarkdown(const Results& results) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  // vorn_bench_quality OUT_DIR [--only beam|level]: the sections a change
-  // is about can be run alone. They go to OUT_DIR/sections, one file each,
-  // which the report links.
-  const std::string only = argc == 4 && std::string(argv[2]) == "--only" ? argv[3] : "";
-  if (argc != 2 && (only != "beam" && only != "level")) {
-    std::fprintf(stderr, "usage: vorn_bench_quality OUT_DIR [--only beam|level]\n");
+  // --only TOPIC runs one section alone (direction, noise_vad, beam or
+  // level; the last two go to OUT_DIR/sections, which the report links);
+  // --match TEXT keeps the direction section's scenes whose name contains
+  // TEXT (a quicker look while developing).
+  std::string only, match;
+  std::vector<std::string> rest;
+  for (int i = 1; i < argc; ++i) {
+    const std::string arg = argv[i];
+    if ((arg == "--only" || arg == "--match") && i + 1 < argc)
+      (arg == "--only" ? only : match) = argv[++i];
+    else
+      rest.push_back(arg);
+  }
+  const bool known = only.empty() || only == "direction" || only == "noise_vad" || only == "beam" || only == "level";
+  if (rest.size() != 1 || !known) {
+    std::fprintf(stderr, "usage: vorn_bench_quality OUT_DIR [--only direction|noise_vad|beam|level] [--match TEXT]\n");
     return 2;
   }
-  const std::filesystem::path dir = argv[1];
+  const std::filesystem::path dir = rest[0];
   std::filesystem::create_directories(dir);
+  if (only == "direction") return RunDirectionBench(dir, match);
+  if (only == "noise_vad") return vorn::bench::RunNoiseVadSection(dir);
   std::string section_error;
   const std::filesystem::path sections = dir / "sections";
   std::filesystem::create_directories(sections);
@@ -637,6 +651,7 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "wrote %s\n", (sections / "level.md").c_str());
   }
   if (!only.empty()) return 0;
+  if (const int rc = vorn::bench::RunNoiseVadSection(dir); rc != 0) return rc;
   Results results;
   results.scenes = AllScenes();
   const std::vector<System> systems = Systems();
@@ -681,5 +696,5 @@ int main(int argc, char** argv) {
     std::fclose(headline);
   }
   std::printf("%s", md.c_str());
-  return 0;
+  return RunDirectionBench(dir);
 }

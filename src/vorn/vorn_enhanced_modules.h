@@ -5,10 +5,15 @@
 
 #include "adsp_agc/level_control.h"
 #include "adsp_bf/beam_enhanced.h"
+#include "adsp_bf/doa_tracker_enhanced.h"
+#include "adsp_ns/ns_enhanced.h"
 
 namespace vorn {
 
 struct EnhancedModules {
+  // Enhanced modules add their records here.
+  EnhancedSpeechRecords speech;  // speech presence, suppressor, speech flag
+  TDoaTrackerEnhanced doa_tracker;
   EnhancedBeamState beam;
   EnhancedLevelState level;
 };

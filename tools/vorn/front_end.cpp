@@ -113,13 +113,21 @@ uint32_t FrontEnd::warnings() const {
   return VornGetWarnings(&pm_, &warnings) == 0 ? warnings : 0u;
 }
 
+double FrontEnd::DirectionConfidence() const {
+  float confidence = 0.0f;
+  return VornGetDoaConfidence(&pm_, &confidence) == 0 ? confidence : 0.0;
+}
+
 int FrontEnd::UtteranceDirection(int doa_flag, const int16_t* mics, int samples_per_channel, int* azimuth_deg) {
   // The search reads the active switches as they stand and leaves its result
   // in the azimuth field, which the next frame would pass on; both are put
   // back so that asking for a direction never changes the processing.
   const int32_t saved_doa = pm_.doa_flag;
   const int32_t saved_azimuth = pm_.azimuth;
-  std::vector<short> block(mics, mics + static_cast<size_t>(kMics) * static_cast<size_t>(samples_per_channel));
+  // A history search (doa_flag 1) reads no samples but is handed one frame
+  // of them.
+  const size_t frames = samples_per_channel > 0 ? static_cast<size_t>(samples_per_channel) : 1;
+  std::vector<short> block(mics, mics + static_cast<size_t>(kMics) * frames);
   pm_.doa_flag = doa_flag;
   const int code = VornDoa(&pm_, block.data(), mic_order_, samples_per_channel);
   *azimuth_deg = pm_.azimuth;

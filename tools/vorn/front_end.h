@@ -40,6 +40,9 @@ class FrontEnd {
   // with the direction search `doa_flag` (1 reads the per-frame history, 2
   // and 3 search the samples). The per-frame switches stay as they were.
   int UtteranceDirection(int doa_flag, const int16_t* mics, int samples_per_channel, int* azimuth_deg);
+  // Confidence (0..1) of the direction last found (enhanced profile; 0
+  // with the classic one).
+  double DirectionConfidence() const;
 
  private:
   std::string Explain(int code, const char* stage) const;
