@@ -16,6 +16,7 @@
 #include "adsp_bf/audio_dsp_proc.h"
 #include "adsp_bf/beam_enhanced.h"
 #include "adsp_bf/doa_tracker_enhanced.h"
+#include "adsp_bf/util.h"
 #include "adsp_ns/adsp_ns_proc.h"
 #include "vorn/vorn_data_exchange.h"
 #include "vorn/vorn_enhanced_frame.h"
