@@ -104,7 +104,7 @@ done
 for profile in enhanced classic; do
   "$prefix/bin/vorn" process "$capture" -o "$scratch/vorn_$profile.wav" --config "$config" --profile "$profile"
 done
-warnings=(-Wall -Wextra -pedantic -Werror)
+warnings=(-Wall -Wextra -Wconversion -Wshadow -pedantic -Werror)
 for kind in shared static; do
   static=OFF
   [ "$kind" = static ] && static=ON

@@ -95,12 +95,12 @@ static int write_wav_header(FILE* f, uint32_t samples) {
   write_le32(h + 4, 36 + 2 * samples);
   memcpy(h + 8, "WAVEfmt ", 8);
   write_le32(h + 16, 16);
-  write_le16(h + 20, 1);             /* PCM */
-  write_le16(h + 22, 1);             /* channels */
-  write_le32(h + 24, kRate);         /* samples per second */
-  write_le32(h + 28, 2 * kRate);     /* bytes per second */
-  write_le16(h + 32, 2);             /* bytes per sample frame */
-  write_le16(h + 34, 16);            /* bits per sample */
+  write_le16(h + 20, 1);         /* PCM */
+  write_le16(h + 22, 1);         /* channels */
+  write_le32(h + 24, kRate);     /* samples per second */
+  write_le32(h + 28, 2 * kRate); /* bytes per second */
+  write_le16(h + 32, 2);         /* bytes per sample frame */
+  write_le16(h + 34, 16);        /* bits per sample */
   memcpy(h + 36, "data", 4);
   write_le32(h + 40, 2 * samples);
   return fwrite(h, 1, sizeof h, f) == sizeof h;
@@ -167,7 +167,7 @@ int main(int argc, char** argv) {
   pm.vorn_mode = mode;
   pm.doa_update_flag = 1; /* the suppressor's noise estimate steers direction finding */
   code = VornInit(&pm, config);
-  if (code == -1) return fail(NULL, NULL, out_path, config != NULL ? config : "VornInit", "cannot read the configuration");
+  if (code == -1) return fail(NULL, NULL, out_path, config, "cannot read the configuration");
   if (code != 0) {
     fprintf(stderr, "wav_enhance: VornInit failed with code %d\n", (int)code);
     return 1;
@@ -194,8 +194,7 @@ int main(int argc, char** argv) {
     short ref[kFrame] = {0};
     short enhanced[kFrame];
     size_t count = samples - done < kFrame ? samples - done : kFrame;
-    size_t n;
-    int m;
+    size_t n, m;
     if (fread(bytes, 2 * kChannels, count, in) != count)
       return fail(in, out, out_path, in_path, "the file ends before the audio its header announces");
     for (n = 0; n < count; ++n) {
