@@ -25,6 +25,7 @@ struct Job {
   int doa_flag = 0;
   bool utterance = false;
   int bf = 4, aec = 3, ns = 2;
+  int profile = VORN_PROFILE_CLASSIC;
 };
 
 void* RunJob(void* arg) {
@@ -39,6 +40,7 @@ void* RunJob(void* arg) {
                                .ns = job.ns, .azimuth = 60, .vad_mode = 1};
   T_VornParam pm = sim::ParamKeeping(buffer.data(), switches, 1);
   VornInit(&pm, nullptr);
+  VornSetProfile(&pm, job.profile);
   short out[256], order[3] = {0, 1, 2};
   if (job.utterance) {
     VornDoa(&pm, mics.data(), order, static_cast<int>(n));
@@ -71,6 +73,15 @@ void BM_StackVornProcHeaviest(benchmark::State& state) {
 }
 BENCHMARK(BM_StackVornProcHeaviest)->Iterations(1)->Unit(benchmark::kMillisecond);
 
+// The same switches through the enhanced frame: its adaptive beam keeps its
+// blocking outputs and their filtered sum on the stack.
+void BM_StackVornProcHeaviestEnhanced(benchmark::State& state) {
+  std::size_t peak = 0;
+  for (auto _ : state) peak = PeakStack(Job{1, false, 4, 3, 2, VORN_PROFILE_ENHANCED});
+  state.counters["stack_bytes"] = static_cast<double>(peak);
+}
+BENCHMARK(BM_StackVornProcHeaviestEnhanced)->Iterations(1)->Unit(benchmark::kMillisecond);
+
 void BM_StackVornProcDefault(benchmark::State& state) {
   std::size_t peak = 0;
   for (auto _ : state) peak = PeakStack(Job{0, false, 0, 0, 1});
@@ -84,5 +95,18 @@ void BM_StackVornDoa(benchmark::State& state) {
   state.counters["stack_bytes"] = static_cast<double>(peak);
 }
 BENCHMARK(BM_StackVornDoa)->Arg(1)->Arg(2)->Iterations(1)->Unit(benchmark::kMillisecond);
+
+// The enhanced profile: the heaviest frame (direction tracking included) and
+// the search over a stretch, which holds its pooled evidence on the stack.
+void BM_StackEnhanced(benchmark::State& state) {
+  std::size_t peak = 0;
+  for (auto _ : state) {
+    Job job{static_cast<int>(state.range(0)), state.range(0) == 2};
+    job.profile = VORN_PROFILE_ENHANCED;
+    peak = PeakStack(job);
+  }
+  state.counters["stack_bytes"] = static_cast<double>(peak);
+}
+BENCHMARK(BM_StackEnhanced)->ArgName("doa")->Arg(1)->Arg(2)->Iterations(1)->Unit(benchmark::kMillisecond);
 
 }  // namespace

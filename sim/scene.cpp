@@ -82,11 +82,29 @@ ThreeMics ThroughRoom(const Scene& scene, const Point& source, const Signal& x) 
   return {std::move(at_mics[0]), std::move(at_mics[1]), std::move(at_mics[2])};
 }
 
+// Steady noise shaped like speech's long-term spectrum: white noise, rolled
+// off below 100 Hz and falling 6 dB per octave above 500 Hz (one-pole
+// filters). Unlike a crowd of speech-like talkers, it has no syllable rhythm.
+Signal SpeechShaped(std::size_t n, std::uint32_t seed) {
+  Signal x = WhiteNoise(n, 1.0, seed);
+  const double high = std::exp(-2.0 * std::numbers::pi * 100.0 / kSampleRate);
+  const double low = std::exp(-2.0 * std::numbers::pi * 500.0 / kSampleRate);
+  double prev_in = 0.0, hp = 0.0, lp = 0.0;
+  for (float& v : x) {
+    hp = high * (hp + v - prev_in);
+    prev_in = v;
+    lp = (1.0 - low) * hp + low * lp;
+    v = static_cast<float>(lp);
+  }
+  return x;
+}
+
 Signal Coloured(NoiseColour colour, std::size_t n, std::uint32_t seed) {
   switch (colour) {
     case NoiseColour::kWhite: return WhiteNoise(n, 1.0, seed);
     case NoiseColour::kPink: return PinkNoise(n, 1.0, seed);
     case NoiseColour::kSpeech: return MakeSpeechLike(n, seed).samples;
+    case NoiseColour::kSpeechShaped: return SpeechShaped(n, seed);
   }
   return Signal(n, 0.0f);
 }

@@ -20,7 +20,9 @@ enum class NoiseKind {
   kInterferer,  // one point source through the room
 };
 
-enum class NoiseColour { kWhite, kPink, kSpeech };
+// kSpeech: a speech-like talker (syllables on and off); kSpeechShaped: a
+// steady noise with speech's long-term spectrum.
+enum class NoiseColour { kWhite, kPink, kSpeech, kSpeechShaped };
 
 struct NoiseSource {
   NoiseKind kind = NoiseKind::kSensor;

@@ -254,7 +254,9 @@ TEST_F(VornCli, EveryInputFormGivesTheSameOutput) {
 }
 
 TEST_F(VornCli, SwitchesReachTheLibraryAndTheSummaryShowsThem) {
-  const std::vector<int16_t> frames = Capture(0.5);
+  // Long enough for the enhanced level control to hear the talker: it keeps
+  // unity gain until it has.
+  const std::vector<int16_t> frames = Capture(1.5);
   ASSERT_TRUE(WriteWavFile(Path("in.wav"), frames, 3));
   // With every stage off the output is the first microphone, sample for sample.
   ASSERT_EQ(Run({"process", "in.wav", "-o", "plain.pcm", "--agc", "0", "--bf", "0", "--ns", "0"}).status, 0);
@@ -280,18 +282,22 @@ TEST_F(VornCli, SwitchesReachTheLibraryAndTheSummaryShowsThem) {
   ASSERT_TRUE(WriteBytes(Path("modes.ini"), "[VORN_COM]\nagc_flag = 0\nbf_flag = 1\ndoa_flag = 1\naec_flag = 0\n"
                                             "ns_flag = 2\nbf_zaimuth = 90\nvad_mode = 2\n"));
   const std::vector<std::pair<std::vector<std::string>, std::vector<int>>> summaries = {
-      {{"in.wav"}, {1, 0, 0, 0, 1, 0, 1}},
-      {{"in.wav", "--mode", "asr"}, {2, 0, 0, 0, 1, 0, 2}},
+      // The enhanced profile tracks the talker for the recording's direction
+      // unless told not to; the classic one keeps the mode's switch.
+      {{"in.wav"}, {1, 0, 1, 0, 1, 0, 1}},
+      {{"in.wav", "--doa", "0"}, {1, 0, 0, 0, 1, 0, 1}},
+      {{"in.wav", "--profile", "classic"}, {1, 0, 0, 0, 1, 0, 1}},
+      {{"in.wav", "--mode", "asr"}, {2, 0, 1, 0, 1, 0, 2}},
       {{"in.wav", "--mode", "2", "--agc", "0", "--bf", "2", "--doa", "3", "--ns", "0", "--azimuth", "45", "--vad-mode",
         "1"},
        {0, 2, 3, 0, 0, 45, 1}},
       {{"in.wav", "--mode", "comm", "--config", "modes.ini"}, {0, 1, 1, 0, 2, 90, 2}},
       {{"in.wav", "--mode", "comm", "--config", "modes.ini", "--ns", "1"}, {0, 1, 1, 0, 1, 90, 2}},
       // A reference switches the echo canceller on unless told otherwise.
-      {{"in4.wav"}, {1, 0, 0, 1, 1, 0, 1}},
-      {{"in4.wav", "--mode", "comm"}, {2, 0, 0, 2, 1, 0, 2}},
-      {{"in4.wav", "--aec", "0"}, {1, 0, 0, 0, 1, 0, 1}},
-      {{"in4.wav", "--aec", "3"}, {1, 0, 0, 3, 1, 0, 1}},
+      {{"in4.wav"}, {1, 0, 1, 1, 1, 0, 1}},
+      {{"in4.wav", "--mode", "comm"}, {2, 0, 1, 2, 1, 0, 2}},
+      {{"in4.wav", "--aec", "0"}, {1, 0, 1, 0, 1, 0, 1}},
+      {{"in4.wav", "--aec", "3"}, {1, 0, 1, 3, 1, 0, 1}},
       {{"in.wav", "--track", "t.csv"}, {1, 0, 1, 0, 1, 0, 1}},  // tracking is switched on for --track
   };
   // The profile in force: enhanced unless the command line says classic.
@@ -355,9 +361,19 @@ TEST_F(VornCli, PerFrameFilesSummaryAndDirection) {
     SCOPED_TRACE(doa);
     const CommandResult run = Run({"process", "in.wav", "-o", "out.wav", "--doa", doa, "--json"});
     const std::string direction = JsonField(run.out, "direction_deg");
-    if (doa[0] == '0') EXPECT_EQ(direction, "null");
-    else EXPECT_NEAR(std::stoi(direction), 200, 10);
+    const std::string confidence = JsonField(run.out, "direction_confidence");
+    if (doa[0] == '0') {
+      EXPECT_EQ(direction, "null");
+      EXPECT_EQ(confidence, "null");
+    } else {
+      EXPECT_NEAR(std::stoi(direction), 200, 10);
+      EXPECT_GT(std::stod(confidence), 0.5);
+    }
   }
+  // The classic profile's consensus gives a direction but no confidence.
+  const CommandResult classic = Run({"process", "in.wav", "-o", "out.wav", "--profile", "classic", "--json"});
+  EXPECT_NEAR(std::stoi(JsonField(classic.out, "direction_deg")), 200, 10);
+  EXPECT_EQ(JsonField(classic.out, "direction_confidence"), "null");
 }
 
 // A far-end talker's echo through a short room path on each microphone,

@@ -6,7 +6,8 @@
 //       [--echo-delay MS] [--noise KIND[:COLOUR]=SNR_DB]... [--interferer AZ,EL,DIST]
 //       [--talker-wav FILE] [--far-wav FILE]
 //
-// KIND is sensor, diffuse, babble or interferer; COLOUR white, pink or speech.
+// KIND is sensor, diffuse, babble or interferer; COLOUR white, pink, speech or
+// speech-shaped.
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -49,6 +50,7 @@ bool ParseNoise(const std::string& text, NoiseSource* noise) {
   if (colour == "white") noise->colour = NoiseColour::kWhite;
   else if (colour == "pink") noise->colour = NoiseColour::kPink;
   else if (colour == "speech") noise->colour = NoiseColour::kSpeech;
+  else if (colour == "speech-shaped") noise->colour = NoiseColour::kSpeechShaped;
   else return false;
   noise->snr_db = std::atof(text.c_str() + eq + 1);
   return true;

@@ -50,6 +50,7 @@ const char* ColourName(sim::NoiseColour colour) {
     case sim::NoiseColour::kWhite: return "white";
     case sim::NoiseColour::kPink: return "pink";
     case sim::NoiseColour::kSpeech: return "speech";
+    case sim::NoiseColour::kSpeechShaped: return "speech-shaped";
   }
   return "";
 }

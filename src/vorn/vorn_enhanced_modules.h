@@ -3,11 +3,23 @@
 // this list only places them.
 #pragma once
 
+#include "adsp_agc/level_control.h"
+#include "adsp_bf/beam_enhanced.h"
+#include "adsp_bf/doa_tracker_enhanced.h"
+#include "adsp_ns/ns_enhanced.h"
+
 namespace vorn {
 
 struct EnhancedModules {
   // Enhanced modules add their records here.
-  int reserved;
+  EnhancedSpeechRecords speech;  // speech presence, suppressor, speech flag
+  TDoaTrackerEnhanced doa_tracker;
+  EnhancedBeamState beam;
+  EnhancedLevelState level;
 };
+
+// Beam and level control share a budget of 24 KB.
+static_assert(sizeof(EnhancedBeamState) + sizeof(EnhancedLevelState) <= 24 * 1024,
+              "beam and level outgrew their budget");
 
 }  // namespace vorn

@@ -45,8 +45,18 @@ static_assert(kEnhancedRegionBytes == 111960);
 static_assert(sizeof(TVornEnhancedState) <= kEnhancedRegionBytes, "enhanced state outgrew its region");
 static_assert(alignof(TVornEnhancedState) <= 64);
 
+// The check every enhanced-profile call makes of the caller's record: 0 with
+// *enhanced set; 1..3 as the parameter check refuses the record; or
+// VORN_ERR_NOT_INITIALISED for a buffer VornInit has not prepared.
+int32_t CheckPrepared(const T_VornParam* pm, TVornEnhancedState** enhanced);
+
 inline TVornEnhancedState* EnhancedStateOf(TVornState* st) {
   return reinterpret_cast<TVornEnhancedState*>(reinterpret_cast<unsigned char*>(st) + kEnhancedRegionOffset);
 }
+
+// The record's own fields are sound and VornInit has prepared its buffer:
+// 0 with *enhanced set; 1 (record or buffer missing), 2 (buffer too small),
+// 3 (wrong record size) as the parameter check; or VORN_ERR_NOT_INITIALISED.
+int32_t CheckPrepared(const T_VornParam* pm, TVornEnhancedState** enhanced);
 
 }  // namespace vorn

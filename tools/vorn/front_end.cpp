@@ -68,7 +68,9 @@ bool FrontEnd::LoadModes(int mode, const std::string& config_path, std::string* 
     return false;
   }
   // Any other failure judged the mode's switches before the overrides;
-  // Start() judges the final ones.
+  // Start() judges the final ones. The level control's target is all else
+  // the file sets; it is read back here because Start() initialises again.
+  if (code == 0) VornGetAgcTarget(&pm_, &agc_target_dbfs_);
   return true;
 }
 
@@ -88,6 +90,7 @@ bool FrontEnd::Start(const sim::Switches& s, int profile, std::string* error) {
   }
   sim::CopySwitches(s, &pm_.in_argv[mode_]);
   pm_.vorn_mode = mode_;
+  VornSetAgcTarget(&pm_, agc_target_dbfs_);
   const int profile_code = VornSetProfile(&pm_, profile);
   if (profile_code != 0) {
     *error = Explain(profile_code, "selecting the processing profile");
@@ -105,13 +108,26 @@ int FrontEnd::Process(const int16_t* mics, const int16_t* reference, int16_t* ou
   return VornProc(&pm_, input, reference != nullptr ? ref : nullptr, out, mic_order_);
 }
 
+uint32_t FrontEnd::warnings() const {
+  uint32_t warnings = 0;
+  return VornGetWarnings(&pm_, &warnings) == 0 ? warnings : 0u;
+}
+
+double FrontEnd::DirectionConfidence() const {
+  float confidence = 0.0f;
+  return VornGetDoaConfidence(&pm_, &confidence) == 0 ? confidence : 0.0;
+}
+
 int FrontEnd::UtteranceDirection(int doa_flag, const int16_t* mics, int samples_per_channel, int* azimuth_deg) {
   // The search reads the active switches as they stand and leaves its result
   // in the azimuth field, which the next frame would pass on; both are put
   // back so that asking for a direction never changes the processing.
   const int32_t saved_doa = pm_.doa_flag;
   const int32_t saved_azimuth = pm_.azimuth;
-  std::vector<short> block(mics, mics + static_cast<size_t>(kMics) * static_cast<size_t>(samples_per_channel));
+  // A history search (doa_flag 1) reads no samples but is handed one frame
+  // of them.
+  const size_t frames = samples_per_channel > 0 ? static_cast<size_t>(samples_per_channel) : 1;
+  std::vector<short> block(mics, mics + static_cast<size_t>(kMics) * frames);
   pm_.doa_flag = doa_flag;
   const int code = VornDoa(&pm_, block.data(), mic_order_, samples_per_channel);
   *azimuth_deg = pm_.azimuth;

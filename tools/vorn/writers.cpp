@@ -68,6 +68,8 @@ std::string SummaryJson(const Summary& s) {
   json += "  \"speech_frames\": " + std::to_string(s.speech_frames) + ",\n";
   json += "  \"speech_share\": " + Fixed(share, 4) + ",\n";
   json += "  \"direction_deg\": " + (s.direction_deg ? std::to_string(*s.direction_deg) : std::string("null")) + ",\n";
+  json += "  \"direction_confidence\": " +
+          (s.direction_confidence ? Fixed(*s.direction_confidence, 2) : std::string("null")) + ",\n";
   json += "  \"realtime_factor\": " + Fixed(s.realtime_factor, 1) + "\n";
   json += "}\n";
   return json;

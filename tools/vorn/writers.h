@@ -24,6 +24,7 @@ struct Summary {
   uint64_t frames = 0;
   uint64_t speech_frames = 0;
   std::optional<int> direction_deg;
+  std::optional<double> direction_confidence;  // the enhanced profile's, 0..1
   double realtime_factor = 0.0;
 };
 std::string SummaryJson(const Summary& summary);
