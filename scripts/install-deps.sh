@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Installs what building Vorn needs on a Debian machine, only when missing:
-#   scripts/install-deps.sh           compilers, the test and benchmark libraries, and the
-#                                     aarch64 cross compiler and emulator the tests also run under
+#   scripts/install-deps.sh           compilers, the test and benchmark libraries, what the
+#                                     install check needs, and the aarch64 cross compiler and
+#                                     emulator the tests also run under
 #   scripts/install-deps.sh --tools   compilers only (enough for the library and the tools)
 set -euo pipefail
 
@@ -16,6 +17,10 @@ if [ "${1:-}" != "--tools" ]; then
   command -v aarch64-linux-gnu-g++ >/dev/null || need+=(g++-aarch64-linux-gnu)
   command -v qemu-aarch64 >/dev/null || command -v qemu-aarch64-static >/dev/null || need+=(qemu-user)
   [ -f /usr/src/googletest/CMakeLists.txt ] || need+=(googletest)
+  # scripts/check_install.sh builds against vorn.pc; the Debian package reads
+  # its dependencies with dpkg-shlibdeps.
+  command -v pkg-config >/dev/null || need+=(pkg-config)
+  command -v dpkg-shlibdeps >/dev/null || need+=(dpkg-dev)
 fi
 
 if [ ${#need[@]} -gt 0 ]; then
