@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "quality/echo_bench.h"
 #include "quality/grid.h"
 #include "quality/scoring.h"
 #include "quality/systems.h"
@@ -614,12 +615,27 @@ std::string FindingsMarkdown(const Results& results) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc != 2) {
-    std::fprintf(stderr, "usage: vorn_bench_quality OUT_DIR\n");
+  // vorn_bench_quality [--only echo [--match TEXT]] OUT_DIR
+  std::string only, match;
+  int arg = 1;
+  for (; arg + 1 < argc; arg += 2) {
+    const std::string flag = argv[arg];
+    if (flag == "--only") only = argv[arg + 1];
+    else if (flag == "--match") match = argv[arg + 1];
+    else break;
+  }
+  if (arg != argc - 1 || (!only.empty() && only != "echo")) {
+    std::fprintf(stderr, "usage: vorn_bench_quality [--only echo [--match TEXT]] OUT_DIR\n");
     return 2;
   }
-  const std::filesystem::path dir = argv[1];
+  const std::filesystem::path dir = argv[arg];
   std::filesystem::create_directories(dir);
+  std::string echo_error;
+  if (only == "echo") {
+    if (RunEchoBench(dir, match, &echo_error)) return 0;
+    std::fprintf(stderr, "%s\n", echo_error.c_str());
+    return 1;
+  }
   Results results;
   results.scenes = AllScenes();
   const std::vector<System> systems = Systems();
@@ -664,5 +680,9 @@ int main(int argc, char** argv) {
     std::fclose(headline);
   }
   std::printf("%s", md.c_str());
+  if (!RunEchoBench(dir, match, &echo_error)) {
+    std::fprintf(stderr, "%s\n", echo_error.c_str());
+    return 1;
+  }
   return 0;
 }

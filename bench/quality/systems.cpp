@@ -41,6 +41,10 @@ bool RunVorn(const VornConfig& config, const Scene& scene, const RenderedScene& 
     *error = Failure("VornInit", code);
     return false;
   }
+  if (const int code = VornSetProfile(&pm, config.profile); code != 0) {
+    *error = Failure("VornSetProfile", code);
+    return false;
+  }
   const std::size_t frames = WholeFrames(rendered);
   std::vector<short> mics(rendered.mics.begin(), rendered.mics.end());
   std::vector<short> reference(rendered.reference.begin(), rendered.reference.end());

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "scene/scene.h"
+#include "vorn_proc.h"
 
 namespace vorn::bench {
 
@@ -34,6 +35,7 @@ struct VornConfig {
   // doa_update_flag from the scene's speech labels on every frame: a caller
   // that holds the tracker while nobody talks, with a perfect speech detector.
   bool doa_updates_on_speech = false;
+  int profile = VORN_PROFILE_CLASSIC;  // set after VornInit
 };
 
 // Whole frames in an interleaved three-microphone capture.

@@ -3,11 +3,14 @@
 // this list only places them.
 #pragma once
 
+#include "vorn/vorn_echo_stage.h"
+
 namespace vorn {
 
 struct EnhancedModules {
-  // Enhanced modules add their records here.
-  int reserved;
+  EchoStageState echo;  // echo control, at most 40 KB
 };
+
+static_assert(sizeof(EchoStageState) <= 40 * 1024, "the echo stage outgrew its share of the enhanced region");
 
 }  // namespace vorn

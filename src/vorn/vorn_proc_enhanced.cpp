@@ -13,6 +13,7 @@
 #include "adsp_bf/audio_dsp_proc.h"
 #include "adsp_ns/adsp_ns_proc.h"
 #include "vorn/vorn_data_exchange.h"
+#include "vorn/vorn_echo_stage.h"
 #include "vorn/vorn_enhanced_frame.h"
 #include "vorn/vorn_enhanced_state.h"
 #include "vorn/vorn_frame_steps.h"
@@ -27,17 +28,7 @@ int32_t BeamStage(const T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
   return 0;
 }
 
-int32_t EchoStage(const T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
-  fr.echo.reference_active = false;
-  if (pm->aec_flag >= 1)
-    for (int i = 0; i < kFrameLen && !fr.echo.reference_active; ++i) fr.echo.reference_active = fr.aec_ref[i] != 0;
-  fr.echo.far_activity = fr.echo.reference_active ? 1.0f : 0.0f;
-  if (pm->aec_flag < 1) {
-    std::memcpy(fr.echo_out, fr.beam, sizeof fr.echo_out);
-    return 0;
-  }
-  return CancelEcho(pm, st, fr.beam, fr.aec_ref, fr.echo_out, fr.vad_in, fr.subcoh);
-}
+int32_t EchoStage(const T_VornParam* pm, TVornState* st, EnhancedFrame& fr) { return RunEchoStage(pm, st, fr); }
 
 int32_t SuppressStage(T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
   std::memcpy(fr.clean, fr.echo_out, sizeof fr.clean);
@@ -46,7 +37,12 @@ int32_t SuppressStage(T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
     fr.rtn = AdspNsProc(&st->ns_pm[0], nullptr, nullptr, nullptr, fr.echo_out + kHalfLen, fr.clean + kHalfLen);
   } else if (pm->ns_flag == 2) {
     if (fr.rtn != 0) return fr.rtn;
-    VornMultiChannelPostFilter(pm, fr.clean);
+    // With the canceller on, the post filter's gains go onto its output: the
+    // beams it reads still carry the echo.
+    if (pm->aec_flag >= 1)
+      VornMultiChannelPostFilterOnCancelled(pm, fr.echo_out, EchoStageOf(st)->post_filter_history, fr.clean);
+    else
+      VornMultiChannelPostFilter(pm, fr.clean);
   }
   if (pm->ns_flag == 0 && pm->doa_flag != 0) {
     // Keep the noise estimate current for direction finding.
@@ -62,13 +58,18 @@ void VadStage(T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
   short vad_out[kFrameLen];
   short* vad_in = pm->aec_flag == 3 ? fr.vad_in : fr.clean;
   pm->vad_flag = VornVadProc(pm, vad_in, fr.aec_ref, fr.subcoh, kVadCohLen, vad_out);
+  // Echo alone is never speech: the canceller hears no near talker beside it.
+  if (fr.echo.echo_only) pm->vad_flag = 0;
   // Until a presence estimate of its own runs, the speech flag stands in.
   fr.presence.frame_prob = pm->vad_flag != 0 ? 1.0f : 0.0f;
   EnhancedStateOf(st)->last_presence = fr.presence;
 }
 
 void LevelStage(const T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
-  if (pm->agc_flag == 0) {
+  // Echo without speech neither moves the gain nor gets it: the frame
+  // passes as the suppressor left it, and the gain control's state waits
+  // for the talker.
+  if (pm->agc_flag == 0 || (fr.echo.echo_present && pm->vad_flag == 0)) {
     std::memcpy(fr.out, fr.clean, sizeof fr.out);
     return;
   }
@@ -85,7 +86,7 @@ void DirectionStage(T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
 
 void VornInitEnhanced(const T_VornParam* pm, TVornState* st) {
   (void)pm;
-  (void)st;
+  EchoStageInit(EchoStageOf(st));
 }
 
 int32_t VornProcEnhanced(T_VornParam* pm, TVornState* st, short* inp, short* aec_ref, short* out, short* mic_order) {
