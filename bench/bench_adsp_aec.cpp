@@ -12,11 +12,11 @@
 #include <vector>
 
 #include "adsp_aec/echo_cancellation.h"
-#include "support/signals.h"
+#include "sim/signals.h"
 
 namespace {
 
-using vorn::test::Signal;
+using vorn::sim::Signal;
 constexpr int kBlock = 64;
 constexpr std::size_t kSceneSamples = 4 * 16000;
 
@@ -28,12 +28,12 @@ struct Scene {
 const Scene& SharedScene() {
   static const Scene scene = [] {
     Scene s;
-    s.far = vorn::test::MakeSpeechLike(kSceneSamples, 5, {}).samples;
+    s.far = vorn::sim::MakeSpeechLike(kSceneSamples, 5, {}).samples;
     std::mt19937 rng(9);
     std::normal_distribution<double> tap(0.0, 1.0);
     std::vector<double> path(640, 0.0);
     for (int i = 160; i < 640; ++i) path[i] = 0.02 * tap(rng) * std::pow(10.0, -3.0 * (i - 160) / 480.0);
-    const Signal noise = vorn::test::PinkNoise(kSceneSamples, 100.0, 6);
+    const Signal noise = vorn::sim::PinkNoise(kSceneSamples, 100.0, 6);
     s.mic.assign(kSceneSamples, 0.0f);
     for (std::size_t n = 0; n < kSceneSamples; ++n) {
       double acc = noise[n];

@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "adsp_agc/analog_agc.h"
-#include "support/signals.h"
+#include "sim/signals.h"
 
 namespace {
 
@@ -19,11 +19,11 @@ constexpr size_t kFrames = 625;  // 10 s, looped
 void BM_DigitalAgcProcess(benchmark::State& state) {
   const double level_db = static_cast<double>(state.range(0));
   const auto wake_up_mode = static_cast<int16_t>(state.range(1));
-  vorn::test::SpeechLikeOptions options;
+  vorn::sim::SpeechLikeOptions options;
   options.rms = 32768.0 * std::pow(10.0, level_db / 20.0);
-  const auto speech = vorn::test::MakeSpeechLike(kFrame * kFrames, 17, options);
-  const std::vector<int16_t> in = vorn::test::ToPcm(
-      vorn::test::Mix(speech.samples, vorn::test::WhiteNoise(speech.samples.size(), options.rms / 100.0, 3)));
+  const auto speech = vorn::sim::MakeSpeechLike(kFrame * kFrames, 17, options);
+  const std::vector<int16_t> in = vorn::sim::ToPcm(
+      vorn::sim::Mix(speech.samples, vorn::sim::WhiteNoise(speech.samples.size(), options.rms / 100.0, 3)));
 
   alignas(8) unsigned char instance[vorn::kAgcInstanceSize];
   vorn::DigitalAgc_Init(instance, vorn::kAgcInstanceSize, 16000);

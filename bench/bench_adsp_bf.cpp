@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "adsp_bf/audio_dsp_proc.h"
-#include "support/signals.h"
+#include "sim/signals.h"
 
 namespace {
 
@@ -19,8 +19,8 @@ constexpr std::size_t kHops = 125;
 const std::vector<short>& Input() {
   static const std::vector<short> pcm = [] {
     const std::size_t n = kHops * kBfHop;
-    const test::SpeechLike talker = test::MakeSpeechLike(n, 5u);
-    return test::Interleave(test::Mix(test::PlaneWave(talker.samples, 70.0), test::IndependentNoise(n, 100.0, 6u)));
+    const sim::SpeechLike talker = sim::MakeSpeechLike(n, 5u);
+    return sim::Interleave(sim::Mix(sim::PlaneWave(talker.samples, 70.0), sim::IndependentNoise(n, 100.0, 6u)));
   }();
   return pcm;
 }

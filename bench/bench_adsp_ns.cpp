@@ -6,8 +6,8 @@
 #include <vector>
 
 #include "adsp_ns/adsp_ns_proc.h"
-#include "support/ns_harness.h"
-#include "support/signals.h"
+#include "sim/ns_harness.h"
+#include "sim/signals.h"
 
 namespace {
 
@@ -15,14 +15,14 @@ using namespace vorn;
 
 struct Scene {
   std::vector<std::int16_t> pcm;
-  test::NsInstance ns;
+  sim::NsInstance ns;
   std::size_t hops = 0;
 
   explicit Scene(int vad_mode) : ns(vad_mode) {
-    const std::size_t n = 10 * test::kSampleRate;
-    test::SpeechLikeOptions opt;
+    const std::size_t n = 10 * sim::kSampleRate;
+    sim::SpeechLikeOptions opt;
     opt.lead_silence_s = 1.0;
-    pcm = test::ToPcm(test::Mix(test::MakeSpeechLike(n, 3, opt).samples, test::PinkNoise(n, 600.0, 4)));
+    pcm = sim::ToPcm(sim::Mix(sim::MakeSpeechLike(n, 3, opt).samples, sim::PinkNoise(n, 600.0, 4)));
     hops = n / kNsHop;
     // Settle the trackers (and pass the 120-hop start of the tonal-peak rule).
     short out[kNsHop];

@@ -10,7 +10,7 @@
 
 #include "adsp_aec/aec_rdft.h"
 #include "adsp_aec/delay_estimator_wrapper.h"
-#include "support/signals.h"
+#include "sim/signals.h"
 
 namespace vorn {
 namespace {
@@ -29,7 +29,7 @@ void SelectStages(int set) {
 
 void BM_RdftForwardInverse(benchmark::State& state) {
   SelectStages(static_cast<int>(state.range(0)));
-  const test::Signal noise = test::WhiteNoise(128, 1000.0, 1);
+  const sim::Signal noise = sim::WhiteNoise(128, 1000.0, 1);
   alignas(16) std::array<float, 128> a;
   std::copy(noise.begin(), noise.end(), a.begin());
   for (auto _ : state) {
@@ -49,7 +49,7 @@ BENCHMARK(BM_RdftForwardInverse)->Arg(kPlain)
 
 void BM_RdftForward(benchmark::State& state) {
   SelectStages(static_cast<int>(state.range(0)));
-  const test::Signal noise = test::WhiteNoise(128, 1000.0, 1);
+  const sim::Signal noise = sim::WhiteNoise(128, 1000.0, 1);
   alignas(16) std::array<float, 128> input, a;
   std::copy(noise.begin(), noise.end(), input.begin());
   for (auto _ : state) {
@@ -75,7 +75,7 @@ void BM_DelayEstimatorBlock(benchmark::State& state) {
   void* near = Adsp_CreateDelayEstimator(&near_buf, far, kHistorySizeBlocks);
   Adsp_set_lookahead(near, 15);
   Adsp_enable_robust_validation(near, 1);
-  const test::Signal noise = test::WhiteNoise(65 * 64, 1.0, 2);
+  const sim::Signal noise = sim::WhiteNoise(65 * 64, 1.0, 2);
   int block = 0;
   for (auto _ : state) {
     const float* spectrum = noise.data() + 65 * (block++ % 63);

@@ -9,12 +9,12 @@
 
 #include "common/adsp_common_fft_rel.h"
 #include "common/adsp_common_util.h"
-#include "support/signals.h"
+#include "sim/signals.h"
 
 namespace {
 
 void BM_FftRelPair512(benchmark::State& state) {
-  const std::vector<float> input = vorn::test::WhiteNoise(512, 3000.0, 42u);
+  const std::vector<float> input = vorn::sim::WhiteNoise(512, 3000.0, 42u);
   std::vector<float> x = input;
   for (auto _ : state) {
     vorn::fft_rel(x.data(), 512, 9);
@@ -27,7 +27,7 @@ void BM_FftRelPair512(benchmark::State& state) {
 BENCHMARK(BM_FftRelPair512);
 
 void BM_FftRel512(benchmark::State& state) {
-  const std::vector<float> input = vorn::test::WhiteNoise(512, 3000.0, 43u);
+  const std::vector<float> input = vorn::sim::WhiteNoise(512, 3000.0, 43u);
   std::vector<float> x(512);
   for (auto _ : state) {
     x = input;
@@ -39,7 +39,7 @@ void BM_FftRel512(benchmark::State& state) {
 BENCHMARK(BM_FftRel512);
 
 void BM_IfftRel512(benchmark::State& state) {
-  std::vector<float> spectrum = vorn::test::WhiteNoise(512, 3000.0, 44u);
+  std::vector<float> spectrum = vorn::sim::WhiteNoise(512, 3000.0, 44u);
   vorn::fft_rel(spectrum.data(), 512, 9);
   std::vector<float> x(512);
   for (auto _ : state) {
@@ -53,7 +53,7 @@ BENCHMARK(BM_IfftRel512);
 
 template <void (*Smooth)(const float*, int, const float*, int, float*)>
 void BM_ConvGlobalSmoothing(benchmark::State& state) {
-  const std::vector<float> spectrum = vorn::test::WhiteNoise(257, 1.0, 45u);
+  const std::vector<float> spectrum = vorn::sim::WhiteNoise(257, 1.0, 45u);
   const std::vector<float> kernel(31, 1.0f / 31);
   std::vector<float> out(257);
   for (auto _ : state) {

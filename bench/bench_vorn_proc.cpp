@@ -6,8 +6,8 @@
 
 #include <vector>
 
-#include "support/front_end_param.h"
-#include "support/signals.h"
+#include "sim/front_end_param.h"
+#include "sim/signals.h"
 #include "vorn/vorn_param.h"
 #include "vorn_proc.h"
 
@@ -22,14 +22,14 @@ struct Scene {
   std::vector<short> mics, ref;
   std::size_t frames;
   Scene() {
-    const std::size_t n = 8 * test::kSampleRate;
-    const auto talker = test::MakeSpeechLike(n, 5).samples;
-    const auto far = test::MakeSpeechLike(n, 6, {2000.0, 210.0, 3.0, 0.5, 0.0}).samples;
-    auto mics_f = test::Mix(test::PlaneWave(talker, 60), test::IndependentNoise(n, 100.0, 7));
+    const std::size_t n = 8 * sim::kSampleRate;
+    const auto talker = sim::MakeSpeechLike(n, 5).samples;
+    const auto far = sim::MakeSpeechLike(n, 6, {2000.0, 210.0, 3.0, 0.5, 0.0}).samples;
+    auto mics_f = sim::Mix(sim::PlaneWave(talker, 60), sim::IndependentNoise(n, 100.0, 7));
     for (auto& m : mics_f)
       for (std::size_t i = 200; i < n; ++i) m[i] += 0.3f * far[i - 200];
-    mics = test::Interleave(mics_f);
-    const auto ref16 = test::ToPcm(far);
+    mics = sim::Interleave(mics_f);
+    const auto ref16 = sim::ToPcm(far);
     ref.assign(ref16.begin(), ref16.end());
     frames = n / kFrame;
   }
@@ -40,16 +40,10 @@ const Scene& SharedScene() {
   return scene;
 }
 
-struct Config {
-  int agc, bf, doa, aec, ns, azimuth;
-};
-
-void RunFrames(benchmark::State& state, const Config& c) {
+void RunFrames(benchmark::State& state, const sim::Switches& switches) {
   const Scene& scene = SharedScene();
   std::vector<unsigned char> buffer(kVornMinBuffSize);
-  const test::FrontEndSwitches switches{.agc = c.agc, .bf = c.bf, .doa = c.doa, .aec = c.aec,
-                           .ns = c.ns, .azimuth = c.azimuth, .vad_mode = 1};
-  T_VornParam pm = test::ParamKeeping(buffer.data(), switches, 1);
+  T_VornParam pm = sim::ParamKeeping(buffer.data(), switches, 1);
   if (VornInit(&pm, nullptr) != 0) {
     state.SkipWithError("VornInit failed");
     return;
@@ -83,14 +77,14 @@ void BM_VornDoaUtterance(benchmark::State& state) {
   const Scene& scene = SharedScene();
   std::vector<unsigned char> buffer(kVornMinBuffSize);
   T_VornParam pm =
-      test::ParamKeeping(buffer.data(), {.agc = 1, .doa = 2, .ns = 1, .vad_mode = 1}, 0);
+      sim::ParamKeeping(buffer.data(), {.agc = 1, .doa = 2, .ns = 1, .vad_mode = 1}, 0);
   if (VornInit(&pm, nullptr) != 0) {
     state.SkipWithError("VornInit failed");
     return;
   }
-  std::vector<short> mics(scene.mics.begin(), scene.mics.begin() + 3 * 4 * test::kSampleRate);
+  std::vector<short> mics(scene.mics.begin(), scene.mics.begin() + 3 * 4 * sim::kSampleRate);
   short order[3] = {0, 1, 2};
-  for (auto _ : state) benchmark::DoNotOptimize(VornDoa(&pm, mics.data(), order, 4 * test::kSampleRate));
+  for (auto _ : state) benchmark::DoNotOptimize(VornDoa(&pm, mics.data(), order, 4 * sim::kSampleRate));
 }
 BENCHMARK(BM_VornDoaUtterance)->Unit(benchmark::kMillisecond);
 

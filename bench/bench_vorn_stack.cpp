@@ -9,8 +9,8 @@
 #include <cstring>
 #include <vector>
 
-#include "support/front_end_param.h"
-#include "support/signals.h"
+#include "sim/front_end_param.h"
+#include "sim/signals.h"
 #include "vorn/vorn_param.h"
 #include "vorn_proc.h"
 
@@ -25,20 +25,22 @@ struct Job {
   int doa_flag = 0;
   bool utterance = false;
   int bf = 4, aec = 3, ns = 2;
+  int profile = VORN_PROFILE_CLASSIC;
 };
 
 void* RunJob(void* arg) {
   const Job& job = *static_cast<const Job*>(arg);
-  const std::size_t n = 2 * test::kSampleRate;
+  const std::size_t n = 2 * sim::kSampleRate;
   static std::vector<unsigned char> buffer(kVornMinBuffSize);
   static std::vector<short> mics;
-  mics = test::Interleave(test::Mix(test::PlaneWave(test::MakeSpeechLike(n, 3).samples, 60),
-                                    test::IndependentNoise(n, 100.0, 4)));
+  mics = sim::Interleave(sim::Mix(sim::PlaneWave(sim::MakeSpeechLike(n, 3).samples, 60),
+                                    sim::IndependentNoise(n, 100.0, 4)));
   static std::vector<short> ref(n, 0);
-  const test::FrontEndSwitches switches{.agc = 1, .bf = job.bf, .doa = job.doa_flag, .aec = job.aec,
-                           .ns = job.ns, .azimuth = 60, .vad_mode = 1};
-  T_VornParam pm = test::ParamKeeping(buffer.data(), switches, 1);
+  const sim::Switches switches{.agc = 1, .bf = job.bf, .doa = job.doa_flag, .aec = job.aec,
+                               .ns = job.ns, .azimuth = 60, .vad_mode = 1};
+  T_VornParam pm = sim::ParamKeeping(buffer.data(), switches, 1);
   VornInit(&pm, nullptr);
+  VornSetProfile(&pm, job.profile);
   short out[256], order[3] = {0, 1, 2};
   if (job.utterance) {
     VornDoa(&pm, mics.data(), order, static_cast<int>(n));
@@ -84,5 +86,18 @@ void BM_StackVornDoa(benchmark::State& state) {
   state.counters["stack_bytes"] = static_cast<double>(peak);
 }
 BENCHMARK(BM_StackVornDoa)->Arg(1)->Arg(2)->Iterations(1)->Unit(benchmark::kMillisecond);
+
+// The enhanced profile: the heaviest frame (direction tracking included) and
+// the search over a stretch, which holds its pooled evidence on the stack.
+void BM_StackEnhanced(benchmark::State& state) {
+  std::size_t peak = 0;
+  for (auto _ : state) {
+    Job job{static_cast<int>(state.range(0)), state.range(0) == 2};
+    job.profile = VORN_PROFILE_ENHANCED;
+    peak = PeakStack(job);
+  }
+  state.counters["stack_bytes"] = static_cast<double>(peak);
+}
+BENCHMARK(BM_StackEnhanced)->ArgName("doa")->Arg(1)->Arg(2)->Iterations(1)->Unit(benchmark::kMillisecond);
 
 }  // namespace

@@ -128,10 +128,21 @@ def main():
     add("## Headline")
     add("")
     add(headline)
+    add("")
+    add("The enhanced profile's noise suppression and speech detection, against SpeexDSP, RNNoise and Silero VAD "
+        "on their own noise and speech-detection grids: [noise_vad.md](noise_vad.md).")
     if chain:
         add("| speed | whole chain, CPU µs per 16 ms frame (× real time) | %.0f (%.0f×), 1-mic | %.0f (%.0f×) | – |" %
             (chain[0], 16000.0 / chain[0], chain[1], 16000.0 / chain[1]))
     add("")
+    direction_headline = os.path.join(data, "direction_headline.md")
+    if os.path.exists(direction_headline):
+        add("Direction finding, on its own grid of scenes (RT60 0.2-0.8 s; diffuse noise, babble, a point "
+            "interferer; 0-20 dB SNR; talkers from 30° below to 40° above the array; walking talkers); "
+            "details in [direction.md](direction.md):")
+        add("")
+        add(open(direction_headline).read().rstrip("\n"))
+        add("")
     add("## Where Vorn is behind")
     add("")
     if findings:

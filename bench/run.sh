@@ -33,6 +33,19 @@ if ((${#missing[@]})); then
   DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq "${missing[@]}" >/dev/null
 fi
 
+# The learned peers (RNNoise, Silero VAD) join the noise and speech-detection
+# section only where node is installed; their packages come from the npm
+# registry, installed without running their install scripts.
+if command -v node >/dev/null && command -v npm >/dev/null; then
+  mkdir -p "$build/node_peers"
+  cp "$root/bench/peers/package.json" "$build/node_peers/"
+  if (cd "$build/node_peers" && npm install --ignore-scripts --no-audit --no-fund >/dev/null 2>&1); then
+    export VORN_NODE_PEERS="$build/node_peers/node_modules"
+  else
+    echo "could not install the learned peers; the report leaves them out"
+  fi
+fi
+
 cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=Release -DVORN_BUILD_TESTS=OFF -DVORN_BUILD_BENCH=ON >/dev/null
 cmake --build "$build" -j"$jobs" >/dev/null
 rm -rf "$data"
@@ -45,10 +58,16 @@ if [ "${VORN_BENCH_REPEAT:-0}" = 1 ]; then
   echo "quality: second run, which must write the same figures"
   "$build/bench/quality/vorn_bench_quality" "$data/repeat" >/dev/null 2>"$data/quality-repeat.log"
   for file in "$data"/repeat/*; do
+    # Directories hold the peers' scratch files; *speed* files hold timings.
+    [ -d "$file" ] && continue
+    case $(basename "$file") in *speed*) continue ;; esac
     cmp -s "$file" "$data/$(basename "$file")" || { echo "quality figures differ between runs: $(basename "$file")"; exit 1; }
   done
   echo "quality: both runs agree"
 fi
+
+# The direction section is a page of its own, linked from the report.
+cp "$data/direction.md" "$report/direction.md"
 
 echo "speed: Vorn against SpeexDSP"
 if [ -x "$build/bench/bench_vs_speexdsp" ]; then
@@ -65,5 +84,6 @@ for bench in "$build"/bench/bench_*; do
 done
 
 gnuplot -e "data='$data'; out='$report'" "$root/bench/plots.gp"
+cat "$data/noise_vad.md" "$data/noise_vad_speed.md" >"$report/noise_vad.md"
 python3 "$root/bench/report.py" "$data" "$report/report.md"
 echo "wrote $report/report.md"

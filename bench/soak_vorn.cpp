@@ -43,18 +43,18 @@
 
 #include "adsp_aec/echo_cancellation.h"
 #include "adsp_agc/analog_agc.h"
-#include "support/front_end_param.h"
-#include "support/signals.h"
+#include "sim/front_end_param.h"
+#include "sim/signals.h"
 #include "vorn/vorn_state.h"
 #include "vorn_proc.h"
 
 namespace {
 
 using namespace vorn;
-using test::Signal;
+using sim::Signal;
 
 constexpr int kFrame = 256;
-constexpr std::size_t kMinute = 60 * test::kSampleRate;
+constexpr std::size_t kMinute = 60 * sim::kSampleRate;
 constexpr std::size_t kFramesPerMinute = kMinute / kFrame;  // 3750
 constexpr int kKinds = 10;
 
@@ -70,24 +70,24 @@ const char* const kKindNames[kKinds] = {
 Signal PhraseGate(std::size_t n, std::mt19937& rng) {
   std::uniform_real_distribution<double> phrase(1.5, 5.0), pause(0.4, 3.0);
   Signal gate(n, 0.0f);
-  const double ramp = 0.02 * test::kSampleRate;
-  std::size_t at = static_cast<std::size_t>(pause(rng) * test::kSampleRate);
+  const double ramp = 0.02 * sim::kSampleRate;
+  std::size_t at = static_cast<std::size_t>(pause(rng) * sim::kSampleRate);
   while (at < n) {
-    const std::size_t len = static_cast<std::size_t>(phrase(rng) * test::kSampleRate);
+    const std::size_t len = static_cast<std::size_t>(phrase(rng) * sim::kSampleRate);
     for (std::size_t i = 0; i < len && at + i < n; ++i) {
       const double edge = std::min({1.0, i / ramp, (len - i) / ramp});
       gate[at + i] = static_cast<float>(edge);
     }
-    at += len + static_cast<std::size_t>(pause(rng) * test::kSampleRate);
+    at += len + static_cast<std::size_t>(pause(rng) * sim::kSampleRate);
   }
   return gate;
 }
 
 Signal Talker(std::size_t n, std::uint32_t seed, double rms, double f0, std::mt19937& rng) {
-  test::SpeechLikeOptions opt;
+  sim::SpeechLikeOptions opt;
   opt.rms = rms;
   opt.f0_hz = f0;
-  Signal s = test::MakeSpeechLike(n, seed, opt).samples;
+  Signal s = sim::MakeSpeechLike(n, seed, opt).samples;
   const Signal gate = PhraseGate(n, rng);
   for (std::size_t i = 0; i < n; ++i) s[i] *= gate[i];
   return s;
@@ -95,7 +95,7 @@ Signal Talker(std::size_t n, std::uint32_t seed, double rms, double f0, std::mt1
 
 // The loudspeaker sits just below the array: its sound reaches the
 // microphones almost together, followed by a few room reflections.
-test::ThreeMics Echo(const Signal& far, double gain) {
+sim::ThreeMics Echo(const Signal& far, double gain) {
   struct Tap {
     std::size_t delay;
     float gain;
@@ -104,7 +104,7 @@ test::ThreeMics Echo(const Signal& far, double gain) {
   Signal room(far.size(), 0.0f);
   for (const Tap& t : taps)
     for (std::size_t i = t.delay; i < far.size(); ++i) room[i] += static_cast<float>(gain) * t.gain * far[i - t.delay];
-  return test::PlaneWave(room, 0.0, -75.0);
+  return sim::PlaneWave(room, 0.0, -75.0);
 }
 
 struct MinuteAudio {
@@ -117,78 +117,78 @@ MinuteAudio MakeMinute(int minute) {
   const auto seed = static_cast<std::uint32_t>(1000 + 7919 * minute);
   std::mt19937 rng(seed);
   const std::size_t n = kMinute;
-  test::ThreeMics mics{Signal(n, 0.0f), Signal(n, 0.0f), Signal(n, 0.0f)};
+  sim::ThreeMics mics{Signal(n, 0.0f), Signal(n, 0.0f), Signal(n, 0.0f)};
   Signal far(n, 0.0f);
-  const auto add = [&mics](const test::ThreeMics& x, double g) { mics = test::Mix(mics, x, g); };
+  const auto add = [&mics](const sim::ThreeMics& x, double g) { mics = sim::Mix(mics, x, g); };
   const auto pink = [&](double rms) {
-    test::ThreeMics noise;
-    for (int m = 0; m < 3; ++m) noise[static_cast<std::size_t>(m)] = test::PinkNoise(n, rms, seed + 10 + m);
+    sim::ThreeMics noise;
+    for (int m = 0; m < 3; ++m) noise[static_cast<std::size_t>(m)] = sim::PinkNoise(n, rms, seed + 10 + m);
     return noise;
   };
   switch (kind) {
     case 0:
-      add(test::PlaneWave(Talker(n, seed, 2000, 130, rng), 60), 1.0);
+      add(sim::PlaneWave(Talker(n, seed, 2000, 130, rng), 60), 1.0);
       add(pink(120), 1.0);
       break;
     case 1:
       far = Talker(n, seed + 1, 3000, 210, rng);
-      add(test::PlaneWave(Talker(n, seed, 1500, 120, rng), 150, 20), 1.0);
+      add(sim::PlaneWave(Talker(n, seed, 1500, 120, rng), 150, 20), 1.0);
       add(Echo(far, 0.5), 1.0);
-      add(test::IndependentNoise(n, 40, seed + 2), 1.0);
+      add(sim::IndependentNoise(n, 40, seed + 2), 1.0);
       break;
     case 2:
       far = Talker(n, seed + 1, 4000, 180, rng);
       add(Echo(far, 0.6), 1.0);
-      add(test::IndependentNoise(n, 30, seed + 2), 1.0);
+      add(sim::IndependentNoise(n, 30, seed + 2), 1.0);
       break;
     case 3:
       break;  // digital silence on every channel
     case 4:
-      add(test::PlaneWave(Talker(n, seed, 9000, 110, rng), 200), 1.0);  // peaks clip
-      add(test::IndependentNoise(n, 200, seed + 2), 1.0);
+      add(sim::PlaneWave(Talker(n, seed, 9000, 110, rng), 200), 1.0);  // peaks clip
+      add(sim::IndependentNoise(n, 200, seed + 2), 1.0);
       break;
     case 5:
-      add(test::PlaneWave(Talker(n, seed, 150, 200, rng), 300), 1.0);
+      add(sim::PlaneWave(Talker(n, seed, 150, 200, rng), 300), 1.0);
       add(pink(100), 1.0);
       break;
     case 6:
-      add(test::IndependentNoise(n, 0.7, seed + 2), 1.0);  // rounds to -1, 0, +1
+      add(sim::IndependentNoise(n, 0.7, seed + 2), 1.0);  // rounds to -1, 0, +1
       break;
     case 7: {
       // Six 10 s stretches from six directions, two voices around.
       const std::size_t stretch = n / 6;
       for (int k = 0; k < 6; ++k) {
         const Signal part = Talker(stretch, seed + 20 + k, 2500, 140, rng);
-        const test::ThreeMics at = test::PlaneWave(part, 60.0 * k + 15);
+        const sim::ThreeMics at = sim::PlaneWave(part, 60.0 * k + 15);
         for (int m = 0; m < 3; ++m)
           for (std::size_t i = 0; i < stretch; ++i) mics[m][k * stretch + i] += at[m][i];
       }
-      add(test::PlaneWave(Talker(n, seed + 3, 500, 170, rng), 100), 1.0);
-      add(test::PlaneWave(Talker(n, seed + 4, 400, 230, rng), 250), 1.0);
+      add(sim::PlaneWave(Talker(n, seed + 3, 500, 170, rng), 100), 1.0);
+      add(sim::PlaneWave(Talker(n, seed + 4, 400, 230, rng), 250), 1.0);
       break;
     }
     case 8:
       far = Talker(n, seed + 1, 8000, 190, rng);
       add(Echo(far, 0.8), 1.0);
-      add(test::PlaneWave(Talker(n, seed, 2000, 125, rng), 30), 1.0);
-      add(test::IndependentNoise(n, 60, seed + 2), 1.0);
+      add(sim::PlaneWave(Talker(n, seed, 2000, 125, rng), 30), 1.0);
+      add(sim::IndependentNoise(n, 60, seed + 2), 1.0);
       break;
     case 9: {
       // 45 s of nothing, then a talker whose level steps every 5 s.
-      const std::size_t quiet = 45 * test::kSampleRate;
-      const test::ThreeMics burst = test::PlaneWave(Talker(n - quiet, seed, 6000, 150, rng), 90);
+      const std::size_t quiet = 45 * sim::kSampleRate;
+      const sim::ThreeMics burst = sim::PlaneWave(Talker(n - quiet, seed, 6000, 150, rng), 90);
       const float steps[3] = {2.0f, 0.25f, 1.0f};
       for (int m = 0; m < 3; ++m)
         for (std::size_t i = 0; i < n - quiet; ++i)
-          mics[m][quiet + i] = burst[m][i] * steps[std::min<std::size_t>(2, i / (5 * test::kSampleRate))];
+          mics[m][quiet + i] = burst[m][i] * steps[std::min<std::size_t>(2, i / (5 * sim::kSampleRate))];
       break;
     }
     default:
       break;
   }
   MinuteAudio audio;
-  audio.mics = test::Interleave(mics);
-  audio.ref = test::ToPcm(far);
+  audio.mics = sim::Interleave(mics);
+  audio.ref = sim::ToPcm(far);
   return audio;
 }
 
@@ -327,14 +327,14 @@ struct Config {
   const char* name;
   const char* description;
   int vorn_mode;  // -1: the switches below
-  int agc, bf, doa, aec, ns, azimuth, vad_mode;
+  sim::Switches switches;
 };
 
 const Config kConfigs[] = {
-    {"heaviest", "agc 1, bf 4, doa 1, aec 3, ns 2, azimuth 60", -1, 1, 4, 1, 3, 2, 60, 1},
-    {"wkp", "mode 0 (wake-up), built-in switches", 0, 0, 0, 0, 0, 0, 0, 0},
-    {"asr", "mode 1 (recognition), built-in switches", 1, 0, 0, 0, 0, 0, 0, 0},
-    {"com", "mode 2 (communication), built-in switches", 2, 0, 0, 0, 0, 0, 0, 0},
+    {"heaviest", "agc 1, bf 4, doa 1, aec 3, ns 2, azimuth 60", -1, {1, 4, 1, 3, 2, 60, 1}},
+    {"wkp", "mode 0 (wake-up), built-in switches", 0, {}},
+    {"asr", "mode 1 (recognition), built-in switches", 1, {}},
+    {"com", "mode 2 (communication), built-in switches", 2, {}},
 };
 
 struct MinuteStats {
@@ -356,9 +356,7 @@ double ThreadMicros() {
 class Soak {
  public:
   explicit Soak(const Config& c) : config_(c), buffer_(kVornMinBuffSize) {
-    const test::FrontEndSwitches switches{.agc = c.agc, .bf = c.bf, .doa = c.doa, .aec = c.aec,
-                             .ns = c.ns, .azimuth = c.azimuth, .vad_mode = c.vad_mode};
-    pm_ = test::ParamKeeping(buffer_.data(), switches, 1);
+    pm_ = sim::ParamKeeping(buffer_.data(), c.switches, 1);
     pm_.vorn_mode = c.vorn_mode;
     init_rc_ = VornInit(&pm_, nullptr);
     spans_ = StateFloats(&pm_);

@@ -8,20 +8,20 @@
 #include <cstring>
 #include <vector>
 
-#include "audio_input.h"
+#include "audio_io/audio_input.h"
 #include "target_bodies.h"
 #include "target_support.h"
 
 namespace vorn::fuzz {
 
 bool FuzzVornWav(const uint8_t* data, size_t size) {
-  cli::AudioInput input;
+  AudioInput input;
   std::string error;
   if (!input.Open(WriteScratchFile(data, size), 3, &error)) {
     VORN_FUZZ_CHECK(!error.empty());
     return false;
   }
-  const cli::AudioFormat& format = input.format();
+  const AudioFormat& format = input.format();
   const bool readable = format.bits == 16 && format.channels >= 1 && format.channels <= 8 &&
                         format.block_align == 2 * format.channels;
   if (!readable) return false;

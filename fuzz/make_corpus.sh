@@ -57,6 +57,9 @@ wav 16 '' 0 24 4 > wav_header/ok_four_channels.wav
 wav 18 '\x00\x00' 0 12 1 > wav_header/ok_extended_format.wav
 wav 16 '' 1 12 3 > wav_header/ok_fact_chunk.wav
 { wav 16 '' 0 12 1; printf 'LISTjunk'; } > wav_header/trailing_chunk.wav
+{ printf 'RIFF'; le32 62; printf 'WAVEfmt '; le32 16; le16 1; le16 1; le32 16000; le32 32000; le16 2; le16 16
+  printf 'LIST'; le32 6; printf 'INFOab'; printf 'data'; le32 12; head -c 12 /dev/zero | tr '\0' '\001'
+} > wav_header/ok_list_before_data.wav
 
 # The vorn tool's reader: the same headers, a format chunk after the audio
 # behind a LIST chunk, a streaming writer's unknown size, raw samples.

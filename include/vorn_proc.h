@@ -97,6 +97,24 @@ int32_t VornSetProfile(T_VornParam* pm, int32_t profile);
  * has not been prepared by VornInit. */
 int32_t VornGetProfile(const T_VornParam* pm);
 
+/* ---- Enhanced profile results ----
+ * Figures of the last frame VornProc processed under the enhanced profile.
+ * Each returns 0 with *value set; 1..3 for a record the parameter check
+ * refuses (1 also for a null value); or VORN_ERR_NOT_INITIALISED. */
+
+/* How likely the near talker speaks in the frame last written to out (0..1),
+ * the figure the speech flag is drawn from (the flag is 1 above 0.5, held one
+ * frame after a confident run). Noise and the far end's echo are not speech. */
+int32_t VornGetSpeechProbability(const T_VornParam* pm, float* value);
+
+/* Confidence, 0..1, of the azimuth last written to pm->azimuth: by VornProc
+ * with per-frame tracking (doa_flag 1), or by VornDoa. It grows with how
+ * well the pooled evidence agrees on one direction and with how much of it
+ * there is; 0 before the talker has been heard, and under the classic
+ * profile, which gives none. On the bench, frames above 0.5 are within 10
+ * degrees of the talker more often than those below (see README). */
+int32_t VornGetDoaConfidence(const T_VornParam* pm, float* value);
+
 #ifdef __cplusplus
 }
 #endif

@@ -1,13 +1,17 @@
 #!/usr/bin/env bash
-# Installs the build tools Vorn needs on a Debian machine, only when missing.
+# Installs what building Vorn needs on a Debian machine, only when missing:
+#   scripts/install-deps.sh           compilers and the test and benchmark libraries
+#   scripts/install-deps.sh --tools   compilers only (enough for the library and the tools)
 set -euo pipefail
 
 need=()
 command -v cmake >/dev/null || need+=(cmake)
 command -v g++ >/dev/null || need+=(g++)
 command -v make >/dev/null || need+=(make)
-[ -f /usr/include/gtest/gtest.h ] || need+=(libgtest-dev)
-[ -f /usr/include/benchmark/benchmark.h ] || need+=(libbenchmark-dev)
+if [ "${1:-}" != "--tools" ]; then
+  [ -f /usr/include/gtest/gtest.h ] || need+=(libgtest-dev)
+  [ -f /usr/include/benchmark/benchmark.h ] || need+=(libbenchmark-dev)
+fi
 
 if [ ${#need[@]} -gt 0 ]; then
   sudo_cmd=()

@@ -17,13 +17,13 @@
 #include "adsp_aec/aec_core.h"
 #include "adsp_aec/echo_cancellation.h"
 #include "adsp_aec/randomization_functions.h"
-#include "support/signals.h"
-#include "support/wav_file.h"
+#include "sim/signals.h"
+#include "support/files.h"
 
 namespace vorn {
 namespace {
 
-using test::Signal;
+using sim::Signal;
 constexpr int kRate = 16000;
 constexpr int kBlock = 64;
 constexpr int kOutputLag = 64;  // the outputs lag the near end by one block
@@ -48,7 +48,7 @@ double MeanSquare(const Signal& x, std::size_t from, std::size_t to) {
 // A room: a bulk delay, then a random FIR whose envelope decays by 60 dB over
 // its length, scaled to the requested gain on white input.
 Signal MakeEchoPath(int bulk_delay, int length, std::uint32_t seed, double gain) {
-  const Signal white = test::WhiteNoise(length, 1.0, seed);
+  const Signal white = sim::WhiteNoise(length, 1.0, seed);
   Signal h(bulk_delay + length, 0.0f);
   for (int i = 0; i < length; ++i)
     h[bulk_delay + i] = white[i] * static_cast<float>(std::pow(10.0, -3.0 * i / length));
@@ -70,7 +70,7 @@ Signal Convolve(const Signal& x, const Signal& h) {
 struct Scene {
   Signal far, echo, noise;
   Signal near_speech;  // zeros in single talk
-  Signal mic() const { return test::Mix(test::Mix(echo, noise), near_speech); }
+  Signal mic() const { return sim::Mix(sim::Mix(echo, noise), near_speech); }
 };
 
 // Far-end speech through a 30 ms room (drawn from seed + 1) behind a bulk delay, near-end
@@ -79,13 +79,13 @@ Scene MakeScene(double seconds, int bulk_delay, std::uint32_t seed, const Signal
                 std::size_t change_at = 0) {
   const std::size_t n = static_cast<std::size_t>(seconds * kRate);
   Scene s;
-  s.far = test::MakeSpeechLike(n, seed, {}).samples;
+  s.far = sim::MakeSpeechLike(n, seed, {}).samples;
   s.echo = Convolve(s.far, MakeEchoPath(bulk_delay, 480, seed + 1, 0.3));
   if (second_path != nullptr) {
     const Signal echo2 = Convolve(s.far, *second_path);
     std::copy(echo2.begin() + change_at, echo2.end(), s.echo.begin() + change_at);
   }
-  s.noise = test::PinkNoise(n, std::sqrt(MeanSquare(s.echo, 0, n) / 10.0), seed + 2);
+  s.noise = sim::PinkNoise(n, std::sqrt(MeanSquare(s.echo, 0, n) / 10.0), seed + 2);
   s.near_speech.assign(n, 0.0f);
   return s;
 }
@@ -210,7 +210,7 @@ TEST(AdspAecScene, FarEndSingleTalk) {
   EXPECT_GE(ErleDb(s, long_run.asr[0], 3.0, 3.9, true), 12.0);
 
   // 32 kHz: the upper band has no filter; the linear output delays it, the other never amplifies it.
-  const Signal upper = test::PinkNoise(mic.size(), 300.0, 99);
+  const Signal upper = sim::PinkNoise(mic.size(), 300.0, 99);
   ASSERT_EQ(AdspAec_Init(wide.get(), kAecInstanceBytes, 32000, 32000, 3, nullptr), 0);
   const Outputs wide_run = Feed(wide, s.far, {&mic, &upper});
   EXPECT_TRUE(std::equal(upper.begin(), upper.end() - kOutputLag, wide_run.asr[1].begin() + kOutputLag));
@@ -278,10 +278,10 @@ TEST(AdspAecScene, EchoIsCancelledAfterALeadOrAPathChange) {
 
 TEST(AdspAecScene, NearEndSpeechSurvivesDoubleTalk) {
   Scene s = MakeScene(6.0, 160, 41);
-  const test::SpeechLike talker =
-      test::MakeSpeechLike(s.far.size(), 4242, {.f0_hz = 210.0, .syllable_hz = 3.3, .lead_silence_s = 2.0});
+  const sim::SpeechLike talker =
+      sim::MakeSpeechLike(s.far.size(), 4242, {.f0_hz = 210.0, .syllable_hz = 3.3, .lead_silence_s = 2.0});
   // At the level of the echo: a hard case for the suppression.
-  const double talker_ms = test::MaskedMeanSquare(talker.samples, talker.active, 1);
+  const double talker_ms = sim::MaskedMeanSquare(talker.samples, talker.active, 1);
   const double scale = std::sqrt(MeanSquare(s.echo, 0, s.echo.size()) / talker_ms);
   std::transform(talker.samples.begin(), talker.samples.end(), s.near_speech.begin(),
                  [scale](float v) { return static_cast<float>(v * scale); });
@@ -308,7 +308,7 @@ TEST(AdspAecScene, NearEndSpeechSurvivesDoubleTalk) {
 // digital silence stays silent, full-scale square waves stay finite and in range.
 TEST(AdspAecScene, EdgeInputs) {
   const std::size_t n = kRate;
-  const Signal talker = test::Mix(test::MakeSpeechLike(n, 8, {}).samples, test::PinkNoise(n, 100.0, 9));
+  const Signal talker = sim::Mix(sim::MakeSpeechLike(n, 8, {}).samples, sim::PinkNoise(n, 100.0, 9));
   const Signal zeros(n, 0.0f);
   const auto square = [n](int period, float level) {
     Signal x(n);

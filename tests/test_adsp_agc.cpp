@@ -15,12 +15,12 @@
 
 #include "adsp_agc/agc_spl.h"
 #include "adsp_agc/analog_agc.h"
-#include "support/signals.h"
+#include "sim/signals.h"
 
 namespace vorn {
 namespace {
 
-using test::Signal;
+using sim::Signal;
 using Pcm = std::vector<int16_t>;
 using Mask = std::vector<uint8_t>;
 constexpr size_t kSecond = 16000;
@@ -53,9 +53,9 @@ double Amplitude(double dbfs) { return 32768.0 * std::pow(10.0, dbfs / 20.0); }
 
 // dBFS of x[from, to) over the samples that active marks.
 double Level(const Pcm& x, size_t from, size_t to, const Mask& active) {
-  const double mean_square = test::MaskedMeanSquare(Signal(x.data() + from, x.data() + to),
+  const double mean_square = sim::MaskedMeanSquare(Signal(x.data() + from, x.data() + to),
                                                     Mask(active.data() + from, active.data() + to), 1);
-  return test::PowerDb(mean_square / (32768.0 * 32768.0));
+  return sim::PowerDb(mean_square / (32768.0 * 32768.0));
 }
 
 int PeakAbs(const Pcm& x, size_t from, size_t to) {
@@ -155,7 +155,7 @@ TEST(AgcInterface, CallingConventionAndReturnCodes) {
 
   // A block at an unknown rate is refused; at 32000 Hz the upper band gets exactly the lower band's gains.
   Instance split;
-  const Pcm in = test::ToPcm(test::MakeSpeechLike(kSecond, 21).samples);
+  const Pcm in = sim::ToPcm(sim::MakeSpeechLike(kSecond, 21).samples);
   Pcm low(256), high(256);
   EXPECT_EQ(DigitalAgc_ProcessDigital(split.digital(), &low[0], nullptr, &low[0], nullptr, 44100), -1);
   EXPECT_EQ(DigitalAgc_ProcessDigital(nullptr, &low[0], nullptr, &low[0], nullptr, 16000), -1);
@@ -209,7 +209,7 @@ TEST(AgcHelpers, HalfBandResamplersPassAndStop) {
   for (const double hz : {500.0, 3000.0, 5000.0, 7000.0}) {
     SCOPED_TRACE(testing::Message() << hz << " Hz");
     // Decimation in uneven chunks (the state carries the filter across calls), then interpolation back.
-    const Pcm in = test::ToPcm(test::Tone(16384, hz, 30000.0));
+    const Pcm in = sim::ToPcm(sim::Tone(16384, hz, 30000.0));
     Pcm low(in.size() / 2), back(in.size());
     int32_t down_state[8] = {}, up_state[8] = {};
     size_t done = 0;
@@ -233,9 +233,9 @@ TEST(AgcBehaviour, LevelCurvesFollowTheCompressor) {
   // A talker with a floor 40 dB below it (as the suppressor leaves it), and a tone, scaled to each level;
   // the steady state is measured over the last 4 of 8 s.
   const size_t n = 8 * kSecond;
-  const test::SpeechLike talker = test::MakeSpeechLike(n, 11, {.rms = 1000.0});
-  const Signal speech = test::Mix(talker.samples, test::WhiteNoise(n, 10.0, 5));
-  const Signal tone = test::Tone(n, 500.0, 1000.0 * std::sqrt(2.0));
+  const sim::SpeechLike talker = sim::MakeSpeechLike(n, 11, {.rms = 1000.0});
+  const Signal speech = sim::Mix(talker.samples, sim::WhiteNoise(n, 10.0, 5));
+  const Signal tone = sim::Tone(n, 500.0, 1000.0 * std::sqrt(2.0));
   const Mask always(n, 1);
   for (const int16_t mode : {int16_t{1}, int16_t{2}}) {
     for (const bool is_tone : {true, false}) {
@@ -245,7 +245,7 @@ TEST(AgcBehaviour, LevelCurvesFollowTheCompressor) {
       for (int level_db = -60; level_db <= 0; level_db += 6) {
         Signal source = is_tone ? tone : speech;
         for (float& v : source) v *= static_cast<float>(32767.0 * std::pow(10.0, level_db / 20.0) / 1000.0);
-        const Pcm in = test::ToPcm(source);
+        const Pcm in = sim::ToPcm(source);
         const Pcm out = RunFrames(in, Steering{mode});
         const double in_db = Level(in, n / 2, n, active), out_db = Level(out, n / 2, n, active);
         const double peak_db = 20.0 * std::log10(PeakAbs(out, n / 2, n) / 32768.0);
@@ -276,10 +276,10 @@ TEST(AgcBehaviour, LimiterKeepsFullScaleOnsetsFromWrapping) {
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     const size_t quiet = 250 * 256 + c.onset_in_block;
-    Signal x = test::MakeSpeechLike(quiet, 3, {.rms = Amplitude(-50.0)}).samples;
-    const Signal burst = c.tone ? test::Tone(kSecond, 1000.0, 40000.0) : test::WhiteNoise(kSecond, 40000.0, 4);
+    Signal x = sim::MakeSpeechLike(quiet, 3, {.rms = Amplitude(-50.0)}).samples;
+    const Signal burst = c.tone ? sim::Tone(kSecond, 1000.0, 40000.0) : sim::WhiteNoise(kSecond, 40000.0, 4);
     x.insert(x.end(), burst.begin(), burst.end());
-    const Pcm in = test::ToPcm(x);  // clipped to full scale
+    const Pcm in = sim::ToPcm(x);  // clipped to full scale
     const Pcm out = RunFrames(in);
     const size_t end = in.size() / 256 * 256;
     size_t saturated = 0, last_saturated = 0;
@@ -301,11 +301,11 @@ TEST(AgcBehaviour, WakeUpModesAndSnrSetTheRecoveryRate) {
   // (mode 2) parts in 65536 per millisecond, so the gain climbs back about 65/15 times as fast in mode 1;
   // high SNR figures speed mode 1 up further and leave mode 2 alone.
   const size_t loud_len = 4 * kSecond;
-  test::SpeechLike talk = test::MakeSpeechLike(loud_len, 3, {.rms = Amplitude(-16.0)});
-  const test::SpeechLike quiet = test::MakeSpeechLike(16 * kSecond, 4, {.rms = Amplitude(-36.0)});
+  sim::SpeechLike talk = sim::MakeSpeechLike(loud_len, 3, {.rms = Amplitude(-16.0)});
+  const sim::SpeechLike quiet = sim::MakeSpeechLike(16 * kSecond, 4, {.rms = Amplitude(-36.0)});
   talk.samples.insert(talk.samples.end(), quiet.samples.begin(), quiet.samples.end());
   talk.active.insert(talk.active.end(), quiet.active.begin(), quiet.active.end());
-  const Pcm in = test::ToPcm(test::Mix(talk.samples, test::WhiteNoise(talk.samples.size(), 26.0, 9)));
+  const Pcm in = sim::ToPcm(sim::Mix(talk.samples, sim::WhiteNoise(talk.samples.size(), 26.0, 9)));
   const size_t end = in.size() / 256 * 256;
   // SNR figures: frame SNR 30 dB, long-term 10 dB, segmental 20 dB.
   const Steering cases[] = {{1, {}, 0}, {2, {}, 0}, {1, {30720, 10240, 20480}, 1},
@@ -334,10 +334,10 @@ TEST(AgcBehaviour, NoiseFloorDoesNotPumpTheGain) {
   // the slow envelope's fall in mode 1; mode 2 does not look at the floor.
   for (const bool loud : {false, true}) {
     const size_t speech_len = (loud ? 20 : 4) * kSecond, n = speech_len + (loud ? 0 : 30 * kSecond);
-    test::SpeechLike x = test::MakeSpeechLike(speech_len, 3, {.rms = Amplitude(-30.0)});
+    sim::SpeechLike x = sim::MakeSpeechLike(speech_len, 3, {.rms = Amplitude(-30.0)});
     x.samples.resize(n, 0.0f);
     x.active.resize(n, 1);  // the noise is measured on every sample after the speech
-    const Pcm in = test::ToPcm(test::Mix(x.samples, test::WhiteNoise(n, Amplitude(loud ? -44.0 : -70.0), 9)));
+    const Pcm in = sim::ToPcm(sim::Mix(x.samples, sim::WhiteNoise(n, Amplitude(loud ? -44.0 : -70.0), 9)));
     for (const int16_t mode : {int16_t{1}, int16_t{2}}) {
       SCOPED_TRACE(testing::Message() << (loud ? "loud" : "quiet") << " floor, wake-up mode " << mode);
       int loud_floor_blocks = 0, slow_fell = 0;  // the slow envelope fell in slow_fell of them

@@ -15,13 +15,13 @@
 #include "adsp_bf/util.h"
 #include "adsp_bf/weight_tables.h"
 #include "common/adsp_common_fft_rel.h"
-#include "support/signals.h"
+#include "sim/signals.h"
 
 namespace vorn {
 namespace {
 
-using test::Signal;
-using test::ThreeMics;
+using sim::Signal;
+using sim::ThreeMics;
 
 struct BfInstance {
   std::vector<float> buffer = std::vector<float>(kBfBuffSize / sizeof(float));
@@ -79,7 +79,7 @@ TEST(BfParamCheck, CodesFollowTheRulesInOrderAndRejectedCallsChangeNothing) {
 
   // BfProc refuses bad calls before it touches state or output.
   BfInstance bf(1, 30);
-  std::vector<short> pcm = test::Interleave(test::IndependentNoise(kBfHop, 1000.0, 7));
+  std::vector<short> pcm = sim::Interleave(sim::IndependentNoise(kBfHop, 1000.0, 7));
   std::vector<short> out(kBfHop, 123);
   const std::vector<float> before = bf.buffer;
   short outside[3] = {0, 3, 1}, negative[3] = {-1, 0, 1};
@@ -100,7 +100,7 @@ TEST(BfParamCheck, CodesFollowTheRulesInOrderAndRejectedCallsChangeNothing) {
 // generator). The multi-beam's first channel is that beam and, for white noise, beats the two
 // steered 120 degrees away. Type 0 passes the first slot; the hop counter saturates.
 TEST(BfProc, LookDirectionSourcePassesAsADelayedCopy) {
-  Signal white = test::WhiteNoise(40 * kBfHop, 2000.0, 3);
+  Signal white = sim::WhiteNoise(40 * kBfHop, 2000.0, 3);
   // [1 2 1]/4-shaped noise for the delay check: fractional delays lose accuracy in the last kHz.
   Signal shaped(white.size(), 0.0f);
   for (std::size_t i = 2; i < white.size(); ++i)
@@ -109,8 +109,8 @@ TEST(BfProc, LookDirectionSourcePassesAsADelayedCopy) {
   const std::pair<int, const Signal*> cases[] = {{40, &shaped}, {215, &shaped}, {250, &white}};
   for (const auto& [azimuth, source] : cases) {
     SCOPED_TRACE(azimuth);
-    const ThreeMics mics = test::PlaneWave(*source, azimuth);
-    std::vector<short> pcm = test::Interleave({mics[2], mics[0], mics[1]});  // slot order[m] holds mic m
+    const ThreeMics mics = sim::PlaneWave(*source, azimuth);
+    std::vector<short> pcm = sim::Interleave({mics[2], mics[0], mics[1]});  // slot order[m] holds mic m
     BfInstance bf(1, azimuth), multi(1, azimuth, 0, 1), raw(0);
     raw.st()->frame_num = kBfFrameNumMax - 10;
     double err = 0.0, ref = 0.0, energy[3] = {0, 0, 0};
@@ -137,7 +137,7 @@ TEST(BfProc, LookDirectionSourcePassesAsADelayedCopy) {
 
 // Nothing else sees a wrong DC or Nyquist bin of the packed product.
 TEST(BfUtil, FreqFilterIsTheBinProductAndMayWorkInPlace) {
-  Signal f = test::WhiteNoise(512, 0.5, 1), g = test::WhiteNoise(512, 0.5, 2), out(512);
+  Signal f = sim::WhiteNoise(512, 0.5, 1), g = sim::WhiteNoise(512, 0.5, 2), out(512);
   FreqFilter(f.data(), g.data(), out.data());
   EXPECT_FLOAT_EQ(out[0], f[0] * g[0]);
   EXPECT_FLOAT_EQ(out[256], f[256] * g[256]);
@@ -172,7 +172,7 @@ TEST(VornMbf, ThreeBeamsWithTheirEdgeBinCarries) {
                                                       {359, {71, 23, 47}}, {125, {25, 49, 1}},
                                                       {365, {1, 25, 49}},  {-115, {49, 1, 25}}};
   float f[3][512];
-  const Signal r = test::WhiteNoise(3 * 512, 100.0, 10);
+  const Signal r = sim::WhiteNoise(3 * 512, 100.0, 10);
   for (int m = 0; m < 3; ++m) std::copy_n(r.begin() + 512 * m, 512, f[m]);
   for (const auto& [angle, sets] : cases) {
     SCOPED_TRACE(angle);
@@ -195,11 +195,11 @@ TEST(VornMbf, ThreeBeamsWithTheirEdgeBinCarries) {
 // output is the fixed beam a quarter block late.
 TEST(AdaptGsc, OutputMayShareTheFixedBeamBlock) {
   constexpr int kHops = 40;
-  Signal noise = test::WhiteNoise(kHops * kBfHop, 200.0, 61);
+  Signal noise = sim::WhiteNoise(kHops * kBfHop, 200.0, 61);
   for (std::size_t i = 20 * kBfHop; i < 24 * kBfHop; ++i) noise[i] *= 30.0f;
   const ThreeMics mics =
-      test::Mix(test::PlaneWave(noise, 120.0), test::IndependentNoise(kHops * kBfHop, 20.0, 62));
-  std::vector<short> pcm = test::Interleave(mics);
+      sim::Mix(sim::PlaneWave(noise, 120.0), sim::IndependentNoise(kHops * kBfHop, 20.0, 62));
+  std::vector<short> pcm = sim::Interleave(mics);
   BfInstance shared(4, 0), separate(4, 0);
   for (int h = 0; h < kHops; ++h) {
     float f[3][512];
@@ -228,8 +228,8 @@ TEST(UpdateFilter, CapsTheJointTapNormOfAllThreeFilters) {
     BfInstance bf(3, 0);
     float taps[3][512] = {}, refs[3][512], zero_out[256] = {};
     for (int j = 0; j < 3; ++j) {
-      const Signal r = test::WhiteNoise(256, 1.0, 30 + j), ref = test::WhiteNoise(512, 1.0, 40 + j);
-      for (int n = 0; n < 256; ++n) taps[j][n] = float(r[n] * per_filter_norm / (test::Rms(r) * 16.0));
+      const Signal r = sim::WhiteNoise(256, 1.0, 30 + j), ref = sim::WhiteNoise(512, 1.0, 40 + j);
+      for (int n = 0; n < 256; ++n) taps[j][n] = float(r[n] * per_filter_norm / (sim::Rms(r) * 16.0));
       FFT(taps[j], bf.st()->fd_g[j]);
       std::copy(ref.begin(), ref.end(), refs[j]);
     }
@@ -253,19 +253,19 @@ TEST(UpdateFilter, CapsTheJointTapNormOfAllThreeFilters) {
 TEST(AdaptGsc, CancelsAnInterfererAndKeepsTheTalker) {
   constexpr std::size_t kHops = 500;  // 8 s
   const std::size_t n = kHops * kBfHop;
-  const Signal noise_source = test::WhiteNoise(n, 1000.0, 51);
-  const Signal talk_source = test::MakeSpeechLike(n, 53, {.rms = 1000.0}).samples;
+  const Signal noise_source = sim::WhiteNoise(n, 1000.0, 51);
+  const Signal talk_source = sim::MakeSpeechLike(n, 53, {.rms = 1000.0}).samples;
   // Type 3 at 60 and 300 degrees keeps its 20- and 260-degree fixed sets, type 4 its 0- and 240-degree ones.
   const std::tuple<int, int, double> cases[] = {{3, 0, 120.0},  {4, 0, 120.0},  {3, 60, 180.0},
                                                 {4, 60, 180.0}, {3, 300, 60.0}, {4, 300, 60.0}};
   for (const auto& [bf_flag, look, interferer_az] : cases) {
     SCOPED_TRACE(testing::Message() << "bf_flag " << bf_flag << " look " << look);
     ThreeMics interferer =
-        test::Mix(test::PlaneWave(noise_source, interferer_az), test::IndependentNoise(n, 3.0, 52));
+        sim::Mix(sim::PlaneWave(noise_source, interferer_az), sim::IndependentNoise(n, 3.0, 52));
     for (Signal& mic : interferer) std::fill(mic.begin(), mic.begin() + 20 * kBfHop, 0.0f);
-    const ThreeMics talker = test::PlaneWave(talk_source, look + 10.0);
-    std::vector<short> pcm_noise = test::Interleave(interferer), pcm_talker = test::Interleave(talker);
-    std::vector<short> pcm_mix = test::Interleave(test::Mix(interferer, talker));
+    const ThreeMics talker = sim::PlaneWave(talk_source, look + 10.0);
+    std::vector<short> pcm_noise = sim::Interleave(interferer), pcm_talker = sim::Interleave(talker);
+    std::vector<short> pcm_mix = sim::Interleave(sim::Mix(interferer, talker));
     BfInstance alone(bf_flag, look), mixed(bf_flag, look), shadow(bf_flag, look);
     double out_en[2] = {0, 0}, fixed_en[2] = {0, 0};  // interferer, talker
     for (std::size_t h = 0; h < kHops; ++h) {

@@ -12,8 +12,9 @@
 #include "adsp_bf/audio_dsp_proc.h"
 #include "adsp_bf/weight_tables.h"
 #include "adsp_ns/adsp_ns_proc.h"
-#include "support/ns_harness.h"
-#include "support/signals.h"
+#include "common/adsp_common_fft_rel.h"
+#include "sim/ns_harness.h"
+#include "sim/signals.h"
 
 namespace vorn {
 namespace {
@@ -29,7 +30,7 @@ struct BfInstance {
   T_AudioDspState* st() { return static_cast<T_AudioDspState*>(pm.p_data); }
 };
 
-TEST(DoaHelpers, BinWeightsPowerSlotsAndAngleMeans) {
+TEST(DoaHelpers, BinWeightsPowerSlotsAngleMeansAndSelectSort) {
   // At the noise and below: floor; floored gain times squared ratio; both terms; capped; no noise: capped.
   const std::tuple<float, float, float> weights[] = {
       {1, 1, 0.1f}, {0, 1, 0.1f}, {2, 1, 0.1f * 4}, {4, 1, (4 - 1.9f) / 4 * 16}, {100, 1, 100}, {1, 0, 100}};
@@ -39,7 +40,7 @@ TEST(DoaHelpers, BinWeightsPowerSlotsAndAngleMeans) {
     EXPECT_NEAR(w, want, 1e-5f * want) << "power " << power << " noise " << noise;
   }
   // Slot 0 holds the DC magnitude and slot 255 the Nyquist magnitude, not powers.
-  test::Signal spectrum = test::WhiteNoise(512, 5.0, 5);
+  sim::Signal spectrum = sim::WhiteNoise(512, 5.0, 5);
   spectrum[0] = -3.0f;
   spectrum[256] = -7.0f;
   float psd[256];
@@ -67,13 +68,21 @@ TEST(DoaHelpers, BinWeightsPowerSlotsAndAngleMeans) {
     EXPECT_EQ(HistAngle(a.data(), int(a.size())), c.hist);
   }
   EXPECT_EQ(HistAngle(nullptr, 0), 0);
+
+  // SelectSort: the largest score wins, the first of equal ones; a single entry is the answer.
+  EleAziStruct sets[4] = {{3, 1.0f}, {9, 5.0f}, {11, 5.0f}, {2, 4.0f}};
+  EleAziIndex pick{-1, -1};
+  SelectSort(sets, 4, &pick);
+  EXPECT_TRUE(pick.elevation == 1 && pick.azimuth == 9) << pick.elevation << " " << pick.azimuth;
+  SelectSort(sets, 1, &pick);
+  EXPECT_TRUE(pick.elevation == 0 && pick.azimuth == 3) << pick.elevation << " " << pick.azimuth;
 }
 
 #if defined(__SSE2__)
 // The vector scoring gives the plain loop's bits, for the real tables and for
 // a count of sets that leaves a scalar tail (bins, weights and sets at random).
 TEST(DoaSteeredPower, Sse2MatchesThePlainLoopBitForBit) {
-  const test::Signal noise = test::WhiteNoise(kDoaBandBins * 6 + 256 + 7 * 1542, 0.5, 17);
+  const sim::Signal noise = sim::WhiteNoise(kDoaBandBins * 6 + 256 + 7 * 1542, 0.5, 17);
   float unit[kDoaBandBins][3][2];
   std::copy_n(noise.begin(), kDoaBandBins * 6, &unit[0][0][0]);
   const float* w = noise.data() + kDoaBandBins * 6;
@@ -90,20 +99,79 @@ TEST(DoaSteeredPower, Sse2MatchesThePlainLoopBitForBit) {
 #endif
 
 // The tracked azimuth is a plain mean of the decisions in degrees, without wrap-around, over the
-// hops seen so far (at most 64): here a history alternating 0 and 355, then a silent hop deciding 0.
+// hops seen so far (at most 64), and a hop before any is counted gives its own decision. Here a
+// history alternating 0 and 355, then one hop: silence, which scores 0 everywhere (not NaN) and
+// decides 0, or white noise from 100 degrees, whose decision enters the mean.
 TEST(DOA, TracksThePlainMeanOfTheDecisions) {
-  float silent[3][512] = {};
-  const std::pair<unsigned, int> cases[] = {{100, 32 * 355 / 64}, {10, 32 * 355 / 10}, {1, 32 * 355}, {0, 0}};
-  for (const auto& [frame_num, want] : cases) {
-    SCOPED_TRACE(frame_num);
-    BfInstance bf;
-    T_AudioDspState* st = bf.st();
-    for (int h = 0; h < 64; ++h) st->azimuth_buff[h] = (h % 2) ? 355 : 0;
-    st->frame_num = frame_num;
-    EXPECT_EQ(DOA(st, silent), want);
-    EXPECT_EQ(st->azimuth_buff[63], 0);
-    EXPECT_EQ(st->azimuth_buff[62], 355);
-    for (int d = 0; d < 72; ++d) EXPECT_EQ(st->frame_bf_en[d][63], 0.0f);  // silence scores 0, not NaN
+  const std::vector<short> wave = sim::Interleave(sim::PlaneWave(sim::WhiteNoise(kBfFftLen, 3000.0, 8), 100.0));
+  float talker[3][512] = {};
+  for (int m = 0; m < 3; ++m) {
+    for (int n = 0; n < kBfFftLen; ++n) talker[m][n] = wave[static_cast<std::size_t>(3 * n + m)];
+    fft_rel(talker[m], kBfFftLen, kBfFftOrder);
+  }
+  const std::pair<unsigned, int> cases[] = {{100, 64}, {63, 63}, {10, 10}, {1, 1}, {0, 0}};  // frame_num, divisor
+  for (const bool silent : {true, false}) {
+    for (const auto& [frame_num, divisor] : cases) {
+      SCOPED_TRACE(testing::Message() << (silent ? "silent" : "talker") << " hop, frame_num " << frame_num);
+      BfInstance bf;
+      T_AudioDspState* st = bf.st();
+      for (int h = 0; h < 64; ++h) st->azimuth_buff[h] = (h % 2) ? 355 : 0;
+      st->frame_num = frame_num;
+      float f[3][512] = {};
+      if (!silent) std::copy(&talker[0][0], &talker[0][0] + 3 * 512, &f[0][0]);
+      const int tracked = DOA(st, f);
+      const int decided = st->azimuth_buff[63];
+      EXPECT_EQ(st->azimuth_buff[62], 355);
+      EXPECT_EQ(tracked, divisor > 0 ? (32 * 355 + decided) / divisor : decided);
+      if (silent) {
+        EXPECT_EQ(decided, 0);
+        for (int d = 0; d < 72; ++d) EXPECT_EQ(st->frame_bf_en[d][63], 0.0f);
+      } else {
+        EXPECT_NEAR(decided, 100, 5);
+      }
+    }
+  }
+}
+
+// The first hops through the frame flow: each scores the 72 directions into the newest column of
+// the history, whose best is the hop's decision and which the frame scores copy; older columns
+// move back by one per hop; the tracked azimuth is the mean over the hops so far. The source moves
+// from 250 to 100 degrees after two hops; the hop whose window holds both decides either.
+TEST(BfProc, FirstHopsScoreAgeAndAverageTheDecisions) {
+  const sim::Signal noise = sim::WhiteNoise(4 * kBfHop, 3000.0, 9);
+  const sim::ThreeMics from_250 = sim::PlaneWave(noise, 250.0), from_100 = sim::PlaneWave(noise, 100.0);
+  sim::ThreeMics moving;
+  for (int m = 0; m < 3; ++m) {
+    moving[m] = from_250[m];
+    std::copy(from_100[m].begin() + 2 * kBfHop, from_100[m].end(), moving[m].begin() + 2 * kBfHop);
+  }
+  std::vector<short> pcm = sim::Interleave(moving);
+  BfInstance bf;
+  T_AudioDspState* st = bf.st();
+  std::fill(st->ns_psd, st->ns_psd + kBfNumBins, 1e-3f);
+  std::vector<float> before(72, 0.0f);  // the previous hop's scores: nothing before the first
+  const int want[4] = {250, 250, -1, 100};
+  int sum = 0;
+  for (int hop = 0; hop < 4; ++hop) {
+    SCOPED_TRACE(hop);
+    short out[kBfHop];
+    ASSERT_EQ(BfProc(&bf.pm, pcm.data() + 3 * kBfHop * hop, out, nullptr), 0);
+    const int decided = st->azimuth_buff[63];
+    sum += decided;
+    if (want[hop] >= 0) {
+      EXPECT_NEAR(decided, want[hop], 5);
+    }
+    EXPECT_EQ(bf.pm.azimuth, sum / (hop + 1));
+    std::vector<float> newest(72), aged(72), frame(72);
+    for (int d = 0; d < 72; ++d) {
+      newest[d] = st->pr_ele[0][d][63];
+      aged[d] = st->pr_ele[0][d][62];
+      frame[d] = st->frame_bf_en[d][63];
+    }
+    EXPECT_EQ(5 * (std::max_element(newest.begin(), newest.end()) - newest.begin()), decided);
+    EXPECT_EQ(frame, newest);
+    EXPECT_EQ(aged, before);
+    before = newest;
   }
 }
 
@@ -119,16 +187,16 @@ TEST(DOA, PerHopDecisionsAndUtteranceSearchesFindTheTalker) {
     SCOPED_TRACE(azimuth);
     const auto seed = std::uint32_t(azimuth * 10);
     const double lead_s = kLeadHops * kBfHop / 16000.0;
-    auto talker = test::MakeSpeechLike(kHops * kBfHop, seed, {.rms = 3000.0, .lead_silence_s = lead_s});
+    auto talker = sim::MakeSpeechLike(kHops * kBfHop, seed, {.rms = 3000.0, .lead_silence_s = lead_s});
     // The generator has no radiation at the lips, which differentiates the
     // flow (+6 dB per octave) and gives real speech its brightness: add it.
     for (std::size_t i = talker.samples.size() - 1; i > 0; --i) talker.samples[i] -= talker.samples[i - 1];
-    const double noise_rms = std::sqrt(test::MaskedMeanSquare(talker.samples, talker.active, 1)) / 10.0;
-    const test::ThreeMics noise = test::IndependentNoise(talker.samples.size(), noise_rms, seed + 7);
-    std::vector<short> pcm = test::Interleave(test::Mix(test::PlaneWave(talker.samples, azimuth), noise));
+    const double noise_rms = std::sqrt(sim::MaskedMeanSquare(talker.samples, talker.active, 1)) / 10.0;
+    const sim::ThreeMics noise = sim::IndependentNoise(talker.samples.size(), noise_rms, seed + 7);
+    std::vector<short> pcm = sim::Interleave(sim::Mix(sim::PlaneWave(talker.samples, azimuth), noise));
 
     BfInstance bf;
-    test::NsInstance ns;
+    sim::NsInstance ns;
     const int hops_before = voiced_hops, hits_before = voiced_hits;
     for (std::size_t h = 0; h < kHops; ++h) {
       short* frame = pcm.data() + h * 3 * kBfHop;
@@ -163,7 +231,7 @@ TEST(DOA, PerHopDecisionsAndUtteranceSearchesFindTheTalker) {
 // Flag 1 decides a direction each hop, flag 3 only records per-bin speech weights (newest row
 // first) for the utterance search; without the caller's permission nothing moves.
 TEST(BfProc, DoaWorkFollowsTheFlags) {
-  std::vector<short> pcm = test::Interleave(test::PlaneWave(test::WhiteNoise(3 * kBfHop, 3000.0, 4), 100.0));
+  std::vector<short> pcm = sim::Interleave(sim::PlaneWave(sim::WhiteNoise(3 * kBfHop, 3000.0, 4), 100.0));
   const std::tuple<int, int, bool, bool> cases[] = {  // doa_flag, permission, decides, weighs
       {1, 1, true, false},  {3, 1, false, true},  {2, 1, false, false},
       {0, 1, false, false}, {1, 0, false, false}, {3, 0, false, false}};
@@ -214,7 +282,7 @@ TEST(UtteranceDoa, StoredScoresAndRescoredStretches) {
     EXPECT_EQ(bf.pm.azimuth, want) << samples;
   }
 
-  std::vector<short> wave = test::Interleave(test::PlaneWave(test::WhiteNoise(4096, 2000.0, 77), 100.0));
+  std::vector<short> wave = sim::Interleave(sim::PlaneWave(sim::WhiteNoise(4096, 2000.0, 77), 100.0));
   const std::pair<int, int> searches[] = {{512 + 3 * 256, 2}, {1023, 0}, {300, 0}};  // samples, hops scored
   for (const auto& [samples, want_scored] : searches) {
     SCOPED_TRACE(samples);

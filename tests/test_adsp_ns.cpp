@@ -11,18 +11,18 @@
 #include "adsp_ns/adsp_ns_proc.h"
 #include "common/adsp_common_fft_rel.h"
 #include "common/adsp_common_rom.h"
-#include "support/ns_harness.h"
-#include "support/signals.h"
+#include "sim/ns_harness.h"
+#include "sim/signals.h"
 
 namespace vorn {
 namespace {
 
-using test::MaskedMeanSquare;
-using test::NsInstance;
-using test::Signal;
+using sim::MaskedMeanSquare;
+using sim::NsInstance;
+using sim::Signal;
 
 constexpr int kLatency = kNsFftLen - kNsHop;  // 384 samples
-constexpr std::size_t kSecond = test::kSampleRate;
+constexpr std::size_t kSecond = sim::kSampleRate;
 
 // Mean windowed periodogram of x (after PCM rounding, as the suppressor
 // sees it) over frames starting at `from`, one per hop.
@@ -71,7 +71,7 @@ TEST(AdspNsProc, StationaryNoiseIsTrackedAndLeftAtTheGainFloor) {
   for (const Case c : {Case{false, 1.0f, 1}, Case{true, 1.0f, 2}, Case{false, 0.3f, 3}}) {
     SCOPED_TRACE(testing::Message() << (c.pink ? "pink" : "white") << " level " << c.level);
     const std::size_t n = 12 * kSecond, from = 6 * kSecond, settled = from / kNsHop;
-    const Signal x = c.pink ? test::PinkNoise(n, 1000.0, 12) : test::WhiteNoise(n, 1000.0, 11);
+    const Signal x = c.pink ? sim::PinkNoise(n, 1000.0, 12) : sim::WhiteNoise(n, 1000.0, 11);
     NsInstance ns(c.vad_mode, c.level);
     std::vector<double> estimate(kNsBins, 0.0);
     std::vector<int> flags;
@@ -116,7 +116,7 @@ TEST(AdspNsProc, StationaryNoiseIsTrackedAndLeftAtTheGainFloor) {
 }
 
 TEST(NsFreqFilter, RemovesLowBinsAndNyquistAndScalesTheRest) {
-  const Signal noise = test::WhiteNoise(kNsFftLen + kNsBins, 1.0, 5);
+  const Signal noise = sim::WhiteNoise(kNsFftLen + kNsBins, 1.0, 5);
   float spectrum[kNsFftLen], gain[kNsBins], out[kNsFftLen];
   std::copy_n(noise.begin(), kNsFftLen, spectrum);
   for (int k = 0; k < kNsBins; ++k) gain[k] = std::fabs(noise[kNsFftLen + k]);
@@ -134,9 +134,9 @@ TEST(AdspNsProc, ImprovesSpeechToNoiseRatio) {
   for (const double snr_db : {5.0, 10.0}) {
     SCOPED_TRACE(snr_db);
     const std::size_t n = 12 * kSecond, from = 4 * kSecond;
-    const test::SpeechLikeOptions opt{.lead_silence_s = 3.0};
-    const test::SpeechLike talker = test::MakeSpeechLike(n, 7, opt);
-    const Signal x = test::Mix(talker.samples, test::WhiteNoise(n, opt.rms / std::pow(10.0, snr_db / 20.0), 3));
+    const sim::SpeechLikeOptions opt{.lead_silence_s = 3.0};
+    const sim::SpeechLike talker = sim::MakeSpeechLike(n, 7, opt);
+    const Signal x = sim::Mix(talker.samples, sim::WhiteNoise(n, opt.rms / std::pow(10.0, snr_db / 20.0), 3));
     const Signal y = NsInstance().Run(x);
     EXPECT_TRUE(NsInstance().Run(x) == y) << "a second instance gave other bits";
     const Signal x_in(x.begin() + from, x.end() - kLatency), y_out(y.begin() + from + kLatency, y.end());
@@ -185,9 +185,9 @@ TEST(AdspNsProc, FullScaleOnsetAfterSilenceStaysFiniteAndSaturates) {
 TEST(AdspNsProc, SpectralScaleModeTracksDiagonalMinimum) {
   NsInstance ns;
   const T_AdspNsState &st = ns.state();
-  ns.Run(test::WhiteNoise(6 * kNsHop, 300.0, 8));  // some time samples in `au`
+  ns.Run(sim::WhiteNoise(6 * kNsHop, 300.0, 8));  // some time samples in `au`
   ns.param().data_type = kNsDataSpectralScale;
-  const Signal noise = test::WhiteNoise(25 * kNsFftLen, 10.0, 6);
+  const Signal noise = sim::WhiteNoise(25 * kNsFftLen, 10.0, 6);
   float minimum[kNsBins], scaled[kNsFftLen];
   for (int call = 0; call < 25; ++call) {
     Signal spectrum(noise.begin() + call * kNsFftLen, noise.begin() + (call + 1) * kNsFftLen);
@@ -248,15 +248,15 @@ TEST(NsVad, FlagsOnsetsAndReleasesAfterHangover) {
   constexpr int kFrame = 256, kFirst = 300, kPeriod = 125, kBurst = 40, kLast = kFirst + 8 * kPeriod;
   constexpr int kRelease = (30 + 3) / 2 + 1;  // longest hangover plus the analysis window, in frames
   const std::size_t n = 22 * kSecond;
-  const test::SpeechLikeOptions opt{.syllable_hz = 0.25, .duty = 1.0};
-  Signal speech = test::MakeSpeechLike(n, 7, opt).samples;
+  const sim::SpeechLikeOptions opt{.syllable_hz = 0.25, .duty = 1.0};
+  Signal speech = sim::MakeSpeechLike(n, 7, opt).samples;
   for (std::size_t i = 0; i < n; ++i) {
     const int frame = static_cast<int>(i / kFrame);
     if (frame < kFirst || (frame - kFirst) % kPeriod >= kBurst) speech[i] = 0.0f;
   }
   for (const auto& [mode, snr_db] : {std::pair{1, 30.0}, std::pair{2, 20.0}, std::pair{3, 30.0}}) {
     SCOPED_TRACE(testing::Message() << "mode " << mode);
-    const Signal mix = test::Mix(speech, test::WhiteNoise(n, opt.rms / std::pow(10.0, snr_db / 20.0), 3));
+    const Signal mix = sim::Mix(speech, sim::WhiteNoise(n, opt.rms / std::pow(10.0, snr_db / 20.0), 3));
     std::vector<int> flags;
     NsInstance(mode).Run(mix, &flags);
     const auto frame_flag = [&](int frame) { return flags[2 * frame] | flags[2 * frame + 1]; };

@@ -24,7 +24,7 @@
 #include "adsp_aec/delay_estimator_wrapper.h"
 #include "adsp_aec/randomization_functions.h"
 #include "adsp_aec/ring_buffer.h"
-#include "support/signals.h"
+#include "sim/signals.h"
 
 namespace vorn {
 namespace {
@@ -98,10 +98,10 @@ std::array<double, 128> DirectPackedDft(const float* x) {
 // Impulses, a tone (its sine part in the odd slots, with the sine's sign) and
 // noise at two scales through the installed stages (the plain ones without SSE2).
 TEST(Rdft128, ForwardMatchesADirectDftInDoubleAndInverseUndoesIt) {
-  std::vector<test::Signal> inputs = {test::Signal(128), test::Signal(128), test::Tone(128, 625.0, 1.0, 0.3)};
+  std::vector<sim::Signal> inputs = {sim::Signal(128), sim::Signal(128), sim::Tone(128, 625.0, 1.0, 0.3)};
   inputs[0][0] = 1.0f;
   inputs[1][77] = -3.0f;
-  for (int seed = 1; seed <= 20; ++seed) inputs.push_back(test::WhiteNoise(128, seed % 2 ? 1 : 3000, seed));
+  for (int seed = 1; seed <= 20; ++seed) inputs.push_back(sim::WhiteNoise(128, seed % 2 ? 1 : 3000, seed));
   auto relative_error = [](const float* got, const auto& want) {  // largest error over the largest value
     double error = 0.0, peak = 0.0;
     for (size_t i = 0; i < want.size(); ++i) {
@@ -112,7 +112,7 @@ TEST(Rdft128, ForwardMatchesADirectDftInDoubleAndInverseUndoesIt) {
   };
   aec_rdft_init();
   double worst_forward = 0.0, worst_round_trip = 0.0;
-  for (const test::Signal& input : inputs) {
+  for (const sim::Signal& input : inputs) {
     alignas(16) std::array<float, 128> a;
     std::copy(input.begin(), input.end(), a.begin());
     aec_rdft_forward_128(a.data());
@@ -139,7 +139,7 @@ TEST(Rdft128, Sse2StagesMatchThePlainStagesAndAreInstalled) {
   for (int stage = 0; stage < 4; ++stage) {
     EXPECT_EQ(installed[stage], sse2_stages[stage]) << stage;
     for (unsigned seed = 1; seed <= 10; ++seed) {
-      const test::Signal noise = test::WhiteNoise(128, 1000.0, seed);
+      const sim::Signal noise = sim::WhiteNoise(128, 1000.0, seed);
       alignas(16) std::array<float, 128> plain, sse2;
       std::copy(noise.begin(), noise.end(), plain.begin());
       sse2 = plain;
@@ -253,7 +253,7 @@ std::vector<unsigned char> Record(const char (&tag)[9], uint32_t length, const s
 
 // Taps are transformed and added into the given planes (0.5 here); a rejected file leaves them as they were.
 TEST(FilterFile, AddsGoodFilesIntoThePlanesAndRejectsBadOnes) {
-  const test::Signal taps = test::WhiteNoise(768, 0.1, 11);
+  const sim::Signal taps = sim::WhiteNoise(768, 0.1, 11);
   const std::vector<float> ten(taps.begin(), taps.begin() + 10), longer(taps.size() + 1);
   const auto others = Record("AEC----x", 40, ten, Record("NS-----_", 40, ten));
   const auto good = Record("AEC----_", 3072, taps);
@@ -340,17 +340,89 @@ TEST(DelayEstimator, BinarySpectraMarkBandsAboveTheirMeanAndShiftOnACorrection) 
   EXPECT_EQ(newest(4), (Words{{0, 0, 0x55555555u, first}, {0, 0, 16, 31}}));
   Adsp_SoftResetDelayEstimatorFarend(far, -3);
   EXPECT_EQ(newest(4), (Words{{first, 0, 0, 0}, {31, 0, 0, 0}}));
+  // The near end's lookahead absorbs what it can of a correction, within 0..20
+  // here, and returns the rest.
+  BinaryDelayEstimator binary_near;
+  ASSERT_EQ(Adsp_CreateBinaryDelayEstimator(&binary_near, &far_buf.binary_farend_buf, 20), 0);
+  binary_near.lookahead = 15;
+  // shift, lookahead after it, rest returned
+  const int corrections[][3] = {{5, 10, 0}, {12, 0, 2}, {-30, 20, -10}, {0, 20, 0}, {3, 17, 0}};
+  for (const auto& [shift, lookahead, rest] : corrections) {
+    EXPECT_EQ(Adsp_SoftResetBinaryDelayEstimator(&binary_near, shift), rest) << shift;
+    EXPECT_EQ(binary_near.lookahead, lookahead) << shift;
+  }
+}
+
+// Out-of-range arguments are refused; a restart clears the estimate but keeps
+// the owner's settings, and both ends share one history length.
+TEST(DelayEstimator, RejectsBadArgumentsAndKeepsSettingsOverARestart) {
+  DelayEstimatorFarend far_buf;
+  DelayEstimator near_buf;
+  EXPECT_EQ(Adsp_CreateDelayEstimatorFarend(&far_buf, 64, 125), nullptr);
+  EXPECT_EQ(Adsp_CreateDelayEstimatorFarend(&far_buf, 65, 1), nullptr);
+  EXPECT_EQ(Adsp_CreateDelayEstimatorFarend(&far_buf, 65, 126), nullptr);
+  void* far = Adsp_CreateDelayEstimatorFarend(&far_buf, 65, 125);
+  ASSERT_EQ(far, &far_buf);
+  EXPECT_EQ(Adsp_CreateDelayEstimator(&near_buf, nullptr, 125), nullptr);
+  EXPECT_EQ(Adsp_CreateDelayEstimator(&near_buf, far, 126), nullptr);
+  void* near = Adsp_CreateDelayEstimator(&near_buf, far, 125);
+  ASSERT_EQ(near, &near_buf);
+  EXPECT_EQ(Adsp_last_delay(near), -2);
+  EXPECT_EQ(Adsp_last_delay(nullptr), -1);
+  EXPECT_EQ(Adsp_set_lookahead(near, 126), -1);
+  EXPECT_EQ(Adsp_enable_robust_validation(near, 2), -1);
+  EXPECT_EQ(Adsp_set_history_size(near, 126), -1);
+  std::array<float, 65> spectrum{};
+  std::array<uint16_t, 65> spectrum_fix{};
+  const int refused[] = {
+      Adsp_AddFarSpectrumFloat(nullptr, spectrum.data(), 65),
+      Adsp_AddFarSpectrumFloat(far, nullptr, 65),
+      Adsp_AddFarSpectrumFloat(far, spectrum.data(), 64),
+      Adsp_AddFarSpectrumFix(far, spectrum_fix.data(), 65, 16),
+      Adsp_DelayEstimatorProcessFloat(nullptr, spectrum.data(), 65),
+      Adsp_DelayEstimatorProcessFloat(near, nullptr, 65),
+      Adsp_DelayEstimatorProcessFloat(near, spectrum.data(), 66),
+      Adsp_DelayEstimatorProcessFix(near, spectrum_fix.data(), 65, -1),
+      Adsp_DelayEstimatorProcessFix(near, nullptr, 65, 0)};
+  for (std::size_t i = 0; i < std::size(refused); ++i) EXPECT_EQ(refused[i], -1) << "call " << i;
+  ASSERT_EQ(Adsp_set_lookahead(near, 15), 15);
+  ASSERT_EQ(Adsp_enable_robust_validation(near, 1), 0);
+  ASSERT_EQ(Adsp_set_allowed_offset(near, 6), 0);
+  EXPECT_EQ(Adsp_InitDelayEstimator(near), 0);
+  EXPECT_EQ(Adsp_lookahead(near), 15);
+  EXPECT_EQ(Adsp_is_robust_validation_enabled(near), 1);
+  EXPECT_EQ(Adsp_get_allowed_offset(near), 6);
+  EXPECT_EQ(Adsp_set_history_size(near, 40), 40);
+  EXPECT_EQ(far_buf.binary_farend_buf.history_size, 40);
+}
+
+// The running means step by the difference's magnitude shifted right, so a
+// falling mean moves as far as a rising one and a step below one unit of the
+// shift leaves the mean where it is.
+TEST(DelayEstimator, MeanEstimatorShiftsTheDifferenceMagnitude) {
+  const int32_t cases[][4] = {
+      // new value, factor, mean, expected
+      {1000, 3, 0, 125}, {0, 3, 1000, 875},  // symmetric steps
+      {0, 3, 1001, 876},                     // -1001 >> 3 would give -126; the magnitude gives -125
+      {5, 3, 0, 0},      {0, 3, 5, 5},       // steps below one unit do not move the mean
+      {16384, 7, 10240, 10288}, {0, 13, 8191, 8191}, {0, 13, 8192, 8191},
+  };
+  for (const auto& c : cases) {
+    int32_t mean = c[2];
+    Adsp_MeanEstimatorFix(c[0], static_cast<int>(c[1]), &mean);
+    EXPECT_EQ(mean, c[3]) << c[0] << " " << c[1] << " " << c[2];
+  }
 }
 
 // Near end: the far end 10 dB down and delay_samples late, over room noise 40 dB below the far end.
-test::Signal EchoOf(const test::Signal& far, int delay_samples) {
-  test::Signal near(far.size(), 0.0f);
+sim::Signal EchoOf(const sim::Signal& far, int delay_samples) {
+  sim::Signal near(far.size(), 0.0f);
   for (size_t i = delay_samples; i < far.size(); ++i) near[i] = 0.316f * far[i - delay_samples];
-  return test::Mix(near, test::WhiteNoise(far.size(), 0.01 * 3000.0 * 0.316, 4));
+  return sim::Mix(near, sim::WhiteNoise(far.size(), 0.01 * 3000.0 * 0.316, 4));
 }
 
 // Power spectra (65 bins) of 128-sample frames advancing by 64, as the canceller forms them.
-std::vector<std::array<float, 65>> BlockSpectra(const test::Signal& x) {
+std::vector<std::array<float, 65>> BlockSpectra(const sim::Signal& x) {
   std::vector<std::array<float, 65>> spectra;
   for (size_t start = 0; start + 128 <= x.size(); start += 64) {
     alignas(16) std::array<float, 128> a;
@@ -371,7 +443,7 @@ struct RunResult {
 };
 
 // With robust validation its settled bounds are checked after every block.
-RunResult RunEstimator(bool robust, const test::Signal& far, const test::Signal& near, int watch = -1,
+RunResult RunEstimator(bool robust, const sim::Signal& far, const sim::Signal& near, int watch = -1,
                        int from = 0) {
   DelayEstimatorFarend far_buf;
   DelayEstimator near_buf;
@@ -409,9 +481,9 @@ RunResult RunEstimator(bool robust, const test::Signal& far, const test::Signal&
 // block), hence 800 blocks (3.2 s); the canceller needs a quality above 0.07.
 TEST(DelayEstimator, ConvergesOnAKnownEchoDelay) {
   const int cases[][2] = {{0, 0}, {64 * 9, 9}, {64 * 9 + 20, 9}, {64 * 60, 60}, {64 * 100 + 40, 101}};
-  const test::Signal far = test::PinkNoise(64 * 1000, 3000.0, 3);
+  const sim::Signal far = sim::PinkNoise(64 * 1000, 3000.0, 3);
   for (const auto& [delay_samples, delay_blocks] : cases) {
-    const test::Signal near = EchoOf(far, delay_samples);
+    const sim::Signal near = EchoOf(far, delay_samples);
     for (bool robust : {false, true}) {
       SCOPED_TRACE(testing::Message() << "delay " << delay_samples << (robust ? " robust" : " plain"));
       const RunResult r = RunEstimator(robust, far, near);
@@ -422,22 +494,27 @@ TEST(DelayEstimator, ConvergesOnAKnownEchoDelay) {
   }
 }
 
-// The echo path jumps from 8 blocks to a near (12) or a distant (40) delay;
+// The echo path jumps from 8 blocks to a near (12) or a distant (40) delay.
+// The plain rule takes the new delay as soon as it becomes the candidate;
 // robust validation follows once the new delay's histogram outweighs the old
 // one's capped value, within 200 blocks (0.8 s) of the candidate change.
 TEST(DelayEstimator, RobustValidationFollowsAPathChangeAfterConfirmingIt) {
   const int old_delay = 8, switch_block = 1200;
-  const test::Signal far = test::PinkNoise(64 * 2900, 3000.0, 3);
-  const test::Signal before = EchoOf(far, 64 * old_delay);
+  const sim::Signal far = sim::PinkNoise(64 * 2900, 3000.0, 3);
+  const sim::Signal before = EchoOf(far, 64 * old_delay);
   int robust_wait[2] = {};
   for (int new_delay : {12, 40}) {
     SCOPED_TRACE(new_delay);
-    const test::Signal after = EchoOf(far, 64 * new_delay);
-    test::Signal near(before.begin(), before.begin() + 64 * switch_block);
+    const sim::Signal after = EchoOf(far, 64 * new_delay);
+    sim::Signal near(before.begin(), before.begin() + 64 * switch_block);
     near.insert(near.end(), after.begin() + 64 * switch_block, after.end());
+    const RunResult plain = RunEstimator(false, far, near, new_delay + kLookahead, switch_block + 1);
     const RunResult robust = RunEstimator(true, far, near, new_delay + kLookahead, switch_block + 1);
-    ASSERT_EQ(robust.accepted, (std::vector<int>{old_delay + kLookahead, new_delay + kLookahead}));
+    for (const RunResult* r : {&plain, &robust})
+      ASSERT_EQ(r->accepted, (std::vector<int>{old_delay + kLookahead, new_delay + kLookahead}));
     ASSERT_GT(robust.candidate_at, switch_block);
+    EXPECT_EQ(plain.candidate_at, robust.candidate_at);  // the validation leaves the estimate itself alone
+    EXPECT_EQ(plain.accepted_at[1], plain.candidate_at);
     int& wait = robust_wait[new_delay == 40];
     wait = robust.accepted_at[1] - robust.candidate_at;
     EXPECT_GE(wait, 11);  // at least the hits a histogram-only takeover needs

@@ -13,20 +13,20 @@
 #include "adsp_bf/fixed_beamformer.h"
 #include "adsp_bf/weight_tables.h"
 #include "common/adsp_common_fft_rel.h"
-#include "support/signals.h"
+#include "sim/signals.h"
 
 namespace vorn {
 namespace {
 
-using test::Signal;
-using test::ThreeMics;
+using sim::Signal;
+using sim::ThreeMics;
 using Complex = std::complex<double>;
 
 constexpr int kN = 512;
 constexpr int kHop = 256;
 constexpr double kPi = 3.14159265358979323846;
 constexpr double kBinHz = 16000.0 / kN;
-constexpr double kRadiusSamples = test::kArrayRadiusM * test::kSampleRate / test::kSpeedOfSound;
+constexpr double kRadiusSamples = sim::kArrayRadiusM * sim::kSampleRate / sim::kSpeedOfSound;
 
 Complex Bin(const float* packed, int k) { return {packed[k], k % (kN / 2) == 0 ? 0.0 : packed[kN - k]}; }
 
@@ -145,8 +145,8 @@ TEST(WeightTables, EveryListEntryPassesItsOwnDirection) {
 // delayed by 144 samples, within 0.5 dB in every third-octave band from 300 Hz to 7 kHz (the
 // in-plane family goes through the whole module in test_adsp_bf).
 TEST(FixedBeams, PassTheLookDirectionWithTheCommonDelay) {
-  const Signal source = test::WhiteNoise(24 * kHop, 3000.0, 11);
-  Signal want(16 + 128, 0.0f);  // test::PlaneWave's common delay plus the one the weights carry
+  const Signal source = sim::WhiteNoise(24 * kHop, 3000.0, 11);
+  Signal want(16 + 128, 0.0f);  // sim::PlaneWave's common delay plus the one the weights carry
   want.insert(want.end(), source.begin(), source.end() - long(want.size()));
   const std::tuple<const float*, double, double> cases[] = {
       {doa_tab80[20], 100, 10},     {doa_tab70[40], 200, 20},     {doa_tab60[9], 45, 30},
@@ -154,8 +154,8 @@ TEST(FixedBeams, PassTheLookDirectionWithTheCommonDelay) {
       {mbf_bf_mvdr_tab[40], 200, 0}, {mbf_bf_mvdr_tab[71], 355, 0}};
   for (const auto& [set, az, elevation] : cases) {
     SCOPED_TRACE(testing::Message() << "azimuth " << az << " elevation " << elevation);
-    const Signal y = OverlapSave(test::PlaneWave(source, az, elevation), set);
-    EXPECT_LT(BandRatioDb(test::Mix(y, want, -1.0), want), -45.0);
+    const Signal y = OverlapSave(sim::PlaneWave(source, az, elevation), set);
+    EXPECT_LT(BandRatioDb(sim::Mix(y, want, -1.0), want), -45.0);
     for (double lo = 300.0; lo < 7000.0; lo *= std::cbrt(2.0))
       EXPECT_LT(std::fabs(BandRatioDb(y, want, lo, std::min(lo * std::cbrt(2.0), 7000.0))), 0.5) << lo;
   }
@@ -164,7 +164,7 @@ TEST(FixedBeams, PassTheLookDirectionWithTheCommonDelay) {
 // Directivity: response to the look direction over the response to a spherically
 // isotropic field, whose coherence between microphones one chord apart is sin(x)/x.
 double DirectivityDb(const float* set, int k, double look_deg) {
-  const double x = 2.0 * kPi * k * kBinHz * test::kArrayRadiusM * std::sqrt(3.0) / test::kSpeedOfSound;
+  const double x = 2.0 * kPi * k * kBinHz * sim::kArrayRadiusM * std::sqrt(3.0) / sim::kSpeedOfSound;
   double noise = 0.0;
   for (int i = 0; i < 3; ++i)
     for (int j = 0; j < 3; ++j)
@@ -189,8 +189,8 @@ TEST(FixedBeams, MvdrIsMoreDirectiveThanDelayAndSum) {
 // Each blocking output keeps a plane wave from its look direction below 1 % of what its weights pass
 // from the microphones one by one (as from spatially white noise), and passes other directions.
 TEST(BlockingMatrices, BlockTheLookDirection) {
-  const Signal source = test::WhiteNoise(16 * kHop, 3000.0, 23);
-  const ThreeMics white = test::IndependentNoise(16 * kHop, 3000.0, 24);
+  const Signal source = sim::WhiteNoise(16 * kHop, 3000.0, 23);
+  const ThreeMics white = sim::IndependentNoise(16 * kHop, 3000.0, 24);
   for (const auto& [bm, look] : {std::pair{bm_0, 0.0}, std::pair{bm_60, 60.0}, std::pair{bm_300, 300.0}})
     for (int out = 0; out < 3; ++out) {
       SCOPED_TRACE(testing::Message() << "look " << look << " output " << out);
@@ -204,8 +204,8 @@ TEST(BlockingMatrices, BlockTheLookDirection) {
       }
       EXPECT_LT(worst, 0.01);
       const Signal passed = OverlapSave(white, set.data());
-      EXPECT_LT(BandRatioDb(OverlapSave(test::PlaneWave(source, look), set.data()), passed), -40.0);
-      EXPECT_GT(BandRatioDb(OverlapSave(test::PlaneWave(source, look + 90.0), set.data()), passed), -10.0);
+      EXPECT_LT(BandRatioDb(OverlapSave(sim::PlaneWave(source, look), set.data()), passed), -40.0);
+      EXPECT_GT(BandRatioDb(OverlapSave(sim::PlaneWave(source, look + 90.0), set.data()), passed), -10.0);
     }
 }
 
@@ -219,12 +219,12 @@ void ExpectBeamOfSet(float f[3][kN], int type, int angle, const float* set) {
 
 TEST(FixedBF, SelectsTheSetOfTypeAndAngle) {
   // The sector types pick the sector whose beam is strongest (the first on ties).
-  const Signal talker = test::MakeSpeechLike(8 * kHop, 3).samples;
+  const Signal talker = sim::MakeSpeechLike(8 * kHop, 3).samples;
   const std::pair<int, int> sectors[] = {{10, 0}, {350, 0}, {115, 1}, {130, 1}, {240, 2}, {200, 2}};
   float f[3][kN];
   for (const auto& [source_az, sector] : sectors) {
     SCOPED_TRACE(testing::Message() << "source at " << source_az);
-    const ThreeMics mics = test::PlaneWave(talker, source_az);
+    const ThreeMics mics = sim::PlaneWave(talker, source_az);
     for (int m = 0; m < 3; ++m) {
       std::copy_n(mics[m].begin() + 4 * kHop, kN, f[m]);
       fft_rel(f[m], kN, 9);

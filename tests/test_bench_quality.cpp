@@ -8,7 +8,7 @@
 #include "quality/grid.h"
 #include "quality/scoring.h"
 #include "quality/systems.h"
-#include "scene/metrics.h"
+#include "sim/metrics.h"
 
 namespace vorn::bench {
 namespace {
@@ -23,26 +23,26 @@ TEST(BenchQuality, FrameLagAndTableAzimuthRound) {
 }
 
 TEST(BenchQuality, SpanSamplesJoinsSpansAndStopsAtTheEnd) {
-  Signal x(5 * kFrame);
+  sim::Signal x(5 * sim::kFrame);
   for (std::size_t i = 0; i < x.size(); ++i) x[i] = static_cast<float>(i);
-  const Signal cut = SpanSamples(x, {{1, 2}, {3, 9}});
-  Signal want(x.begin() + kFrame, x.begin() + 2 * kFrame);
-  want.insert(want.end(), x.begin() + 3 * kFrame, x.end());
+  const sim::Signal cut = SpanSamples(x, {{1, 2}, {3, 9}});
+  sim::Signal want(x.begin() + sim::kFrame, x.begin() + 2 * sim::kFrame);
+  want.insert(want.end(), x.begin() + 3 * sim::kFrame, x.end());
   EXPECT_EQ(cut, want);
   EXPECT_TRUE(SpanSamples(x, {{7, 9}}).empty());
 }
 
 TEST(BenchQuality, FrameAttenuationReadsTheGainPerFrame) {
-  const Signal mic(4 * kFrame, 3000.0f);
-  Signal out = mic;
-  for (std::size_t i = 0; i < kFrame; ++i) out[i] *= 0.1f;           // frame 0: -20 dB
-  for (std::size_t i = 2 * kFrame; i < 3 * kFrame; ++i) out[i] = 0;  // frame 2: removed
+  const sim::Signal mic(4 * sim::kFrame, 3000.0f);
+  sim::Signal out = mic;
+  for (std::size_t i = 0; i < sim::kFrame; ++i) out[i] *= 0.1f;           // frame 0: -20 dB
+  for (std::size_t i = 2 * sim::kFrame; i < 3 * sim::kFrame; ++i) out[i] = 0;  // frame 2: removed
   const auto attenuation = FrameAttenuationDb(mic, out);
   ASSERT_EQ(attenuation.size(), 4u);
   EXPECT_NEAR(attenuation[0], 20.0, 0.01);
   EXPECT_NEAR(attenuation[1], 0.0, 1e-9);
   EXPECT_TRUE(attenuation[2] > 60.0 && std::isfinite(attenuation[2])) << attenuation[2];  // a one-LSB floor
-  for (double a : FrameAttenuationDb(Signal(4 * kFrame), Signal(4 * kFrame))) EXPECT_EQ(a, 0.0);
+  for (double a : FrameAttenuationDb(sim::Signal(4 * sim::kFrame), sim::Signal(4 * sim::kFrame))) EXPECT_EQ(a, 0.0);
   // Over three frames centred on each (sliding inwards at the edges) the
   // energies add: frames 0..2 hold 1.01 of 3 frames' energy, frames 1..3 2.
   const auto smoothed = FrameAttenuationDb(mic, out, 3);
@@ -57,10 +57,10 @@ TEST(BenchQuality, TrackingIsScoredOnSpeechAfterSettlingAndWithTheLag) {
   const std::vector<std::uint8_t> labels = {0, 0, 1, 1, 1, 1, 1, 1, 1, 1, 0, 0};
   std::vector<double> estimates(6, 90.0);
   estimates.resize(13, 358.0);
-  const DoaScores settled = ScoreTracking(estimates, labels, 1, 0.0, 3);
+  const sim::DoaScores settled = ScoreTracking(estimates, labels, 1, 0.0, 3);
   EXPECT_NEAR(settled.mean_error_deg, 2.0, 1e-9);
   EXPECT_DOUBLE_EQ(settled.share_within_10, 1.0);
-  const DoaScores all = ScoreTracking(estimates, labels, 1, 0.0, 0);
+  const sim::DoaScores all = ScoreTracking(estimates, labels, 1, 0.0, 0);
   EXPECT_NEAR(all.mean_error_deg, (3 * 90.0 + 5 * 2.0) / 8.0, 1e-9);
   EXPECT_NEAR(all.share_within_10, 5.0 / 8.0, 1e-9);
 }
@@ -68,19 +68,19 @@ TEST(BenchQuality, TrackingIsScoredOnSpeechAfterSettlingAndWithTheLag) {
 // Pooling sums the counts before taking ratios: a small perfect scene must
 // not weigh as much as a large poor one. With nothing to divide, zeros.
 TEST(BenchQuality, PooledVadSumsTheCountsBeforeTakingRatios) {
-  const VadScores pooled = PoolVad({{.true_positive = 10}, {.true_positive = 30, .false_positive = 60,
+  const sim::VadScores pooled = PoolVad({{.true_positive = 10}, {.true_positive = 30, .false_positive = 60,
                                                              .false_negative = 10}});
   EXPECT_EQ(pooled.true_positive, 40u);  // with the ratios below, this fixes all three sums
   EXPECT_NEAR(pooled.precision, 0.4, 1e-12);
   EXPECT_NEAR(pooled.recall, 0.8, 1e-12);
   EXPECT_NEAR(pooled.f1, 2 * 0.4 * 0.8 / 1.2, 1e-12);
-  const VadScores empty = PoolVad({VadScores{}});
+  const sim::VadScores empty = PoolVad({sim::VadScores{}});
   EXPECT_EQ(empty.precision + empty.recall + empty.f1, 0.0);  // NaN would fail too
 }
 
 TEST(BenchQuality, SpectrogramPutsAFullScaleSineInItsBinAtZeroDbfs) {
   const std::size_t size = 512, bin = 40;
-  Signal x(4 * size);
+  sim::Signal x(4 * size);
   for (std::size_t n = 0; n < x.size(); ++n)
     x[n] = static_cast<float>(32767.0 * std::sin(2.0 * std::numbers::pi * bin * n / size));
   const auto rows = Spectrogram(x, size, 256);
@@ -98,31 +98,31 @@ TEST(BenchQuality, SpectrogramPutsAFullScaleSineInItsBinAtZeroDbfs) {
 // pauses included when the caller permits updates there: permitted on speech only, the track stays on the
 // talker; always permitted, it leans towards the pauses' scattered mean near 180 degrees.
 TEST(BenchQuality, RunnersKeepTheFramesAndTrackTheTalker) {
-  const Scene scene{.room = {.rt60_s = 0.0}, .duration_s = 6.0, .seed = 7, .azimuth_deg = 99.0,
+  const sim::Scene scene{.room = {.rt60_s = 0.0}, .duration_s = 6.0, .seed = 7, .azimuth_deg = 99.0,
                     .talker_begin_s = 1.0, .talker_end_s = 6.0, .talker = {},
-                    .noises = {{NoiseKind::kDiffuse, NoiseColour::kPink, 30.0},
-                               {NoiseKind::kSensor, NoiseColour::kWhite, 40.0}},
+                    .noises = {{sim::NoiseKind::kDiffuse, sim::NoiseColour::kPink, 30.0},
+                               {sim::NoiseKind::kSensor, sim::NoiseColour::kWhite, 40.0}},
                     .far_begin_s = 0.0, .far_end_s = 0.0, .far_end = {}};
-  RenderedScene rendered;
+  sim::RenderedScene rendered;
   std::string error;
-  ASSERT_TRUE(RenderScene(scene, &rendered, &error)) << error;
+  ASSERT_TRUE(sim::RenderScene(scene, &rendered, &error)) << error;
   const std::size_t frames = WholeFrames(rendered);
-  ASSERT_EQ(frames, static_cast<std::size_t>(6.0 * kSampleRate) / kFrame);
-  Signal mic0 = Channel(rendered.mics, 0);
-  mic0.resize(frames * kFrame);
+  ASSERT_EQ(frames, static_cast<std::size_t>(6.0 * sim::kSampleRate) / sim::kFrame);
+  sim::Signal mic0 = sim::Channel(rendered.mics, 0);
+  mic0.resize(frames * sim::kFrame);
   const SystemRun baseline = RunUnprocessed(rendered);
   EXPECT_EQ(baseline.output, mic0);
   EXPECT_EQ(baseline.speech, std::vector<std::uint8_t>(frames, 1));
   SystemRun run;
-  ASSERT_TRUE(RunVorn(VornConfig{.name = "off"}, scene, rendered, &run, &error)) << error;
+  ASSERT_TRUE(RunVorn(VornConfig{.name = "off", .switches = {}}, scene, rendered, &run, &error)) << error;
   EXPECT_EQ(run.output, mic0);
   EXPECT_EQ(run.speech.size(), frames);
-  VornConfig config{"array", 0, 2, 1, 1, 1, 2, true, true};
-  DoaScores scores[2];  // updates always permitted, then on speech only
-  for (DoaScores& score : scores) {
+  VornConfig config{"array", {0, 2, 1, 1, 1, 0, 2}, true, true};
+  sim::DoaScores scores[2];  // updates always permitted, then on speech only
+  for (sim::DoaScores& score : scores) {
     ASSERT_TRUE(RunVorn(config, scene, rendered, &run, &error)) << error;
     ASSERT_EQ(run.azimuth_deg.size(), frames);
-    EXPECT_LT(AzimuthErrorDeg(run.utterance_azimuth_deg, scene.azimuth_deg), 10.0);  // the utterance search
+    EXPECT_LT(sim::AzimuthErrorDeg(run.utterance_azimuth_deg, scene.azimuth_deg), 10.0);  // the utterance search
     score = ScoreTracking(run.azimuth_deg, rendered.truth.speech, 0, scene.azimuth_deg, 62);  // about a second
     config.doa_updates_on_speech = true;
   }
@@ -130,7 +130,7 @@ TEST(BenchQuality, RunnersKeepTheFramesAndTrackTheTalker) {
   EXPECT_GT(scores[1].share_within_10, 0.7);
   EXPECT_GT(scores[0].mean_error_deg, scores[1].mean_error_deg + 10.0);
   // bf_flag 9 does not exist: the parameter check's code comes back as text.
-  EXPECT_FALSE(RunVorn(VornConfig{"bad", 0, 9, 0, 0, 1, 2, false, false}, scene, rendered, &run, &error));
+  EXPECT_FALSE(RunVorn(VornConfig{"bad", {0, 9, 0, 0, 1, 0, 2}, false, false}, scene, rendered, &run, &error));
   EXPECT_NE(error.find("VornInit returned 8"), std::string::npos) << error;
 }
 

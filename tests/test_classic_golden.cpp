@@ -14,6 +14,7 @@
 #include <cstdio>
 #include <vector>
 
+#include "sim/switches.h"
 #include "vorn_proc.h"
 
 namespace {
@@ -96,9 +97,7 @@ Capture MakeCapture(int frames, bool echo) {
   return c;
 }
 
-struct Switches {
-  int agc, bf, doa, aec, ns, azimuth, vad_mode;
-};
+using vorn::sim::Switches;
 
 struct Case {
   const char* name;
@@ -119,15 +118,7 @@ uint64_t RunCase(const Case& c, const Capture& cap) {
   pm.param_size = static_cast<int32_t>(sizeof(T_VornParam));
   pm.vorn_mode = c.mode;
   pm.doa_update_flag = c.doa_update;
-  if (c.mode < 0) {
-    pm.agc_flag = c.switches.agc;
-    pm.bf_flag = c.switches.bf;
-    pm.doa_flag = c.switches.doa;
-    pm.aec_flag = c.switches.aec;
-    pm.ns_flag = c.switches.ns;
-    pm.bf_azimuth = c.switches.azimuth;
-    pm.vad_mode = c.switches.vad_mode;
-  }
+  if (c.mode < 0) vorn::sim::CopySwitches(c.switches, &pm);
   Hash h;
   h.Add(VornInit(&pm, nullptr));
   short order[kMics] = {0, 1, 2};

@@ -19,7 +19,7 @@
 #include "common/adsp_common_fft_rel.h"
 #include "common/adsp_common_rom.h"
 #include "common/adsp_common_util.h"
-#include "support/signals.h"
+#include "sim/signals.h"
 
 namespace vorn {
 namespace {
@@ -58,7 +58,7 @@ TEST(FftRel, MatchesTheDirectDftWithItsBinPowersAndRoundTrips) {
   // 128, 256 and 512 take the table-driven permutation, the other sizes the counter-based one.
   for (short n : {4, 8, 16, 32, 64, 128, 256, 512, 1024}) {
     SCOPED_TRACE("n = " + std::to_string(n));
-    Floats x = test::WhiteNoise(n, 0.5, 1000u + n);
+    Floats x = sim::WhiteNoise(n, 0.5, 1000u + n);
     const Floats original = x;
     const std::vector<double> want = PackedDft(x);
     fft_rel(x.data(), n, Log2(n));
@@ -104,7 +104,7 @@ TEST(FftRel, MatchesTheDirectDftWithItsBinPowersAndRoundTrips) {
   // disagreeing, not a power of two, a negative order, too short.
   struct Case { short n, m; };
   for (const Case c : {Case{2048, 11}, Case{512, 8}, Case{100, 7}, Case{512, -1}, Case{2, 1}}) {
-    const Floats original = test::WhiteNoise(c.n, 1.0, 7u);
+    const Floats original = sim::WhiteNoise(c.n, 1.0, 7u);
     Floats x = original;
     fft_rel(x.data(), c.n, c.m);
     EXPECT_EQ(x, original) << c.n << ", " << c.m;
@@ -178,7 +178,7 @@ TEST(CommonUtil, ConvIsCentredAndDropsTermsBeyondBothEdges) {
                         {"suppressor's local smoothing", 257, 3, true}};
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
-    Floats a = test::WhiteNoise(c.alen, 1.0, 11u + c.alen), b = test::WhiteNoise(c.blen, 1.0, 13u + c.blen);
+    Floats a = sim::WhiteNoise(c.alen, 1.0, 11u + c.alen), b = sim::WhiteNoise(c.blen, 1.0, 13u + c.blen);
     const Floats &signal = c.a_is_signal ? a : b, &kernel = c.a_is_signal ? b : a;
     Floats out(signal.size());
     Conv(a.data(), c.alen, b.data(), c.blen, out.data());

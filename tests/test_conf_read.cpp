@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "conf_read/conf_read.h"
-#include "support/wav_file.h"
+#include "support/files.h"
 
 namespace {
 

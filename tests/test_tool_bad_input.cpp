@@ -10,9 +10,10 @@
 #include <string>
 #include <vector>
 
+#include "audio_io/wav_file.h"
 #include "support/run_command.h"
-#include "support/signals.h"
-#include "support/wav_file.h"
+#include "sim/signals.h"
+#include "support/files.h"
 
 namespace vorn::test {
 namespace {
@@ -54,7 +55,7 @@ std::string WavBytes(const WavSpec& w) {
   s.append(pad, '\0');
   s += "data";
   PutLe(&s, w.datsize, 4);
-  const auto noise = ToPcm(WhiteNoise(w.audio_bytes / 2 + 1, 1000.0, 3));
+  const auto noise = sim::ToPcm(sim::WhiteNoise(w.audio_bytes / 2 + 1, 1000.0, 3));
   s.append(reinterpret_cast<const char*>(noise.data()), w.audio_bytes);
   return s;
 }
@@ -174,8 +175,8 @@ TEST_F(ToolBadInput, UnwritableOutputsFail) {
   }
   // The audio of the run whose azimuth was lost is whole, and nothing else
   // (the azimuth through a reused descriptor) landed in it.
-  WavData out;
-  ASSERT_TRUE(ReadWav(Path("out.wav"), &out));
+  WavAudio out;
+  ASSERT_TRUE(ReadWavFile(Path("out.wav"), &out));
   EXPECT_EQ(out.samples.size(), 1024u);
   EXPECT_EQ(std::filesystem::file_size(Path("out.wav")), 44u + 2 * 1024);
 }
@@ -239,8 +240,8 @@ TEST_F(VornBadInput, BrokenFilesAndSurroundingsFail) {
   }
   // The audio of the run whose summary was lost is whole, and nothing else
   // (the summary through a reused descriptor) landed in it.
-  WavData out;
-  ASSERT_TRUE(ReadWav(Path("summary_lost.wav"), &out));
+  WavAudio out;
+  ASSERT_TRUE(ReadWavFile(Path("summary_lost.wav"), &out));
   EXPECT_EQ(out.samples.size(), 1024u);
   EXPECT_EQ(std::filesystem::file_size(Path("summary_lost.wav")), 44u + 2 * 1024);
 }

@@ -14,9 +14,9 @@
 
 #include "adsp_aec/echo_cancellation.h"
 #include "adsp_agc/analog_agc.h"
-#include "support/front_end_param.h"
-#include "support/signals.h"
-#include "support/wav_file.h"
+#include "sim/front_end_param.h"
+#include "sim/signals.h"
+#include "support/files.h"
 #include "vorn/vorn_state.h"
 #include "vorn_proc.h"
 
@@ -55,18 +55,20 @@ class OffsetBuffer {
   std::size_t offset_;
 };
 
-struct Switches {
-  int agc, bf, doa, aec, ns, vad_mode, doa_update;
+struct Configuration {
+  sim::Switches switches;
+  int doa_update;
 };
 
 // Every value of every switch, and every beam type with every suppressor
 // variant; the other switches rotate through their values so that each
-// appears with several beam types.
-std::vector<Switches> AllSwitchValues() {
-  std::vector<Switches> list;
+// appears with several beam types. Azimuth 60 is valid for every beam type.
+std::vector<Configuration> AllSwitchValues() {
+  std::vector<Configuration> list;
   int i = 0;
   for (int bf = 0; bf <= 7; ++bf)
-    for (int ns = 0; ns <= 2; ++ns, ++i) list.push_back({i % 3, bf, i % 4, (i / 2) % 4, ns, 1 + i % 2, (i / 3) % 2});
+    for (int ns = 0; ns <= 2; ++ns, ++i)
+      list.push_back({{i % 3, bf, i % 4, (i / 2) % 4, ns, 60, 1 + i % 2}, (i / 3) % 2});
   return list;
 }
 
@@ -78,23 +80,20 @@ struct Capture {
 // fed, so the canceller has work to do.
 Capture MakeCapture() {
   const std::size_t n = kFrames * kFrame;
-  test::SpeechLikeOptions opt;
+  sim::SpeechLikeOptions opt;
   opt.syllable_hz = 12.0;  // several on/off edges inside the short capture
-  const auto talker = test::MakeSpeechLike(n, 21, opt).samples;
-  const auto far = test::WhiteNoise(n, 1500.0, 22);
-  auto mics = test::Mix(test::PlaneWave(talker, 60), test::IndependentNoise(n, 80.0, 23));
-  mics = test::Mix(mics, test::PlaneWave(far, 180), 0.4);
+  const auto talker = sim::MakeSpeechLike(n, 21, opt).samples;
+  const auto far = sim::WhiteNoise(n, 1500.0, 22);
+  auto mics = sim::Mix(sim::PlaneWave(talker, 60), sim::IndependentNoise(n, 80.0, 23));
+  mics = sim::Mix(mics, sim::PlaneWave(far, 180), 0.4);
   Capture c;
-  c.mics = test::Interleave(mics);
-  c.ref = test::ToPcm(far);
+  c.mics = sim::Interleave(mics);
+  c.ref = sim::ToPcm(far);
   return c;
 }
 
-std::vector<short> RunFrames(unsigned char* p_data, const Switches& s, const Capture& cap, char* config) {
-  // Azimuth 60 is valid for every beam type.
-  const test::FrontEndSwitches switches{.agc = s.agc, .bf = s.bf, .doa = s.doa, .aec = s.aec,
-                           .ns = s.ns, .azimuth = 60, .vad_mode = s.vad_mode};
-  T_VornParam pm = test::ParamKeeping(p_data, switches, s.doa_update);
+std::vector<short> RunFrames(unsigned char* p_data, const Configuration& c, const Capture& cap, char* config) {
+  T_VornParam pm = sim::ParamKeeping(p_data, c.switches, c.doa_update);
   EXPECT_EQ(VornInit(&pm, config), 0);
   std::vector<short> out(kFrames * kFrame + 1);
   short order[3] = {0, 1, 2};
@@ -112,7 +111,7 @@ std::vector<short> RunFrames(unsigned char* p_data, const Switches& s, const Cap
 
 TEST(VornAlignment, EveryOffsetAndSwitchValueGivesTheSameBytes) {
   const Capture cap = MakeCapture();
-  const std::vector<Switches> configs = AllSwitchValues();
+  const std::vector<Configuration> configs = AllSwitchValues();
   std::vector<std::vector<short>> at_zero;
   for (std::size_t offset = 0; offset < kLine; ++offset) {
     SCOPED_TRACE("offset " + std::to_string(offset));
@@ -139,7 +138,7 @@ TEST(VornAlignment, ConfigurationFileIsReadAtEveryOffset) {
   for (std::size_t offset = 0; offset < kLine; ++offset) {
     SCOPED_TRACE(offset);
     OffsetBuffer buffer(offset);
-    T_VornParam pm = test::ParamOver(buffer.data());
+    T_VornParam pm = sim::ParamOver(buffer.data());
     pm.vorn_mode = 2;
     ASSERT_EQ(VornInit(&pm, path.data()), 0);
     EXPECT_EQ(pm.bf_flag, 7);

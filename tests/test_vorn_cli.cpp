@@ -13,14 +13,19 @@
 #include <vector>
 
 #include "direction.h"
+#include "audio_io/wav_file.h"
 #include "support/run_command.h"
-#include "support/signals.h"
-#include "support/wav_file.h"
+#include "sim/signals.h"
+#include "support/files.h"
 #include "vorn_proc.h"
 
 namespace {
 
 using namespace vorn::test;
+namespace sim = vorn::sim;
+using vorn::ReadWavFile;
+using vorn::WavAudio;
+using vorn::WriteWavFile;
 
 std::string Quote(const std::string& word) {
   std::string quoted = "'";
@@ -43,17 +48,17 @@ class VornCli : public ::testing::Test {
     return RunCommand(dir_, "cat " + Quote(stdin_file) + " | " + command);
   }
   std::vector<int16_t> Wav(const std::string& name) const {
-    WavData wav;
-    EXPECT_TRUE(ReadWav(Path(name), &wav)) << name;
+    WavAudio wav;
+    EXPECT_TRUE(ReadWavFile(Path(name), &wav)) << name;
     return wav.samples;
   }
 
   // A talker at `azimuth` over light sensor noise, as interleaved
   // three-microphone samples.
   static std::vector<int16_t> Capture(double seconds, double azimuth = 60.0) {
-    const auto n = static_cast<size_t>(seconds * kSampleRate);
-    const SpeechLike talker = MakeSpeechLike(n, 11, {.lead_silence_s = 0.3});
-    return Interleave(Mix(PlaneWave(talker.samples, azimuth), IndependentNoise(n, 30.0, 12)));
+    const auto n = static_cast<size_t>(seconds * sim::kSampleRate);
+    const sim::SpeechLike talker = sim::MakeSpeechLike(n, 11, {.lead_silence_s = 0.3});
+    return sim::Interleave(sim::Mix(sim::PlaneWave(talker.samples, azimuth), sim::IndependentNoise(n, 30.0, 12)));
   }
 
   std::string dir_;
@@ -126,14 +131,14 @@ TEST_F(VornCli, HelpAndVersionFollowTheUsualStyle) {
 // 1, naming the file and the problem; a warning leaves status 0.
 TEST_F(VornCli, MistakesNameTheProblem) {
   const std::vector<int16_t> frames = Capture(0.2);
-  ASSERT_TRUE(WriteWav(Path("in.wav"), frames, 3));
-  ASSERT_TRUE(WriteWav(Path("in4.wav"), std::vector<int16_t>(4 * 3200, 0), 4));
-  ASSERT_TRUE(WriteWav(Path("ref.wav"), std::vector<int16_t>(3200, 0), 1));
-  ASSERT_TRUE(WriteWav(Path("two.wav"), frames, 2));
-  ASSERT_TRUE(WriteWav(Path("cd.wav"), frames, 3, 44100));
+  ASSERT_TRUE(WriteWavFile(Path("in.wav"), frames, 3));
+  ASSERT_TRUE(WriteWavFile(Path("in4.wav"), std::vector<int16_t>(4 * 3200, 0), 4));
+  ASSERT_TRUE(WriteWavFile(Path("ref.wav"), std::vector<int16_t>(3200, 0), 1));
+  ASSERT_TRUE(WriteWavFile(Path("two.wav"), frames, 2));
+  ASSERT_TRUE(WriteWavFile(Path("cd.wav"), frames, 3, 44100));
   ASSERT_TRUE(WriteBytes(Path("eight.wav"), Riff(FormatChunk(8) + "data" + Le(6, 4) + std::string(6, 0))));
-  ASSERT_TRUE(WriteWav(Path("ref8k.wav"), std::vector<int16_t>(800, 0), 1, 8000));
-  ASSERT_TRUE(WriteWav(Path("refstereo.wav"), std::vector<int16_t>(3200, 0), 2));
+  ASSERT_TRUE(WriteWavFile(Path("ref8k.wav"), std::vector<int16_t>(800, 0), 1, 8000));
+  ASSERT_TRUE(WriteWavFile(Path("refstereo.wav"), std::vector<int16_t>(3200, 0), 2));
   ASSERT_TRUE(WriteBytes(Path("novad.ini"), "[VORN_WKP]\nagc_flag = 1\nns_flag = 1\n"));
   ASSERT_TRUE(WriteBytes(Path("odd.pcm"), Pcm(frames) + "\x01\x02\x03"));
   const auto p = [](std::vector<std::string> more) {
@@ -202,7 +207,7 @@ TEST_F(VornCli, MistakesNameTheProblem) {
   // The configuration file's missing switch can be supplied on the command line.
   EXPECT_EQ(Run(p({"--config", "novad.ini", "--vad-mode", "1"})).status, 0);
   // An empty recording is processed into an empty one.
-  ASSERT_TRUE(WriteWav(Path("empty.wav"), {}, 3));
+  ASSERT_TRUE(WriteWavFile(Path("empty.wav"), {}, 3));
   const CommandResult empty = Run({"process", "empty.wav", "-o", "out.wav", "--json"});
   EXPECT_EQ(empty.status, 0) << empty.err;
   EXPECT_EQ(JsonField(empty.out, "frames"), "0");
@@ -212,8 +217,8 @@ TEST_F(VornCli, MistakesNameTheProblem) {
 
 TEST_F(VornCli, EveryInputFormGivesTheSameOutput) {
   // 1000 sample frames: three whole frames and a partial one.
-  const std::vector<int16_t> frames = Capture(1000.0 / kSampleRate);
-  ASSERT_TRUE(WriteWav(Path("plain.wav"), frames, 3));
+  const std::vector<int16_t> frames = Capture(1000.0 / sim::kSampleRate);
+  ASSERT_TRUE(WriteWavFile(Path("plain.wav"), frames, 3));
   ASSERT_TRUE(WriteRaw(Path("plain.pcm"), frames));
   // Chunks a writer may add, in an order a stream could not follow: a LIST
   // before everything, the format after the audio, an odd-sized chunk with
@@ -250,7 +255,7 @@ TEST_F(VornCli, EveryInputFormGivesTheSameOutput) {
 
 TEST_F(VornCli, SwitchesReachTheLibraryAndTheSummaryShowsThem) {
   const std::vector<int16_t> frames = Capture(0.5);
-  ASSERT_TRUE(WriteWav(Path("in.wav"), frames, 3));
+  ASSERT_TRUE(WriteWavFile(Path("in.wav"), frames, 3));
   // With every stage off the output is the first microphone, sample for sample.
   ASSERT_EQ(Run({"process", "in.wav", "-o", "plain.pcm", "--agc", "0", "--bf", "0", "--ns", "0"}).status, 0);
   std::vector<int16_t> first;
@@ -271,22 +276,26 @@ TEST_F(VornCli, SwitchesReachTheLibraryAndTheSummaryShowsThem) {
     EXPECT_NE(ReadRaw(Path("changed.pcm")), ReadRaw(Path("base.pcm")));
   }
   // The switches in force, in the summary: agc bf doa aec ns azimuth vad_mode.
-  ASSERT_TRUE(WriteWav(Path("in4.wav"), std::vector<int16_t>(4 * 4800, 0), 4));
+  ASSERT_TRUE(WriteWavFile(Path("in4.wav"), std::vector<int16_t>(4 * 4800, 0), 4));
   ASSERT_TRUE(WriteBytes(Path("modes.ini"), "[VORN_COM]\nagc_flag = 0\nbf_flag = 1\ndoa_flag = 1\naec_flag = 0\n"
                                             "ns_flag = 2\nbf_zaimuth = 90\nvad_mode = 2\n"));
   const std::vector<std::pair<std::vector<std::string>, std::vector<int>>> summaries = {
-      {{"in.wav"}, {1, 0, 0, 0, 1, 0, 1}},
-      {{"in.wav", "--mode", "asr"}, {2, 0, 0, 0, 1, 0, 2}},
+      // The enhanced profile tracks the talker for the recording's direction
+      // unless told not to; the classic one keeps the mode's switch.
+      {{"in.wav"}, {1, 0, 1, 0, 1, 0, 1}},
+      {{"in.wav", "--doa", "0"}, {1, 0, 0, 0, 1, 0, 1}},
+      {{"in.wav", "--profile", "classic"}, {1, 0, 0, 0, 1, 0, 1}},
+      {{"in.wav", "--mode", "asr"}, {2, 0, 1, 0, 1, 0, 2}},
       {{"in.wav", "--mode", "2", "--agc", "0", "--bf", "2", "--doa", "3", "--ns", "0", "--azimuth", "45", "--vad-mode",
         "1"},
        {0, 2, 3, 0, 0, 45, 1}},
       {{"in.wav", "--mode", "comm", "--config", "modes.ini"}, {0, 1, 1, 0, 2, 90, 2}},
       {{"in.wav", "--mode", "comm", "--config", "modes.ini", "--ns", "1"}, {0, 1, 1, 0, 1, 90, 2}},
       // A reference switches the echo canceller on unless told otherwise.
-      {{"in4.wav"}, {1, 0, 0, 1, 1, 0, 1}},
-      {{"in4.wav", "--mode", "comm"}, {2, 0, 0, 2, 1, 0, 2}},
-      {{"in4.wav", "--aec", "0"}, {1, 0, 0, 0, 1, 0, 1}},
-      {{"in4.wav", "--aec", "3"}, {1, 0, 0, 3, 1, 0, 1}},
+      {{"in4.wav"}, {1, 0, 1, 1, 1, 0, 1}},
+      {{"in4.wav", "--mode", "comm"}, {2, 0, 1, 2, 1, 0, 2}},
+      {{"in4.wav", "--aec", "0"}, {1, 0, 1, 0, 1, 0, 1}},
+      {{"in4.wav", "--aec", "3"}, {1, 0, 1, 3, 1, 0, 1}},
       {{"in.wav", "--track", "t.csv"}, {1, 0, 1, 0, 1, 0, 1}},  // tracking is switched on for --track
   };
   // The profile in force: enhanced unless the command line says classic.
@@ -317,7 +326,7 @@ TEST_F(VornCli, SwitchesReachTheLibraryAndTheSummaryShowsThem) {
 TEST_F(VornCli, PerFrameFilesSummaryAndDirection) {
   const double seconds = 3.0;
   const std::vector<int16_t> frames = Capture(seconds, 200.0);
-  ASSERT_TRUE(WriteWav(Path("in.wav"), frames, 3));
+  ASSERT_TRUE(WriteWavFile(Path("in.wav"), frames, 3));
   const CommandResult r =
       Run({"process", "in.wav", "-o", "out.wav", "--vad", "vad.csv", "--track", "track.csv", "--json"});
   ASSERT_EQ(r.status, 0) << r.err;
@@ -350,18 +359,29 @@ TEST_F(VornCli, PerFrameFilesSummaryAndDirection) {
     SCOPED_TRACE(doa);
     const CommandResult run = Run({"process", "in.wav", "-o", "out.wav", "--doa", doa, "--json"});
     const std::string direction = JsonField(run.out, "direction_deg");
-    if (doa[0] == '0') EXPECT_EQ(direction, "null");
-    else EXPECT_NEAR(std::stoi(direction), 200, 10);
+    const std::string confidence = JsonField(run.out, "direction_confidence");
+    if (doa[0] == '0') {
+      EXPECT_EQ(direction, "null");
+      EXPECT_EQ(confidence, "null");
+    } else {
+      EXPECT_NEAR(std::stoi(direction), 200, 10);
+      EXPECT_GT(std::stod(confidence), 0.5);
+    }
   }
+  // The classic profile's consensus gives a direction but no confidence.
+  const CommandResult classic = Run({"process", "in.wav", "-o", "out.wav", "--profile", "classic", "--json"});
+  EXPECT_NEAR(std::stoi(JsonField(classic.out, "direction_deg")), 200, 10);
+  EXPECT_EQ(JsonField(classic.out, "direction_confidence"), "null");
 }
 
 // A far-end talker's echo through a short room path on each microphone,
 // with its source as a fourth channel, a separate file or a pipe.
 TEST_F(VornCli, AReferenceRemovesTheEcho) {
   const double seconds = 4.0;
-  const auto n = static_cast<size_t>(seconds * kSampleRate);
-  const SpeechLike far = MakeSpeechLike(n, 21, {.rms = 4000.0, .f0_hz = 180.0, .syllable_hz = 3.0, .duty = 0.8});
-  ThreeMics echo;
+  const auto n = static_cast<size_t>(seconds * sim::kSampleRate);
+  const sim::SpeechLike far =
+      sim::MakeSpeechLike(n, 21, {.rms = 4000.0, .f0_hz = 180.0, .syllable_hz = 3.0, .duty = 0.8});
+  sim::ThreeMics echo;
   for (int m = 0; m < 3; ++m) {
     echo[m].assign(n, 0.0f);
     for (size_t i = 130 + static_cast<size_t>(m); i < n; ++i) {
@@ -369,18 +389,18 @@ TEST_F(VornCli, AReferenceRemovesTheEcho) {
       echo[m][i] = static_cast<float>(0.5 * x[-40] + 0.2 * x[-77] - 0.1 * x[-130]);
     }
   }
-  const std::vector<int16_t> reference = ToPcm(far.samples);
-  const std::vector<int16_t> mics = Interleave(Mix(echo, IndependentNoise(n, 10.0, 22)));
+  const std::vector<int16_t> reference = sim::ToPcm(far.samples);
+  const std::vector<int16_t> mics = sim::Interleave(sim::Mix(echo, sim::IndependentNoise(n, 10.0, 22)));
   std::vector<int16_t> four(4 * n);
   for (size_t i = 0; i < n; ++i) {
     std::copy_n(&mics[3 * i], 3, &four[4 * i]);
     four[4 * i + 3] = reference[i];
   }
-  ASSERT_TRUE(WriteWav(Path("four.wav"), four, 4));
-  ASSERT_TRUE(WriteWav(Path("three.wav"), mics, 3));
-  ASSERT_TRUE(WriteWav(Path("ref.wav"), reference, 1));
+  ASSERT_TRUE(WriteWavFile(Path("four.wav"), four, 4));
+  ASSERT_TRUE(WriteWavFile(Path("three.wav"), mics, 3));
+  ASSERT_TRUE(WriteWavFile(Path("ref.wav"), reference, 1));
   ASSERT_TRUE(WriteRaw(Path("ref.pcm"), reference));
-  ASSERT_TRUE(WriteWav(Path("short.wav"), std::vector<int16_t>(reference.begin(), reference.begin() + 8000), 1));
+  ASSERT_TRUE(WriteWavFile(Path("short.wav"), std::vector<int16_t>(reference.begin(), reference.begin() + 8000), 1));
   // The gain control is off so that the levels compare the cancellation alone.
   const CommandResult cancelled = Run({"process", "four.wav", "-o", "cancelled.wav", "--agc", "0", "--json"});
   ASSERT_EQ(cancelled.status, 0) << cancelled.err;
@@ -398,7 +418,7 @@ TEST_F(VornCli, AReferenceRemovesTheEcho) {
   EXPECT_EQ(Wav("piped.wav"), with_aec);
   // After a second of convergence.
   const auto tail_rms = [n](const std::vector<int16_t>& x) {
-    return Rms(std::vector<int16_t>(x.begin() + static_cast<long>(n / 4), x.end()));
+    return sim::Rms(std::vector<int16_t>(x.begin() + static_cast<long>(n / 4), x.end()));
   };
   const double reduction_db = 20.0 * std::log10(tail_rms(without) / std::max(tail_rms(with_aec), 1e-9));
   std::printf("echo reduction over the last %.0f s: %.1f dB\n", seconds * 3 / 4, reduction_db);
@@ -414,8 +434,8 @@ TEST_F(VornCli, AReferenceRemovesTheEcho) {
 }
 
 TEST_F(VornCli, ProgressBarOnlyOnATerminalAndOnlyForLongInputs) {
-  ASSERT_TRUE(WriteWav(Path("long.wav"), std::vector<int16_t>(3 * 6 * kSampleRate, 0), 3));
-  ASSERT_TRUE(WriteWav(Path("short.wav"), std::vector<int16_t>(3 * 2 * kSampleRate, 0), 3));
+  ASSERT_TRUE(WriteWavFile(Path("long.wav"), std::vector<int16_t>(3 * 6 * sim::kSampleRate, 0), 3));
+  ASSERT_TRUE(WriteWavFile(Path("short.wav"), std::vector<int16_t>(3 * 2 * sim::kSampleRate, 0), 3));
   const CommandResult piped = Run({"process", "long.wav", "-o", "out.wav"});  // not a terminal: nothing
   EXPECT_EQ(piped.status, 0);
   EXPECT_EQ(piped.err, "");
@@ -435,9 +455,9 @@ TEST_F(VornCli, DemoFindsTheTalkerAndWritesItsFiles) {
   const CommandResult r = Run({"demo", "scene"});
   ASSERT_EQ(r.status, 0) << r.err;
   std::printf("%s", r.out.c_str());
-  WavData input, output;
-  ASSERT_TRUE(ReadWav(Path("scene/input.wav"), &input));
-  ASSERT_TRUE(ReadWav(Path("scene/output.wav"), &output));
+  WavAudio input, output;
+  ASSERT_TRUE(ReadWavFile(Path("scene/input.wav"), &input));
+  ASSERT_TRUE(ReadWavFile(Path("scene/output.wav"), &output));
   EXPECT_EQ(input.channels, 4);
   EXPECT_EQ(output.channels, 1);
   EXPECT_EQ(output.samples.size(), input.samples.size() / 4);

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "support/front_end_param.h"
+#include "sim/front_end_param.h"
 #include "vorn/vorn_param.h"
 #include "vorn_proc.h"
 
@@ -15,7 +15,7 @@ namespace {
 // A record that passes every check: defaults of mode 0, a big enough buffer.
 struct ValidParam {
   std::vector<unsigned char> buffer = std::vector<unsigned char>(kVornMinBuffSize);
-  T_VornParam pm = test::ParamOver(buffer.data());
+  T_VornParam pm = sim::ParamOver(buffer.data());
   ValidParam() {
     ConfigDefault(&pm, 3);
     pm.vorn_mode = 0;

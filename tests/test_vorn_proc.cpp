@@ -10,9 +10,9 @@
 
 #include "adsp_aec/echo_cancellation.h"
 #include "common/adsp_common_util.h"
-#include "support/front_end_param.h"
-#include "support/signals.h"
-#include "support/wav_file.h"
+#include "sim/front_end_param.h"
+#include "sim/signals.h"
+#include "support/files.h"
 #include "vorn/vorn_data_exchange.h"
 #include "vorn/vorn_proc_internal.h"
 #include "vorn/vorn_state.h"
@@ -26,12 +26,11 @@ constexpr int kFrame = 256;
 // One front end with its own buffer.
 struct FrontEnd {
   std::vector<unsigned char> storage = std::vector<unsigned char>(kVornMinBuffSize);
-  T_VornParam pm = test::ParamOver(storage.data());
+  T_VornParam pm = sim::ParamOver(storage.data());
   // Mode -1 keeps these switches in force from VornInit on (the canceller is prepared for its outputs there).
   int Init(int agc, int bf, int aec, int ns, int azimuth = 0) {
-    const test::FrontEndSwitches switches{
-        .agc = agc, .bf = bf, .aec = aec, .ns = ns, .azimuth = azimuth, .vad_mode = 2};
-    pm = test::ParamKeeping(storage.data(), switches, 0);
+    const sim::Switches switches{.agc = agc, .bf = bf, .aec = aec, .ns = ns, .azimuth = azimuth, .vad_mode = 2};
+    pm = sim::ParamKeeping(storage.data(), switches, 0);
     return VornInit(&pm, nullptr);
   }
 };
@@ -44,20 +43,20 @@ struct Scene {
 };
 
 Scene MakeScene(double seconds, double azimuth, double talker_rms, bool echo, std::uint32_t seed) {
-  const auto n = static_cast<std::size_t>(seconds * test::kSampleRate);
-  const test::Signal talker = test::MakeSpeechLike(n, seed, {.rms = talker_rms}).samples;
-  test::ThreeMics mics = test::Mix(test::PlaneWave(talker, azimuth), test::IndependentNoise(n, 50.0, seed + 3));
+  const auto n = static_cast<std::size_t>(seconds * sim::kSampleRate);
+  const sim::Signal talker = sim::MakeSpeechLike(n, seed, {.rms = talker_rms}).samples;
+  sim::ThreeMics mics = sim::Mix(sim::PlaneWave(talker, azimuth), sim::IndependentNoise(n, 50.0, seed + 3));
   Scene s{{}, std::vector<short>(n)};
   if (echo) {
-    s.ref = test::ToPcm(test::MakeSpeechLike(n, seed + 100, {.rms = 3000.0, .f0_hz = 210.0}).samples);
-    test::Signal path = test::WhiteNoise(480, 0.8 / std::sqrt(12.0), seed);
+    s.ref = sim::ToPcm(sim::MakeSpeechLike(n, seed + 100, {.rms = 3000.0, .f0_hz = 210.0}).samples);
+    sim::Signal path = sim::WhiteNoise(480, 0.8 / std::sqrt(12.0), seed);
     for (std::size_t k = 0; k < path.size(); ++k) path[k] *= k < 160 ? 0.0f : std::exp((160.0f - k) / 60.0f);
-    test::Signal at_mic(n, 0.0f);
+    sim::Signal at_mic(n, 0.0f);
     for (std::size_t i = 0; i < n; ++i)
       for (std::size_t k = 160; k < path.size() && k <= i; ++k) at_mic[i] += path[k] * s.ref[i - k];
-    mics = test::Mix(mics, {at_mic, at_mic, at_mic});
+    mics = sim::Mix(mics, {at_mic, at_mic, at_mic});
   }
-  s.mics = test::Interleave(mics);
+  s.mics = sim::Interleave(mics);
   return s;
 }
 
@@ -142,11 +141,11 @@ TEST(VornProc, EchoIsRemovedWhenTheReferenceIsFed) {
   ASSERT_EQ(fe.Init(0, 0, 1, 0), 0);
   const RunOutput r = Process(fe, s);
   std::vector<short> mic0;
-  for (std::size_t n = s.ref.size() - 3 * test::kSampleRate; n < s.ref.size(); ++n) {
+  for (std::size_t n = s.ref.size() - 3 * sim::kSampleRate; n < s.ref.size(); ++n) {
     mic0.push_back(s.mics[3 * n]);
   }
-  const std::vector<short> out(r.out.end() - 3 * test::kSampleRate, r.out.end());
-  const double erle_db = 20.0 * std::log10(test::Rms(mic0) / test::Rms(out));
+  const std::vector<short> out(r.out.end() - 3 * sim::kSampleRate, r.out.end());
+  const double erle_db = 20.0 * std::log10(sim::Rms(mic0) / sim::Rms(out));
   std::printf("ERLE through the front end: %.1f dB\n", erle_db);
   EXPECT_GT(erle_db, 15.0);
 }

@@ -9,8 +9,8 @@
 #include <string>
 #include <vector>
 
-#include "support/front_end_param.h"
-#include "support/signals.h"
+#include "sim/front_end_param.h"
+#include "sim/signals.h"
 #include "vorn_proc.h"
 
 namespace vorn {
@@ -21,7 +21,7 @@ constexpr int kStateBytes = 1000000;
 
 struct Instance {
   std::vector<unsigned char> storage = std::vector<unsigned char>(kStateBytes);
-  T_VornParam pm = test::ParamOver(storage.data());
+  T_VornParam pm = sim::ParamOver(storage.data());
 };
 
 std::string WriteConfig(const std::string& name, const std::string& text) {
@@ -112,14 +112,14 @@ TEST(VornProfile, SetProfileRefusesBadCallsAndChangesNothing) {
 TEST(VornProfile, SwitchingBetweenFramesKeepsTheFrontEndRunning) {
   const int frames = 200;
   const auto n = static_cast<std::size_t>(frames * kFrame);
-  const test::Signal talker = test::MakeSpeechLike(n, 5, {.rms = 2000.0}).samples;
-  const std::vector<short> mics = test::Interleave(test::PlaneWave(talker, 120.0));
-  const std::vector<short> ref = test::ToPcm(test::MakeSpeechLike(n, 9, {.rms = 3000.0}).samples);
-  const test::FrontEndSwitches heaviest{.agc = 2, .bf = 4, .doa = 1, .aec = 3, .ns = 2, .azimuth = 60};
+  const sim::Signal talker = sim::MakeSpeechLike(n, 5, {.rms = 2000.0}).samples;
+  const std::vector<short> mics = sim::Interleave(sim::PlaneWave(talker, 120.0));
+  const std::vector<short> ref = sim::ToPcm(sim::MakeSpeechLike(n, 9, {.rms = 3000.0}).samples);
+  const sim::Switches heaviest{.agc = 2, .bf = 4, .doa = 1, .aec = 3, .ns = 2, .azimuth = 60};
 
   Instance switching, plain, told;
   for (Instance* in : {&switching, &plain, &told}) {
-    in->pm = test::ParamKeeping(in->storage.data(), heaviest, 1);
+    in->pm = sim::ParamKeeping(in->storage.data(), heaviest, 1);
     ASSERT_EQ(VornInit(&in->pm, nullptr), 0);
   }
   short order[3] = {0, 1, 2};

@@ -21,15 +21,15 @@
 #include "adsp_agc/analog_agc.h"
 #include "adsp_ns/adsp_ns_proc.h"
 #include "quality/grid.h"
-#include "scene/metrics.h"
-#include "support/front_end_param.h"
+#include "sim/metrics.h"
+#include "sim/front_end_param.h"
 #include "vorn/vorn_param.h"
 #include "vorn_proc.h"
 
 namespace {
 
 using namespace vorn;
-using vorn::bench::RenderedScene;
+using vorn::sim::RenderedScene;
 
 constexpr int kFrame = 256;
 constexpr int kFilterLength = 768;  // the peer's echo tail: Vorn's 12 partitions of 64 samples
@@ -48,11 +48,11 @@ Input& SharedInput() {
     Input in;
     RenderedScene rendered;
     std::string error;
-    bench::RenderScene(bench::EchoScenes().front().scene, &rendered, &error);
+    sim::RenderScene(bench::EchoScenes().front().scene, &rendered, &error);
     in.frames = rendered.reference.size() / kFrame;
     in.mics.assign(rendered.mics.begin(), rendered.mics.end());
     in.reference.assign(rendered.reference.begin(), rendered.reference.end());
-    const auto mic0 = bench::Channel(rendered.mics, 0);
+    const auto mic0 = sim::Channel(rendered.mics, 0);
     in.mic0.assign(mic0.begin(), mic0.end());
     return in;
   }();
@@ -178,16 +178,10 @@ BENCHMARK(SpeexAgc)->Name("gain control/SpeexDSP")->Unit(benchmark::kMicrosecond
 
 // ---- whole chain -----------------------------------------------------------
 
-struct Chain {
-  int agc, bf, doa, aec, ns, vad_mode, bf_azimuth;
-};
-
-void VornChain(benchmark::State& state, const Chain& c) {
+void VornChain(benchmark::State& state, const sim::Switches& c) {
   Input& in = SharedInput();
   std::vector<unsigned char> buffer(kVornMinBuffSize);
-  const test::FrontEndSwitches switches{.agc = c.agc, .bf = c.bf, .doa = c.doa, .aec = c.aec,
-                           .ns = c.ns, .azimuth = c.bf_azimuth, .vad_mode = c.vad_mode};
-  T_VornParam pm = test::ParamKeeping(buffer.data(), switches, c.doa != 0 ? 1 : 0);
+  T_VornParam pm = sim::ParamKeeping(buffer.data(), c, c.doa != 0 ? 1 : 0);
   if (VornInit(&pm, nullptr) != 0) {
     state.SkipWithError("VornInit failed");
     return;
@@ -198,11 +192,11 @@ void VornChain(benchmark::State& state, const Chain& c) {
 }
 
 // The configurations of the quality bench, plus the built-in wake-up mode.
-void VornChainMono(benchmark::State& s) { VornChain(s, {0, 0, 1, 1, 1, 2, 0}); }
-void VornChainArray(benchmark::State& s) { VornChain(s, {0, 2, 1, 1, 1, 2, 75}); }
-void VornChainPostFilter(benchmark::State& s) { VornChain(s, {0, 2, 1, 3, 2, 2, 75}); }
-void VornChainMonoAgc(benchmark::State& s) { VornChain(s, {2, 0, 0, 1, 1, 2, 0}); }
-void VornChainWakeUp(benchmark::State& s) { VornChain(s, {1, 0, 0, 0, 1, 1, 0}); }
+void VornChainMono(benchmark::State& s) { VornChain(s, {0, 0, 1, 1, 1, 0, 2}); }
+void VornChainArray(benchmark::State& s) { VornChain(s, {0, 2, 1, 1, 1, 75, 2}); }
+void VornChainPostFilter(benchmark::State& s) { VornChain(s, {0, 2, 1, 3, 2, 75, 2}); }
+void VornChainMonoAgc(benchmark::State& s) { VornChain(s, {2, 0, 0, 1, 1, 0, 2}); }
+void VornChainWakeUp(benchmark::State& s) { VornChain(s, {1, 0, 0, 0, 1, 0, 1}); }
 BENCHMARK(VornChainMono)->Name("chain/Vorn 1-mic")->Unit(benchmark::kMicrosecond);
 BENCHMARK(VornChainArray)->Name("chain/Vorn array")->Unit(benchmark::kMicrosecond);
 BENCHMARK(VornChainPostFilter)->Name("chain/Vorn array + post filter")->Unit(benchmark::kMicrosecond);

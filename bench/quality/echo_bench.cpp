@@ -18,13 +18,16 @@
 #include "quality/echo_grid.h"
 #include "quality/scoring.h"
 #include "quality/systems.h"
-#include "scene/metrics.h"
+#include "sim/metrics.h"
+#include "vorn_proc.h"
 #ifdef VORN_WITH_SPEEXDSP
 #include "quality/speex_peer.h"
 #endif
 
 namespace vorn::bench {
 namespace {
+
+using namespace sim;
 
 constexpr std::size_t kMaxLag = 4096;
 constexpr std::size_t kFramesPerSecond = kSampleRate / kFrame;
@@ -56,9 +59,9 @@ struct System {
 VornConfig ChainConfig(Chain chain, int profile) {
   VornConfig c;
   switch (chain) {
-    case Chain::kRecognition: c = {"recognition", 0, 0, 0, 1, 1, 2}; break;
-    case Chain::kWakeUp: c = {"wake-up", 1, 0, 0, 1, 1, 1}; break;
-    case Chain::kCommunication: c = {"communication", 0, 2, 0, 3, 2, 2, true}; break;
+    case Chain::kRecognition: c = {"recognition", {0, 0, 0, 1, 1, 0, 2}}; break;
+    case Chain::kWakeUp: c = {"wake-up", {1, 0, 0, 1, 1, 0, 1}}; break;
+    case Chain::kCommunication: c = {"communication", {0, 2, 0, 3, 2, 0, 2}, true}; break;
   }
   c.profile = profile;
   return c;

@@ -10,10 +10,21 @@
 #include <numbers>
 #include <random>
 
-#include "support/signals.h"
+#include "sim/signals.h"
 
 namespace vorn::bench {
 namespace {
+
+using sim::kFrame;
+using sim::kSampleRate;
+using sim::Scene;
+using sim::Signal;
+using sim::Span;
+using sim::Truth;
+using sim::RenderedScene;
+using sim::NoiseKind;
+using sim::NoiseColour;
+using sim::kMics;
 
 constexpr double kTalkerDbfs = -30.0;
 
@@ -130,7 +141,7 @@ Signal MakeMusicLike(std::size_t n, double rms, std::uint32_t seed) {
       previous = white;
     }
   }
-  const double now = test::Rms(x);
+  const double now = sim::Rms(x);
   if (now > 0.0)
     for (float& v : x) v = static_cast<float>(v * rms / now);
   return x;

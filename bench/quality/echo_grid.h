@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "scene/scene.h"
+#include "sim/scene.h"
 
 namespace vorn::bench {
 
@@ -19,7 +19,7 @@ enum class EchoKind { kDoubleTalk, kLead, kJump, kPathChange, kMusic, kDistortio
 struct EchoScene {
   std::string name;
   EchoKind kind = EchoKind::kDoubleTalk;
-  Scene scene;
+  sim::Scene scene;
   double ser_db = 0.0;         // near talker over echo at microphone 0 (double talk, music, distortion)
   double change_s = -1.0;      // when the lead jumps or the echo path changes
   double jump_to_ms = 0.0;     // the lead after the jump
@@ -29,11 +29,11 @@ struct EchoScene {
 std::vector<EchoScene> EchoGrid();
 
 // Renders the scene and applies its change (jump, path change).
-bool RenderEchoScene(const EchoScene& echo, RenderedScene* out, std::string* error);
+bool RenderEchoScene(const EchoScene& echo, sim::RenderedScene* out, std::string* error);
 
 // A music-like far end: chords, a bass line, a melody, kick and hi-hat at
 // 120 beats per minute, scaled to `rms`. Dense and continuous where speech
 // pauses, with the broadband attacks that a canceller must follow.
-Signal MakeMusicLike(std::size_t n, double rms, std::uint32_t seed);
+sim::Signal MakeMusicLike(std::size_t n, double rms, std::uint32_t seed);
 
 }  // namespace vorn::bench

@@ -18,8 +18,8 @@ std::string Name(const char* format, double a, double b) {
   return text;
 }
 
-Scene Quiet(double rt60_s, std::uint32_t seed) {
-  Scene scene;
+sim::Scene Quiet(double rt60_s, std::uint32_t seed) {
+  sim::Scene scene;
   scene.room.rt60_s = rt60_s;
   scene.seed = seed;
   scene.far_begin_s = scene.far_end_s = 0.0;  // no far end
@@ -37,8 +37,8 @@ std::vector<GridScene> DirectionGrid() {
     for (double snr : kSnrsDb) {
       GridScene cell{Name("doa_rt%.1f_snr%.0f", rt60, snr), Task::kDirection, Quiet(rt60, seed)};
       cell.scene.azimuth_deg = 17.0 + 41.0 * static_cast<double>(grid.size());
-      cell.scene.noises.push_back({NoiseKind::kDiffuse, NoiseColour::kPink, snr});
-      cell.scene.noises.push_back({NoiseKind::kSensor, NoiseColour::kWhite, 40.0});
+      cell.scene.noises.push_back({sim::NoiseKind::kDiffuse, sim::NoiseColour::kPink, snr});
+      cell.scene.noises.push_back({sim::NoiseKind::kSensor, sim::NoiseColour::kWhite, 40.0});
       grid.push_back(cell);
       ++seed;
     }
@@ -48,10 +48,10 @@ std::vector<GridScene> DirectionGrid() {
 
 std::vector<GridScene> EchoScenes() {
   std::vector<GridScene> scenes;
-  Scene base;  // far end 0-8 s, talker 4-12 s
+  sim::Scene base;  // far end 0-8 s, talker 4-12 s
   base.room.rt60_s = 0.3;
   base.azimuth_deg = 73.0;
-  base.noises.push_back({NoiseKind::kSensor, NoiseColour::kWhite, 35.0});
+  base.noises.push_back({sim::NoiseKind::kSensor, sim::NoiseColour::kWhite, 35.0});
 
   GridScene plain{"echo_plain", Task::kEcho, base};
   plain.scene.seed = 200;
@@ -70,7 +70,7 @@ std::vector<GridScene> EchoScenes() {
   noisy.scene.seed = 202;
   noisy.scene.room.rt60_s = 0.5;
   noisy.scene.echo_delay_ms = 40.0;
-  noisy.scene.noises.push_back({NoiseKind::kDiffuse, NoiseColour::kPink, 15.0});
+  noisy.scene.noises.push_back({sim::NoiseKind::kDiffuse, sim::NoiseColour::kPink, 15.0});
   scenes.push_back(noisy);
   return scenes;
 }
@@ -84,7 +84,7 @@ std::vector<GridScene> LevelSweep() {
     GridScene step{name, Task::kLevel, Quiet(0.3, seed++)};
     step.scene.talker_level_dbfs = level;
     step.scene.azimuth_deg = 137.0;
-    step.scene.noises.push_back({NoiseKind::kDiffuse, NoiseColour::kPink, 30.0});
+    step.scene.noises.push_back({sim::NoiseKind::kDiffuse, sim::NoiseColour::kPink, 30.0});
     sweep.push_back(step);
   }
   return sweep;

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "scene/scene.h"
+#include "sim/scene.h"
 
 namespace vorn::bench {
 
@@ -16,7 +16,7 @@ enum class Task { kDirection, kEcho, kLevel };
 struct GridScene {
   std::string name;
   Task task = Task::kDirection;
-  Scene scene;
+  sim::Scene scene;
 };
 
 // RT60 0.2/0.4/0.7 s by SNR 0/10/20 dB of diffuse pink noise, one talker per

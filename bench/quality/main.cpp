@@ -10,11 +10,13 @@
 #include <string>
 #include <vector>
 
+#include "quality/direction_bench.h"
 #include "quality/echo_bench.h"
 #include "quality/grid.h"
+#include "quality/noise_vad_section.h"
 #include "quality/scoring.h"
 #include "quality/systems.h"
-#include "scene/metrics.h"
+#include "sim/metrics.h"
 #include "vorn_proc.h"
 #ifdef VORN_WITH_SPEEXDSP
 #include "quality/speex_peer.h"
@@ -23,6 +25,7 @@
 namespace {
 
 using namespace vorn::bench;
+namespace sim = vorn::sim;
 
 constexpr std::size_t kMaxLag = 4096;
 constexpr std::size_t kDoaSettleFrames = 62;      // one second of speech
@@ -33,42 +36,43 @@ constexpr std::size_t kEchoPlotWindowFrames = 9;  // 144 ms, about a syllable
 // processing), the same chain behind an MVDR beam aimed at the talker, and
 // the communication chain with the multi-channel post filter. The gain
 // control is scored on its own sweep so that it does not blur the others.
-const VornConfig kVornMono{"Vorn 1-mic", 0, 0, 1, 1, 1, 2, false, false};
-const VornConfig kVornArray{"Vorn array", 0, 2, 1, 1, 1, 2, true, true};
-const VornConfig kVornPostFilter{"Vorn array + post filter", 0, 2, 1, 3, 2, 2, true, false};
-const VornConfig kVornAgc{"Vorn 1-mic + AGC", 2, 0, 0, 1, 1, 2, false, false};
+// Switches: agc, bf, doa, aec, ns, azimuth (steered to the talker where it says so), vad_mode.
+const VornConfig kVornMono{"Vorn 1-mic", {0, 0, 1, 1, 1, 0, 2}, false, false};
+const VornConfig kVornArray{"Vorn array", {0, 2, 1, 1, 1, 0, 2}, true, true};
+const VornConfig kVornPostFilter{"Vorn array + post filter", {0, 2, 1, 3, 2, 0, 2}, true, false};
+const VornConfig kVornAgc{"Vorn 1-mic + AGC", {2, 0, 0, 1, 1, 0, 2}, false, false};
 const char* const kUnprocessed = "mic 0 (no processing)";
 
 struct Scored {
   long latency = 0;
-  Enhancement enhancement;
-  VadScores vad;
+  sim::Enhancement enhancement;
+  sim::VadScores vad;
   double erle_db = 0.0, double_talk_si_sdr_db = 0.0, near_si_sdr_db = 0.0;
   double level_dbfs = 0.0;
-  DoaScores tracking;
-  DoaScores gated_tracking;  // updates permitted on speech frames only
+  sim::DoaScores tracking;
+  sim::DoaScores gated_tracking;  // updates permitted on speech frames only
   double utterance_error_deg = -1.0;
   SystemRun run;
 };
 
-Scored Score(const GridScene& cell, const RenderedScene& rendered, SystemRun run) {
+Scored Score(const GridScene& cell, const sim::RenderedScene& rendered, SystemRun run) {
   Scored s;
-  const Signal mic0 = Channel(rendered.mics, 0);
-  Signal target = rendered.target;
+  const sim::Signal mic0 = sim::Channel(rendered.mics, 0);
+  sim::Signal target = rendered.target;
   target.resize(run.output.size(), 0.0f);
-  s.latency = FindLatency(target, run.output, kMaxLag);
-  s.enhancement = ScoreEnhancement(mic0, run.output, target, kMaxLag);
+  s.latency = sim::FindLatency(target, run.output, kMaxLag);
+  s.enhancement = sim::ScoreEnhancement(mic0, run.output, target, kMaxLag);
   const std::size_t lag = FrameLag(s.latency);
-  s.vad = ScoreVad(run.speech, rendered.truth.speech, lag);
-  const Signal aligned = Advance(run.output, s.latency);
+  s.vad = sim::ScoreVad(run.speech, rendered.truth.speech, lag);
+  const sim::Signal aligned = sim::Advance(run.output, s.latency);
   if (cell.task == Task::kEcho) {
-    s.erle_db = ErleDb(mic0, aligned, rendered.truth);
+    s.erle_db = sim::ErleDb(mic0, aligned, rendered.truth);
     s.double_talk_si_sdr_db =
-        SiSdrDb(SpanSamples(aligned, rendered.truth.double_talk), SpanSamples(target, rendered.truth.double_talk));
-    s.near_si_sdr_db = SiSdrDb(SpanSamples(aligned, rendered.truth.near_single_talk),
+        sim::SiSdrDb(SpanSamples(aligned, rendered.truth.double_talk), SpanSamples(target, rendered.truth.double_talk));
+    s.near_si_sdr_db = sim::SiSdrDb(SpanSamples(aligned, rendered.truth.near_single_talk),
                                SpanSamples(target, rendered.truth.near_single_talk));
   }
-  s.level_dbfs = ActiveLevelDbfs(run.output, rendered.truth.speech, lag);
+  s.level_dbfs = sim::ActiveLevelDbfs(run.output, rendered.truth.speech, lag);
   if (!run.azimuth_deg.empty())
     s.tracking =
         ScoreTracking(run.azimuth_deg, rendered.truth.speech, lag, rendered.truth.azimuth_deg, kDoaSettleFrames);
@@ -76,26 +80,27 @@ Scored Score(const GridScene& cell, const RenderedScene& rendered, SystemRun run
     s.gated_tracking = ScoreTracking(run.gated_azimuth_deg, rendered.truth.speech, lag, rendered.truth.azimuth_deg,
                                      kDoaSettleFrames);
   if (run.utterance_azimuth_deg >= 0.0)
-    s.utterance_error_deg = AzimuthErrorDeg(run.utterance_azimuth_deg, rendered.truth.azimuth_deg);
+    s.utterance_error_deg = sim::AzimuthErrorDeg(run.utterance_azimuth_deg, rendered.truth.azimuth_deg);
   s.run = std::move(run);
   return s;
 }
 
 struct System {
   std::string name;
-  std::function<bool(const GridScene&, const RenderedScene&, SystemRun*, std::string*)> run;
+  std::function<bool(const GridScene&, const sim::RenderedScene&, SystemRun*, std::string*)> run;
   bool for_levels_only = false;
 };
 
 std::vector<System> Systems() {
   std::vector<System> systems;
-  systems.push_back({kUnprocessed, [](const GridScene&, const RenderedScene& r, SystemRun* out, std::string*) {
+  systems.push_back({kUnprocessed, [](const GridScene&, const sim::RenderedScene& r, SystemRun* out, std::string*) {
                        *out = RunUnprocessed(r);
                        return true;
                      }});
   for (const VornConfig* config : {&kVornMono, &kVornArray, &kVornPostFilter, &kVornAgc}) {
     systems.push_back({config->name,
-                       [config](const GridScene& cell, const RenderedScene& r, SystemRun* out, std::string* error) {
+                       [config](const GridScene& cell, const sim::RenderedScene& r, SystemRun* out,
+                                std::string* error) {
                          if (!RunVorn(*config, cell.scene, r, out, error)) return false;
                          if (config != &kVornArray || cell.task != Task::kDirection) return true;
                          // The tracker averages every decision it is allowed to
@@ -117,7 +122,7 @@ std::vector<System> Systems() {
   static const SpeexConfig kSpeexAgc{"SpeexDSP + AGC", true, true, true, 256, 768};
   for (const SpeexConfig* config : {&kSpeex, &kSpeexAgc}) {
     systems.push_back({config->name,
-                       [config](const GridScene&, const RenderedScene& r, SystemRun* out, std::string* error) {
+                       [config](const GridScene&, const sim::RenderedScene& r, SystemRun* out, std::string* error) {
                          return RunSpeex(*config, r, out, error);
                        },
                        config == &kSpeexAgc});
@@ -137,14 +142,14 @@ std::string Fixed(double value, int decimals = 1) {
 
 // ---- plot data -----------------------------------------------------------
 
-void WriteSpectrogram(const std::filesystem::path& path, const Signal& x) {
+void WriteSpectrogram(const std::filesystem::path& path, const sim::Signal& x) {
   const auto rows = Spectrogram(x, 512, 256);
   std::FILE* file = std::fopen(path.c_str(), "w");
   if (file == nullptr) return;
   for (std::size_t t = 0; t < rows.size(); ++t) {
     for (std::size_t k = 0; k < rows[t].size(); k += 2)
-      std::fprintf(file, "%.3f %.0f %.1f\n", static_cast<double>(t * 256 + 256) / kSampleRate,
-                   static_cast<double>(k) * kSampleRate / 512.0, rows[t][k]);
+      std::fprintf(file, "%.3f %.0f %.1f\n", static_cast<double>(t * 256 + 256) / sim::kSampleRate,
+                   static_cast<double>(k) * sim::kSampleRate / 512.0, rows[t][k]);
     std::fprintf(file, "\n");
   }
   std::fclose(file);
@@ -165,8 +170,8 @@ const Scored* Find(const Results& results, const std::string& scene, const std::
 }
 
 // The VAD counts of one system pooled over one task's scenes.
-VadScores PooledVad(const Results& results, Task task, const std::string& system) {
-  std::vector<VadScores> scores;
+sim::VadScores PooledVad(const Results& results, Task task, const std::string& system) {
+  std::vector<sim::VadScores> scores;
   for (const GridScene& c : results.scenes)
     if (c.task == task)
       if (const Scored* s = Find(results, c.name, system)) scores.push_back(s->vad);
@@ -174,7 +179,7 @@ VadScores PooledVad(const Results& results, Task task, const std::string& system
 }
 
 void WritePlotData(const std::filesystem::path& dir, const Results& results,
-                   const std::map<std::string, RenderedScene>& kept) {
+                   const std::map<std::string, sim::RenderedScene>& kept) {
   // Direction error over the grid.
   if (std::FILE* f = std::fopen((dir / "doa.dat").c_str(), "w")) {
     std::fprintf(f, "# rt60 snr tracking_mean_err within10 utterance_err\n");
@@ -190,22 +195,22 @@ void WritePlotData(const std::filesystem::path& dir, const Results& results,
   // Echo attenuation over time on the plain echo scene.
   const char* echo_scene = "echo_plain";
   if (auto it = kept.find(echo_scene); it != kept.end()) {
-    const RenderedScene& r = it->second;
-    const Signal mic0 = Channel(r.mics, 0);
+    const sim::RenderedScene& r = it->second;
+    const sim::Signal mic0 = sim::Channel(r.mics, 0);
     std::vector<std::string> names;
     std::vector<std::vector<double>> curves;
     for (const std::string& name : results.system_names) {
       const Scored* s = Find(results, echo_scene, name);
       if (s == nullptr || name == kUnprocessed) continue;
       names.push_back(name);
-      curves.push_back(FrameAttenuationDb(mic0, Advance(s->run.output, s->latency), kEchoPlotWindowFrames));
+      curves.push_back(FrameAttenuationDb(mic0, sim::Advance(s->run.output, s->latency), kEchoPlotWindowFrames));
     }
     if (std::FILE* f = std::fopen((dir / "echo_time.dat").c_str(), "w")) {
       std::fprintf(f, "time far_active near_active");
       for (const auto& n : names) std::fprintf(f, " \"%s\"", n.c_str());
       std::fprintf(f, "\n");
       for (std::size_t t = 0; t < r.truth.far_end.size(); ++t) {
-        std::fprintf(f, "%.3f %d %d", static_cast<double>(t * 256) / kSampleRate, r.truth.far_end[t],
+        std::fprintf(f, "%.3f %d %d", static_cast<double>(t * 256) / sim::kSampleRate, r.truth.far_end[t],
                      t < r.truth.speech.size() ? r.truth.speech[t] : 0);
         for (const auto& c : curves) std::fprintf(f, " %.2f", t < c.size() ? c[t] : 0.0);
         std::fprintf(f, "\n");
@@ -216,7 +221,7 @@ void WritePlotData(const std::filesystem::path& dir, const Results& results,
   // Spectrograms before and after on the noisy echo scene.
   const char* spectrogram_scene = "echo_noisy_delayed";
   if (auto it = kept.find(spectrogram_scene); it != kept.end()) {
-    WriteSpectrogram(dir / "spectrogram_mic0.dat", Channel(it->second.mics, 0));
+    WriteSpectrogram(dir / "spectrogram_mic0.dat", sim::Channel(it->second.mics, 0));
     if (const Scored* s = Find(results, spectrogram_scene, kVornMono.name))
       WriteSpectrogram(dir / "spectrogram_vorn_mono.dat", s->run.output);
     if (const Scored* s = Find(results, spectrogram_scene, "SpeexDSP"))
@@ -225,8 +230,8 @@ void WritePlotData(const std::filesystem::path& dir, const Results& results,
   // Speech flags against the truth on one grid cell.
   const char* vad_scene = "doa_rt0.4_snr10";
   if (auto it = kept.find(vad_scene); it != kept.end()) {
-    const RenderedScene& r = it->second;
-    const Signal mic0 = Channel(r.mics, 0);
+    const sim::RenderedScene& r = it->second;
+    const sim::Signal mic0 = sim::Channel(r.mics, 0);
     const Scored* mono = Find(results, vad_scene, kVornMono.name);
     const Scored* array = Find(results, vad_scene, kVornArray.name);
     const Scored* speex = Find(results, vad_scene, "SpeexDSP");
@@ -240,8 +245,8 @@ void WritePlotData(const std::filesystem::path& dir, const Results& results,
         return at < s->run.speech.size() ? s->run.speech[at] : -1;
       };
       for (std::size_t t = 0; t < r.truth.speech.size() && (t + 1) * 256 <= mic0.size(); ++t) {
-        const double rms = vorn::test::Rms(mic0.data() + t * 256, 256);
-        std::fprintf(f, "%.3f %.1f %d %d %d %d\n", static_cast<double>(t * 256) / kSampleRate,
+        const double rms = vorn::sim::Rms(mic0.data() + t * 256, 256);
+        std::fprintf(f, "%.3f %.1f %d %d %d %d\n", static_cast<double>(t * 256) / sim::kSampleRate,
                      20.0 * std::log10(rms / 32768.0 + 1e-9), r.truth.speech[t], flag(mono, t), flag(array, t),
                      flag(speex, t));
       }
@@ -382,7 +387,7 @@ std::string QualityMarkdown(const Results& results) {
   for (const std::string& name : SystemsFor(results, Task::kDirection)) {
     std::string row = "| " + name + " |";
     for (Task task : {Task::kDirection, Task::kEcho}) {
-      const VadScores pooled = PooledVad(results, task, name);
+      const sim::VadScores pooled = PooledVad(results, task, name);
       const double precision = pooled.precision, recall = pooled.recall, f1 = pooled.f1;
       AddCell(row, Fixed(precision, 3));
       AddCell(row, Fixed(recall, 3));
@@ -444,7 +449,7 @@ std::string QualityMarkdown(const Results& results) {
     line(row);
   }
   std::string spread = "| spread |";
-  for (const auto& name : level_systems) AddCell(spread, Fixed(LevelSpreadDb(levels[name])) + " dB");
+  for (const auto& name : level_systems) AddCell(spread, Fixed(sim::LevelSpreadDb(levels[name])) + " dB");
   line(spread);
   line("");
   return md;
@@ -475,7 +480,7 @@ double Spread(const Results& results, const std::string& system) {
   for (const GridScene& c : results.scenes)
     if (c.task == Task::kLevel)
       if (const Scored* s = Find(results, c.name, system)) levels.push_back(s->level_dbfs);
-  return levels.empty() ? std::nan("") : LevelSpreadDb(levels);
+  return levels.empty() ? std::nan("") : sim::LevelSpreadDb(levels);
 }
 
 std::string Cell(double value, int decimals = 1) { return std::isnan(value) ? "–" : Fixed(value, decimals); }
@@ -615,37 +620,43 @@ std::string FindingsMarkdown(const Results& results) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  // vorn_bench_quality [--only echo [--match TEXT]] OUT_DIR
+  // --only TOPIC runs one section alone (direction, noise_vad or echo);
+  // --match TEXT keeps the direction or echo section's scenes whose name
+  // contains TEXT (a quicker look while developing).
   std::string only, match;
-  int arg = 1;
-  for (; arg + 1 < argc; arg += 2) {
-    const std::string flag = argv[arg];
-    if (flag == "--only") only = argv[arg + 1];
-    else if (flag == "--match") match = argv[arg + 1];
-    else break;
+  std::vector<std::string> rest;
+  for (int i = 1; i < argc; ++i) {
+    const std::string arg = argv[i];
+    if ((arg == "--only" || arg == "--match") && i + 1 < argc)
+      (arg == "--only" ? only : match) = argv[++i];
+    else
+      rest.push_back(arg);
   }
-  if (arg != argc - 1 || (!only.empty() && only != "echo")) {
-    std::fprintf(stderr, "usage: vorn_bench_quality [--only echo [--match TEXT]] OUT_DIR\n");
+  if (rest.size() != 1 || (!only.empty() && only != "direction" && only != "noise_vad" && only != "echo")) {
+    std::fprintf(stderr, "usage: vorn_bench_quality OUT_DIR [--only direction|noise_vad|echo] [--match TEXT]\n");
     return 2;
   }
-  const std::filesystem::path dir = argv[arg];
+  const std::filesystem::path dir = rest[0];
   std::filesystem::create_directories(dir);
+  if (only == "direction") return RunDirectionBench(dir, match);
+  if (only == "noise_vad") return vorn::bench::RunNoiseVadSection(dir);
   std::string echo_error;
   if (only == "echo") {
     if (RunEchoBench(dir, match, &echo_error)) return 0;
     std::fprintf(stderr, "%s\n", echo_error.c_str());
     return 1;
   }
+  if (const int rc = vorn::bench::RunNoiseVadSection(dir); rc != 0) return rc;
   Results results;
   results.scenes = AllScenes();
   const std::vector<System> systems = Systems();
   for (const System& s : systems) results.system_names.push_back(s.name);
   const std::vector<std::string> kept_scenes = {"echo_plain", "echo_noisy_delayed", "doa_rt0.4_snr10"};
-  std::map<std::string, RenderedScene> kept;
+  std::map<std::string, sim::RenderedScene> kept;
   for (const GridScene& cell : results.scenes) {
-    RenderedScene rendered;
+    sim::RenderedScene rendered;
     std::string error;
-    if (!RenderScene(cell.scene, &rendered, &error)) {
+    if (!sim::RenderScene(cell.scene, &rendered, &error)) {
       std::fprintf(stderr, "%s: %s\n", cell.name.c_str(), error.c_str());
       return 1;
     }
@@ -680,7 +691,8 @@ int main(int argc, char** argv) {
     std::fclose(headline);
   }
   std::printf("%s", md.c_str());
-  if (!RunEchoBench(dir, match, &echo_error)) {
+  if (const int rc = RunDirectionBench(dir); rc != 0) return rc;
+  if (!RunEchoBench(dir, "", &echo_error)) {
     std::fprintf(stderr, "%s\n", echo_error.c_str());
     return 1;
   }

@@ -11,24 +11,25 @@ namespace vorn::bench {
 
 std::size_t FrameLag(long latency_samples) {
   if (latency_samples <= 0) return 0;
-  return static_cast<std::size_t>((latency_samples + static_cast<long>(kFrame) / 2) / static_cast<long>(kFrame));
+  const long frame = static_cast<long>(sim::kFrame);
+  return static_cast<std::size_t>((latency_samples + frame / 2) / frame);
 }
 
-Signal SpanSamples(const Signal& x, const std::vector<Span>& spans) {
-  Signal cut;
-  for (const Span& span : spans) {
-    const std::size_t begin = std::min(span.begin * kFrame, x.size());
-    const std::size_t end = std::min(span.end * kFrame, x.size());
+sim::Signal SpanSamples(const sim::Signal& x, const std::vector<sim::Span>& spans) {
+  sim::Signal cut;
+  for (const sim::Span& span : spans) {
+    const std::size_t begin = std::min(span.begin * sim::kFrame, x.size());
+    const std::size_t end = std::min(span.end * sim::kFrame, x.size());
     if (begin < end) cut.insert(cut.end(), x.begin() + static_cast<long>(begin), x.begin() + static_cast<long>(end));
   }
   return cut;
 }
 
-std::vector<double> FrameAttenuationDb(const Signal& mic, const Signal& output, std::size_t window) {
-  const std::size_t frames = std::min(mic.size(), output.size()) / kFrame;
+std::vector<double> FrameAttenuationDb(const sim::Signal& mic, const sim::Signal& output, std::size_t window) {
+  const std::size_t frames = std::min(mic.size(), output.size()) / sim::kFrame;
   std::vector<double> mic_energy(frames, 0.0), output_energy(frames, 0.0);
   for (std::size_t f = 0; f < frames; ++f) {
-    for (std::size_t i = f * kFrame; i < (f + 1) * kFrame; ++i) {
+    for (std::size_t i = f * sim::kFrame; i < (f + 1) * sim::kFrame; ++i) {
       mic_energy[f] += static_cast<double>(mic[i]) * mic[i];
       output_energy[f] += static_cast<double>(output[i]) * output[i];
     }
@@ -47,13 +48,13 @@ std::vector<double> FrameAttenuationDb(const Signal& mic, const Signal& output, 
       output_sum += output_energy[g];
     }
     // One LSB squared per sample keeps digital silence finite on either side.
-    const double floor = static_cast<double>((last - first) * kFrame);
+    const double floor = static_cast<double>((last - first) * sim::kFrame);
     attenuation[f] = 10.0 * std::log10((mic_sum + floor) / (output_sum + floor));
   }
   return attenuation;
 }
 
-DoaScores ScoreTracking(const std::vector<double>& estimates_deg, const std::vector<std::uint8_t>& labels,
+sim::DoaScores ScoreTracking(const std::vector<double>& estimates_deg, const std::vector<std::uint8_t>& labels,
                         std::size_t frame_lag, double truth_deg, std::size_t settle) {
   std::vector<double> estimates, truths;
   std::size_t spoken = 0;
@@ -63,12 +64,12 @@ DoaScores ScoreTracking(const std::vector<double>& estimates_deg, const std::vec
     estimates.push_back(estimates_deg[f + frame_lag]);
     truths.push_back(truth_deg);
   }
-  return ScoreDoa(estimates, truths);
+  return sim::ScoreDoa(estimates, truths);
 }
 
-VadScores PoolVad(const std::vector<VadScores>& scores) {
-  VadScores pooled;
-  for (const VadScores& s : scores) {
+sim::VadScores PoolVad(const std::vector<sim::VadScores>& scores) {
+  sim::VadScores pooled;
+  for (const sim::VadScores& s : scores) {
     pooled.true_positive += s.true_positive;
     pooled.false_positive += s.false_positive;
     pooled.false_negative += s.false_negative;
@@ -84,7 +85,7 @@ VadScores PoolVad(const std::vector<VadScores>& scores) {
   return pooled;
 }
 
-std::vector<std::vector<double>> Spectrogram(const Signal& x, std::size_t size, std::size_t hop) {
+std::vector<std::vector<double>> Spectrogram(const sim::Signal& x, std::size_t size, std::size_t hop) {
   const std::size_t bins = size / 2 + 1;
   std::vector<double> window(size), cosine(size), sine(size);
   double window_sum = 0.0;

@@ -7,8 +7,8 @@
 #include <cstdint>
 #include <vector>
 
-#include "scene/metrics.h"
-#include "scene/scene.h"
+#include "sim/metrics.h"
+#include "sim/scene.h"
 
 namespace vorn::bench {
 
@@ -18,25 +18,25 @@ std::size_t FrameLag(long latency_samples);
 
 // The samples of x inside the spans (frames of 256), one after another;
 // spans past the end of x are cut short.
-Signal SpanSamples(const Signal& x, const std::vector<Span>& spans);
+sim::Signal SpanSamples(const sim::Signal& x, const std::vector<sim::Span>& spans);
 
 // Per frame, microphone energy over output energy in dB (both aligned),
 // summed over the `window` frames centred on it (1: the frame alone); where
 // both are silent it reads 0 dB.
-std::vector<double> FrameAttenuationDb(const Signal& mic, const Signal& output, std::size_t window = 1);
+std::vector<double> FrameAttenuationDb(const sim::Signal& mic, const sim::Signal& output, std::size_t window = 1);
 
 // Per-frame azimuth estimates scored on the frames labelled speech, once the
 // talker has spoken `settle` speech frames (a tracker needs to lock on).
 // Label f is compared with estimate f + frame_lag.
-DoaScores ScoreTracking(const std::vector<double>& estimates_deg, const std::vector<std::uint8_t>& labels,
+sim::DoaScores ScoreTracking(const std::vector<double>& estimates_deg, const std::vector<std::uint8_t>& labels,
                         std::size_t frame_lag, double truth_deg, std::size_t settle);
 
 // Detection counts summed over several scenes, with the precision, recall
 // and F1 of the sums (0 where a ratio has nothing to divide).
-VadScores PoolVad(const std::vector<VadScores>& scores);
+sim::VadScores PoolVad(const std::vector<sim::VadScores>& scores);
 
 // Log-power spectrogram in dBFS: Hann-windowed frames of `size` samples every
 // `hop`, bins 0..size/2. Row t covers samples [t*hop, t*hop+size).
-std::vector<std::vector<double>> Spectrogram(const Signal& x, std::size_t size, std::size_t hop);
+std::vector<std::vector<double>> Spectrogram(const sim::Signal& x, std::size_t size, std::size_t hop);
 
 }  // namespace vorn::bench

@@ -9,17 +9,17 @@
 
 #include <vector>
 
-#include "scene/metrics.h"
+#include "sim/metrics.h"
 
 namespace vorn::bench {
 
-bool RunSpeex(const SpeexConfig& config, const RenderedScene& rendered, SystemRun* run, std::string* error) {
-  if (config.frame <= 0 || kFrame % static_cast<std::size_t>(config.frame) != 0) {
+bool RunSpeex(const SpeexConfig& config, const sim::RenderedScene& rendered, SystemRun* run, std::string* error) {
+  if (config.frame <= 0 || sim::kFrame % static_cast<std::size_t>(config.frame) != 0) {
     *error = "the frame must divide 256";
     return false;
   }
   const std::size_t frame = static_cast<std::size_t>(config.frame);
-  int rate = kSampleRate;
+  int rate = sim::kSampleRate;
   SpeexEchoState* echo = nullptr;
   if (config.echo) {
     echo = speex_echo_state_init(config.frame, config.filter_length);
@@ -33,15 +33,15 @@ bool RunSpeex(const SpeexConfig& config, const RenderedScene& rendered, SystemRu
   if (echo != nullptr) speex_preprocess_ctl(pre, SPEEX_PREPROCESS_SET_ECHO_STATE, echo);
 
   const std::size_t frames = WholeFrames(rendered);
-  const Signal mic0 = Channel(rendered.mics, 0);
+  const sim::Signal mic0 = sim::Channel(rendered.mics, 0);
   std::vector<spx_int16_t> near(frame), far(frame), out(frame);
   *run = SystemRun{};
-  run->output.reserve(frames * kFrame);
-  const std::size_t calls_per_frame = kFrame / frame;
+  run->output.reserve(frames * sim::kFrame);
+  const std::size_t calls_per_frame = sim::kFrame / frame;
   for (std::size_t f = 0; f < frames; ++f) {
     bool speech = false;
     for (std::size_t c = 0; c < calls_per_frame; ++c) {
-      const std::size_t at = f * kFrame + c * frame;
+      const std::size_t at = f * sim::kFrame + c * frame;
       for (std::size_t i = 0; i < frame; ++i) {
         near[i] = static_cast<spx_int16_t>(mic0[at + i]);
         far[i] = rendered.reference[at + i];

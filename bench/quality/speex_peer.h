@@ -19,7 +19,7 @@ struct SpeexConfig {
   int filter_length = 768;  // echo tail, samples: the same 48 ms Vorn's canceller models
 };
 
-bool RunSpeex(const SpeexConfig& config, const RenderedScene& rendered, SystemRun* run, std::string* error);
+bool RunSpeex(const SpeexConfig& config, const sim::RenderedScene& rendered, SystemRun* run, std::string* error);
 
 // The library's version text, for the report.
 std::string SpeexVersion();

@@ -5,8 +5,8 @@
 
 #include <cmath>
 
-#include "scene/metrics.h"
-#include "support/front_end_param.h"
+#include "sim/metrics.h"
+#include "sim/front_end_param.h"
 #include "vorn/vorn_param.h"
 #include "vorn_proc.h"
 
@@ -17,9 +17,9 @@ std::string Failure(const char* call, int code) { return std::string(call) + " r
 
 }  // namespace
 
-std::size_t WholeFrames(const RenderedScene& rendered) {
-  const std::size_t by_mics = rendered.mics.size() / (kMics * kFrame);
-  const std::size_t by_reference = rendered.reference.size() / kFrame;
+std::size_t WholeFrames(const sim::RenderedScene& rendered) {
+  const std::size_t by_mics = rendered.mics.size() / (sim::kMics * sim::kFrame);
+  const std::size_t by_reference = rendered.reference.size() / sim::kFrame;
   return by_mics < by_reference ? by_mics : by_reference;
 }
 
@@ -29,14 +29,12 @@ int TableAzimuth(double azimuth_deg) {
   return (static_cast<int>(std::lround(wrapped / 5.0)) * 5) % 360;
 }
 
-bool RunVorn(const VornConfig& config, const Scene& scene, const RenderedScene& rendered, SystemRun* run,
+bool RunVorn(const VornConfig& config, const sim::Scene& scene, const sim::RenderedScene& rendered, SystemRun* run,
              std::string* error) {
   std::vector<unsigned char> state(kVornMinBuffSize);
-  const test::FrontEndSwitches switches{.agc = config.agc, .bf = config.bf, .doa = config.doa,
-                           .aec = config.aec, .ns = config.ns,
-                           .azimuth = config.steer_to_talker ? TableAzimuth(scene.azimuth_deg) : 0,
-                           .vad_mode = config.vad_mode};
-  T_VornParam pm = test::ParamKeeping(state.data(), switches, config.doa != 0 ? 1 : 0);
+  sim::Switches switches = config.switches;
+  if (config.steer_to_talker) switches.azimuth = TableAzimuth(scene.azimuth_deg);
+  T_VornParam pm = sim::ParamKeeping(state.data(), switches, switches.doa != 0 ? 1 : 0);
   if (const int code = VornInit(&pm, nullptr); code != 0) {
     *error = Failure("VornInit", code);
     return false;
@@ -49,30 +47,30 @@ bool RunVorn(const VornConfig& config, const Scene& scene, const RenderedScene& 
   std::vector<short> mics(rendered.mics.begin(), rendered.mics.end());
   std::vector<short> reference(rendered.reference.begin(), rendered.reference.end());
   short order[3] = {0, 1, 2};
-  short out[kFrame];
+  short out[sim::kFrame];
   *run = SystemRun{};
-  run->output.reserve(frames * kFrame);
+  run->output.reserve(frames * sim::kFrame);
   for (std::size_t f = 0; f < frames; ++f) {
     if (config.doa_updates_on_speech)
       pm.doa_update_flag = f < rendered.truth.speech.size() && rendered.truth.speech[f] != 0 ? 1 : 0;
-    const int code = VornProc(&pm, &mics[f * kMics * kFrame], &reference[f * kFrame], out, order);
+    const int code = VornProc(&pm, &mics[f * sim::kMics * sim::kFrame], &reference[f * sim::kFrame], out, order);
     // The chain reports a module's own status codes per frame; only the
     // parameter checks (1..10) mean the frame was not processed.
     if (code >= 1 && code <= 10) {
       *error = Failure("VornProc", code);
       return false;
     }
-    run->output.insert(run->output.end(), out, out + kFrame);
+    run->output.insert(run->output.end(), out, out + sim::kFrame);
     run->speech.push_back(pm.vad_flag != 0 ? 1 : 0);
-    if (config.doa != 0) run->azimuth_deg.push_back(pm.azimuth);
+    if (switches.doa != 0) run->azimuth_deg.push_back(pm.azimuth);
   }
   if (config.utterance_doa) {
-    const std::size_t begin = static_cast<std::size_t>(scene.talker_begin_s * kSampleRate);
-    std::size_t end = static_cast<std::size_t>(scene.talker_end_s * kSampleRate);
-    if (end > frames * kFrame) end = frames * kFrame;
+    const std::size_t begin = static_cast<std::size_t>(scene.talker_begin_s * sim::kSampleRate);
+    std::size_t end = static_cast<std::size_t>(scene.talker_end_s * sim::kSampleRate);
+    if (end > frames * sim::kFrame) end = frames * sim::kFrame;
     pm.doa_flag = 2;
     pm.doa_update_flag = 1;
-    if (const int code = VornDoa(&pm, &mics[begin * kMics], order, static_cast<int>(end - begin)); code != 0) {
+    if (const int code = VornDoa(&pm, &mics[begin * sim::kMics], order, static_cast<int>(end - begin)); code != 0) {
       *error = Failure("VornDoa", code);
       return false;
     }
@@ -81,11 +79,11 @@ bool RunVorn(const VornConfig& config, const Scene& scene, const RenderedScene& 
   return true;
 }
 
-SystemRun RunUnprocessed(const RenderedScene& rendered) {
+SystemRun RunUnprocessed(const sim::RenderedScene& rendered) {
   SystemRun run;
   const std::size_t frames = WholeFrames(rendered);
-  run.output = Channel(rendered.mics, 0);
-  run.output.resize(frames * kFrame);
+  run.output = sim::Channel(rendered.mics, 0);
+  run.output.resize(frames * sim::kFrame);
   run.speech.assign(frames, 1);
   return run;
 }

@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "scene/scene.h"
-#include "vorn_proc.h"
+#include "sim/scene.h"
+#include "sim/switches.h"
 
 namespace vorn::bench {
 
@@ -17,7 +17,7 @@ namespace vorn::bench {
 // azimuth per frame (empty when it has none), and the utterance-level
 // direction (negative when not run).
 struct SystemRun {
-  Signal output;
+  sim::Signal output;
   std::vector<std::uint8_t> speech;
   std::vector<double> azimuth_deg;
   // The same chain's per-frame azimuth when the caller lets the tracker
@@ -29,26 +29,26 @@ struct SystemRun {
 // One Vorn configuration: the switches a caller sets on every frame.
 struct VornConfig {
   std::string name;
-  int agc = 0, bf = 0, doa = 0, aec = 0, ns = 0, vad_mode = 1;
+  sim::Switches switches;        // the azimuth is replaced when steering to the talker
   bool steer_to_talker = false;  // bf_azimuth from the truth (a fixed beam aimed by the device)
   bool utterance_doa = false;    // also VornDoa (doa_flag 2) over the talker's window
   // doa_update_flag from the scene's speech labels on every frame: a caller
   // that holds the tracker while nobody talks, with a perfect speech detector.
   bool doa_updates_on_speech = false;
-  int profile = VORN_PROFILE_CLASSIC;  // set after VornInit
+  int profile = 0;  // VORN_PROFILE_CLASSIC or VORN_PROFILE_ENHANCED
 };
 
 // Whole frames in an interleaved three-microphone capture.
-std::size_t WholeFrames(const RenderedScene& rendered);
+std::size_t WholeFrames(const sim::RenderedScene& rendered);
 
 // The table azimuth nearest to `azimuth_deg` (multiples of 5 in 0..355).
 int TableAzimuth(double azimuth_deg);
 
-bool RunVorn(const VornConfig& config, const Scene& scene, const RenderedScene& rendered, SystemRun* run,
+bool RunVorn(const VornConfig& config, const sim::Scene& scene, const sim::RenderedScene& rendered, SystemRun* run,
              std::string* error);
 
 // Microphone 0 as it is; its speech flag says every frame is speech (the
 // detector that never misses), and it has no direction.
-SystemRun RunUnprocessed(const RenderedScene& rendered);
+SystemRun RunUnprocessed(const sim::RenderedScene& rendered);
 
 }  // namespace vorn::bench

@@ -6,20 +6,21 @@
 //       [--echo-delay MS] [--noise KIND[:COLOUR]=SNR_DB]... [--interferer AZ,EL,DIST]
 //       [--talker-wav FILE] [--far-wav FILE]
 //
-// KIND is sensor, diffuse, babble or interferer; COLOUR white, pink or speech.
+// KIND is sensor, diffuse, babble or interferer; COLOUR white, pink, speech or
+// speech-shaped.
 #include <cstdio>
 #include <cstdlib>
 #include <string>
 #include <vector>
 
-#include "scene/scene.h"
+#include "sim/scene.h"
 #include "scene/scene_io.h"
 
 namespace {
 
-using vorn::bench::NoiseColour;
-using vorn::bench::NoiseKind;
-using vorn::bench::NoiseSource;
+using vorn::sim::NoiseColour;
+using vorn::sim::NoiseKind;
+using vorn::sim::NoiseSource;
 
 std::vector<double> Numbers(const std::string& text) {
   std::vector<double> values;
@@ -49,6 +50,7 @@ bool ParseNoise(const std::string& text, NoiseSource* noise) {
   if (colour == "white") noise->colour = NoiseColour::kWhite;
   else if (colour == "pink") noise->colour = NoiseColour::kPink;
   else if (colour == "speech") noise->colour = NoiseColour::kSpeech;
+  else if (colour == "speech-shaped") noise->colour = NoiseColour::kSpeechShaped;
   else return false;
   noise->snr_db = std::atof(text.c_str() + eq + 1);
   return true;
@@ -68,7 +70,7 @@ int Usage() {
 int main(int argc, char** argv) {
   if (argc < 2 || argv[1][0] == '-') return Usage();
   const std::string out_dir = argv[1];
-  vorn::bench::Scene scene;
+  vorn::sim::Scene scene;
   std::vector<double> interferer;
   std::string error;
   for (int i = 2; i < argc; ++i) {
@@ -95,7 +97,7 @@ int main(int argc, char** argv) {
       if (!ParseNoise(value, &noise)) return Usage();
       scene.noises.push_back(noise);
     } else if (option == "--talker-wav" || option == "--far-wav") {
-      vorn::bench::Signal* source = option == "--talker-wav" ? &scene.talker : &scene.far_end;
+      vorn::sim::Signal* source = option == "--talker-wav" ? &scene.talker : &scene.far_end;
       if (!vorn::bench::ReadSourceWav(value, source, &error)) {
         std::fprintf(stderr, "%s\n", error.c_str());
         return 1;
@@ -110,8 +112,8 @@ int main(int argc, char** argv) {
     noise.elevation_deg = interferer[1];
     noise.distance_m = interferer[2];
   }
-  vorn::bench::RenderedScene rendered;
-  if (!vorn::bench::RenderScene(scene, &rendered, &error) ||
+  vorn::sim::RenderedScene rendered;
+  if (!vorn::sim::RenderScene(scene, &rendered, &error) ||
       !vorn::bench::WriteScene(out_dir, scene, rendered, &error)) {
     std::fprintf(stderr, "%s\n", error.c_str());
     return 1;

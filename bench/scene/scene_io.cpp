@@ -4,9 +4,10 @@
 
 #include <cstdio>
 #include <filesystem>
+#include <fstream>
 #include <sstream>
 
-#include "support/wav_file.h"
+#include "audio_io/wav_file.h"
 
 namespace vorn::bench {
 namespace {
@@ -20,7 +21,7 @@ std::string Labels(const std::vector<std::uint8_t>& labels) {
   return s + "]";
 }
 
-std::string Spans(const std::vector<Span>& spans) {
+std::string Spans(const std::vector<sim::Span>& spans) {
   std::ostringstream s;
   s << "[";
   for (std::size_t k = 0; k < spans.size(); ++k) s << (k ? ",[" : "[") << spans[k].begin << "," << spans[k].end << "]";
@@ -34,31 +35,32 @@ std::string Number(double v) {
   return text;
 }
 
-const char* NoiseName(NoiseKind kind) {
+const char* NoiseName(sim::NoiseKind kind) {
   switch (kind) {
-    case NoiseKind::kSensor: return "sensor";
-    case NoiseKind::kDiffuse: return "diffuse";
-    case NoiseKind::kBabble: return "babble";
-    case NoiseKind::kInterferer: return "interferer";
+    case sim::NoiseKind::kSensor: return "sensor";
+    case sim::NoiseKind::kDiffuse: return "diffuse";
+    case sim::NoiseKind::kBabble: return "babble";
+    case sim::NoiseKind::kInterferer: return "interferer";
   }
   return "";
 }
 
-const char* ColourName(NoiseColour colour) {
+const char* ColourName(sim::NoiseColour colour) {
   switch (colour) {
-    case NoiseColour::kWhite: return "white";
-    case NoiseColour::kPink: return "pink";
-    case NoiseColour::kSpeech: return "speech";
+    case sim::NoiseColour::kWhite: return "white";
+    case sim::NoiseColour::kPink: return "pink";
+    case sim::NoiseColour::kSpeech: return "speech";
+    case sim::NoiseColour::kSpeechShaped: return "speech-shaped";
   }
   return "";
 }
 
 }  // namespace
 
-std::string TruthJson(const Scene& scene, const Truth& truth) {
+std::string TruthJson(const sim::Scene& scene, const sim::Truth& truth) {
   std::ostringstream j;
   j << "{\n";
-  j << "  \"sample_rate\": " << kSampleRate << ",\n  \"frame_samples\": " << kFrame << ",\n";
+  j << "  \"sample_rate\": " << sim::kSampleRate << ",\n  \"frame_samples\": " << sim::kFrame << ",\n";
   j << "  \"seed\": " << scene.seed << ",\n";
   j << "  \"room_m\": [" << Number(scene.room.size.x) << "," << Number(scene.room.size.y) << ","
     << Number(scene.room.size.z) << "],\n";
@@ -75,12 +77,12 @@ std::string TruthJson(const Scene& scene, const Truth& truth) {
   j << "  \"clip_fraction\": " << Number(scene.clip_fraction) << ",\n";
   j << "  \"noises\": [";
   for (std::size_t k = 0; k < scene.noises.size(); ++k) {
-    const NoiseSource& n = scene.noises[k];
-    const NoiseColour colour = n.kind == NoiseKind::kBabble ? NoiseColour::kSpeech : n.colour;
+    const sim::NoiseSource& n = scene.noises[k];
+    const sim::NoiseColour colour = n.kind == sim::NoiseKind::kBabble ? sim::NoiseColour::kSpeech : n.colour;
     j << (k ? ", " : "") << "{\"kind\": \"" << NoiseName(n.kind) << "\", \"colour\": \"" << ColourName(colour)
       << "\", \"snr_db\": " << Number(n.snr_db);
-    if (n.kind == NoiseKind::kBabble) j << ", \"talkers\": " << n.talkers;
-    if (n.kind == NoiseKind::kInterferer)
+    if (n.kind == sim::NoiseKind::kBabble) j << ", \"talkers\": " << n.talkers;
+    if (n.kind == sim::NoiseKind::kInterferer)
       j << ", \"azimuth_deg\": " << Number(n.azimuth_deg) << ", \"elevation_deg\": " << Number(n.elevation_deg)
         << ", \"distance_m\": " << Number(n.distance_m);
     j << "}";
@@ -95,26 +97,28 @@ std::string TruthJson(const Scene& scene, const Truth& truth) {
   return j.str();
 }
 
-bool WriteScene(const std::string& dir, const Scene& scene, const RenderedScene& rendered, std::string* error) {
+bool WriteScene(const std::string& dir, const sim::Scene& scene, const sim::RenderedScene& rendered,
+                std::string* error) {
   std::error_code ec;
   std::filesystem::create_directories(dir, ec);
   const auto path = [&](const char* name) { return (std::filesystem::path(dir) / name).string(); };
-  const bool ok = test::WriteWav(path("mics.wav"), rendered.mics, kMics) &&
-                  test::WriteWav(path("reference.wav"), rendered.reference, 1) &&
-                  test::WriteWav(path("target.wav"), test::ToPcm(rendered.target), 1) &&
-                  test::WriteBytes(path("truth.json"), TruthJson(scene, rendered.truth));
+  const std::string truth = TruthJson(scene, rendered.truth);
+  const bool ok = WriteWavFile(path("mics.wav"), rendered.mics, sim::kMics) &&
+                  WriteWavFile(path("reference.wav"), rendered.reference, 1) &&
+                  WriteWavFile(path("target.wav"), sim::ToPcm(rendered.target), 1) &&
+                  static_cast<bool>(std::ofstream(path("truth.json"), std::ios::binary) << truth);
   if (!ok && error) *error = "cannot write the scene into " + dir;
   return ok;
 }
 
-bool ReadSourceWav(const std::string& path, Signal* out, std::string* error) {
-  test::WavData wav;
+bool ReadSourceWav(const std::string& path, sim::Signal* out, std::string* error) {
+  WavAudio wav;
   std::string problem;
-  if (!test::ReadWav(path, &wav))
+  if (!ReadWavFile(path, &wav))
     problem = "not a PCM WAV file: " + path;
   else if (wav.channels != 1)
     problem = "a source must be mono: " + path;
-  else if (wav.sample_rate != kSampleRate)
+  else if (wav.sample_rate != sim::kSampleRate)
     problem = "a source must be sampled at 16000 Hz: " + path;
   if (!problem.empty()) {
     if (error) *error = problem;

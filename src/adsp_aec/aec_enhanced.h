@@ -45,8 +45,8 @@ struct AecLeadTracker {
 
 // ---- residual echo suppressor ------------------------------------------------
 
-constexpr int kNoiseSubWindows = 8;   // noise floor: minimum over 8 sub-windows
-constexpr int kNoiseSubBlocks = 50;   // of 200 ms each
+constexpr int kResidualFloorWindows = 8;   // noise floor: minimum over 8 sub-windows
+constexpr int kResidualFloorWindowBlocks = 50;   // of 200 ms each
 
 struct AecResidualState {
   float leak[kAecBins];         // residual echo power over the echo estimate's tail
@@ -58,7 +58,7 @@ struct AecResidualState {
   float error_smooth[kAecBins]; // error power, lightly smoothed
   float noise_smooth[kAecBins]; // error power, smoothed for the floor tracker
   float noise_floor[kAecBins];  // the near end's noise floor in the error
-  float noise_minima[kAecBins][kNoiseSubWindows];  // sub-window minima of noise_smooth
+  float noise_minima[kAecBins][kResidualFloorWindows];  // sub-window minima of noise_smooth
   float noise_current[kAecBins];                   // minimum of the sub-window under way
   int noise_slot;
   float gain[kAecBins];         // last block's suppression gains

@@ -127,7 +127,7 @@ void FitLeak(float* num, float* den, float* leak, float error, float tail, float
 // learned (or a lead that just jumped) up to its own level.
 void UpdateNoiseFloor(AecResidualState* res) {
   const bool first = res->blocks == 0;
-  const bool window_done = (res->blocks + 1) % kNoiseSubBlocks == 0;
+  const bool window_done = (res->blocks + 1) % kResidualFloorWindowBlocks == 0;
   for (int k = 0; k < kAecBins; ++k) {
     const float power = std::max(res->noise_smooth[k], kMinFloor);
     if (first) {
@@ -144,7 +144,7 @@ void UpdateNoiseFloor(AecResidualState* res) {
       res->noise_current[k] = power;
     }
   }
-  if (window_done) res->noise_slot = (res->noise_slot + 1) % kNoiseSubWindows;
+  if (window_done) res->noise_slot = (res->noise_slot + 1) % kResidualFloorWindows;
 }
 
 void Synthesize(AecResidualState* res, const Spectrum& spectrum, float* out) {

@@ -1,10 +1,7 @@
 // Constant tables of the real FFT and the analysis window, computed at compile
-// time from their rules. The trigonometry runs in double (a reduced-argument
-// Taylor series, accurate to a few units in the last place of a double) and
-// each entry is rounded to float once, so the stored values are the correctly
-// rounded floats of the exact figures. Quarter-turn symmetry is applied on the
-// turn fraction before any series is evaluated, which makes sin(pi/2) = 1 and
-// sin(pi) = 0 come out exactly.
+// time from their rules. The trigonometry runs in double (common/
+// constexpr_trig.h) and each entry is rounded to float once, so the stored
+// values are the correctly rounded floats of the exact figures.
 //
 // The arrays keep a plain C declaration for their users; their initialisers are
 // spelled out element by element through the REPEAT macros below, each element
@@ -14,64 +11,14 @@
 
 #include <array>
 
+#include "common/constexpr_trig.h"
+
 namespace vorn {
 namespace {
 
-constexpr double kPi = 3.141592653589793238462643383279502884;
-
-// Taylor series on |a| <= pi/4: 12 terms leave an error far below 1e-17.
-constexpr double SinSmall(double a) {
-  const double a2 = a * a;
-  double term = a;
-  double sum = a;
-  for (int k = 1; k < 12; ++k) {
-    term *= -a2 / static_cast<double>((2 * k) * (2 * k + 1));
-    sum += term;
-  }
-  return sum;
-}
-
-constexpr double CosSmall(double a) {
-  const double a2 = a * a;
-  double term = 1.0;
-  double sum = 1.0;
-  for (int k = 1; k < 12; ++k) {
-    term *= -a2 / static_cast<double>((2 * k - 1) * (2 * k));
-    sum += term;
-  }
-  return sum;
-}
-
-// sin(2*pi*num/den) for num >= 0, den > 0, reduced by octant on the integers
-// so the argument handed to the series is at most pi/4.
-constexpr double SinTurn(long num, long den) {
-  num %= den;
-  // Eighths of a turn: octant o covers [o*den/8, (o+1)*den/8).
-  const long o = (8 * num) / den;
-  // Angle measured from the nearest multiple of a quarter turn, as a turn fraction.
-  const long quarter_index = (o + 1) / 2;  // nearest quarter: 0..4
-  const double frac = static_cast<double>(4 * num - quarter_index * den) / static_cast<double>(4 * den);
-  const double a = 2.0 * kPi * frac;  // |a| <= pi/4
-  switch (quarter_index % 4) {
-    case 0: return SinSmall(a);    // sin(0 + a)
-    case 1: return CosSmall(a);    // sin(pi/2 + a)
-    case 2: return -SinSmall(a);   // sin(pi + a)
-    default: return -CosSmall(a);  // sin(3pi/2 + a)
-  }
-}
-
-constexpr double CosTurn(long num, long den) { return SinTurn(num * 4 + den, den * 4); }
-
-constexpr double SqrtNewton(double v) {
-  if (v <= 0.0) return 0.0;
-  double r = v > 1.0 ? v : 1.0;
-  for (int i = 0; i < 200; ++i) {
-    const double next = 0.5 * (r + v / r);
-    if (next == r) break;
-    r = next;
-  }
-  return r;
-}
+using ct::CosTurn;
+using ct::SinTurn;
+using ct::SqrtNewton;
 
 constexpr std::array<short, 256> MakeBitReverse8() {
   std::array<short, 256> t{};

@@ -9,6 +9,7 @@
 
 #include <cstdint>
 
+#include "adsp_ns/ns_enhanced.h"
 #include "vorn/vorn_frame_steps.h"
 
 namespace vorn {
@@ -29,10 +30,14 @@ struct EchoPicture {
   bool reference_is_microphone; // the reference carries a microphone's own signal (miswired)
 };
 
-// Whether, and how much, the near talker speaks in the frame (echo and noise
-// excluded): 0..1.
+// Whether, and how much, the near talker speaks (echo and noise excluded),
+// all 0..1 unless said otherwise.
 struct SpeechPresence {
-  float frame_prob;
+  float frame_prob;   // the frame just captured (the mean of its two hops)
+  float output_prob;  // the frame leaving in `out`, 384 samples older: what the speech flag says
+  float band_prob[kPresenceBands];  // per band of the frame just captured (edges: kBandEdges)
+  float snr_db;       // the talker's excess over the noise in 62 Hz..4 kHz, dB, frame just captured
+  float echo;         // how much of the frame the far end's echo explains
 };
 
 // Where the talker is, as the direction stage last found it.
@@ -51,6 +56,12 @@ struct EnhancedFrame {
   short clean[kFrameLen];     // after the suppressor
   short out[kFrameLen];       // after the level control
   float subcoh[kCohLen];      // the canceller's sub-band coherence of the last block
+  NsHopAnalysis ns_hops[2];   // the two hops' spectra and presence, from presence to suppression
+  // The hop's unwindowed 512-point spectra of the three microphone rows (the
+  // last 512 samples of each), for the direction stage; filled by the beam
+  // stage when direction tracking is on.
+  float mic_spectra[kBfChannels][kBfFftLen];
+  bool mic_spectra_ready;
   EchoPicture echo;
   SpeechPresence presence;
   TalkerDirection direction;

@@ -3,11 +3,16 @@
 // this list only places them.
 #pragma once
 
+#include "adsp_bf/doa_tracker_enhanced.h"
+#include "adsp_ns/ns_enhanced.h"
 #include "vorn/vorn_echo_stage.h"
 
 namespace vorn {
 
 struct EnhancedModules {
+  // Enhanced modules add their records here.
+  EnhancedSpeechRecords speech;  // speech presence, suppressor, speech flag
+  TDoaTrackerEnhanced doa_tracker;
   EchoStageState echo;  // echo control, at most 40 KB
 };
 

@@ -7,9 +7,8 @@
 
 using namespace vorn;
 
-namespace {
+namespace vorn {
 
-// The record's own fields are sound and VornInit has prepared its buffer.
 int32_t CheckPrepared(const T_VornParam* pm, TVornEnhancedState** enhanced) {
   if (pm == nullptr || pm->p_data == nullptr) return 1;
   if (pm->buff_size < kVornMinBuffSize) return 2;
@@ -20,7 +19,7 @@ int32_t CheckPrepared(const T_VornParam* pm, TVornEnhancedState** enhanced) {
   return 0;
 }
 
-}  // namespace
+}  // namespace vorn
 
 extern "C" int32_t VornSetProfile(T_VornParam* pm, int32_t profile) {
   TVornEnhancedState* enhanced = nullptr;

@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <filesystem>
 
-#include "support/wav_file.h"
+#include "support/files.h"
 
 namespace vorn::test {
 

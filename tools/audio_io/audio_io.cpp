@@ -1,16 +1,19 @@
 // WAV headers and channel splitting for the command-line tools.
 //
-// The reader walks the header field by field, keeping a running header
-// length: the 36 bytes up to the bits per sample, the tail of an extended
-// format chunk, an optional "fact" chunk, then the "data" identifier and its
-// size. It accepts the file only when the RIFF size accounts for exactly
-// that header plus the data, so any other chunk (a "LIST", a trailing tag)
-// is refused rather than silently played as audio. Fields are assembled from
-// little-endian bytes, so the files mean the same on any host.
+// The header reader walks the chunks in file order with the tools' one chunk
+// walker (wav_chunks.h), so a "LIST", "fact" or any other chunk before the
+// audio is skipped, and fills the canonical header record from what it
+// found. It accepts the file only when the RIFF size accounts for exactly
+// that header plus the data: the old tool reads audio up to the end of the
+// file, so a chunk after the audio would be played as sound, and such a file
+// is refused rather than silently mangled.
 #include "audio_io/audio_io.h"
 
+#include <algorithm>
 #include <climits>
 #include <cstring>
+
+#include "audio_io/wav_chunks.h"
 
 // getChannelK's argument check must hold in every build, optimised ones
 // included: a wrong channel layout would otherwise scribble over memory.
@@ -20,71 +23,33 @@
 namespace vorn {
 namespace {
 
-// Reads bytes of the header, adding them to the running length.
-class HeaderReader {
- public:
-  explicit HeaderReader(FILE* stream) : stream_(stream) {}
-
-  bool Bytes(char* dst, size_t count) {
-    const size_t got = std::fread(dst, 1, count, stream_);
-    length_ += static_cast<int64_t>(got);
-    return got == count;
-  }
-  bool Le16(int16_t* value) {
-    unsigned char raw[2];
-    if (!Bytes(reinterpret_cast<char*>(raw), sizeof(raw))) return false;
-    *value = static_cast<int16_t>(raw[0] | (raw[1] << 8));
-    return true;
-  }
-  bool Le32(uint32_t* value) {
-    unsigned char raw[4];
-    if (!Bytes(reinterpret_cast<char*>(raw), sizeof(raw))) return false;
-    *value = static_cast<uint32_t>(raw[0]) | (static_cast<uint32_t>(raw[1]) << 8) |
-             (static_cast<uint32_t>(raw[2]) << 16) | (static_cast<uint32_t>(raw[3]) << 24);
-    return true;
-  }
-  bool Le32(int32_t* value) {
-    uint32_t bits = 0;
-    if (!Le32(&bits)) return false;
-    *value = static_cast<int32_t>(bits);
-    return true;
-  }
-  // Skips one byte at a time, so a stream that cannot seek (a pipe) works too.
-  bool Skip(int64_t count) {
-    for (int64_t i = 0; i < count; ++i) {
-      if (std::fgetc(stream_) == EOF) return false;
-      ++length_;
-    }
-    return true;
-  }
-  int64_t length() const { return length_; }
-
- private:
-  FILE* stream_;
-  int64_t length_ = 0;
-};
-
 bool IsId(const char (&id)[4], const char* want) {
   return std::memcmp(id, want, 4) == 0;
 }
 
-// Reads the whole header; false when the stream ended inside it.
-bool ReadHeaderFields(HeaderReader& in, hdr_t* h) {
-  if (!(in.Bytes(h->riff, 4) && in.Le32(&h->totsize) && in.Bytes(h->wave, 4) &&
-        in.Bytes(h->fmtstr, 4) && in.Le32(&h->dum1) && in.Le16(&h->dum2) &&
-        in.Le16(&h->numchans) && in.Le32(&h->Fs) && in.Le32(&h->nbytespersec) &&
-        in.Le16(&h->nbytespersample) && in.Le16(&h->nbitspersample))) {
-    return false;
+// Reads the RIFF header and walks to the audio, filling `h` with whatever
+// was read; returns the bytes read and whether the walk reached the data.
+int64_t ReadHeader(FILE* stream, hdr_t* h, bool* complete) {
+  unsigned char riff[12] = {};
+  const size_t got = std::fread(riff, 1, sizeof riff, stream);
+  std::memcpy(h->riff, riff, std::min<size_t>(got, 4));
+  if (got >= 8) h->totsize = static_cast<int32_t>(Le32(riff + 4));
+  if (got > 8) std::memcpy(h->wave, riff + 8, got - 8);
+  ChunkWalk walk;
+  *complete = got == sizeof riff && WalkChunksToData(stream, &walk) && walk.has_format;
+  if (walk.has_format) {
+    std::memcpy(h->fmtstr, walk.format_id, 4);
+    h->dum1 = static_cast<int32_t>(walk.format_size);
+    h->dum2 = static_cast<int16_t>(walk.format.format_tag);
+    h->numchans = static_cast<int16_t>(walk.format.channels);
+    h->Fs = walk.format.sample_rate;
+    h->nbytespersec = walk.format.byte_rate;
+    h->nbytespersample = static_cast<int16_t>(walk.format.block_align);
+    h->nbitspersample = static_cast<int16_t>(walk.format.bits);
   }
-  // An extended format chunk (18 bytes with its extension size, 40 for the
-  // extensible format) carries nothing the tools use.
-  if (!in.Skip(static_cast<int64_t>(h->dum1) - 16)) return false;
-  if (!in.Bytes(h->data, 4)) return false;
-  if (IsId(h->data, "fact")) {
-    // Size word and the 4-byte sample count of a compressed-format leftover.
-    if (!in.Skip(8) || !in.Bytes(h->data, 4)) return false;
-  }
-  return in.Le32(&h->datsize);
+  std::memcpy(h->data, walk.last.id, 4);
+  h->datsize = walk.last.size;
+  return static_cast<int64_t>(got) + static_cast<int64_t>(walk.bytes_read);
 }
 
 // Length of a file opened for reading, or -1 when it cannot be told. Files
@@ -120,9 +85,8 @@ int32_t sig_wave_stream_init(hdr_t* wave_head, const char* filename, FILE** fn, 
   }
 
   *wave_head = hdr_t{};
-  HeaderReader in(stream);
-  const bool complete = ReadHeaderFields(in, wave_head);
-  const int64_t header_len = in.length();
+  bool complete = false;
+  const int64_t header_len = ReadHeader(stream, wave_head, &complete);
   *flen = static_cast<int>(static_cast<int64_t>(*flen) - header_len);
 
   // The RIFF size must cover exactly this header (less its first 8 bytes)
@@ -157,23 +121,27 @@ int32_t sig_wave_stream_init(hdr_t* wave_head, const char* filename, FILE** fn, 
   return static_cast<int32_t>(header_len);
 }
 
-hdr_t mono_wave_header(int input_data_bytes) {
+hdr_t pcm_wave_header(int channels, int sample_rate, uint64_t data_bytes) {
   hdr_t header{};
-  const uint32_t data_bytes = input_data_bytes > 0 ? static_cast<uint32_t>(input_data_bytes / 3) : 0;
   std::memcpy(header.riff, "RIFF", 4);
-  header.totsize = static_cast<int32_t>(data_bytes + 36);
   std::memcpy(header.wave, "WAVE", 4);
   std::memcpy(header.fmtstr, "fmt ", 4);
+  std::memcpy(header.data, "data", 4);
   header.dum1 = 16;
   header.dum2 = 1;
-  header.numchans = 1;
-  header.Fs = 16000;
-  header.nbytespersec = 32000;
-  header.nbytespersample = 2;
+  header.numchans = static_cast<int16_t>(channels);
+  header.Fs = sample_rate;
+  header.nbytespersec = sample_rate * 2 * channels;
+  header.nbytespersample = static_cast<int16_t>(2 * channels);
   header.nbitspersample = 16;
-  std::memcpy(header.data, "data", 4);
-  header.datsize = data_bytes;
+  const uint64_t capped = std::min<uint64_t>(data_bytes, 0xFFFFFFFFull - 36);
+  header.datsize = static_cast<uint32_t>(capped);
+  header.totsize = static_cast<int32_t>(static_cast<uint32_t>(capped + 36));
   return header;
+}
+
+hdr_t mono_wave_header(int input_data_bytes) {
+  return pcm_wave_header(1, 16000, input_data_bytes > 0 ? static_cast<uint64_t>(input_data_bytes / 3) : 0);
 }
 
 int write_wave_header(const hdr_t& header, FILE* out) {

@@ -1,7 +1,8 @@
-// Audio files of the command-line tools: the canonical 44-byte WAV header,
-// the header reader with its checks and messages, the header written for a
-// mono 16 kHz result, and the splitter that separates one channel from
-// interleaved audio.
+// The old command-line tool's audio files: the canonical 44-byte WAV header
+// record, the header reader with its checks and messages, the header written
+// for a mono 16 kHz result, and the splitter that separates one channel from
+// interleaved audio. The header record and its writer serve every WAV the
+// tools write.
 #pragma once
 
 #include <cstddef>
@@ -45,11 +46,18 @@ constexpr int kWaveHeaderBytes = 44;
 // Reads a WAV header into `*wave_head`. When `*fn` already holds a stream
 // (standard input, say) the header is read from it and `*flen` is taken as
 // the caller set it; otherwise `filename` is opened and `*flen` set to the
-// file's length. Returns the header length (>= 44) with the stream left at
-// the first audio byte in `*fn` and the header length subtracted from
-// `*flen`, or -1 after a message on standard error, with the stream closed
-// and `*fn` null. The format fields are not judged here.
+// file's length. Chunks before the audio other than the format ("LIST",
+// "fact", ...) are skipped; the RIFF size must account for the header and
+// the data alone. Returns the header length (>= 44: the offset of the first
+// audio byte) with the stream left there in `*fn` and the header length
+// subtracted from `*flen`, or -1 after a message on standard error, with the
+// stream closed and `*fn` null. The format fields are not judged here.
 int32_t sig_wave_stream_init(hdr_t* wave_head, const char* filename, FILE** fn, int* flen);
+
+// The canonical header of 16-bit PCM: `channels` at `sample_rate` with
+// `data_bytes` of audio. Past 4 GiB the sizes cannot be told and stop at
+// their largest value; players read such files to the end.
+hdr_t pcm_wave_header(int channels, int sample_rate, uint64_t data_bytes);
 
 // The header of a mono 16 kHz 16-bit result made from `input_data_bytes`
 // bytes of three-channel input: data size = input bytes / 3.

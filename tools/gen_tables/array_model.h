@@ -6,6 +6,8 @@
 #include <cmath>
 #include <complex>
 
+#include "vorn_array.h"
+
 namespace vorn::gen {
 
 using Complex = std::complex<double>;
@@ -14,9 +16,9 @@ using MicVector = std::array<Complex, 3>;
 constexpr double kPi = 3.14159265358979323846;
 constexpr int kFftLen = 512;
 constexpr int kBins = kFftLen / 2 + 1;
-constexpr double kSampleRate = 16000.0;
-constexpr double kSpeedOfSound = 340.0;  // m/s
-constexpr double kRadiusM = 0.039;       // microphones at 0, 120 and 240 degrees
+constexpr double kSampleRate = VORN_SAMPLE_RATE_HZ;
+constexpr double kSpeedOfSound = VORN_SPEED_OF_SOUND_M_S;  // m/s
+constexpr double kRadiusM = VORN_ARRAY_RADIUS_M;
 // Array radius in samples: the largest advance of a microphone over the centre.
 constexpr double kRadiusSamples = kRadiusM * kSampleRate / kSpeedOfSound;  // 1.8353
 // Every set delays the look direction by a quarter frame so that its filter
@@ -31,7 +33,7 @@ inline double Radians(double degrees) { return degrees * kPi / 180.0; }
 inline double MicAdvance(int m, double az_deg, double theta_deg, double radius_samples = kRadiusSamples) {
   // Folding the angle to [0, 180] makes mirror-image microphones get
   // bit-identical advances (e.g. 1 and 2 for a look direction of 0 degrees).
-  double offset = std::fmod(std::fabs(az_deg - 120.0 * m), 360.0);
+  double offset = std::fmod(std::fabs(az_deg - VORN_MIC_AZIMUTH_DEG(m)), 360.0);
   if (offset > 180.0) offset = 360.0 - offset;
   return radius_samples * std::sin(Radians(theta_deg)) * std::cos(Radians(offset));
 }

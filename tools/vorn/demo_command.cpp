@@ -10,11 +10,12 @@
 #include <algorithm>
 #include <filesystem>
 
-#include "audio_input.h"
+#include "audio_io/audio_input.h"
+#include "audio_io/audio_output.h"
 #include "commands.h"
 #include "front_end.h"
-#include "scene/metrics.h"
-#include "scene/scene.h"
+#include "sim/metrics.h"
+#include "sim/scene.h"
 
 namespace vorn::cli {
 namespace {
@@ -30,8 +31,8 @@ constexpr double kLeadShare = 0.15;
 
 double Tenths(double seconds) { return std::round(seconds * 10.0) / 10.0; }
 
-bench::Scene DemoScene(double seconds) {
-  bench::Scene scene;
+sim::Scene DemoScene(double seconds) {
+  sim::Scene scene;
   scene.seed = 7;
   scene.duration_s = seconds;
   scene.room.rt60_s = kRt60S;
@@ -44,19 +45,19 @@ bench::Scene DemoScene(double seconds) {
   scene.far_begin_s = Tenths(seconds * kLeadShare);
   scene.far_end_s = Tenths(seconds * 0.5);
   scene.echo_level_dbfs = -25.0;
-  bench::NoiseSource diffuse;
-  diffuse.kind = bench::NoiseKind::kDiffuse;
-  diffuse.colour = bench::NoiseColour::kPink;
+  sim::NoiseSource diffuse;
+  diffuse.kind = sim::NoiseKind::kDiffuse;
+  diffuse.colour = sim::NoiseColour::kPink;
   diffuse.snr_db = kDiffuseSnrDb;
   scene.noises.push_back(diffuse);
-  bench::NoiseSource hiss;
-  hiss.kind = bench::NoiseKind::kSensor;
+  sim::NoiseSource hiss;
+  hiss.kind = sim::NoiseKind::kSensor;
   hiss.snr_db = kSensorSnrDb;
   scene.noises.push_back(hiss);
   return scene;
 }
 
-bool WriteCapture(const std::string& path, const bench::RenderedScene& rendered, std::string* error) {
+bool WriteCapture(const std::string& path, const sim::RenderedScene& rendered, std::string* error) {
   const size_t samples = rendered.reference.size();
   std::vector<int16_t> four(4 * samples);
   for (size_t n = 0; n < samples; ++n) {
@@ -67,7 +68,7 @@ bool WriteCapture(const std::string& path, const bench::RenderedScene& rendered,
   return out.Open(path, 4, error) && out.Write(four.data(), samples, error) && out.Close(error);
 }
 
-bool ReadMono(const std::string& path, bench::Signal* signal, std::string* error) {
+bool ReadMono(const std::string& path, sim::Signal* signal, std::string* error) {
   AudioInput in;
   if (!in.Open(path, 1, error)) return false;
   std::vector<int16_t> block(4096);
@@ -76,7 +77,7 @@ bool ReadMono(const std::string& path, bench::Signal* signal, std::string* error
   return true;
 }
 
-double MeanSquare(const bench::Signal& x, size_t begin, size_t end) {
+double MeanSquare(const sim::Signal& x, size_t begin, size_t end) {
   end = std::min(end, x.size());
   double sum = 0.0;
   for (size_t i = begin; i < end; ++i) sum += static_cast<double>(x[i]) * x[i];
@@ -90,19 +91,20 @@ struct Reductions {
 
 // Scores a processed file against the scene. The output is first aligned
 // to the microphones by its latency against the clean talker.
-bool Measure(const bench::Scene& scene, const bench::RenderedScene& rendered, const std::string& output_path,
+bool Measure(const sim::Scene& scene, const sim::RenderedScene& rendered, const std::string& output_path,
              Reductions* reductions, std::string* error) {
-  bench::Signal output;
+  sim::Signal output;
   if (!ReadMono(output_path, &output, error)) return false;
-  const bench::Signal mic0 = bench::Channel(rendered.mics, 0);
-  const bench::Enhancement enhancement = bench::ScoreEnhancement(mic0, output, rendered.target);
-  const bench::Signal aligned = bench::Advance(output, enhancement.latency);
-  reductions->echo_db = bench::ErleDb(mic0, aligned, rendered.truth);
+  const sim::Signal mic0 = sim::Channel(rendered.mics, 0);
+  const sim::Enhancement enhancement = sim::ScoreEnhancement(mic0, output, rendered.target);
+  const sim::Signal aligned = sim::Advance(output, enhancement.latency);
+  reductions->echo_db = sim::ErleDb(mic0, aligned, rendered.truth);
   // The noise is measured in the second half of the lead, where it is alone;
   // the first half lets the suppressor learn it.
   const auto lead_end = static_cast<size_t>(scene.far_begin_s * 16000.0);
   reductions->noise_db =
-      test::PowerDb(MeanSquare(mic0, lead_end / 2, lead_end)) - test::PowerDb(MeanSquare(aligned, lead_end / 2, lead_end));
+      sim::PowerDb(MeanSquare(mic0, lead_end / 2, lead_end)) -
+      sim::PowerDb(MeanSquare(aligned, lead_end / 2, lead_end));
   return true;
 }
 
@@ -115,10 +117,10 @@ double Share(const std::vector<std::uint8_t>& labels) {
 }  // namespace
 
 int RunDemo(const DemoOptions& opt) {
-  const bench::Scene scene = DemoScene(opt.seconds);
-  bench::RenderedScene rendered;
+  const sim::Scene scene = DemoScene(opt.seconds);
+  sim::RenderedScene rendered;
   std::string error;
-  if (!bench::RenderScene(scene, &rendered, &error)) {
+  if (!sim::RenderScene(scene, &rendered, &error)) {
     ReportError("demo: cannot simulate the scene: " + error);
     return kExitFailure;
   }
@@ -164,7 +166,7 @@ int RunDemo(const DemoOptions& opt) {
       return kExitFailure;
     }
   }
-  const bench::Truth& truth = rendered.truth;
+  const sim::Truth& truth = rendered.truth;
   std::vector<std::uint8_t> flagged(flags.begin(), flags.end());
 
   std::printf("vorn demo: %.1f s in a %.1f x %.1f x %.1f m room (RT60 %.2f s)\n", scene.duration_s,
@@ -175,14 +177,14 @@ int RunDemo(const DemoOptions& opt) {
               kSensorSnrDb);
   std::printf("  echo        loudspeaker playing %.1f-%.1f s, echo %.0f dBFS against the talker's %.0f dBFS\n",
               scene.far_begin_s, scene.far_end_s, scene.echo_level_dbfs, scene.talker_level_dbfs);
-  const Switches& s = summary.switches;
+  const sim::Switches& s = summary.switches;
   std::printf("processed in mode %s, profile %s (agc %d, bf %d, doa %d, aec %d, ns %d, vad-mode %d), "
               "echo canceller fed with the reference, %.0fx real time\n",
               summary.mode.c_str(), summary.profile.c_str(), s.agc, s.bf, s.doa, s.aec, s.ns, s.vad_mode,
               summary.realtime_factor);
   if (summary.direction_deg)
     std::printf("  direction   %d deg found, %.0f deg true (error %.0f deg)\n", *summary.direction_deg,
-                truth.azimuth_deg, bench::AzimuthErrorDeg(*summary.direction_deg, truth.azimuth_deg));
+                truth.azimuth_deg, sim::AzimuthErrorDeg(*summary.direction_deg, truth.azimuth_deg));
   else
     std::printf("  direction   not found (no speech detected), %.0f deg true\n", truth.azimuth_deg);
   std::printf("  speech      %.0f%% of frames flagged, talker in a syllable in %.0f%%\n", 100.0 * Share(flagged),

@@ -110,4 +110,36 @@ std::optional<int> DirectionFinder::Finish(FrontEnd& front_end) {
   return Consensus(answers);
 }
 
+void LibraryDirection::AddFrame(const int16_t* mics) {
+  if (search_flag_ != 2 && search_flag_ != 3) return;
+  constexpr size_t kFrameValues = static_cast<size_t>(kMics) * kFrameSamples;
+  constexpr size_t kMostValues = static_cast<size_t>(kMostSearchedSeconds) * 16000 * kMics;
+  kept_.insert(kept_.end(), mics, mics + kFrameValues);
+  if (kept_.size() - start_ > kMostValues) start_ += kFrameValues;
+  // Drop what has scrolled out once it is as large as what is kept.
+  if (start_ >= kMostValues) {
+    kept_.erase(kept_.begin(), kept_.begin() + static_cast<long>(start_));
+    start_ = 0;
+  }
+}
+
+std::optional<int> LibraryDirection::Finish(FrontEnd& front_end, double* confidence) {
+  *confidence = 0.0;
+  if (search_flag_ == 0) return std::nullopt;
+  int azimuth = 0;
+  int code = 0;
+  if (search_flag_ == 1) {
+    // The history search reads no samples but wants a block to point at.
+    const int16_t none[kMics] = {0, 0, 0};
+    code = front_end.UtteranceDirection(1, none, 0, &azimuth);
+  } else {
+    const int samples = static_cast<int>((kept_.size() - start_) / kMics);
+    code = front_end.UtteranceDirection(search_flag_, kept_.data() + start_, samples, &azimuth);
+  }
+  if (code != 0) return std::nullopt;
+  *confidence = front_end.DirectionConfidence();
+  if (*confidence <= 0.0) return std::nullopt;
+  return azimuth;
+}
+
 }  // namespace vorn::cli

@@ -1,6 +1,8 @@
-// Chooses the stretches of a recording that hold the talker and asks the
-// library for the talker's direction in each; the answer is the direction
-// most of them agree on.
+// The recording's direction. With the classic profile the tool chooses the
+// stretches of the recording that hold the talker and asks the library for
+// the talker's direction in each; the answer is the direction most of them
+// agree on. The enhanced profile does that work itself: the tool asks it
+// once, at the end.
 #pragma once
 
 #include <cstdint>
@@ -44,6 +46,27 @@ class DirectionFinder {
   int current_talker_ = 0;
   uint64_t stretches_seen_ = 0;
   std::vector<Stretch> kept_;  // the most talkative stretches
+};
+
+// The enhanced library's answer for the whole recording: with per-frame
+// tracking (flag 1), the talker evidence the tracker pooled over the run
+// (speech only, the loudspeaker and its echo left out); with the search over
+// samples (2, 3), that search over the capture as recorded, of which the
+// last kMostSearchedSeconds are kept.
+class LibraryDirection {
+ public:
+  static constexpr int kMostSearchedSeconds = 300;
+
+  explicit LibraryDirection(int search_flag) : search_flag_(search_flag) {}
+  void AddFrame(const int16_t* mics);
+  // The direction in degrees and its confidence (0..1), or nothing when the
+  // search is off, failed, or found no talker.
+  std::optional<int> Finish(FrontEnd& front_end, double* confidence);
+
+ private:
+  int search_flag_;
+  std::vector<int16_t> kept_;  // the newest frames, oldest first from `start_`
+  size_t start_ = 0;
 };
 
 }  // namespace vorn::cli

@@ -72,14 +72,13 @@ bool FrontEnd::LoadModes(int mode, const std::string& config_path, std::string* 
   return true;
 }
 
-Switches FrontEnd::ModeSwitches() const {
-  const T_VornKey& key = pm_.in_argv[mode_];
-  return {key.agc_flag, key.bf_flag, key.doa_flag, key.aec_flag, key.ns_flag, key.bf_azimuth, key.vad_mode};
+sim::Switches FrontEnd::ModeSwitches() const {
+  return sim::SwitchesOf(pm_.in_argv[mode_]);
 }
 
-bool FrontEnd::Start(const Switches& s, int profile, std::string* error) {
+bool FrontEnd::Start(const sim::Switches& s, int profile, std::string* error) {
   pm_.vorn_mode = -1;
-  CopySwitches(s, &pm_);
+  sim::CopySwitches(s, &pm_);
   const int code = VornInit(&pm_, nullptr);
   if (code != 0) {
     std::string where = "mode " + std::string(mode_ == 0 ? "wakeup" : mode_ == 1 ? "asr" : "comm");
@@ -87,7 +86,7 @@ bool FrontEnd::Start(const Switches& s, int profile, std::string* error) {
     *error = Explain(code, ("initialisation with " + where).c_str());
     return false;
   }
-  CopySwitches(s, &pm_.in_argv[mode_]);
+  sim::CopySwitches(s, &pm_.in_argv[mode_]);
   pm_.vorn_mode = mode_;
   const int profile_code = VornSetProfile(&pm_, profile);
   if (profile_code != 0) {
@@ -106,13 +105,21 @@ int FrontEnd::Process(const int16_t* mics, const int16_t* reference, int16_t* ou
   return VornProc(&pm_, input, reference != nullptr ? ref : nullptr, out, mic_order_);
 }
 
+double FrontEnd::DirectionConfidence() const {
+  float confidence = 0.0f;
+  return VornGetDoaConfidence(&pm_, &confidence) == 0 ? confidence : 0.0;
+}
+
 int FrontEnd::UtteranceDirection(int doa_flag, const int16_t* mics, int samples_per_channel, int* azimuth_deg) {
   // The search reads the active switches as they stand and leaves its result
   // in the azimuth field, which the next frame would pass on; both are put
   // back so that asking for a direction never changes the processing.
   const int32_t saved_doa = pm_.doa_flag;
   const int32_t saved_azimuth = pm_.azimuth;
-  std::vector<short> block(mics, mics + static_cast<size_t>(kMics) * static_cast<size_t>(samples_per_channel));
+  // A history search (doa_flag 1) reads no samples but is handed one frame
+  // of them.
+  const size_t frames = samples_per_channel > 0 ? static_cast<size_t>(samples_per_channel) : 1;
+  std::vector<short> block(mics, mics + static_cast<size_t>(kMics) * frames);
   pm_.doa_flag = doa_flag;
   const int code = VornDoa(&pm_, block.data(), mic_order_, samples_per_channel);
   *azimuth_deg = pm_.azimuth;

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "switches.h"
+#include "sim/switches.h"
 #include "vorn_proc.h"
 
 namespace vorn::cli {
@@ -22,10 +22,10 @@ class FrontEnd {
   // configuration file when `config_path` is not empty.
   bool LoadModes(int mode, const std::string& config_path, std::string* error);
   // The selected mode's switches as loaded.
-  Switches ModeSwitches() const;
+  sim::Switches ModeSwitches() const;
   // Prepares every module with `switches` in force for the mode, in the
   // processing profile `profile` (0 classic, 1 enhanced).
-  bool Start(const Switches& switches, int profile, std::string* error);
+  bool Start(const sim::Switches& switches, int profile, std::string* error);
 
   // One frame: kMics x kFrameSamples interleaved values, kFrameSamples of
   // reference (null without one) and kFrameSamples out. Returns the
@@ -38,6 +38,9 @@ class FrontEnd {
   // with the direction search `doa_flag` (1 reads the per-frame history, 2
   // and 3 search the samples). The per-frame switches stay as they were.
   int UtteranceDirection(int doa_flag, const int16_t* mics, int samples_per_channel, int* azimuth_deg);
+  // Confidence (0..1) of the direction last found (enhanced profile; 0
+  // with the classic one).
+  double DirectionConfidence() const;
 
  private:
   std::string Explain(int code, const char* stage) const;

@@ -9,7 +9,7 @@
 #include <cstdlib>
 #include <map>
 
-#include "writers.h"
+#include "audio_io/audio_output.h"
 
 namespace vorn::cli {
 namespace {

@@ -12,7 +12,8 @@
 #include <cstring>
 #include <unistd.h>
 
-#include "audio_input.h"
+#include "audio_io/audio_input.h"
+#include "audio_io/audio_output.h"
 #include "commands.h"
 #include "direction.h"
 #include "front_end.h"
@@ -25,10 +26,15 @@ constexpr int kRate = 16000;
 
 // The loudspeaker's sound is not the talker: while the reference plays, and
 // for as long again as a room's reverberation lasts, flagged frames are not
-// used to choose the stretch for the direction search. -60 dBFS is where a
+// used to choose the stretch for the classic direction search (the enhanced
+// profile makes the same judgement inside the library). -60 dBFS is where a
 // reference is silence rather than quiet speech.
 constexpr double kReferenceSilentRms = 32.0;
 constexpr int kEchoTailFrames = 16;  // 256 ms
+// A frame belongs to the talker's utterance while a speech flag came at most
+// this long ago: the enhanced flag marks syllables and leaves the short
+// pauses between them unflagged.
+constexpr int kUtteranceGapFrames = 20;  // 320 ms
 
 bool ReferencePlays(const int16_t* ref, size_t count) {
   double energy = 0.0;
@@ -69,7 +75,7 @@ std::string ReferenceFormatProblem(const AudioFormat& f) {
   return problems + "; the reference must be mono 16-bit PCM at 16000 Hz";
 }
 
-Switches ApplyOverrides(Switches s, const SwitchOverrides& o) {
+sim::Switches ApplyOverrides(sim::Switches s, const SwitchOverrides& o) {
   if (o.agc) s.agc = *o.agc;
   if (o.bf) s.bf = *o.bf;
   if (o.doa) s.doa = *o.doa;
@@ -128,7 +134,7 @@ int ProcessRecording(const ProcessOptions& opt, Summary* summary, std::vector<in
     ReportError(error);
     return kExitFailure;
   }
-  Switches switches = ApplyOverrides(front_end.ModeSwitches(), opt.overrides);
+  sim::Switches switches = ApplyOverrides(front_end.ModeSwitches(), opt.overrides);
   if (have_reference && !opt.overrides.aec && switches.aec == 0) switches.aec = opt.mode == 2 ? 2 : 1;
   if (!have_reference && switches.aec > 0) {
     if (opt.overrides.aec) {
@@ -141,9 +147,14 @@ int ProcessRecording(const ProcessOptions& opt, Summary* summary, std::vector<in
   }
   if (!opt.track_path.empty() && !opt.overrides.doa) switches.doa = 1;
   // The utterance direction costs nothing in the output, so it is reported
-  // unless direction finding was switched off on the command line; a mode
-  // without per-frame direction finding gets the search over samples.
-  const int search_flag = opt.overrides.doa && *opt.overrides.doa == 0 ? 0 : switches.doa == 0 ? 2 : switches.doa;
+  // unless direction finding was switched off on the command line. With the
+  // classic profile a mode without per-frame direction finding gets the
+  // search over samples; the enhanced profile tracks the talker instead,
+  // whose pooled evidence leaves the loudspeaker's sound out.
+  const bool enhanced = opt.profile == VORN_PROFILE_ENHANCED;
+  const bool direction_wanted = !(opt.overrides.doa && *opt.overrides.doa == 0);
+  if (enhanced && direction_wanted && switches.doa == 0) switches.doa = 1;
+  const int search_flag = !direction_wanted ? 0 : switches.doa == 0 ? 2 : switches.doa;
   if (!front_end.Start(switches, opt.profile, &error)) {
     ReportError(error);
     return kExitFailure;
@@ -160,7 +171,8 @@ int ProcessRecording(const ProcessOptions& opt, Summary* summary, std::vector<in
   std::optional<double> total_s;
   if (total_frames) total_s = static_cast<double>(*total_frames) / kRate;
   ProgressBar progress(stderr, total_s);
-  DirectionFinder direction(search_flag);
+  DirectionFinder direction(enhanced ? 0 : search_flag);
+  LibraryDirection library_direction(enhanced ? search_flag : 0);
   std::vector<int> azimuths;
   const int channels = format.channels;
   std::vector<int16_t> block(static_cast<size_t>(channels) * kFrameSamples);
@@ -171,6 +183,7 @@ int ProcessRecording(const ProcessOptions& opt, Summary* summary, std::vector<in
   std::optional<uint64_t> reference_ended_at;
   uint64_t frame_index = 0;
   int frames_since_reference = kEchoTailFrames;
+  int frames_since_speech = kUtteranceGapFrames + 1;
   for (;;) {
     const size_t got = input.Read(block.data(), kFrameSamples);
     if (got == 0) break;
@@ -200,7 +213,9 @@ int ProcessRecording(const ProcessOptions& opt, Summary* summary, std::vector<in
     azimuths.push_back(front_end.azimuth());
     frames_since_reference = have_reference && ReferencePlays(ref, got) ? 0 : frames_since_reference + 1;
     const bool talker_alone = frames_since_reference > kEchoTailFrames;
-    direction.AddFrame(front_end, mics, front_end.vad_flag() != 0 && talker_alone);
+    frames_since_speech = front_end.vad_flag() != 0 ? 0 : frames_since_speech + 1;
+    direction.AddFrame(front_end, mics, frames_since_speech <= kUtteranceGapFrames && talker_alone);
+    library_direction.AddFrame(mics);
     samples += got;
     ++frame_index;
     progress.Update(static_cast<double>(samples) / kRate);
@@ -213,7 +228,13 @@ int ProcessRecording(const ProcessOptions& opt, Summary* summary, std::vector<in
       return kExitFailure;
     }
   }
-  summary->direction_deg = direction.Finish(front_end);
+  if (enhanced) {
+    double confidence = 0.0;
+    summary->direction_deg = library_direction.Finish(front_end, &confidence);
+    if (summary->direction_deg) summary->direction_confidence = confidence;
+  } else {
+    summary->direction_deg = direction.Finish(front_end);
+  }
   const double wall = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
   if (!output.Close(&error)) {
     ReportError(error);

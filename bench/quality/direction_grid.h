@@ -1,0 +1,42 @@
+// The direction bench's scenes: a grid over reverberation (RT60 0.2-0.8 s),
+// noise (diffuse, babble, one point interferer) and SNR (0-20 dB), with
+// talkers above and below the array plane (-30 to +40 degrees), and talkers
+// who walk 90 degrees round the array in 3 s.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "sim/scene.h"
+
+namespace vorn::bench {
+
+enum class DirectionNoise { kDiffuse, kBabble, kInterferer };
+
+struct DirectionScene {
+  std::string name;
+  sim::Scene scene;
+  DirectionNoise noise = DirectionNoise::kDiffuse;
+  double snr_db = 0.0;
+  // A walking talker goes from scene.azimuth_deg to scene.azimuth_deg +
+  // walk_deg (counter-clockwise) at constant speed during [walk_begin_s,
+  // walk_end_s); walk_deg 0 keeps the talker still.
+  double walk_deg = 0.0, walk_begin_s = 0.0, walk_end_s = 0.0;
+};
+
+// The rendered scene and where the talker is at each 256-sample frame.
+struct DirectionRender {
+  sim::RenderedScene rendered;
+  std::vector<double> azimuth_deg;  // per frame, on the microphones' time line
+};
+
+// Still talkers over the whole grid, then the walking ones.
+std::vector<DirectionScene> DirectionScenes();
+
+// Renders a scene; a walking talker is taken through the room's response at
+// positions 3 degrees apart, cross-faded, on top of the scene's noise.
+bool RenderDirectionScene(const DirectionScene& cell, DirectionRender* out, std::string* error);
+
+const char* NoiseName(DirectionNoise noise);
+
+}  // namespace vorn::bench

@@ -1,0 +1,228 @@
+// Pair correlations on a lag grid and the direction search over them.
+//
+// The correlations are formed by rotating one phasor per lag from bin to bin
+// (exp(-i w tau) for neighbouring bins differs by a constant factor), so a
+// hop costs one complex rotation per lag and bin plus one multiply-add per
+// pair, all in independent lanes across the lags. A direction is scored by
+// interpolating each pair's correlation at the pair's delay, which for a
+// planar array is the in-plane delay scaled by the cosine of the elevation;
+// both factors come from tables computed at compile time.
+#include "adsp_bf/doa_gcc.h"
+
+#include <array>
+#include <cmath>
+
+#include "common/constexpr_trig.h"
+
+namespace vorn {
+namespace {
+
+constexpr int kPairA[kGccPairs] = {0, 0, 1};
+constexpr int kPairB[kGccPairs] = {1, 2, 2};
+
+// The array: microphones on a 0.039 m circle at 0, 120 and 240 degrees,
+// sound at 340 m/s, 16 kHz sampling.
+constexpr double kRadiusSamples = 0.039 * 16000.0 / 340.0;
+
+// Lag l's phasor at the band's first bin and its factor from bin to bin:
+// exp(-i 2 pi k tau_l / 512), tau_l = (l - kGccLagZero) / kGccLagsPerSample.
+struct LagPhasors {
+  float start_re[kGccLags], start_im[kGccLags], step_re[kGccLags], step_im[kGccLags];
+};
+
+constexpr LagPhasors MakeLagPhasors() {
+  LagPhasors t{};
+  constexpr long kTurn = 512L * kGccLagsPerSample;
+  for (int l = 0; l < kGccLags; ++l) {
+    const long lag = l - kGccLagZero;
+    t.start_re[l] = static_cast<float>(ct::CosTurn(-kGccLowBin * lag, kTurn));
+    t.start_im[l] = static_cast<float>(ct::SinTurn(-kGccLowBin * lag, kTurn));
+    t.step_re[l] = static_cast<float>(ct::CosTurn(-lag, kTurn));
+    t.step_im[l] = static_cast<float>(ct::SinTurn(-lag, kTurn));
+  }
+  return t;
+}
+constexpr LagPhasors kLagPhasors = MakeLagPhasors();
+
+// In-plane delay of each pair (samples by which microphone a hears a source
+// at that azimuth before microphone b), per whole degree of azimuth.
+constexpr std::array<std::array<float, kGccPairs>, 360> MakePairDelays() {
+  std::array<std::array<float, kGccPairs>, 360> t{};
+  for (int az = 0; az < 360; ++az)
+    for (int p = 0; p < kGccPairs; ++p)
+      t[az][p] = static_cast<float>(kRadiusSamples *
+                                    (ct::CosTurn(az - 120 * kPairA[p], 360) - ct::CosTurn(az - 120 * kPairB[p], 360)));
+  return t;
+}
+constexpr auto kPairDelays = MakePairDelays();
+
+constexpr std::array<float, kGccMaxElevationDeg + 1> MakeElevationFactors() {
+  std::array<float, kGccMaxElevationDeg + 1> t{};
+  for (int el = 0; el <= kGccMaxElevationDeg; ++el) t[el] = static_cast<float>(ct::CosTurn(el, 360));
+  return t;
+}
+constexpr auto kElevationFactors = MakeElevationFactors();
+
+static_assert(kGccLagZero > kRadiusSamples * 1.7320508 * kGccLagsPerSample + 1, "lag grid too short");
+static_assert(kGccLags - 1 - kGccLagZero > kRadiusSamples * 1.7320508 * kGccLagsPerSample + 1, "lag grid too short");
+
+int Wrap360(int deg) { return ((deg % 360) + 360) % 360; }
+
+// Noise following: a bin below kNoiseLike times the estimate is noise.
+constexpr float kNoiseLike = 3.0f;
+constexpr float kNoiseAverage = 0.1f;  // about 10 hops (160 ms) of memory
+constexpr float kNoiseClimb = 1.01f;   // 2.7 dB/s while a bin stays loud
+constexpr int kNoiseStartHops = 10;    // a plain mean over the first hops
+// Evidence: a bin counts once its smoothed power is above kNoiseMargin
+// times the noise (9 dB: a noise bin gets there about once in a thousand
+// hops) and its power at least kOnsetRise times its recent level.
+constexpr float kNoiseMargin = 8.0f;
+constexpr float kOnsetRise = 2.0f;
+// Pooled bin weight past which the amount of evidence no longer limits the
+// confidence (a few syllable onsets' worth).
+constexpr float kConfidentWeight = 20.0f;
+
+}  // namespace
+
+void GccBandOf(const float spectra[kBfChannels][kBfFftLen], GccBand* band) {
+  for (int m = 0; m < kBfChannels; ++m) {
+    const float* x = spectra[m];
+    for (int b = 0; b < kGccBins; ++b) {
+      const int k = kGccLowBin + b;
+      band->re[m][b] = 0.5f * x[k] - 0.25f * (x[k - 1] + x[k + 1]);
+      band->im[m][b] = 0.5f * x[kBfFftLen - k] - 0.25f * (x[kBfFftLen - k + 1] + x[kBfFftLen - k - 1]);
+    }
+  }
+}
+
+void GccBandPower(const GccBand& band, float power[kGccBins]) {
+  for (int b = 0; b < kGccBins; ++b) {
+    float sum = 0.0f;
+    for (int m = 0; m < kBfChannels; ++m) sum += band.re[m][b] * band.re[m][b] + band.im[m][b] * band.im[m][b];
+    power[b] = sum * (1.0f / kBfChannels);
+  }
+}
+
+void GccFollowNoise(const float power[kGccBins], int learnt, GccNoise* noise) {
+  if (learnt < kNoiseStartHops) {
+    const float step = 1.0f / static_cast<float>(learnt + 1);
+    for (int b = 0; b < kGccBins; ++b) noise->power[b] += step * (power[b] - noise->power[b]);
+    return;
+  }
+  for (int b = 0; b < kGccBins; ++b) {
+    float& mean = noise->power[b];
+    if (power[b] < kNoiseLike * mean)
+      mean += kNoiseAverage * (power[b] - mean);
+    else
+      mean *= kNoiseClimb;
+  }
+}
+
+float GccBinWeights(const float power[kGccBins], const GccNoise& noise, const float recent[kGccBins],
+                    float weight[kGccBins]) {
+  float total = 0.0f;
+  for (int b = 0; b < kGccBins; ++b) {
+    const float p = power[b];
+    // The noise test looks at the power smoothed with the last hops: a
+    // single hop's bin of noise swings far above its mean too often, and a
+    // steady interferer's bins would then vote, sharply, at every swing.
+    const float smoothed = 0.5f * (recent[b] + p);
+    const float floor = kNoiseMargin * noise.power[b];
+    const float rise = p - kOnsetRise * recent[b];
+    float w = 0.0f;
+    if (smoothed > floor && rise > 0.0f) w = (smoothed - floor) / smoothed * (rise / p);
+    weight[b] = w;
+    total += w;
+  }
+  return total;
+}
+
+void GccAddCross(const GccBand& band, const float weight[kGccBins], float scale, GccCross* cross) {
+  for (int p = 0; p < kGccPairs; ++p) {
+    const float* ar = band.re[kPairA[p]];
+    const float* ai = band.im[kPairA[p]];
+    const float* br = band.re[kPairB[p]];
+    const float* bi = band.im[kPairB[p]];
+    for (int b = 0; b < kGccBins; ++b) {
+      if (weight[b] <= 0.0f) continue;
+      const float re = ar[b] * br[b] + ai[b] * bi[b];
+      const float im = ai[b] * br[b] - ar[b] * bi[b];
+      const float magnitude = std::sqrt(re * re + im * im);
+      if (!(magnitude > 1e-20f)) continue;
+      const float gain = scale * weight[b] / magnitude;
+      cross->re[p][b] += gain * re;
+      cross->im[p][b] += gain * im;
+    }
+  }
+}
+
+void GccCrossToLags(const GccCross& cross, GccLags lags) {
+  float phasor_re[kGccLags], phasor_im[kGccLags];
+  for (int l = 0; l < kGccLags; ++l) {
+    phasor_re[l] = kLagPhasors.start_re[l];
+    phasor_im[l] = kLagPhasors.start_im[l];
+  }
+  for (int p = 0; p < kGccPairs; ++p)
+    for (int l = 0; l < kGccLags; ++l) lags[p][l] = 0.0f;
+  for (int b = 0; b < kGccBins; ++b) {
+    for (int p = 0; p < kGccPairs; ++p) {
+      const float cr = cross.re[p][b], ci = cross.im[p][b];
+      float* out = lags[p];
+      for (int l = 0; l < kGccLags; ++l) out[l] += cr * phasor_re[l] - ci * phasor_im[l];
+    }
+    for (int l = 0; l < kGccLags; ++l) {
+      const float re = phasor_re[l] * kLagPhasors.step_re[l] - phasor_im[l] * kLagPhasors.step_im[l];
+      const float im = phasor_re[l] * kLagPhasors.step_im[l] + phasor_im[l] * kLagPhasors.step_re[l];
+      phasor_re[l] = re;
+      phasor_im[l] = im;
+    }
+  }
+}
+
+float GccConfidence(float score, float weight) {
+  if (!(weight > 0.0f)) return 0.0f;
+  const float agreement = score / (kGccPairs * weight);
+  float c = (agreement - 0.05f) / 0.35f;
+  c = c < 0.0f ? 0.0f : c > 1.0f ? 1.0f : c;
+  return c * (1.0f - std::exp(-weight / kConfidentWeight));
+}
+
+float GccScore(const GccLags lags, int azimuth_deg, int elevation_deg) {
+  const std::array<float, kGccPairs>& delays = kPairDelays[static_cast<std::size_t>(Wrap360(azimuth_deg))];
+  const float factor = kElevationFactors[static_cast<std::size_t>(elevation_deg)];
+  float score = 0.0f;
+  for (int p = 0; p < kGccPairs; ++p) {
+    const float at = delays[p] * factor * kGccLagsPerSample + kGccLagZero;
+    const int i = static_cast<int>(at);  // at > 0: the grid reaches past every delay
+    const float frac = at - static_cast<float>(i);
+    score += lags[p][i] + frac * (lags[p][i + 1] - lags[p][i]);
+  }
+  return score;
+}
+
+GccPeak GccSearch(const GccLags lags, int elevation_step_deg) {
+  constexpr int kCoarseDeg = 5;
+  int best_az = 0, best_el = 0;
+  float best = GccScore(lags, 0, 0);
+  for (int el = 0; el <= kGccMaxElevationDeg; el += elevation_step_deg)
+    for (int az = 0; az < 360; az += kCoarseDeg)
+      if (const float s = GccScore(lags, az, el); s > best) best = s, best_az = az, best_el = el;
+  // One degree round the coarse winner, on its height and the neighbouring ones.
+  int fine_az = best_az, fine_el = best_el;
+  for (int el = best_el - elevation_step_deg; el <= best_el + elevation_step_deg; el += elevation_step_deg) {
+    if (el < 0 || el > kGccMaxElevationDeg) continue;
+    for (int az = best_az - kCoarseDeg + 1; az < best_az + kCoarseDeg; ++az)
+      if (const float s = GccScore(lags, az, el); s > best) best = s, fine_az = az, fine_el = el;
+  }
+  const float left = GccScore(lags, fine_az - 1, fine_el);
+  const float right = GccScore(lags, fine_az + 1, fine_el);
+  const float curvature = left - 2.0f * best + right;
+  float offset = curvature < 0.0f ? 0.5f * (left - right) / curvature : 0.0f;
+  offset = offset < -0.5f ? -0.5f : offset > 0.5f ? 0.5f : offset;
+  float azimuth = static_cast<float>(Wrap360(fine_az)) + offset;
+  if (azimuth < 0.0f) azimuth += 360.0f;
+  if (azimuth >= 360.0f) azimuth -= 360.0f;
+  return {azimuth, static_cast<float>(fine_el), best};
+}
+
+}  // namespace vorn

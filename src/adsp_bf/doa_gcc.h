@@ -1,0 +1,111 @@
+// The enhanced direction finder's shared steps: the hop's microphone bins,
+// their weights, the phase-transformed cross-spectra of the three microphone
+// pairs, the pairs' generalised cross-correlations on a grid of fractional
+// lags, and the search for the direction those correlations point to.
+//
+// Steered response power with the phase transform is a sum over microphone
+// pairs of their cross-correlations at the delays a direction implies, and
+// it is linear in the cross-spectra. So evidence is pooled as the pairs'
+// correlations on a lag grid (a few hundred numbers, whatever the number of
+// directions searched) or, where a whole stretch is known, as the pooled
+// cross-spectra, turned into correlations once. Any direction, at any
+// elevation, is then scored by three interpolated look-ups.
+#pragma once
+
+#include "adsp_bf/audio_dsp_proc.h"
+
+namespace vorn {
+
+// Band of the evidence: 250 Hz to 6.25 kHz. Below it the 7.8 cm array sees
+// almost no phase difference; above it speech carries little energy.
+constexpr int kGccLowBin = 8;
+constexpr int kGccHighBin = 200;
+constexpr int kGccBins = kGccHighBin - kGccLowBin + 1;
+constexpr int kGccPairs = 3;  // microphones (0, 1), (0, 2), (1, 2)
+
+// Lag grid: (l - kGccLagZero) / kGccLagsPerSample samples, l = 0..kGccLags-1,
+// covering the largest pair delay (3.18 samples) with a step fine enough
+// for linear interpolation of a correlation band-limited to 6.25 kHz.
+constexpr int kGccLagsPerSample = 10;
+constexpr int kGccLagZero = 33;
+constexpr int kGccLags = 68;
+
+// The hop's band of the three microphones' Hann-windowed spectra.
+struct GccBand {
+  float re[kBfChannels][kGccBins];
+  float im[kBfChannels][kGccBins];
+};
+
+// Pair correlations on the lag grid.
+using GccLags = float[kGccPairs][kGccLags];
+
+// Phase-transformed pair cross-spectra over the band.
+struct GccCross {
+  float re[kGccPairs][kGccBins];
+  float im[kGccPairs][kGccBins];
+};
+
+// The band of unwindowed packed 512-point spectra (one per microphone row),
+// windowed in the frequency domain with a periodic Hann window: each bin
+// becomes half itself less a quarter of each neighbour.
+void GccBandOf(const float spectra[kBfChannels][kBfFftLen], GccBand* band);
+
+// Mean power over the microphones, per band bin.
+void GccBandPower(const GccBand& band, float power[kGccBins]);
+
+// The noise under the band: its mean power per bin.
+struct GccNoise {
+  float power[kGccBins];
+};
+
+// Follows the noise with the hop's band power. A bin within a few times the
+// estimate counts as noise and is averaged in, so a steady noise is
+// estimated near its mean (not at its minimum, which would let its peaks
+// pass for speech); a louder bin leaves the estimate alone but for a slow
+// climb, which lets it reach a noise that has grown. `learnt` counts the
+// hops followed before this one: over the first few the estimate is their
+// plain mean.
+void GccFollowNoise(const float power[kGccBins], int learnt, GccNoise* noise);
+
+// Per-bin weight of the evidence. Only onsets count: the direct sound
+// reaches the array a few milliseconds before the room's reflections build
+// up, so a bin whose power has at least doubled over its recent (smoothed)
+// level carries the talker's direction, while steady and decaying sound
+// carries the walls'. The weight grows with the rise and with a Wiener-like
+// gain of the smoothed power over the noise, which is 0 up to 8 times the
+// noise. `recent` is the smoothed power before this hop. Returns the sum of
+// the weights.
+float GccBinWeights(const float power[kGccBins], const GccNoise& noise, const float recent[kGccBins],
+                    float weight[kGccBins]);
+
+// cross += scale * weight * the pairs' cross-spectra reduced to unit
+// magnitude (bins where a microphone is silent add nothing).
+void GccAddCross(const GccBand& band, const float weight[kGccBins], float scale, GccCross* cross);
+
+// lags[p][l] = sum over band bins k of Re(cross_p(k) exp(-i w_k tau_l)).
+void GccCrossToLags(const GccCross& cross, GccLags lags);
+
+// Where the pooled correlations point.
+struct GccPeak {
+  float azimuth_deg;    // [0, 360), refined between the 1-degree grid points
+  float elevation_deg;  // the best of the searched heights (a planar array
+                        // cannot tell above from below: 0..kGccMaxElevationDeg)
+  float score;          // the summed correlations there
+};
+constexpr int kGccMaxElevationDeg = 40;
+
+// Searches azimuth (a 5-degree pass, then 1 degree round the winner and a
+// parabola through the best three) at elevations 0..40 degrees in
+// `elevation_step_deg` steps (a divisor of 40).
+GccPeak GccSearch(const GccLags lags, int elevation_step_deg);
+
+// How much pooled evidence agrees on its peak (0..1): the peak's score
+// against the largest it could reach (every weighted bin of every pair in
+// phase, `weight` being the bin weights pooled), scaled down while little
+// evidence has been pooled.
+float GccConfidence(float score, float weight);
+
+// The summed correlations at one direction (integer degrees).
+float GccScore(const GccLags lags, int azimuth_deg, int elevation_deg);
+
+}  // namespace vorn

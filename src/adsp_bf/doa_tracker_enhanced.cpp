@@ -1,0 +1,163 @@
+// Tracks the talker's azimuth from hops that carry the talker, for a product
+// that steers a beam or a camera by it.
+//
+// Each hop's evidence is the steered response of the phase-transformed pair
+// cross-spectra of the bins that stand well above the noise and have just
+// risen (onsets: the direct sound reaches the array before the room's
+// reverberation builds up, so rising bins point at the talker and decaying
+// ones at the walls), the whole hop weighted by the speech presence and by
+// the far end's silence, held over its echo tail. Evidence is pooled as
+// pair correlations, which pool directions as vectors do: 355 and 5 degrees
+// average to 0, never 180. Outside speech nothing changes, so the direction
+// holds through pauses.
+//
+// Two pools keep the evidence. The slow one, which gives the reported
+// direction, forgets by evidence rather than by time (a hop adds its bin
+// weights and the pool shrinks so as to hold about a fixed amount), so a
+// talker who stands still in noise keeps being averaged over many onsets.
+// The fast one holds less and also forgets with time, about a quarter
+// second of speech; when it keeps pointing elsewhere the slow one restarts
+// from it, so a talker who walks is followed, within a second where the
+// onsets come often enough.
+#include "adsp_bf/doa_tracker_enhanced.h"
+
+#include <cmath>
+#include <cstring>
+
+namespace vorn {
+namespace {
+
+constexpr float kRecentKeep = 0.5f;  // smoothing of the band power from hop to hop
+constexpr int kWarmUpHops = 16;      // the noise's first quarter second
+// The pools hold about this much bin weight: the slow one a second or two
+// of clear speech, the fast one a third of that.
+constexpr float kSlowEvidence = 150.0f;
+constexpr float kFastEvidence = 40.0f;
+// The fast pool also forgets with time: a quarter second of speech.
+constexpr float kFastSpeechHops = 16.0f;
+// The fast pool must disagree by this much, with this confidence, for this
+// much evidence, before the slow one restarts from it.
+constexpr float kMovedDeg = 20.0f;
+constexpr float kMoveConfidence = 0.1f;
+constexpr float kMoveEvidence = 5.0f;
+constexpr int kEchoTailHops = 16;        // 256 ms, a room's echo tail
+constexpr int kTrackElevationStep = 20;  // heights 0, 20 and 40 degrees
+constexpr int kPooledElevationStep = 5;
+
+float AngleBetween(float a, float b) {
+  float d = std::fabs(a - b);
+  while (d >= 360.0f) d -= 360.0f;
+  return d > 180.0f ? 360.0f - d : d;
+}
+
+// How much of the fast pool a hop keeps: enough that the pool holds about
+// kFastEvidence of bin weight, and no more than it would keep to remember
+// kFastSpeechHops hops of speech, so that sparse evidence (noise, distance)
+// does not stretch its memory over seconds.
+float FastKeep(float evidence, float hop_gate) {
+  const float by_evidence = kFastEvidence / (kFastEvidence + evidence);
+  const float by_time = 1.0f - hop_gate / kFastSpeechHops;
+  return by_evidence < by_time ? by_evidence : by_time;
+}
+
+void Fade(GccLags pool, float* pool_weight, float keep) {
+  for (int p = 0; p < kGccPairs; ++p)
+    for (int l = 0; l < kGccLags; ++l) pool[p][l] *= keep;
+  *pool_weight *= keep;
+}
+
+void Pool(GccLags pool, float* pool_weight, const GccLags hop, float hop_weight, float keep) {
+  for (int p = 0; p < kGccPairs; ++p)
+    for (int l = 0; l < kGccLags; ++l) pool[p][l] = keep * pool[p][l] + hop[p][l];
+  *pool_weight = keep * *pool_weight + hop_weight;
+}
+
+}  // namespace
+
+void DoaTrackerInit(TDoaTrackerEnhanced* t) { std::memset(t, 0, sizeof(*t)); }
+
+DoaTrack DoaTrackerHop(TDoaTrackerEnhanced* t, const float spectra[kBfChannels][kBfFftLen], const DoaHopCues& cues) {
+  GccBand band;
+  GccBandOf(spectra, &band);
+  float power[kGccBins];
+  GccBandPower(band, power);
+
+  // The first hop's frame is half silence; the noise is learnt from the
+  // second on, and no evidence is taken until it has had a quarter second.
+  if (t->hops == 0) {
+    ++t->hops;
+    return {t->azimuth_deg, t->confidence, false};
+  }
+  if (t->hops == 1) std::memcpy(t->recent_power, power, sizeof power);
+  float previous[kGccBins];
+  std::memcpy(previous, t->recent_power, sizeof previous);
+  for (int b = 0; b < kGccBins; ++b)
+    t->recent_power[b] = kRecentKeep * t->recent_power[b] + (1.0f - kRecentKeep) * power[b];
+  GccFollowNoise(power, t->hops - 1, &t->noise);
+  const bool warm = t->hops > kWarmUpHops;
+  if (t->hops < 1000000) ++t->hops;
+
+  // The far end's activity is held at its peak for the echo's tail after it
+  // falls.
+  const float far_now = cues.reference_audible ? cues.far_activity : 0.0f;
+  if (far_now >= t->far_hold) {
+    t->far_hold = far_now;
+    t->far_tail_hops = kEchoTailHops;
+  } else if (t->far_tail_hops > 0) {
+    --t->far_tail_hops;
+  } else {
+    t->far_hold = far_now;
+  }
+  const float hop_gate = cues.update_allowed && warm ? cues.presence * (1.0f - t->far_hold) : 0.0f;
+
+  float weight[kGccBins];
+  const float bin_sum = GccBinWeights(power, t->noise, previous, weight);
+  const float evidence = hop_gate * bin_sum;
+  if (evidence <= 0.0f && hop_gate > 0.0f) {
+    // Speech without usable bins: the fast pool still ages, so that what
+    // the next onset says counts against the last quarter second of speech
+    // rather than against everything heard since the last onset.
+    Fade(t->fast, &t->fast_weight, 1.0f - hop_gate / kFastSpeechHops);
+  }
+  if (evidence > 0.0f) {
+    GccCross cross{};
+    GccAddCross(band, weight, hop_gate, &cross);
+    GccLags hop;
+    GccCrossToLags(cross, hop);
+    Pool(t->slow, &t->slow_weight, hop, evidence, kSlowEvidence / (kSlowEvidence + evidence));
+    Pool(t->fast, &t->fast_weight, hop, evidence, FastKeep(evidence, hop_gate));
+    Pool(t->since_asked, &t->since_asked_weight, hop, evidence, 1.0f);
+
+    GccPeak slow = GccSearch(t->slow, kTrackElevationStep);
+    const GccPeak fast = GccSearch(t->fast, kTrackElevationStep);
+    const float fast_confidence = GccConfidence(fast.score, t->fast_weight);
+    if (AngleBetween(fast.azimuth_deg, slow.azimuth_deg) > kMovedDeg && fast_confidence > kMoveConfidence) {
+      t->move_votes += evidence;
+    } else {
+      t->move_votes = t->move_votes > evidence ? t->move_votes - evidence : 0.0f;
+    }
+    if (t->move_votes >= kMoveEvidence) {
+      std::memcpy(t->slow, t->fast, sizeof t->slow);
+      t->slow_weight = t->fast_weight;
+      slow = fast;
+      t->move_votes = 0.0f;
+    }
+    t->azimuth_deg = slow.azimuth_deg;
+    t->elevation_deg = slow.elevation_deg;
+    t->confidence = GccConfidence(slow.score, t->slow_weight);
+    t->has_direction = 1;
+  }
+  t->reported_confidence = t->confidence;
+  return {t->azimuth_deg, t->confidence, t->has_direction != 0};
+}
+
+DoaTrack DoaTrackerPooled(TDoaTrackerEnhanced* t) {
+  if (!(t->since_asked_weight > 0.0f)) return {t->azimuth_deg, 0.0f, false};
+  const GccPeak peak = GccSearch(t->since_asked, kPooledElevationStep);
+  const DoaTrack found{peak.azimuth_deg, GccConfidence(peak.score, t->since_asked_weight), true};
+  std::memset(t->since_asked, 0, sizeof t->since_asked);
+  t->since_asked_weight = 0.0f;
+  return found;
+}
+
+}  // namespace vorn

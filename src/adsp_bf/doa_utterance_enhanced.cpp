@@ -1,0 +1,84 @@
+// Direction of a whole stretch of speech (a keyword of half a second, a
+// sentence of ten), for the enhanced profile.
+//
+// The stretch is read twice. The first pass follows each bin's noise over
+// the whole stretch, so that the second weighs every hop, the first ones
+// too, against a settled estimate. The second pass pools the
+// phase-transformed pair cross-spectra of every hop, each bin weighted as
+// the tracker weights it (onsets well above the noise) and each hop by how
+// far its band stands above the noise (a speech-presence estimate of its
+// own: the caller's is not known here). Pooling the cross-spectra rather than per-hop scores
+// gives the same steered response at the cost of one evaluation for the
+// whole stretch, and keeps memory constant: a stretch of any length is used
+// whole. The search covers elevations 0-40 degrees in 5-degree steps (a
+// planar array hears a talker 30 degrees below as one 30 degrees above) and
+// refines the azimuth between the 1-degree grid points.
+#include <cstring>
+
+#include "adsp_bf/doa_tracker_enhanced.h"
+#include "common/adsp_common_fft_rel.h"
+
+namespace vorn {
+namespace {
+
+constexpr float kRecentKeep = 0.5f;
+constexpr int kElevationStep = 5;
+// Band SNR (power over floor) at which a hop starts to count, and at which
+// it counts fully.
+constexpr float kHopSnrLow = 2.0f, kHopSnrHigh = 8.0f;
+
+// The unwindowed spectra of hop h's 512-sample frame, microphone rows in order.
+void FrameBand(const short* inp, const short order[kBfChannels], int hop, GccBand* band) {
+  float spectra[kBfChannels][kBfFftLen];
+  const short* frame = inp + static_cast<long>(hop) * kBfHop * kBfChannels;
+  for (int m = 0; m < kBfChannels; ++m) {
+    for (int n = 0; n < kBfFftLen; ++n) spectra[m][n] = static_cast<float>(frame[kBfChannels * n + order[m]]);
+    fft_rel(spectra[m], kBfFftLen, kBfFftOrder);
+  }
+  GccBandOf(spectra, band);
+}
+
+}  // namespace
+
+DoaTrack DoaUtteranceEnhanced(const short* inp, const short order[kBfChannels], int samples_per_channel) {
+  if (samples_per_channel < kBfFftLen) return {0.0f, 0.0f, false};
+  const int hops = (samples_per_channel - kBfFftLen) / kBfHop + 1;
+
+  // The noise estimate follows the whole stretch once before any evidence
+  // is weighted by it.
+  GccNoise noise;
+  GccBand band;
+  float power[kGccBins];
+  for (int h = 0; h < hops; ++h) {
+    FrameBand(inp, order, h, &band);
+    GccBandPower(band, power);
+    GccFollowNoise(power, h, &noise);
+  }
+
+  GccCross cross{};
+  float recent[kGccBins], weight[kGccBins];
+  float pooled_weight = 0.0f;
+  for (int h = 0; h < hops; ++h) {
+    FrameBand(inp, order, h, &band);
+    GccBandPower(band, power);
+    if (h == 0) std::memcpy(recent, power, sizeof recent);
+    const float bin_sum = GccBinWeights(power, noise, recent, weight);
+    float band_power = 0.0f, band_floor = 0.0f;
+    for (int b = 0; b < kGccBins; ++b) band_power += power[b], band_floor += noise.power[b];
+    const float snr = band_floor > 0.0f ? band_power / band_floor : kHopSnrHigh;
+    float hop_gate = (snr - kHopSnrLow) / (kHopSnrHigh - kHopSnrLow);
+    hop_gate = hop_gate < 0.0f ? 0.0f : hop_gate > 1.0f ? 1.0f : hop_gate;
+    if (hop_gate > 0.0f && bin_sum > 0.0f) {
+      GccAddCross(band, weight, hop_gate, &cross);
+      pooled_weight += hop_gate * bin_sum;
+    }
+    for (int b = 0; b < kGccBins; ++b) recent[b] = kRecentKeep * recent[b] + (1.0f - kRecentKeep) * power[b];
+  }
+  if (!(pooled_weight > 0.0f)) return {0.0f, 0.0f, false};
+  GccLags lags;
+  GccCrossToLags(cross, lags);
+  const GccPeak peak = GccSearch(lags, kElevationStep);
+  return {peak.azimuth_deg, GccConfidence(peak.score, pooled_weight), true};
+}
+
+}  // namespace vorn

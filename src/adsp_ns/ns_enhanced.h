@@ -1,0 +1,164 @@
+// The enhanced profile's speech presence, suppressor and speech flag.
+//
+// One analysis per 128-sample hop is shared by all three: the presence
+// estimator windows and transforms the hop (the same unit-energy Hamming
+// window and 512-point transform as the classic suppressor, so spectra and
+// noise powers are on the classic scale), tracks the noise, and judges per
+// band and per hop whether the near talker speaks. The suppressor turns those
+// judgements into gains on the same spectrum and resynthesises; the speech
+// flag reads the hop judgements aligned with the suppressor's output.
+//
+// Records live in caller memory (the enhanced region) and are prepared by
+// the ...Init functions; nothing here allocates.
+#pragma once
+
+#include <array>
+#include <cstdint>
+
+#include "adsp_ns/adsp_ns_proc.h"
+
+namespace vorn {
+
+// ---- bands ----------------------------------------------------------------
+// Bins 0..15 in bands of two; from bin 16 on, every octave of bins in four
+// bands of equal width (16..31 by 4, 32..63 by 8, ..., 128..255 by 32); bin
+// 256 closes the last band. Narrow where speech has its pitch harmonics and
+// formants, wide where a band has to average out noise.
+constexpr int kPresenceBands = 24;
+
+constexpr std::array<int, kPresenceBands + 1> MakeBandEdges() {
+  std::array<int, kPresenceBands + 1> edges{};
+  int b = 0;
+  for (int bin = 0; bin < 16; bin += 2) edges[b++] = bin;
+  for (int octave = 16; octave < 256; octave *= 2)
+    for (int q = 0; q < 4; ++q) edges[b++] = octave + q * octave / 4;
+  edges[b] = kNsBins;  // the last band takes bin 256 too
+  return edges;
+}
+constexpr std::array<int, kPresenceBands + 1> kBandEdges = MakeBandEdges();
+static_assert(kBandEdges[8] == 16 && kBandEdges[12] == 32 && kBandEdges[23] == 224 && kBandEdges[24] == 257);
+
+// ---- what the canceller tells the presence estimate ------------------------
+// With the canceller on, the presence is judged on the canceller's input
+// (the talker as the microphones hear it, before any echo suppression) with
+// the loudspeaker's echo predicted from the reference; the suppressor still
+// works on the canceller's output.
+struct NsEchoCues {
+  const short* reference;  // the loudspeaker's 128 samples of this hop; null when the canceller is off
+  const short* near;       // the canceller's input for this hop; null when the canceller is off
+};
+
+// ---- the cues a hop's presence is judged by ---------------------------------
+enum PresenceCue {
+  kCueExcess,       // mean excess over the noise in the speech bands, dB (0..25 per band)
+  kCueExcessTop,    // the same over the four bands that stand highest, dB
+  kCueFrameSnr,     // excess power over noise power in the speech bands, dB (-20..40)
+  kCueHarmonicity,  // energy on multiples of a pitch: about 0.6 for noise, above 1 for a voice
+  kCueBelowTalker,  // dB by which the hop's excess level falls short of the talker's recent level (0..40)
+  kCueDecay,        // dB by which it lies below its own peak of the last 120 ms: a dying tail (0..30)
+  kCueEcho,         // 0..1: the share of the hop's power the far end's echo explains
+  kPresenceCues
+};
+// The presence network reads the cues of this hop and the two before it;
+// the flag network those of the five hops before this one, which are
+// centred on the input frame 1.5 frames back: the frame the speech flag
+// labels (the suppressor's output lags its input by as much).
+constexpr int kNetContext = 3;
+constexpr int kNetInputs = kPresenceCues * kNetContext;
+constexpr int kFlagContext = 5;
+constexpr int kCueHistory = kFlagContext + 1;
+constexpr int kFlagInputs = kPresenceCues * kFlagContext;
+
+// ---- one hop's analysis, handed from the presence estimate to the suppressor
+struct NsHopAnalysis {
+  float spectrum[kNsFftLen];  // packed spectrum of the windowed hop (classic packing)
+  float power[kNsBins];
+  float band_prob[kPresenceBands];  // 0..1 per band: the talker in this band
+  float prob;                       // 0..1: the talker in this hop
+  float echo;                       // 0..1: how much of the hop the far end's echo explains
+  float snr_db;                     // speech-band excess over the noise, dB
+  float cues[kPresenceCues];
+};
+
+// ---- records -------------------------------------------------------------------
+constexpr int kNoiseSubWindows = 6;     // the noise floor's minimum search: 6 stretches ...
+constexpr int kNoiseSubWindowHops = 32; // ... of 32 hops (1.5 s in all)
+constexpr int kLevelHistory = 15;        // hops a tail is judged against (120 ms)
+
+// One signal's noise estimate per bin, with the minimum search that backs it up.
+struct NoiseTracker {
+  float noise[kNsBins];                     // noise power per bin
+  float spp_mean[kNsBins];                  // smoothed bin presence, for the stagnation guard
+  float smooth_power[kNsBins];              // time/frequency smoothed power, for the floor search
+  float stretch_min[kNsBins];               // minimum of smooth_power in the current stretch
+  float window_min[kNsBins];                // minimum over the stored stretches
+  float stretch_mins[kNoiseSubWindows][kNsBins];
+  int32_t hops;                             // hops tracked, saturating
+  int32_t stretch_hops;                     // hops into the current stretch
+  int32_t stretch_index;                    // next stretch row to overwrite
+  int32_t stretches_filled;
+};
+
+struct EnhancedPresenceState {
+  float au[kNsFftLen];                      // the last 512 input samples
+  NoiseTracker noise;                       // the suppressor's input's noise
+  float band_prob[kPresenceBands];          // smoothed band presence
+  float talker_level_db;                    // peak follower of the talker's excess level
+  float level_history[kLevelHistory];       // the last hops' excess levels, dB (a ring)
+  float prob;                               // last hop's presence (smoothed)
+  int32_t level_at;                         // next slot of level_history
+  int32_t voiced_run;                       // voiced hops in a row, up to the number that counts
+  float recent_cues[kCueHistory][kPresenceCues];  // the last hops' cues, newest first
+  float recent_prob[kCueHistory];                 // the last hops' presence, newest first
+  // The far end: the canceller's input analysed as the suppressor's input
+  // is, its own noise, the loudspeaker's power per bin held as its echo
+  // lingers, and the power coupling per band from loudspeaker to input
+  // (averages of input excess x loudspeaker and loudspeaker^2 powers).
+  float near_au[kNsFftLen];
+  NoiseTracker near_noise;
+  float reference_au[kNsFftLen];
+  float reference_held[kNsBins];
+  float coupling_num[kPresenceBands];
+  float coupling_den[kPresenceBands];
+};
+
+struct EnhancedSuppressorState {
+  float ola[kNsFftLen];      // synthesis overlap-add buffer
+  float clean_power[kNsBins];// last hop's output power per bin (decision-directed memory)
+  float floor_gain;          // the gain floor in force, following the presence
+  float talker_hold;         // the hop presence, held as the talker's reverberation dies
+};
+
+struct EnhancedVadState {
+  int32_t frames;  // frames decided, saturating
+};
+
+// The three records as the enhanced region holds them.
+struct EnhancedSpeechRecords {
+  EnhancedPresenceState presence;
+  EnhancedSuppressorState suppressor;
+  EnhancedVadState vad;
+};
+static_assert(sizeof(EnhancedSpeechRecords) <= 38 * 1024, "speech presence, suppressor and flag share 38 KB");
+
+// ---- presence ------------------------------------------------------------
+void EnhancedPresenceInit(EnhancedPresenceState* st);
+// Analyses one hop of 128 samples into `hop` and updates the noise estimate.
+void EnhancedPresenceHop(EnhancedPresenceState* st, const short* in, const NsEchoCues& echo, NsHopAnalysis* hop);
+
+// ---- suppressor ------------------------------------------------------------
+void EnhancedSuppressorInit(EnhancedSuppressorState* st);
+// Gains from `hop` and the presence state's noise, applied to hop->spectrum
+// (changed in place); 128 output samples, 384 samples behind the input.
+void EnhancedSuppressHop(EnhancedSuppressorState* st, const EnhancedPresenceState& presence, NsHopAnalysis* hop,
+                         short* out);
+
+// ---- speech flag -----------------------------------------------------------------
+void EnhancedVadInit(EnhancedVadState* st);
+// The presence of the frame leaving the suppressor now (384 samples behind
+// the frame just analysed), from the presence state's last five hops.
+float EnhancedOutputPresence(const EnhancedPresenceState& st);
+// The speech flag of that frame.
+int EnhancedVadDecide(EnhancedVadState* st, float output_prob);
+
+}  // namespace vorn

@@ -1,0 +1,333 @@
+// The enhanced direction finder: its building blocks against direct
+// double-precision computations, the utterance search on talkers around,
+// above and below the array, and the per-frame tracker as a device runs it
+// (following, holding in pauses, ignoring the loudspeaker) through the
+// public API.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <complex>
+#include <numbers>
+#include <vector>
+
+#include "adsp_bf/doa_gcc.h"
+#include "common/adsp_common_fft_rel.h"
+#include "sim/front_end_param.h"
+#include "sim/signals.h"
+#include "vorn_proc.h"
+
+namespace vorn {
+namespace {
+
+constexpr int kFrame = 256;
+constexpr int kStateBytes = 1000000;
+constexpr double kPi = std::numbers::pi;
+
+double AngleError(double a, double b) { return std::fabs(std::remainder(a - b, 360.0)); }
+
+// Samples by which microphone m hears a far source at (az, el) before the
+// array's centre.
+double LeadSamples(int m, double az_deg, double el_deg) {
+  return sim::kArrayRadiusM * std::cos(el_deg * kPi / 180.0) * std::cos((az_deg - 120.0 * m) * kPi / 180.0) /
+         sim::kSpeedOfSound * sim::kSampleRate;
+}
+
+TEST(GccBlocks, WindowAndCorrelationsMatchADirectComputation) {
+  // The band of the frequency-domain Hann window against a direct DFT of
+  // the time-windowed frame.
+  const sim::Signal noise = sim::WhiteNoise(3 * kBfFftLen, 1000.0, 3);
+  float spectra[kBfChannels][kBfFftLen];
+  for (int m = 0; m < kBfChannels; ++m) {
+    std::copy_n(noise.begin() + m * kBfFftLen, kBfFftLen, spectra[m]);
+    fft_rel(spectra[m], kBfFftLen, kBfFftOrder);
+  }
+  GccBand band;
+  GccBandOf(spectra, &band);
+  for (int m = 0; m < kBfChannels; ++m) {
+    for (int b = 0; b < kGccBins; b += 7) {
+      std::complex<double> want = 0.0;
+      for (int n = 0; n < kBfFftLen; ++n) {
+        const double hann = 0.5 - 0.5 * std::cos(2.0 * kPi * n / kBfFftLen);
+        want += hann * noise[m * kBfFftLen + n] * std::polar(1.0, -2.0 * kPi * (b + kGccLowBin) * n / kBfFftLen);
+      }
+      EXPECT_NEAR(band.re[m][b], want.real(), 2e-4 * 1000.0 * kBfFftLen / 4) << m << " " << b;
+      EXPECT_NEAR(band.im[m][b], want.imag(), 2e-4 * 1000.0 * kBfFftLen / 4) << m << " " << b;
+    }
+  }
+
+  // Pair correlations on the lag grid against the sum written out.
+  GccCross cross{};
+  const sim::Signal values = sim::WhiteNoise(2 * kGccPairs * kGccBins, 1.0, 9);
+  for (int p = 0; p < kGccPairs; ++p)
+    for (int b = 0; b < kGccBins; ++b) {
+      cross.re[p][b] = values[2 * (p * kGccBins + b)];
+      cross.im[p][b] = values[2 * (p * kGccBins + b) + 1];
+    }
+  GccLags lags;
+  GccCrossToLags(cross, lags);
+  for (int p = 0; p < kGccPairs; ++p)
+    for (int l = 0; l < kGccLags; ++l) {
+      const double tau = static_cast<double>(l - kGccLagZero) / kGccLagsPerSample;
+      double want = 0.0;
+      for (int b = 0; b < kGccBins; ++b)
+        want += (std::complex<double>(cross.re[p][b], cross.im[p][b]) *
+                 std::polar(1.0, -2.0 * kPi * (b + kGccLowBin) * tau / kBfFftLen))
+                    .real();
+      EXPECT_NEAR(lags[p][l], want, 2e-3) << "pair " << p << " lag " << l;
+    }
+}
+
+// A plane wave's pair cross-spectra, searched: the azimuth comes out between
+// the grid's degrees and does not depend on the talker's height.
+TEST(GccSearch, FindsPlaneWavesBetweenTheGridPointsAtAnyHeight) {
+  const std::pair<double, double> cases[] = {{0.0, 0.0},     {358.3, 0.0},  {1.7, 20.0},
+                                             {123.4, -30.0}, {240.6, 40.0}, {77.7, 10.0}};
+  constexpr int kPairA[kGccPairs] = {0, 0, 1}, kPairB[kGccPairs] = {1, 2, 2};
+  for (const auto& [azimuth, elevation] : cases) {
+    SCOPED_TRACE(testing::Message() << azimuth << " deg at " << elevation << " deg");
+    GccCross cross{};
+    for (int p = 0; p < kGccPairs; ++p) {
+      const double delay = LeadSamples(kPairA[p], azimuth, elevation) - LeadSamples(kPairB[p], azimuth, elevation);
+      for (int b = 0; b < kGccBins; ++b) {
+        const std::complex<double> c = std::polar(1.0, 2.0 * kPi * (b + kGccLowBin) * delay / kBfFftLen);
+        cross.re[p][b] = static_cast<float>(c.real());
+        cross.im[p][b] = static_cast<float>(c.imag());
+      }
+    }
+    GccLags lags;
+    GccCrossToLags(cross, lags);
+    const GccPeak peak = GccSearch(lags, 5);
+    EXPECT_LE(AngleError(peak.azimuth_deg, azimuth), 0.5);
+    EXPECT_NEAR(peak.elevation_deg, std::fabs(elevation), 5.0);
+    EXPECT_GT(GccConfidence(peak.score, kGccBins), 0.95f);
+    EXPECT_LT(GccConfidence(peak.score / 10, kGccBins), 0.3f);  // most of the evidence elsewhere
+  }
+}
+
+// ---- through the public API -----------------------------------------------
+
+struct FrontEnd {
+  std::vector<unsigned char> storage = std::vector<unsigned char>(kStateBytes);
+  T_VornParam pm{};
+  short order[3] = {0, 1, 2};
+
+  explicit FrontEnd(int aec = 0, int profile = VORN_PROFILE_ENHANCED) {
+    pm = sim::ParamKeeping(storage.data(), {.doa = 1, .aec = aec, .ns = 1, .vad_mode = 2}, 1);
+    EXPECT_EQ(VornInit(&pm, nullptr), 0);
+    EXPECT_EQ(VornSetProfile(&pm, profile), 0);
+  }
+  // One frame; returns the azimuth reported for it.
+  int Frame(const short* mics, const short* reference) {
+    short in[3 * kFrame], ref[kFrame] = {}, out[kFrame];
+    std::copy_n(mics, 3 * kFrame, in);
+    if (reference != nullptr) std::copy_n(reference, kFrame, ref);
+    EXPECT_EQ(VornProc(&pm, in, ref, out, order), 0);
+    return pm.azimuth;
+  }
+  int Search(std::vector<short>& mics, int flag, short* mic_order = nullptr) {
+    pm.doa_flag = flag;
+    const int rc =
+        VornDoa(&pm, mics.data(), mic_order != nullptr ? mic_order : order, static_cast<int>(mics.size() / 3));
+    pm.doa_flag = 1;
+    return rc;
+  }
+  float Confidence() {
+    float value = -1.0f;
+    EXPECT_EQ(VornGetDoaConfidence(&pm, &value), 0);
+    return value;
+  }
+};
+
+// A speech-like talker at (az, el) over microphone hiss 30 dB down; silent
+// where `talking` says so.
+sim::ThreeMics Talker(double seconds, double azimuth, double elevation, std::uint32_t seed,
+                       double lead_silence_s = 0.0) {
+  const auto n = static_cast<std::size_t>(seconds * sim::kSampleRate);
+  const sim::SpeechLike talker = sim::MakeSpeechLike(n, seed, {.rms = 3000.0, .lead_silence_s = lead_silence_s});
+  return sim::Mix(sim::PlaneWave(talker.samples, azimuth, elevation), sim::IndependentNoise(n, 95.0, seed + 1));
+}
+
+std::vector<short> Joined(std::initializer_list<sim::ThreeMics> parts) {
+  sim::ThreeMics all;
+  for (const sim::ThreeMics& part : parts)
+    for (int m = 0; m < 3; ++m) all[m].insert(all[m].end(), part[m].begin(), part[m].end());
+  return sim::Interleave(all);
+}
+
+TEST(DoaUtteranceEnhanced, FindsTalkersAroundAboveAndBelowTheArray) {
+  std::uint32_t seed = 40;
+  for (double azimuth : {7.4, 123.4, 251.2, 338.8}) {
+    for (double elevation : {-30.0, 0.0, 40.0}) {
+      SCOPED_TRACE(testing::Message() << azimuth << " deg at " << elevation << " deg");
+      FrontEnd fe;
+      std::vector<short> sentence = sim::Interleave(Talker(2.0, azimuth, elevation, ++seed));
+      ASSERT_EQ(fe.Search(sentence, 2), 0);
+      EXPECT_LE(AngleError(fe.pm.azimuth, azimuth), 3.0);
+      EXPECT_GT(fe.Confidence(), 0.5f);
+    }
+  }
+}
+
+// The stretch is used whole, however long; a keyword's half second is
+// enough; the microphone order is honoured; with less than one frame there
+// is nothing to go on.
+TEST(DoaUtteranceEnhanced, UsesTheWholeStretchAndTheMicrophoneOrder) {
+  FrontEnd fe;
+  // Ten seconds whose first eight hold only hiss: a search that stopped
+  // early would see no talker.
+  std::vector<short> late = Joined({Talker(8.0, 0.0, 0.0, 7, 8.0), Talker(2.0, 200.0, 10.0, 8)});
+  ASSERT_EQ(fe.Search(late, 3), 0);
+  EXPECT_LE(AngleError(fe.pm.azimuth, 200.0), 3.0);
+
+  std::vector<short> keyword = sim::Interleave(Talker(0.5, 95.0, 20.0, 9));
+  ASSERT_EQ(fe.Search(keyword, 2), 0);
+  EXPECT_LE(AngleError(fe.pm.azimuth, 95.0), 5.0);
+
+  // The same capture with its channels stored in the order 2, 0, 1.
+  std::vector<short> rotated(keyword.size());
+  for (std::size_t n = 0; n < keyword.size() / 3; ++n)
+    for (int m = 0; m < 3; ++m) rotated[3 * n + (m + 1) % 3] = keyword[3 * n + m];
+  short order[3] = {1, 2, 0};
+  ASSERT_EQ(fe.Search(rotated, 2, order), 0);
+  EXPECT_LE(AngleError(fe.pm.azimuth, 95.0), 5.0);
+
+  std::vector<short> short_stretch(3 * 511, 1000);
+  fe.pm.azimuth = 77;
+  ASSERT_EQ(fe.Search(short_stretch, 2), 0);
+  EXPECT_EQ(fe.pm.azimuth, 0);
+  EXPECT_EQ(fe.Confidence(), 0.0f);
+
+  short outside[3] = {0, 1, 3};
+  EXPECT_EQ(fe.Search(keyword, 2, outside), 2);
+  fe.pm.doa_flag = 2;
+  EXPECT_EQ(VornDoa(&fe.pm, nullptr, fe.order, 4096), 1);
+  fe.pm.doa_flag = 0;
+  EXPECT_EQ(VornDoa(&fe.pm, keyword.data(), fe.order, 4096), 2);
+}
+
+// Per frame: the tracker locks on near 0/360 without splitting towards 180,
+// holds through a pause, follows a talker who moves, stands still when the
+// caller withholds updates, and pays no attention to the loudspeaker while
+// the reference plays and for its echo's tail.
+TEST(DoaTrackerEnhanced, FollowsHoldsAndIgnoresTheLoudspeaker) {
+  struct Segment {
+    double seconds, azimuth;
+    bool talking, permitted;
+    double reference_rms;  // the loudspeaker reference, 0 when silent
+  };
+  // Every case starts with half a second of hiss, as a device would hear
+  // the room before anyone speaks.
+  constexpr double kLeadS = 0.5;
+  struct Case {
+    const char* name;
+    std::vector<Segment> segments;
+    int aec;
+    // From `check_from_s` to `check_to_s` every frame must be within 8
+    // degrees of `want`.
+    double check_from_s, check_to_s, want;
+  };
+  const Case cases[] = {
+      {"locks on next to 0 degrees", {{3.0, 356.0, true, true, 0.0}}, 0, 1.0, 3.0, 356.0},
+      {"holds in a pause", {{2.0, 100.0, true, true, 0.0}, {3.0, 100.0, false, true, 0.0}}, 0, 1.0, 5.0, 100.0},
+      {"follows a move within a second",
+       {{3.0, 40.0, true, true, 0.0}, {3.0, 160.0, true, true, 0.0}},
+       0,
+       4.0,
+       6.0,
+       160.0},
+      {"stands still without permission",
+       {{2.5, 40.0, true, true, 0.0}, {2.5, 160.0, true, false, 0.0}},
+       0,
+       1.0,
+       5.0,
+       40.0},
+      {"ignores the far end and its tail",
+       {{2.5, 300.0, true, true, 0.0}, {2.0, 170.0, true, true, 3000.0}, {0.2, 170.0, true, true, 0.0}},
+       1,
+       1.0,
+       4.7,
+       300.0},
+      // A reference 70 dB down is a loudspeaker at rest, not a far end.
+      {"takes a dithered reference for silence",
+       {{2.5, 300.0, true, true, 0.0}, {2.5, 170.0, true, true, 10.0}},
+       1,
+       3.5,
+       5.0,
+       170.0},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    FrontEnd fe(c.aec);
+    std::uint32_t seed = 60;
+    int frame = 0;
+    int first_found = -1;
+    std::vector<Segment> segments = {{kLeadS, 0.0, false, true, 0.0}};
+    segments.insert(segments.end(), c.segments.begin(), c.segments.end());
+    for (const Segment& s : segments) {
+      // The far end plays through the loudspeaker as a source of its own at
+      // the segment's azimuth; the reference is what it was asked to play.
+      const auto n = static_cast<std::size_t>(s.seconds * sim::kSampleRate);
+      const sim::ThreeMics mics =
+          s.talking ? Talker(s.seconds, s.azimuth, 10.0, ++seed) : sim::IndependentNoise(n, 95.0, ++seed);
+      const std::vector<short> pcm = sim::Interleave(mics);
+      const std::vector<short> reference =
+          s.reference_rms > 0.0 ? sim::ToPcm(sim::MakeSpeechLike(n, seed + 50, {.rms = s.reference_rms}).samples)
+                                : std::vector<short>(n, 0);
+      fe.pm.doa_update_flag = s.permitted ? 1 : 0;
+      for (std::size_t f = 0; f + kFrame <= n; f += kFrame, ++frame) {
+        const int azimuth = fe.Frame(&pcm[3 * f], &reference[f]);
+        const double t = static_cast<double>(frame) * kFrame / sim::kSampleRate - kLeadS;
+        if (first_found < 0 && fe.Confidence() > 0.0f) first_found = frame;
+        if (t >= c.check_from_s && t < c.check_to_s) {
+          ASSERT_LE(AngleError(azimuth, c.want), 8.0) << "at " << t << " s";
+        }
+      }
+    }
+    EXPECT_GT(first_found, 16);  // nothing before the noise has been learnt
+  }
+}
+
+// The confidence: refused for a bad record as the parameter check refuses
+// it; 0 before the talker is heard and under the classic profile; high once
+// the tracker or a search has found a clear talker. VornDoa with doa_flag 1
+// answers from the tracker's evidence since it was last asked.
+TEST(DoaConfidence, GetterAndTheTrackersPooledEvidence) {
+  FrontEnd fe;
+  float value = -2.0f;
+  T_VornParam no_buffer = fe.pm, small = fe.pm, wrong_size = fe.pm;
+  no_buffer.p_data = nullptr;
+  small.buff_size = kStateBytes - 1;
+  wrong_size.param_size = 1679;
+  std::vector<unsigned char> blank(kStateBytes);
+  const T_VornParam never_initialised = sim::ParamOver(blank.data());
+  const std::pair<const T_VornParam*, int32_t> refused[] = {
+      {nullptr, 1}, {&no_buffer, 1}, {&small, 2}, {&wrong_size, 3}, {&never_initialised, VORN_ERR_NOT_INITIALISED}};
+  for (const auto& [pm, want] : refused) EXPECT_EQ(VornGetDoaConfidence(pm, &value), want);
+  EXPECT_EQ(VornGetDoaConfidence(&fe.pm, nullptr), 1);
+  EXPECT_EQ(value, -2.0f);
+  EXPECT_EQ(fe.Confidence(), 0.0f);
+
+  std::vector<short> silent(3 * 1024, 0);
+  EXPECT_EQ(fe.Search(silent, 1), 201);  // no frame yet
+
+  for (auto [azimuth, seed] : {std::pair{60.0, 81u}, std::pair{200.0, 82u}}) {
+    const std::vector<short> pcm = sim::Interleave(Talker(2.0, azimuth, 0.0, seed));
+    for (std::size_t f = 0; f + 3 * kFrame <= pcm.size(); f += 3 * kFrame) fe.Frame(&pcm[f], nullptr);
+    EXPECT_GT(fe.Confidence(), 0.5f);
+    ASSERT_EQ(fe.Search(silent, 1), 0);
+    EXPECT_LE(AngleError(fe.pm.azimuth, azimuth), 5.0) << "pooled since the last question";
+    EXPECT_GT(fe.Confidence(), 0.5f);
+  }
+  // Asked again with nothing new: the tracker's direction, no confidence.
+  ASSERT_EQ(fe.Search(silent, 1), 0);
+  EXPECT_LE(AngleError(fe.pm.azimuth, 200.0), 5.0);
+  EXPECT_EQ(fe.Confidence(), 0.0f);
+
+  FrontEnd classic(0, VORN_PROFILE_CLASSIC);
+  const std::vector<short> pcm = sim::Interleave(Talker(1.0, 60.0, 0.0, 83));
+  for (std::size_t f = 0; f + 3 * kFrame <= pcm.size(); f += 3 * kFrame) classic.Frame(&pcm[f], nullptr);
+  EXPECT_EQ(classic.Confidence(), 0.0f);
+}
+
+}  // namespace
+}  // namespace vorn
