@@ -115,6 +115,17 @@ int32_t VornGetSpeechProbability(const T_VornParam* pm, float* value);
  * degrees of the talker more often than those below (see README). */
 int32_t VornGetDoaConfidence(const T_VornParam* pm, float* value);
 
+/* Share of the last frame (0..1) in which the loudspeaker reference carried
+ * the far end above its floor, as the echo canceller judged it; 0 with the
+ * canceller off (aec_flag 0) and under the classic profile. */
+int32_t VornGetFarEndActivity(const T_VornParam* pm, float* value);
+
+/* Echo return loss in dB: the reference's level over the echo's level at the
+ * canceller's input, smoothed over the stretches where only echo is heard.
+ * 99 until such a stretch has been measured (and under the classic
+ * profile). */
+int32_t VornGetEchoReturnLoss(const T_VornParam* pm, float* value);
+
 #ifdef __cplusplus
 }
 #endif
