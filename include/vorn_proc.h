@@ -126,6 +126,12 @@ int32_t VornGetFarEndActivity(const T_VornParam* pm, float* value);
  * profile). */
 int32_t VornGetEchoReturnLoss(const T_VornParam* pm, float* value);
 
+/* 1 while the loudspeaker reference carries one of the microphones' own
+ * signals (a miswired channel), else 0. The canceller then leaves the frame
+ * as the beam gave it rather than cancel the talker. Always 0 under the
+ * classic profile. */
+int32_t VornGetReferenceIsMicrophone(const T_VornParam* pm, float* value);
+
 #ifdef __cplusplus
 }
 #endif

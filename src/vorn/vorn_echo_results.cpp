@@ -34,6 +34,14 @@ extern "C" int32_t VornGetFarEndActivity(const T_VornParam* pm, float* value) {
   return 0;
 }
 
+extern "C" int32_t VornGetReferenceIsMicrophone(const T_VornParam* pm, float* value) {
+  const EchoPicture* picture = nullptr;
+  const int32_t rc = LastEchoPicture(pm, value, &picture);
+  if (rc != 0) return rc;
+  *value = picture->reference_is_microphone ? 1.0f : 0.0f;
+  return 0;
+}
+
 extern "C" int32_t VornGetEchoReturnLoss(const T_VornParam* pm, float* value) {
   const EchoPicture* picture = nullptr;
   const int32_t rc = LastEchoPicture(pm, value, &picture);
