@@ -132,6 +132,36 @@ int32_t VornGetEchoReturnLoss(const T_VornParam* pm, float* value);
  * classic profile. */
 int32_t VornGetReferenceIsMicrophone(const T_VornParam* pm, float* value);
 
+/* Microphone warnings, a bit mask. Microphone m (0..2) is the array's
+ * microphone m, i.e. input slot mic_oder[m]. The enhanced profile watches
+ * every frame's samples; a faulty microphone is left out of the beams (and
+ * bf_flag 0 passes the first working microphone instead of microphone 0)
+ * until it has behaved for about a second. */
+#define VORN_WARN_MIC_DEAD(m) (1u << (m))          /* constant (zeros) while another microphone is not */
+#define VORN_WARN_MIC_CLIPPED(m) (1u << (3 + (m))) /* clipping while another microphone is not */
+
+/* The warnings in force after the last frame; 0 under the classic profile,
+ * which does not watch the microphones. */
+int32_t VornGetWarnings(const T_VornParam* pm, uint32_t* warnings);
+
+/* The enhanced profile's level control (agc_flag 1 or 2) steers the near
+ * talker's active speech level at its output to a target in dBFS:
+ * 10*log10 of the mean square over the talker's speech frames against
+ * 32768^2. VornInit sets the default, or the configuration file's
+ *   [VORN]
+ *   agc_target_dbfs = -26
+ * (a value that is no number or lies outside the range makes VornInit
+ * return -1). The classic AGC ignores it. */
+#define VORN_AGC_TARGET_DEFAULT_DBFS (-26.0f)
+#define VORN_AGC_TARGET_MIN_DBFS (-40.0f)
+#define VORN_AGC_TARGET_MAX_DBFS (-6.0f)
+#define VORN_ERR_OUT_OF_RANGE 13 /* a value outside its documented range */
+
+/* Sets the target, at any frame boundary: VORN_AGC_TARGET_MIN_DBFS ..
+ * VORN_AGC_TARGET_MAX_DBFS, else VORN_ERR_OUT_OF_RANGE. */
+int32_t VornSetAgcTarget(T_VornParam* pm, float target_dbfs);
+int32_t VornGetAgcTarget(const T_VornParam* pm, float* target_dbfs);
+
 #ifdef __cplusplus
 }
 #endif

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Installs what building Vorn needs on a Debian machine, only when missing:
-#   scripts/install-deps.sh           compilers and the test and benchmark libraries
+#   scripts/install-deps.sh           compilers, the test and benchmark libraries, and
+#                                     what the install check needs
 #   scripts/install-deps.sh --tools   compilers only (enough for the library and the tools)
 set -euo pipefail
 
@@ -11,6 +12,10 @@ command -v make >/dev/null || need+=(make)
 if [ "${1:-}" != "--tools" ]; then
   [ -f /usr/include/gtest/gtest.h ] || need+=(libgtest-dev)
   [ -f /usr/include/benchmark/benchmark.h ] || need+=(libbenchmark-dev)
+  # scripts/check_install.sh builds against vorn.pc; the Debian package reads
+  # its dependencies with dpkg-shlibdeps.
+  command -v pkg-config >/dev/null || need+=(pkg-config)
+  command -v dpkg-shlibdeps >/dev/null || need+=(dpkg-dev)
 fi
 
 if [ ${#need[@]} -gt 0 ]; then

@@ -321,16 +321,43 @@ int32_t LoadConfFileProc(const char* filename, char* p, T_VornKey** pkey) {
   return 0;
 }
 
-int32_t LoadConfFileProfile(const char* filename, char* p, int32_t* profile) {
-  if (profile == nullptr) return -1;
-  *profile = kConfProfileAbsent;
+namespace {
+
+// [+|-]digits[.digits], the whole text: no exponent, no locale (a decimal
+// comma in the host's locale must not change what a file means).
+bool ParseDecimal(const char* text, float* value) {
+  const char* cursor = text;
+  const bool negative = *cursor == '-';
+  if (*cursor == '+' || *cursor == '-') ++cursor;
+  double number = 0.0, scale = 1.0;
+  int digits = 0;
+  bool point = false;
+  for (; *cursor != '\0'; ++cursor) {
+    if (*cursor == '.' && !point) {
+      point = true;
+    } else if (*cursor >= '0' && *cursor <= '9' && digits < 16) {
+      number = number * 10.0 + (*cursor - '0');
+      if (point) scale *= 10.0;
+      ++digits;
+    } else {
+      return false;
+    }
+  }
+  if (digits == 0) return false;
+  *value = static_cast<float>((negative ? -number : number) / scale);
+  return true;
+}
+
+// Hands every value of `key` in the front end's own section to `on_value`,
+// in file order. Returns 0, or -1 when the file cannot be opened.
+template <typename OnValue>
+int32_t ScanFrontEndKey(const char* filename, char* p, const char* key_name, OnValue on_value) {
   if (filename == nullptr || p == nullptr) return -1;
   FILE* file = std::fopen(filename, "rb");
   if (file == nullptr) return -1;
 
   ini_read_t* ini = std::launder(reinterpret_cast<ini_read_t*>(p));
   bool in_front_end_section = false;
-  bool bad_value = false;
   ScanLines(file, ini, [&](ELineType kind, char* content) {
     if (kind == LINE_SECTION) {
       in_front_end_section = StriCmp(SectionName(content), kFrontEndSection) == 0;
@@ -338,9 +365,21 @@ int32_t LoadConfFileProfile(const char* filename, char* p, int32_t* profile) {
     }
     char* key = nullptr;
     char* value = nullptr;
-    if (!in_front_end_section || !GetKeyValue(content, &key, &value) || StriCmp(key, kProfileKey) != 0) return;
-    // The last mention wins, as for the mode sections' keys; a wrong name is
-    // remembered so that a later right one cannot hide it.
+    if (in_front_end_section && GetKeyValue(content, &key, &value) && StriCmp(key, key_name) == 0) on_value(value);
+  });
+  std::fclose(file);
+  return 0;
+}
+
+}  // namespace
+
+int32_t LoadConfFileProfile(const char* filename, char* p, int32_t* profile) {
+  if (profile == nullptr) return -1;
+  *profile = kConfProfileAbsent;
+  // The last mention wins, as for the mode sections' keys; a wrong name is
+  // remembered so that a later right one cannot hide it.
+  bool bad_value = false;
+  const int32_t rc = ScanFrontEndKey(filename, p, kProfileKey, [&](const char* value) {
     if (StriCmp(value, "classic") == 0) {
       *profile = 0;
     } else if (StriCmp(value, "enhanced") == 0) {
@@ -349,8 +388,24 @@ int32_t LoadConfFileProfile(const char* filename, char* p, int32_t* profile) {
       bad_value = true;
     }
   });
+  if (rc != 0) return rc;
+  return bad_value ? -2 : 0;
+}
 
-  std::fclose(file);
+int32_t LoadConfFileAgcTarget(const char* filename, char* p, bool* present, float* target_dbfs) {
+  if (present == nullptr || target_dbfs == nullptr) return -1;
+  *present = false;
+  bool bad_value = false;
+  const int32_t rc = ScanFrontEndKey(filename, p, kAgcTargetKey, [&](const char* value) {
+    float number = 0.0f;
+    if (!ParseDecimal(value, &number)) {
+      bad_value = true;
+      return;
+    }
+    *present = true;
+    *target_dbfs = number;
+  });
+  if (rc != 0) return rc;
   return bad_value ? -2 : 0;
 }
 

@@ -79,4 +79,14 @@ constexpr int32_t kConfProfileAbsent = -1;
 // opened; -2 when a profile key names something else.
 int32_t LoadConfFileProfile(const char* filename, char* p, int32_t* profile);
 
+// The enhanced level control's target, in the same section:
+//   agc_target_dbfs = -26          (a decimal number, dBFS)
+inline constexpr char kAgcTargetKey[] = "agc_target_dbfs";
+
+// Reads the target the file asks for: `*present` tells whether it names one
+// (the last mention wins) and `*target_dbfs` holds it. The range is the level
+// control's to judge. Returns 0; -1 when the file cannot be opened; -2 when a
+// value is not a number.
+int32_t LoadConfFileAgcTarget(const char* filename, char* p, bool* present, float* target_dbfs);
+
 }  // namespace vorn

@@ -12,6 +12,7 @@
 #include <cstring>
 
 #include "adsp_aec/echo_cancellation.h"
+#include "adsp_agc/level_control.h"
 #include "adsp_agc/analog_agc.h"
 #include "adsp_bf/audio_dsp_proc.h"
 #include "adsp_ns/adsp_ns_proc.h"
@@ -46,6 +47,8 @@ extern "C" int32_t VornInit(T_VornParam* pm, char* config_file) {
   if (pm == nullptr) return 1;
   ConfigDefault(pm, kVornModeCount);
   int32_t profile = kConfProfileAbsent;
+  bool agc_target_given = false;
+  float agc_target_dbfs = 0.0f;
 
   if (config_file != nullptr) {
     // The reader borrows the start of the state buffer before it is cleared
@@ -59,6 +62,8 @@ extern "C" int32_t VornInit(T_VornParam* pm, char* config_file) {
     if (LoadConfFileProc(config_file, scratch, &keys) != 0) return -1;
     std::memcpy(pm->in_argv, keys, sizeof(pm->in_argv));
     if (LoadConfFileProfile(config_file, scratch, &profile) != 0) return -1;
+    if (LoadConfFileAgcTarget(config_file, scratch, &agc_target_given, &agc_target_dbfs) != 0) return -1;
+    if (agc_target_given && !LevelTargetInRange(agc_target_dbfs)) return -1;
   }
 
   if (pm->p_data != nullptr && pm->buff_size > 0) std::memset(pm->p_data, 0, static_cast<size_t>(pm->buff_size));
@@ -92,6 +97,7 @@ extern "C" int32_t VornInit(T_VornParam* pm, char* config_file) {
   // profile may change at any frame boundary.
   TVornEnhancedState* enhanced = EnhancedStateOf(st);
   VornInitEnhanced(pm, st);
+  if (agc_target_given) LevelSetTarget(&enhanced->modules.level, agc_target_dbfs);
   enhanced->profile = profile == kConfProfileAbsent ? kProfileClassic : profile;
   enhanced->magic = kEnhancedMagic;
   return 0;
