@@ -158,6 +158,17 @@ def main():
             "chain runs the beamformer's transforms and direction tracking on all three microphones and a "
             "second suppressor instance for the VAD, none of which SpeexDSP has." % (whole, aec or 0.0, ns or 0.0))
     add("")
+    sections = sorted(glob.glob(os.path.join(data, "sections", "*.md")))
+    if sections:
+        add("## Sections")
+        add("")
+        add("Figures of single changes, classic | enhanced | the peer on the same scenes, each on a page of its own:")
+        add("")
+        for path in sections:
+            with open(path) as f:
+                title = f.readline().lstrip("#").strip()
+            add("- [%s](%s)" % (title, os.path.basename(path)))
+        add("")
     add("## Quality")
     add("")
     add(quality)

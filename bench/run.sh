@@ -83,6 +83,8 @@ for bench in "$build"/bench/bench_*; do
     >/dev/null 2>"$data/speed_$name.log"
 done
 
+# The sections of single changes, each its own page beside the report.
+cp "$data"/sections/*.md "$report"/ 2>/dev/null || true
 gnuplot -e "data='$data'; out='$report'" "$root/bench/plots.gp"
 cat "$data/noise_vad.md" "$data/noise_vad_speed.md" >"$report/noise_vad.md"
 python3 "$root/bench/report.py" "$data" "$report/report.md"

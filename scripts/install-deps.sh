@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Installs what building Vorn needs on a Debian machine, only when missing:
-#   scripts/install-deps.sh           compilers and the test and benchmark libraries
+#   scripts/install-deps.sh           compilers, the test and benchmark libraries, and
+#                                     what the install check needs
 #   scripts/install-deps.sh --tools   compilers only (enough for the library and the tools)
 set -euo pipefail
 
@@ -16,6 +17,10 @@ if [ "${1:-}" != "--tools" ]; then
   echo 'int main() { return 0; }' | g++ -m32 -x c++ - -o /dev/null 2>/dev/null || need+=(g++-multilib)
   [ -f /usr/i686-linux-gnu/include/asm/errno.h ] || need+=(linux-libc-dev-i386-cross)
   [ -f /usr/src/googletest/CMakeLists.txt ] || need+=(googletest)
+  # scripts/check_install.sh builds against vorn.pc; the Debian package reads
+  # its dependencies with dpkg-shlibdeps.
+  command -v pkg-config >/dev/null || need+=(pkg-config)
+  command -v dpkg-shlibdeps >/dev/null || need+=(dpkg-dev)
 fi
 
 if [ ${#need[@]} -gt 0 ]; then

@@ -5,9 +5,10 @@
 #   build/tsan     ThreadSanitizer: the library and the threads test only
 #   build/m32      32-bit (i386, SSE2 arithmetic): the library, tools and
 #                  tests, no benchmarks
-# then checks that the optimised and sanitizer builds give the same bytes and
-# fuzzes every target briefly (a longer run: scripts/fuzz.sh). The sanitizer
-# build's tests run last, so their summary closes the output.
+# checks what a user installs (scripts/check_install.sh, from the release
+# build), checks that the optimised and sanitizer builds give the same bytes
+# and fuzzes every target briefly (a longer run: scripts/fuzz.sh). The
+# sanitizer build's tests run last, so their summary closes the output.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh
@@ -16,6 +17,9 @@ jobs=$(nproc)
 cmake -S . -B build/release -DCMAKE_BUILD_TYPE=Release -DVORN_WERROR=ON
 cmake --build build/release -j"$jobs"
 ctest --test-dir build/release --output-on-failure -j"$jobs"
+# What a user installs, from the same tree: the prefix, the example consumer
+# built against it, the Debian package.
+scripts/check_install.sh build/release
 
 # Instances share nothing: one thread re-initialises an instance while
 # another processes, and ThreadSanitizer must find no shared state.

@@ -12,11 +12,12 @@
 #include <cmath>
 #include <cstring>
 
+#include "adsp_agc/level_control.h"
 #include "adsp_bf/audio_dsp_proc.h"
+#include "adsp_bf/beam_enhanced.h"
 #include "adsp_bf/doa_tracker_enhanced.h"
 #include "adsp_bf/util.h"
 #include "adsp_ns/adsp_ns_proc.h"
-#include "common/adsp_common_fft_rel.h"
 #include "vorn/vorn_data_exchange.h"
 #include "vorn/vorn_enhanced_frame.h"
 #include "vorn/vorn_enhanced_state.h"
@@ -27,23 +28,22 @@
 namespace vorn {
 namespace {
 
-// The hop's microphone spectra for the direction stage, from the analysis
-// buffers the beamformer has just slid forward.
-void KeepMicSpectra(TVornState* st, EnhancedFrame& fr) {
-  const auto* bf = static_cast<const T_AudioDspState*>(st->bf_pm.p_data);
-  for (int m = 0; m < kBfChannels; ++m) {
-    std::memcpy(fr.mic_spectra[m], bf->au[m], sizeof fr.mic_spectra[m]);
-    fft_rel(fr.mic_spectra[m], kBfFftLen, kBfFftOrder);
-  }
-  fr.mic_spectra_ready = true;
-}
-
 int32_t BeamStage(const T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
-  // The direction stage tracks the talker; the classic per-hop tracker
-  // inside the beamformer does not run.
+  // The classic frame reports the beamformer's code only through later
+  // stages' results; so does this one. The direction stage tracks the
+  // talker, so the classic per-hop tracker inside the analysis does not run;
+  // the analysis's microphone spectra are the ones the tracker reads.
   st->bf_pm.ext_doa_update_flag = 0;
-  fr.rtn = BfProc(&st->bf_pm, fr.inp, fr.beam, fr.mic_order);
-  if (fr.rtn == 0 && pm->doa_flag == 1) KeepMicSpectra(st, fr);
+  fr.rtn = BfAnalyse(&st->bf_pm, fr.inp, fr.mic_order, fr.mic_spectra);
+  if (fr.rtn != 0) return 0;
+  fr.mic_spectra_ready = pm->doa_flag == 1;
+  const TVornEnhancedState* enhanced = EnhancedStateOf(st);
+  const BeamRequest request{pm->bf_flag, pm->bf_azimuth, pm->doa_flag, enhanced->last_presence.frame_prob,
+                            enhanced->last_direction.azimuth_deg, enhanced->last_direction.confidence};
+  const auto* analysis = static_cast<const T_AudioDspState*>(st->bf_pm.p_data);
+  const float* const latest[kBfChannels] = {analysis->au[0] + kBfHop, analysis->au[1] + kBfHop,
+                                            analysis->au[2] + kBfHop};
+  EnhancedBeamProc(&EnhancedStateOf(st)->modules.beam, request, latest, fr.mic_spectra, fr.beam);
   return 0;
 }
 
@@ -107,12 +107,6 @@ int32_t SuppressStage(T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
 void VadStage(T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
   EnhancedSpeechRecords& speech = EnhancedStateOf(st)->modules.speech;
   pm->vad_flag = EnhancedVadDecide(&speech.vad, fr.presence.output_prob);
-  if (pm->agc_flag != 0) {
-    // The digital AGC reads its SNR figures from the classic VAD suppressor.
-    short vad_out[kFrameLen];
-    const short* vad_in = pm->aec_flag == 3 ? fr.vad_in : fr.clean;
-    VornVadProc(pm, vad_in, fr.aec_ref, fr.subcoh, kVadCohLen, vad_out);
-  }
 }
 
 void LevelStage(const T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
@@ -120,7 +114,9 @@ void LevelStage(const T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
     std::memcpy(fr.out, fr.clean, sizeof fr.out);
     return;
   }
-  KeepFirstFailure(&fr.rtn, RunDigitalAgc(pm, st, fr.clean, fr.out));
+  // agc_flag 1 and 2 both mean "on"; the level control has no modes.
+  const LevelCues cues{fr.presence.frame_prob, fr.echo.far_activity >= 0.5f, fr.echo.double_talk};
+  LevelProc(&EnhancedStateOf(st)->modules.level, cues, fr.clean, fr.out);
 }
 
 // A reference at or below -60 dBFS (RMS) is silence, not a far end the room
@@ -155,11 +151,13 @@ void DirectionStage(T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
 
 void VornInitEnhanced(const T_VornParam* pm, TVornState* st) {
   (void)pm;
-  EnhancedSpeechRecords& speech = EnhancedStateOf(st)->modules.speech;
-  EnhancedPresenceInit(&speech.presence);
-  EnhancedSuppressorInit(&speech.suppressor);
-  EnhancedVadInit(&speech.vad);
-  DoaTrackerInit(&EnhancedStateOf(st)->modules.doa_tracker);
+  EnhancedModules& modules = EnhancedStateOf(st)->modules;
+  EnhancedBeamInit(&modules.beam);
+  LevelInit(&modules.level);
+  EnhancedPresenceInit(&modules.speech.presence);
+  EnhancedSuppressorInit(&modules.speech.suppressor);
+  EnhancedVadInit(&modules.speech.vad);
+  DoaTrackerInit(&modules.doa_tracker);
 }
 
 int32_t VornProcEnhanced(T_VornParam* pm, TVornState* st, const short* inp, const short* aec_ref, short* out,

@@ -75,6 +75,20 @@ std::string ReferenceFormatProblem(const AudioFormat& f) {
   return problems + "; the reference must be mono 16-bit PCM at 16000 Hz";
 }
 
+// What the library's microphone warnings that came or went mean for the user.
+void ReportMicrophoneChanges(uint32_t before, uint32_t now, double at_s) {
+  for (int m = 0; m < kMics; ++m) {
+    const uint32_t dead = VORN_WARN_MIC_DEAD(m), clipped = VORN_WARN_MIC_CLIPPED(m);
+    const std::string mic = "microphone " + std::to_string(m);
+    if ((now & dead) && !(before & dead))
+      ReportWarning("at " + Seconds(at_s) + ": " + mic + " is dead (no signal); the beam goes on without it");
+    if ((now & clipped) && !(before & clipped))
+      ReportWarning("at " + Seconds(at_s) + ": " + mic + " clips; the beam goes on without it");
+    const uint32_t faults = dead | clipped;
+    if ((before & faults) && !(now & faults)) ReportWarning("at " + Seconds(at_s) + ": " + mic + " works again");
+  }
+}
+
 sim::Switches ApplyOverrides(sim::Switches s, const SwitchOverrides& o) {
   if (o.agc) s.agc = *o.agc;
   if (o.bf) s.bf = *o.bf;
@@ -185,6 +199,7 @@ int ProcessRecording(const ProcessOptions& opt, Summary* summary, std::vector<in
   std::optional<uint64_t> reference_ended_at;
   uint64_t frame_index = 0;
   int frames_since_reference = kEchoTailFrames;
+  uint32_t warnings = 0;
   int frames_since_speech = kUtteranceGapFrames + 1;
   for (;;) {
     const size_t got = input.Read(block.data(), kFrameSamples);
@@ -210,6 +225,11 @@ int ProcessRecording(const ProcessOptions& opt, Summary* summary, std::vector<in
       progress.Finish();
       ReportError(error);
       return kExitFailure;
+    }
+    if (const uint32_t now = front_end.warnings(); now != warnings) {
+      progress.Finish();
+      ReportMicrophoneChanges(warnings, now, static_cast<double>(samples) / kRate);
+      warnings = now;
     }
     speech_flags->push_back(front_end.vad_flag() != 0 ? 1 : 0);
     azimuths.push_back(front_end.azimuth());
