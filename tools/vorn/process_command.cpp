@@ -79,7 +79,10 @@ std::string ReferenceFormatProblem(const AudioFormat& f) {
 void ReportMicrophoneChanges(uint32_t before, uint32_t now, double at_s) {
   for (int m = 0; m < kMics; ++m) {
     const uint32_t dead = VORN_WARN_MIC_DEAD(m), clipped = VORN_WARN_MIC_CLIPPED(m);
-    const std::string mic = "microphone " + std::to_string(m);
+    // Appended rather than "..." + to_string(m): g++ 12 on a 32-bit target
+    // misreads that form as an overlapping copy (-Wrestrict).
+    std::string mic = "microphone ";
+    mic += std::to_string(m);
     if ((now & dead) && !(before & dead))
       ReportWarning("at " + Seconds(at_s) + ": " + mic + " is dead (no signal); the beam goes on without it");
     if ((now & clipped) && !(before & clipped))
