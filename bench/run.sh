@@ -66,8 +66,10 @@ if [ "${VORN_BENCH_REPEAT:-0}" = 1 ]; then
   echo "quality: both runs agree"
 fi
 
-# The direction section is a page of its own, linked from the report.
+# The direction and echo sections are pages of their own, linked from the
+# report (the echo page gets its cost line from the speed run below).
 cp "$data/direction.md" "$report/direction.md"
+cp "$data/echo.md" "$report/echo.md"
 
 echo "speed: Vorn against SpeexDSP"
 if [ -x "$build/bench/bench_vs_speexdsp" ]; then

@@ -214,6 +214,23 @@ int32_t VornGetSpeechProbability(const T_VornParam* pm, float* value);
  * degrees of the talker more often than those below (see README). */
 int32_t VornGetDoaConfidence(const T_VornParam* pm, float* value);
 
+/* Share of the last frame (0..1) in which the loudspeaker reference carried
+ * the far end above its floor, as the echo canceller judged it; 0 with the
+ * canceller off (aec_flag 0) and under the classic profile. */
+int32_t VornGetFarEndActivity(const T_VornParam* pm, float* value);
+
+/* Echo return loss in dB: the reference's level over the echo's level at the
+ * canceller's input, smoothed over the stretches where only echo is heard.
+ * 99 until such a stretch has been measured (and under the classic
+ * profile). */
+int32_t VornGetEchoReturnLoss(const T_VornParam* pm, float* value);
+
+/* 1 while the loudspeaker reference carries one of the microphones' own
+ * signals (a miswired channel), else 0. The canceller then leaves the frame
+ * as the beam gave it rather than cancel the talker. Always 0 under the
+ * classic profile. */
+int32_t VornGetReferenceIsMicrophone(const T_VornParam* pm, float* value);
+
 /* Microphone warnings, a bit mask. Microphone m (0..2) is the array's
  * microphone m, i.e. input slot mic_oder[m]. The enhanced profile watches
  * every frame's samples; a faulty microphone is left out of the beams (and

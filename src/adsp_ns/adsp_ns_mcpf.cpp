@@ -44,8 +44,7 @@ float BeamAbsenceProb(float z, float rho) {
 
 }  // namespace
 
-int VornMcpfProc(T_AdspNsParam* pm, short mbf_time_signal[][256], short* mcpf_out, int* p_vad_flag) {
-  float spectrum[kNsFftLen];
+void VornMcpfGains(T_AdspNsParam* pm, short mbf_time_signal[][256], float* spectrum, float* gain, int* p_vad_flag) {
   float psd[kNsBins];
   float ratio0[kNsBins];            // beam 0: smoothed power over noise
   float excess[kBeams][kNsBins];    // per beam: smoothed power minus noise
@@ -98,14 +97,23 @@ int VornMcpfProc(T_AdspNsParam* pm, short mbf_time_signal[][256], short* mcpf_ou
   }
 
   if (s0->frame > 120) UpdateAbsenceProb(s0->lambda_dav_long, q);
-  float gain[kNsBins];
   EstGain(s0, q, gain);
-  NsFreqFilter(spectrum, gain, spectrum);
+}
 
+void VornMcpfSynthesis(T_AdspNsParam* pm, float* spectrum, float* gain, short* mcpf_out) {
+  auto* s0 = static_cast<T_AdspNsState*>(pm[0].p_data);
+  NsFreqFilter(spectrum, gain, spectrum);
   ifft_rel(spectrum, kNsFftLen, kNsFftOrder);
   for (int i = 0; i < kNsFftLen; ++i) s0->ns_out[i] += spectrum[i] * hanmming_win[i] * 127.99999f;
   Float2PCM(s0->ns_out, mcpf_out, kNsHop);
   AddZero(s0->ns_out, kNsFftLen, kNsHop);
+}
+
+int VornMcpfProc(T_AdspNsParam* pm, short mbf_time_signal[][256], short* mcpf_out, int* p_vad_flag) {
+  float spectrum[kNsFftLen];
+  float gain[kNsBins];
+  VornMcpfGains(pm, mbf_time_signal, spectrum, gain, p_vad_flag);
+  VornMcpfSynthesis(pm, spectrum, gain, mcpf_out);
   return 0;
 }
 

@@ -32,7 +32,6 @@ struct TVornEnhancedState {
   // are known (the beam steers by the last direction found).
   SpeechPresence last_presence;
   TalkerDirection last_direction;
-  EchoPicture last_echo;
   EnhancedModules modules;       // one record per enhanced module
 };
 

@@ -19,6 +19,7 @@
 #include "adsp_bf/util.h"
 #include "adsp_ns/adsp_ns_proc.h"
 #include "vorn/vorn_data_exchange.h"
+#include "vorn/vorn_echo_stage.h"
 #include "vorn/vorn_enhanced_frame.h"
 #include "vorn/vorn_enhanced_state.h"
 #include "vorn/vorn_frame_steps.h"
@@ -47,21 +48,7 @@ int32_t BeamStage(const T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
   return 0;
 }
 
-int32_t EchoStage(const T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
-  fr.echo.reference_active = false;
-  if (pm->aec_flag >= 1)
-    for (int i = 0; i < kFrameLen && !fr.echo.reference_active; ++i) fr.echo.reference_active = fr.aec_ref[i] != 0;
-  fr.echo.far_activity = fr.echo.reference_active ? 1.0f : 0.0f;
-  int32_t rc = 0;
-  if (pm->aec_flag < 1) {
-    std::memcpy(fr.echo_out, fr.beam, sizeof fr.echo_out);
-  } else {
-    rc = CancelEcho(pm, st, fr.beam, fr.aec_ref, fr.echo_out, fr.vad_in, fr.subcoh);
-  }
-  // Kept for the getters that report the frame after it has run.
-  EnhancedStateOf(st)->last_echo = fr.echo;
-  return rc;
-}
+int32_t EchoStage(const T_VornParam* pm, TVornState* st, EnhancedFrame& fr) { return RunEchoStage(pm, st, fr); }
 
 // Speech presence, once per frame, shared by every later stage: the
 // suppressor's gains, the speech flag, and (through the enhanced state) the
@@ -69,7 +56,9 @@ int32_t EchoStage(const T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
 void PresenceStage(const T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
   TVornEnhancedState* enhanced = EnhancedStateOf(st);
   EnhancedSpeechRecords& speech = enhanced->modules.speech;
-  const bool far_end = pm->aec_flag >= 1;
+  // A reference that is a microphone's own signal predicts the talker, not
+  // an echo: it is no cue then.
+  const bool far_end = pm->aec_flag >= 1 && !fr.echo.reference_is_microphone;
   for (int h = 0; h < 2; ++h) {
     const NsEchoCues cues{far_end ? fr.aec_ref + h * kHalfLen : nullptr, far_end ? fr.beam + h * kHalfLen : nullptr};
     EnhancedPresenceHop(&speech.presence, fr.echo_out + h * kHalfLen, cues, &fr.ns_hops[h]);
@@ -91,7 +80,12 @@ int32_t SuppressStage(T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
     EnhancedSuppressHop(&speech.suppressor, speech.presence, &fr.ns_hops[1], fr.clean + kHalfLen);
   } else if (pm->ns_flag == 2) {
     if (fr.rtn != 0) return fr.rtn;
-    VornMultiChannelPostFilter(pm, fr.clean);
+    // With the canceller on, the post filter's gains go onto its output: the
+    // beams it reads still carry the echo.
+    if (pm->aec_flag >= 1)
+      VornMultiChannelPostFilterOnCancelled(pm, fr.echo_out, EchoStageOf(st)->post_filter_history, fr.clean);
+    else
+      VornMultiChannelPostFilter(pm, fr.clean);
     if (pm->doa_update_flag == 1) VornGetNosieEstFromNsToBf(&st->ns_pm[0], &st->bf_pm);
     return 0;
   }
@@ -106,7 +100,9 @@ int32_t SuppressStage(T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
 
 void VadStage(T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
   EnhancedSpeechRecords& speech = EnhancedStateOf(st)->modules.speech;
-  pm->vad_flag = EnhancedVadDecide(&speech.vad, fr.presence.output_prob);
+  // Echo alone is never speech: the canceller hears no near talker beside
+  // it, so the decision sees no presence on those frames.
+  pm->vad_flag = EnhancedVadDecide(&speech.vad, fr.echo.echo_only ? 0.0f : fr.presence.output_prob);
 }
 
 void LevelStage(const T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
@@ -158,6 +154,7 @@ void VornInitEnhanced(const T_VornParam* pm, TVornState* st) {
   EnhancedSuppressorInit(&modules.speech.suppressor);
   EnhancedVadInit(&modules.speech.vad);
   DoaTrackerInit(&modules.doa_tracker);
+  EchoStageInit(&modules.echo);
 }
 
 int32_t VornProcEnhanced(T_VornParam* pm, TVornState* st, const short* inp, const short* aec_ref, short* out,

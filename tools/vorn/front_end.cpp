@@ -119,6 +119,11 @@ double FrontEnd::DirectionConfidence() const {
   return VornGetDoaConfidence(&pm_, &confidence) == 0 ? confidence : 0.0;
 }
 
+bool FrontEnd::ReferenceIsMicrophone() const {
+  float copy = 0.0f;
+  return VornGetReferenceIsMicrophone(&pm_, &copy) == 0 && copy != 0.0f;
+}
+
 int FrontEnd::UtteranceDirection(int doa_flag, const int16_t* mics, int samples_per_channel, int* azimuth_deg) {
   // The search reads the active switches as they stand and leaves its result
   // in the azimuth field, which the next frame would pass on; both are put

@@ -46,6 +46,9 @@ class FrontEnd {
   // Confidence (0..1) of the direction last found (enhanced profile; 0
   // with the classic one).
   double DirectionConfidence() const;
+  // Whether the last frame's reference was a copy of a microphone (enhanced
+  // profile with the canceller on).
+  bool ReferenceIsMicrophone() const;
 
  private:
   std::string Explain(int code, const char* stage) const;

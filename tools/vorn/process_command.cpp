@@ -200,6 +200,7 @@ int ProcessRecording(const ProcessOptions& opt, Summary* summary, std::vector<in
   int16_t out[kFrameSamples];
   uint64_t samples = 0;
   std::optional<uint64_t> reference_ended_at;
+  std::optional<uint64_t> reference_copies_mic_at;
   uint64_t frame_index = 0;
   int frames_since_reference = kEchoTailFrames;
   uint32_t warnings = 0;
@@ -229,6 +230,7 @@ int ProcessRecording(const ProcessOptions& opt, Summary* summary, std::vector<in
       ReportError(error);
       return kExitFailure;
     }
+    if (!reference_copies_mic_at && front_end.ReferenceIsMicrophone()) reference_copies_mic_at = samples;
     if (const uint32_t now = front_end.warnings(); now != warnings) {
       progress.Finish();
       ReportMicrophoneChanges(warnings, now, static_cast<double>(samples) / kRate);
@@ -273,6 +275,10 @@ int ProcessRecording(const ProcessOptions& opt, Summary* summary, std::vector<in
                   Seconds(static_cast<double>(*reference_ended_at) / kRate) + ", before the capture (" +
                   Seconds(static_cast<double>(samples) / kRate) +
                   "); the rest was processed against a silent reference");
+  if (reference_copies_mic_at)
+    ReportWarning("the reference carries a microphone's own signal (from " +
+                  Seconds(static_cast<double>(*reference_copies_mic_at) / kRate) +
+                  "): is the loudspeaker channel wired to a microphone? Echo was not cancelled while it did");
   if (!opt.vad_path.empty() && !WriteFrameCsv(opt.vad_path, "speech", *speech_flags, &error)) {
     ReportError(error);
     return kExitFailure;
