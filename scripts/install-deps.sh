@@ -12,6 +12,11 @@ command -v make >/dev/null || need+=(make)
 if [ "${1:-}" != "--tools" ]; then
   [ -f /usr/include/gtest/gtest.h ] || need+=(libgtest-dev)
   [ -f /usr/include/benchmark/benchmark.h ] || need+=(libbenchmark-dev)
+  # The 32-bit build: the multilib compiler, the i386 kernel headers and
+  # GoogleTest's sources (built for i386 by scripts/test.sh).
+  echo 'int main() { return 0; }' | g++ -m32 -x c++ - -o /dev/null 2>/dev/null || need+=(g++-multilib)
+  [ -f /usr/i686-linux-gnu/include/asm/errno.h ] || need+=(linux-libc-dev-i386-cross)
+  [ -f /usr/src/googletest/CMakeLists.txt ] || need+=(googletest)
   # scripts/check_install.sh builds against vorn.pc; the Debian package reads
   # its dependencies with dpkg-shlibdeps.
   command -v pkg-config >/dev/null || need+=(pkg-config)

@@ -90,7 +90,8 @@ int BFInit(T_AudioDspParam* pm) {
   return kBfOk;
 }
 
-int BfAnalyse(T_AudioDspParam* pm, short* inp, short* mic_order, float spectrum[kBfChannels][kBfFftLen]) {
+int BfAnalyse(T_AudioDspParam* pm, const short* inp, const short* mic_order,
+              float spectrum[kBfChannels][kBfFftLen]) {
   short order[kBfChannels];
   const bool order_ok = TakeMicOrder(mic_order, order);
   if (pm == nullptr || pm->p_data == nullptr || inp == nullptr) return kBfErrNull;
@@ -121,7 +122,7 @@ int BfAnalyse(T_AudioDspParam* pm, short* inp, short* mic_order, float spectrum[
   return kBfOk;
 }
 
-int BfProc(T_AudioDspParam* pm, short* inp, short* out, short* mic_order) {
+int BfProc(T_AudioDspParam* pm, const short* inp, short* out, const short* mic_order) {
   if (out == nullptr) return kBfErrNull;
   float spectrum[kBfChannels][kBfFftLen];
   const int rc = BfAnalyse(pm, inp, mic_order, spectrum);

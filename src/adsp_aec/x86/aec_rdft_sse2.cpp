@@ -177,13 +177,6 @@ void rftbsub_128_SSE2(float* a) {
   a[65] = -a[65];
 }
 
-void aec_rdft_init_sse2(void) {
-  cft1st_128 = cft1st_128_SSE2;
-  cftmdl_128 = cftmdl_128_SSE2;
-  rftfsub_128 = rftfsub_128_SSE2;
-  rftbsub_128 = rftbsub_128_SSE2;
-}
-
 }  // namespace vorn
 
 #endif  // defined(__SSE2__)
