@@ -17,29 +17,26 @@ namespace {
 
 enum StageSet { kPlain = 0, kVector = 1 };
 
-void SelectStages(int set) {
-  aec_rdft_init();
-  if (set == kPlain) {
-    cft1st_128 = cft1st_128_C;
-    cftmdl_128 = cftmdl_128_C;
-    rftfsub_128 = rftfsub_128_C;
-    rftbsub_128 = rftbsub_128_C;
-  }
+const RdftStages& StagesOf(int set) {
+#if defined(VORN_SIMD4)
+  if (set == kVector) return kRdftSimdStages;
+#endif
+  (void)set;
+  return kRdftPlainStages;
 }
 
 void BM_RdftForwardInverse(benchmark::State& state) {
-  SelectStages(static_cast<int>(state.range(0)));
+  const RdftStages& stages = StagesOf(static_cast<int>(state.range(0)));
   const sim::Signal noise = sim::WhiteNoise(128, 1000.0, 1);
   alignas(16) std::array<float, 128> a;
   std::copy(noise.begin(), noise.end(), a.begin());
   for (auto _ : state) {
-    aec_rdft_forward_128(a.data());
-    aec_rdft_inverse_128(a.data());
+    aec_rdft_forward_128_with(stages, a.data());
+    aec_rdft_inverse_128_with(stages, a.data());
     for (float& v : a) v *= 2.0f / 128.0f;  // keep the data bounded across iterations
     benchmark::DoNotOptimize(a.data());
   }
   state.SetLabel(state.range(0) == kPlain ? "plain" : "vector");
-  aec_rdft_init();
 }
 BENCHMARK(BM_RdftForwardInverse)->Arg(kPlain)
 #if defined(VORN_SIMD4)
@@ -48,17 +45,16 @@ BENCHMARK(BM_RdftForwardInverse)->Arg(kPlain)
     ;
 
 void BM_RdftForward(benchmark::State& state) {
-  SelectStages(static_cast<int>(state.range(0)));
+  const RdftStages& stages = StagesOf(static_cast<int>(state.range(0)));
   const sim::Signal noise = sim::WhiteNoise(128, 1000.0, 1);
   alignas(16) std::array<float, 128> input, a;
   std::copy(noise.begin(), noise.end(), input.begin());
   for (auto _ : state) {
     a = input;
-    aec_rdft_forward_128(a.data());
+    aec_rdft_forward_128_with(stages, a.data());
     benchmark::DoNotOptimize(a.data());
   }
   state.SetLabel(state.range(0) == kPlain ? "plain" : "vector");
-  aec_rdft_init();
 }
 BENCHMARK(BM_RdftForward)->Arg(kPlain)
 #if defined(VORN_SIMD4)

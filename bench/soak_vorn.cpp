@@ -227,7 +227,7 @@ void AddBeamformer(std::vector<FloatSpan>* spans, const T_AudioDspState& s) {
 }
 
 void AddCanceller(std::vector<FloatSpan>* spans, const Aec& a) {
-  const AecCore& c = a.aec_memory;
+  const AecCore& c = a.core;
   spans->push_back(Floats(a.skew, a.skew));
   spans->push_back(Floats(a.far_pre_buf_data, a.far_pre_buf_data));
   spans->push_back(Floats(c.nearFrBuf_data, c.dBufH));

@@ -6,7 +6,9 @@
 // second time behind a comment line of an input-dependent length, closed by
 // LF CR so that the input's first byte starts a fresh line exactly as at the
 // start of a file; the three result records must come out byte for byte the
-// same, and so must the profile the file asks for.
+// same, and so must the profile the file asks for and the number of warnings.
+// Read as text from memory instead of from a file (when it holds no NUL, which
+// ends a text), the input must give the same results and the same warnings.
 #include <cstring>
 #include <string>
 #include <vector>
@@ -20,28 +22,41 @@ namespace {
 
 struct ParsedKeys {
   T_VornKey key[3];
-  int32_t profile_rc;
+  int32_t rc;
   int32_t profile;
+  int32_t warnings;
 };
 
-ParsedKeys Parse(const uint8_t* data, size_t size) {
-  const char* path = WriteScratchFile(data, size);
+ParsedKeys ParseFrom(const ConfSource& source, ConfWarnings* warnings) {
   std::vector<char> area(sizeof(ini_read_t));
   VORN_FUZZ_CHECK(LoadConfFileInit(area.data(), static_cast<int>(area.size())) == 0);
-  T_VornKey* keys = nullptr;
-  VORN_FUZZ_CHECK(LoadConfFileProc(path, area.data(), &keys) == 0);
-  VORN_FUZZ_CHECK(reinterpret_cast<char*>(keys) == area.data() + offsetof(ini_read_t, tKey));
-  ParsedKeys parsed;
-  std::memcpy(parsed.key, keys, sizeof(parsed.key));
+  FrontEndConf front_end;
+  ParsedKeys parsed{};
+  parsed.rc = LoadConf(source, area.data(), &front_end, warnings);
+  VORN_FUZZ_CHECK(parsed.rc == 0 || parsed.rc == -2);
+  std::memcpy(parsed.key, area.data() + offsetof(ini_read_t, tKey), sizeof(parsed.key));
   for (const T_VornKey& mode : parsed.key) {
     VORN_FUZZ_CHECK(std::memchr(mode.preaec_filter_path, '\0', sizeof(mode.preaec_filter_path)) !=
                     nullptr);
   }
-  // The profile pass shares the scratch area's text buffers, never its results.
-  parsed.profile_rc = LoadConfFileProfile(path, area.data(), &parsed.profile);
-  VORN_FUZZ_CHECK(parsed.profile_rc == 0 || parsed.profile_rc == -2);
+  parsed.profile = front_end.profile;
   VORN_FUZZ_CHECK(parsed.profile >= kConfProfileAbsent && parsed.profile <= 1);
-  VORN_FUZZ_CHECK(std::memcmp(parsed.key, area.data() + offsetof(ini_read_t, tKey), sizeof(parsed.key)) == 0);
+  parsed.warnings = warnings->count;
+  VORN_FUZZ_CHECK(std::memchr(warnings->text, '\0', sizeof(warnings->text)) != nullptr);
+  return parsed;
+}
+
+ParsedKeys Parse(const uint8_t* data, size_t size) {
+  const char* path = WriteScratchFile(data, size);
+  ConfWarnings from_file;
+  const ParsedKeys parsed = ParseFrom(ConfSource{path, nullptr}, &from_file);
+  if (std::memchr(data, '\0', size) == nullptr) {
+    const std::string text(reinterpret_cast<const char*>(data), size);
+    ConfWarnings from_text;
+    const ParsedKeys again = ParseFrom(ConfSource{nullptr, text.c_str()}, &from_text);
+    VORN_FUZZ_CHECK(std::memcmp(&parsed, &again, sizeof(parsed)) == 0);
+    VORN_FUZZ_CHECK(std::strcmp(from_file.text, from_text.text) == 0);
+  }
   return parsed;
 }
 
@@ -62,7 +77,7 @@ bool FuzzConfRead(const uint8_t* data, size_t size) {
       Parse(reinterpret_cast<const uint8_t*>(shifted.data()), shifted.size());
   VORN_FUZZ_CHECK(std::memcmp(&plain, &behind_comment, sizeof(plain)) == 0);
 
-  static const ParsedKeys kUntouched{{}, 0, kConfProfileAbsent};
+  static const ParsedKeys kUntouched{{}, 0, kConfProfileAbsent, 0};
   return std::memcmp(&plain, &kUntouched, sizeof(plain)) != 0;
 }
 

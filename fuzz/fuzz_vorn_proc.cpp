@@ -14,16 +14,18 @@
 //   the number of frames (1..16), then per frame a control byte and what it
 //     announces: bit 0 a new vorn_mode, bit 1 a new doa_update_flag, bit 2 a
 //     mode byte and that mode's new switches
-//   the microphone order (three indices, each taken modulo 3: the order is
-//     the caller's contract and is not checked by the library)
+//   the microphone order: one byte picks one of the six orders, or (from
+//     0xF0 up) three more bytes give slots -1..3 as they come
 //   the rest: 16-bit samples, microphones and reference, reused cyclically.
 //
-// Checks: a record that fails the parameter check (judged by the record's
-// own check on a copy) gets that code from VornProc and leaves the state
-// buffer, the output and the record's outputs untouched; a frame processed
-// without error reports a speech flag of 0 or 1; a repeated run reproduces
-// every result, output sample, speech flag and azimuth (no hidden state, no
-// read of memory that was never written).
+// Checks: a call the library must refuse (judged on a copy of the record:
+// its own fields, the mode, the selected switches, a missing reference, the
+// microphone order; or a buffer VornInit did not prepare) gets that code
+// from VornProc and leaves the state buffer, the output and the record's
+// outputs untouched; a frame processed without error reports a speech flag
+// of 0 or 1; a repeated run reproduces every result, output sample, speech
+// flag and azimuth (no hidden state, no read of memory that was never
+// written).
 #include <cstring>
 #include <string>
 #include <vector>
@@ -60,11 +62,25 @@ void ReadSwitches(InputBytes& input, bool raw_words, T_VornKey* key) {
   key->bf_azimuth = pick < 0x80 ? (pick % 7) * 60 : SwitchValue(input, raw_words, 361);
 }
 
-// The parameter check code VornProc must give, judged on a copy.
+// The code VornInit must refuse a record with, judged on a copy: its own
+// fields, the mode, the selected switches.
 int32_t ExpectedCheck(const T_VornParam& pm) {
   T_VornParam copy = pm;
+  const int32_t record = VornCheckRecord(&copy);
+  if (record != 0) return record;
+  if (!VornModeKnown(copy.vorn_mode)) return VORN_ERR_BAD_MODE;
   SwitchMode(&copy);
   return VornParamCheck(&copy);
+}
+
+// ... and VornProc a frame, which also needs its reference and a valid order.
+int32_t ExpectedFrameCheck(const T_VornParam& pm, bool no_reference, const short order[3]) {
+  const int32_t record = ExpectedCheck(pm);
+  if (record != 0) return record;
+  T_VornParam copy = pm;
+  SwitchMode(&copy);
+  if (no_reference && copy.aec_flag >= 1) return VORN_ERR_NULL;
+  return MicOrderValid(order) ? 0 : VORN_ERR_BAD_MIC_ORDER;
 }
 
 struct FrameChange {
@@ -121,7 +137,12 @@ Plan Decode(const uint8_t* data, size_t size) {
       ReadSwitches(input, plan.raw_words, &change.keys);
     }
   }
-  for (short& index : plan.mic_order) index = static_cast<short>(input.Byte() % 3);
+  static constexpr short kOrders[6][3] = {{0, 1, 2}, {0, 2, 1}, {1, 0, 2}, {1, 2, 0}, {2, 0, 1}, {2, 1, 0}};
+  const uint8_t order_pick = input.Byte();
+  for (int i = 0; i < 3; ++i) {
+    plan.mic_order[i] =
+        order_pick < 0xF0 ? kOrders[order_pick % 6][i] : static_cast<short>(input.Byte() % 5 - 1);
+  }
   plan.samples = input.rest();
   plan.sample_count = input.rest_size() / 2;
   return plan;
@@ -151,7 +172,7 @@ RunLog Run(const Plan& plan) {
   const int32_t init = VornInit(&pm, plan.with_config ? config_path.data() : nullptr);
   log.values.push_back(init);
   if (init == 0) VORN_FUZZ_CHECK(ExpectedCheck(pm) == 0);
-  if (init >= 1 && init <= 10) VORN_FUZZ_CHECK(ExpectedCheck(pm) == init);
+  if ((init >= 1 && init <= 10) || init == VORN_ERR_BAD_MODE) VORN_FUZZ_CHECK(ExpectedCheck(pm) == init);
   std::memcpy(pm.in_argv, plan.mode_keys, sizeof(pm.in_argv));
 
   // Samples: the rest of the input, reused cyclically (zeros if there is none).
@@ -188,10 +209,9 @@ RunLog Run(const Plan& plan) {
     fill(reference.data(), kFrameSamples);
     std::vector<short> out(kFrameSamples, 0x5a5a);
 
-    const int32_t expected = ExpectedCheck(pm);
-    // Processing over a state VornInit never prepared is the caller's fault;
-    // only the parameter check, which comes first, is exercised then.
-    if (init != 0 && expected == 0) continue;
+    int32_t expected = ExpectedFrameCheck(pm, plan.no_reference, mic_order);
+    // Each run has a fresh buffer: a failed VornInit never prepared it.
+    if (init != 0 && expected == 0) expected = VORN_ERR_NOT_INITIALISED;
     const T_VornParam before = pm;
     const std::vector<unsigned char> state_before = expected != 0 ? state : std::vector<unsigned char>();
     const int32_t result =

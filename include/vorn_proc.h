@@ -1,94 +1,191 @@
 /*
  * Vorn: speech front end for a three-microphone circular array and a
- * loudspeaker. Public, C-compatible interface.
+ * loudspeaker. The designed interface, kept as the compatibility layer:
+ * new integrations should start from vorn.h, which drives the same
+ * processing through an opaque state and named error codes.
  *
- * Per 16 ms frame (256 samples per channel at 16 kHz, 16-bit) the library
- * takes the three microphones and the loudspeaker reference and returns one
- * enhanced mono channel, a speech flag and the talker's azimuth. All state
- * lives in a caller-provided buffer of at least 1,000,000 bytes; the library
- * allocates nothing.
+ * Per 16 ms frame the library takes the three microphones and the
+ * loudspeaker reference and returns one enhanced mono channel, a speech flag
+ * and the talker's azimuth. All state lives in a caller-provided buffer of
+ * at least VORN_MIN_BUFF_SIZE bytes (any alignment); the library allocates
+ * nothing and prints nothing. Frame format, array geometry, azimuth
+ * convention, latency, threading and moving a state: see vorn_defs.h.
+ *
+ * Copying a state: between calls, the first VORN_MIN_BUFF_SIZE bytes of the
+ * buffer may be copied to another buffer and the record pointed at it
+ * (p_data); the copy goes on exactly where the original stood.
  */
 #ifndef VORN_PROC_H
 #define VORN_PROC_H
 
 #include <stdint.h>
 
+#include "vorn_defs.h"
+
 #ifdef __cplusplus
 extern "C" {
 #endif
 
+/* The state buffer must hold at least this many bytes. (VornGetBuffSize
+ * reports the state record alone, which is less.) */
+#define VORN_MIN_BUFF_SIZE 1000000
+
+/* vorn_mode: VORN_MODE_WAKEUP, VORN_MODE_ASR, VORN_MODE_COMM, or this value
+ * to run with the active switch fields exactly as the caller wrote them. */
+#define VORN_MODE_CUSTOM (-1)
+
+/* Return codes. Every entry point returns 0 on success; a nonzero code
+ * leaves the state as it was (VornInit still stores its configuration's
+ * warnings; and after VornInit returns 100 or a module's code the buffer
+ * must be initialised again).
+ *
+ *   code  name                        meaning
+ *      0  VORN_OK                     success
+ *      1  VORN_ERR_NULL               no record or no state buffer; VornProc: no input, output or
+ *                                     microphone order, or no reference while aec_flag >= 1;
+ *                                     VornDoa: no input (or no order with doa_flag 1); a getter: no
+ *                                     place for its value
+ *      2  VORN_ERR_BUFF_SIZE          buff_size below VORN_MIN_BUFF_SIZE
+ *      3  VORN_ERR_PARAM_SIZE         param_size is not sizeof(T_VornParam) of this build
+ *      4  VORN_ERR_AGC_FLAG           agc_flag not 0..2
+ *      5  VORN_ERR_AEC_FLAG           aec_flag not 0..3
+ *      6  VORN_ERR_DOA_FLAG           doa_flag not 0..3, or doa_update_flag not 0 or 1
+ *      7  VORN_ERR_NS_FLAG            ns_flag not 0..2
+ *      8  VORN_ERR_BF_FLAG            bf_flag not 0..7
+ *      9  VORN_ERR_AZIMUTH            bf_azimuth not 0..359, or not 0, 60 or 300 with bf_flag 3 or 4
+ *     10  VORN_ERR_VAD_MODE           vad_mode not 1 or 2
+ *     11  VORN_ERR_NOT_INITIALISED    the buffer has not been prepared by VornInit
+ *     12  VORN_ERR_BAD_PROFILE        neither VORN_PROFILE_CLASSIC nor VORN_PROFILE_ENHANCED
+ *     13  VORN_ERR_BAD_MODE           vorn_mode not VORN_MODE_CUSTOM or 0..2
+ *     14  VORN_ERR_BAD_MIC_ORDER      the microphone order does not name slots 0, 1 and 2 once each
+ *     15  VORN_ERR_BAD_LENGTH         VornDoa: a negative length
+ *     16  VORN_ERR_NO_SEARCH          VornDoa with doa_flag 0: no direction search chosen
+ *     17  VORN_ERR_OUT_OF_RANGE       VornSetAgcTarget: a target outside its range
+ *     -1  VORN_ERR_CONFIG             VornInit: the configuration file cannot be read, or its
+ *                                     [VORN] profile names no profile (VornGetConfigWarnings says why)
+ *    100  VORN_ERR_MODULE_INIT        VornInit: the AGC or the echo canceller failed to initialise
+ *    201  VORN_ERR_NO_FRAMES          VornDoa with doa_flag 1 before any frame has been processed
+ *  other  (a module's own code)       a fault inside the library; report it
+ *
+ * The first failing check decides, in this order: the record (1, 2, 3), the
+ * mode (13), the switches (4 to 10, then 6 for doa_update_flag), the
+ * buffers (1), the microphone order (14), and whether VornInit prepared
+ * the buffer (11). VornDoa judges no mode, and the length (15) and the
+ * search (16) before the buffers. VornErrorString(code) gives the meaning
+ * as text. */
+#define VORN_ERR_NULL 1
+#define VORN_ERR_BUFF_SIZE 2
+#define VORN_ERR_PARAM_SIZE 3
+#define VORN_ERR_AGC_FLAG 4
+#define VORN_ERR_AEC_FLAG 5
+#define VORN_ERR_DOA_FLAG 6
+#define VORN_ERR_NS_FLAG 7
+#define VORN_ERR_BF_FLAG 8
+#define VORN_ERR_AZIMUTH 9
+#define VORN_ERR_VAD_MODE 10
+#define VORN_ERR_NOT_INITIALISED 11
+#define VORN_ERR_BAD_PROFILE 12
+#define VORN_ERR_BAD_MODE 13
+#define VORN_ERR_BAD_MIC_ORDER 14
+#define VORN_ERR_BAD_LENGTH 15
+#define VORN_ERR_NO_SEARCH 16
+#define VORN_ERR_OUT_OF_RANGE 17
+#define VORN_ERR_CONFIG (-1)
+#define VORN_ERR_MODULE_INIT 100
+#define VORN_ERR_NO_FRAMES 201
+
 /* One operating mode's switches (540 bytes). The struct tags avoid the
  * reserved leading-underscore form; the typedef names are the interface. */
 typedef struct VornKey {
-  int32_t agc_flag;   /* digital AGC: 0 off, 1 or 2 on (also the AGC's wake-up/command mode) */
-  int32_t bf_flag;    /* beamformer variant 0..7 */
-  int32_t doa_flag;   /* direction finding: 0 none, 1 per-hop search, 2 or 3 elevation/azimuth search */
-  int32_t aec_flag;   /* echo canceller: 0 off, 1 ASR output, 2 communication output, 3 both */
+  int32_t agc_flag;   /* digital AGC: 0 off, 1 wake-up curve, 2 command curve */
+  int32_t bf_flag;    /* beam: 0 microphone 0 alone, 1 delay-and-sum, 2 MVDR, 3/4 adaptive (bf_azimuth
+                         0, 60 or 300), 5/6 strongest sector, 7 fixed set */
+  int32_t doa_flag;   /* direction finding: 0 none, 1 per-frame tracking, 2 or 3 utterance search */
+  int32_t aec_flag;   /* echo canceller: 0 off, 1 recognition output, 2 communication output, 3 both
+                         (recognition to the output, communication to the speech detector) */
   int32_t ns_flag;    /* noise suppression: 0 off, 1 single channel, 2 multi-channel post filter */
-  int32_t bf_azimuth; /* fixed steering azimuth, degrees 0..359 */
-  int32_t vad_mode;   /* VAD operating mode, 1 or 2 */
-  char preaec_filter_path[512]; /* echo-path filter file, NUL-terminated, empty when absent */
+  int32_t bf_azimuth; /* steering azimuth, degrees 0..359 (see vorn_defs.h) */
+  int32_t vad_mode;   /* speech detector: 1 wake-up rules, 2 recognition rules */
+  char preaec_filter_path[512]; /* echo-path file seeding the canceller (mode 0's is used),
+                                   NUL-terminated, empty when absent */
 } T_VornKey;
 
-/* The caller's parameter record (1680 bytes on a 64-bit target). */
+/* The caller's parameter record: 1680 bytes with 8-byte pointers, 1676 with
+ * 4-byte ones. */
 typedef struct VornParam {
-  unsigned char* p_data; /* caller's state buffer */
-  int32_t buff_size;     /* its size in bytes, at least 1,000,000 */
-  int32_t param_size;    /* sizeof(T_VornParam), i.e. 1680: a layout/version check */
+  unsigned char* p_data; /* caller's state buffer, any alignment */
+  int32_t buff_size;     /* its size in bytes, at least VORN_MIN_BUFF_SIZE */
+  int32_t param_size;    /* sizeof(T_VornParam): a layout check */
   int32_t agc_flag;      /* active switches, copied from in_argv[vorn_mode] on every call */
-  int32_t bf_flag;
+  int32_t bf_flag;       /* (unless vorn_mode is VORN_MODE_CUSTOM) */
   int32_t bf_azimuth;
   int32_t vad_mode;
   int32_t doa_flag;
   int32_t aec_flag;
   int32_t ns_flag;
-  int32_t azimuth;         /* output: azimuth reported for the last frame, degrees */
-  int32_t vad_flag;        /* output: 1 when the last frame held speech */
+  int32_t azimuth;         /* output: talker azimuth after the last frame, degrees 0..359 */
+  int32_t vad_flag;        /* output: 1 when the last frame held speech, else 0 */
   int32_t doa_update_flag; /* input: 1 feeds the suppressor's noise estimate to direction finding */
-  int32_t vorn_mode;       /* input: 0 wake-up, 1 recognition, 2 communication */
+  int32_t vorn_mode;       /* input: VORN_MODE_WAKEUP, _ASR, _COMM or VORN_MODE_CUSTOM */
   T_VornKey in_argv[3];    /* per-mode switches, indexed by vorn_mode */
 } T_VornParam;
 
-/* Size of the state record plus slack. Note: the parameter check requires
- * buff_size >= 1,000,000, which is more than this figure. */
+/* Size of the state record plus slack: 961,584 bytes with 8-byte pointers.
+ * The buffer must nevertheless hold VORN_MIN_BUFF_SIZE bytes. */
 int32_t VornGetBuffSize(void);
 
 /* The library version, "0.4.4". */
 const char* VornGetVersion(void);
 
-/* Prepares all module state in pm->p_data. config_file may be NULL (built-in
- * per-mode defaults) or the path of a configuration file. Returns 0 on
- * success, 1..10 for a failed parameter check, -1 when the configuration file
- * cannot be loaded, 100 when the AGC or the echo canceller fails to
- * initialise, otherwise a module's own code. */
-int32_t VornInit(T_VornParam* pm, char* config_file);
+/* The meaning of a return code of this interface, as a constant English
+ * sentence (never NULL). */
+const char* VornErrorString(int32_t code);
 
-/* Processes one frame: inp holds 3 x 256 interleaved microphone samples,
- * aec_ref 256 reference samples (needed when the echo canceller is on), out
- * receives 256 samples, mic_oder gives three channel indices. */
-int32_t VornProc(T_VornParam* pm, short* inp, short* aec_ref, short* out, short* mic_oder);
+/* Prepares all state in pm->p_data. Each mode's switches come from
+ * config_file (which replaces them wholesale: a key it lacks reads 0) or,
+ * for NULL, the built-in defaults; the selected mode's switches (or, for
+ * VORN_MODE_CUSTOM, the active fields) are then checked. Mistakes in the
+ * file that it can skip (unknown section or key, a value that is not a
+ * number) are warnings: VornGetConfigWarnings. Returns 0 or a code of the
+ * table; on a check failure the buffer is left as it was. Calling it again
+ * restarts every module. */
+int32_t VornInit(T_VornParam* pm, const char* config_file);
 
-/* Direction finding alone over sample_len_pre_channel samples per channel of
- * interleaved three-microphone audio; the result is left in pm->azimuth. */
-int32_t VornDoa(T_VornParam* pm, short* inp, short* mic_oder, int sample_len_pre_channel);
+/* Processes one frame: inp holds VORN_MIC_FRAME_VALUES interleaved
+ * microphone samples, aec_ref VORN_FRAME_SAMPLES reference samples (may be
+ * NULL while aec_flag is 0), out receives VORN_FRAME_SAMPLES samples,
+ * mic_oder holds the three slots of the microphones at 0, 120 and 240
+ * degrees. The mode and every switch may change between frames: switching
+ * the echo canceller on (or to other outputs) prepares it as needed, from
+ * the echo-path file VornInit read. Sets pm->vad_flag and pm->azimuth.
+ * Returns 0 or a code of the table; nothing is touched on a refused call. */
+int32_t VornProc(T_VornParam* pm, const short* inp, const short* aec_ref, short* out, const short* mic_oder);
 
-/* Processing profiles. Classic is the front end as first designed, kept bit
- * for bit. Enhanced keeps the same calls, modes, switches, frame and buffer,
- * and does each job with the better methods described in the README. VornInit
- * selects classic unless the configuration file says otherwise:
+/* Direction of the talker over a stretch of sample_len_pre_channel
+ * interleaved three-microphone samples per channel, by the active doa_flag:
+ * 1 from the per-frame scores of the frames processed so far (the samples
+ * are not read), 2 or 3 by searching the samples (at most the first 64
+ * frames' worth are used; fewer than 768 samples give azimuth 0). The
+ * result is left in pm->azimuth. mic_oder may be NULL for doa_flag 2 or 3
+ * (slots 0, 1, 2). Returns 0 or a code of the table. */
+int32_t VornDoa(T_VornParam* pm, const short* inp, const short* mic_oder, int sample_len_pre_channel);
+
+/* The warnings the last VornInit collected from its configuration file:
+ * *count receives their number and *text (which may be NULL) a pointer to
+ * them as text inside the state buffer, one "line N: ..." sentence per line
+ * (empty without warnings), valid until the next VornInit. Returns 0, 1..3
+ * for a record the checks refuse, or VORN_ERR_NOT_INITIALISED before any
+ * VornInit. */
+int32_t VornGetConfigWarnings(const T_VornParam* pm, int32_t* count, const char** text);
+
+/* The processing profile. VornInit selects classic unless the
+ * configuration file says otherwise:
  *   [VORN]
  *   profile = enhanced        (or classic; case-insensitive)
  * A profile value other than these two makes VornInit return -1. */
-#define VORN_PROFILE_CLASSIC 0
-#define VORN_PROFILE_ENHANCED 1
-
-/* Return codes of the profile switch, beside the parameter check's 1..3. */
-#define VORN_ERR_NOT_INITIALISED 11 /* the record's buffer has not been prepared by VornInit */
-#define VORN_ERR_BAD_PROFILE 12     /* neither VORN_PROFILE_CLASSIC nor VORN_PROFILE_ENHANCED */
 
 /* Selects the profile for the following frames; call after VornInit, at any
- * frame boundary. Returns 0; 1..3 for a record the parameter check refuses
- * (missing record or buffer, buffer too small, wrong record size);
+ * frame boundary. Returns 0; 1..3 for a record the checks refuse;
  * VORN_ERR_NOT_INITIALISED; or VORN_ERR_BAD_PROFILE. Nothing changes on a
  * nonzero return. */
 int32_t VornSetProfile(T_VornParam* pm, int32_t profile);
@@ -99,8 +196,10 @@ int32_t VornGetProfile(const T_VornParam* pm);
 
 /* ---- Enhanced profile results ----
  * Figures of the last frame VornProc processed under the enhanced profile.
- * Each returns 0 with *value set; 1..3 for a record the parameter check
- * refuses (1 also for a null value); or VORN_ERR_NOT_INITIALISED. */
+ * Each returns 0 with *value set; VORN_ERR_NULL, VORN_ERR_BUFF_SIZE or
+ * VORN_ERR_PARAM_SIZE for a record the parameter check refuses (VORN_ERR_NULL
+ * also for a null value); or VORN_ERR_NOT_INITIALISED. They only read, so a
+ * copied buffer answers before its first call as the original would. */
 
 /* How likely the near talker speaks in the frame last written to out (0..1),
  * the figure the speech flag is drawn from (the flag is 1 above 0.5, held one
@@ -155,7 +254,6 @@ int32_t VornGetWarnings(const T_VornParam* pm, uint32_t* warnings);
 #define VORN_AGC_TARGET_DEFAULT_DBFS (-26.0f)
 #define VORN_AGC_TARGET_MIN_DBFS (-40.0f)
 #define VORN_AGC_TARGET_MAX_DBFS (-6.0f)
-#define VORN_ERR_OUT_OF_RANGE 13 /* a value outside its documented range */
 
 /* Sets the target, at any frame boundary: VORN_AGC_TARGET_MIN_DBFS ..
  * VORN_AGC_TARGET_MAX_DBFS, else VORN_ERR_OUT_OF_RANGE. */

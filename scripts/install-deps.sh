@@ -16,6 +16,10 @@ if [ "${1:-}" != "--tools" ]; then
   # The 64-bit Arm build of the tests: cross compiler, emulator, GoogleTest's sources.
   command -v aarch64-linux-gnu-g++ >/dev/null || need+=(g++-aarch64-linux-gnu)
   command -v qemu-aarch64 >/dev/null || command -v qemu-aarch64-static >/dev/null || need+=(qemu-user)
+  # The 32-bit build: the multilib compiler, the i386 kernel headers and
+  # GoogleTest's sources (built for i386 by scripts/test.sh).
+  echo 'int main() { return 0; }' | g++ -m32 -x c++ - -o /dev/null 2>/dev/null || need+=(g++-multilib)
+  [ -f /usr/i686-linux-gnu/include/asm/errno.h ] || need+=(linux-libc-dev-i386-cross)
   [ -f /usr/src/googletest/CMakeLists.txt ] || need+=(googletest)
   # scripts/check_install.sh builds against vorn.pc; the Debian package reads
   # its dependencies with dpkg-shlibdeps.

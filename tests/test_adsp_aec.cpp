@@ -226,6 +226,8 @@ TEST(AdspAecScene, FarEndSingleTalk) {
   const std::string name = std::string(VORN_BINARY_DIR) + "/aec_echo_path.bin";
   ASSERT_TRUE(test::WriteBytes(name, file));
   ASSERT_EQ(InitDefault(seeded, 3, name), 0);
+  Instance fresh;
+  ASSERT_EQ(InitDefault(fresh, 3, name), 0);
   std::remove(name.c_str());
   AecCore* core = AdspAec_aec_core(seeded.get());
   bool restored = false;
@@ -243,6 +245,10 @@ TEST(AdspAecScene, FarEndSingleTalk) {
   EXPECT_LT(ErleDb(s, run.asr[0], 0.05, 0.3, true), seeded_db - 6.0);
   EXPECT_TRUE(restored);
   EXPECT_EQ(core->divergeState, 0);
+  // Restarted after all that (as the front end does when the canceller comes
+  // back on), it is byte for byte the instance the file gave, without the file.
+  ASSERT_EQ(AdspAec_Reset(seeded.get(), 3), 0);
+  EXPECT_EQ(std::memcmp(seeded.get(), fresh.get(), kAecInstanceBytes), 0);
 }
 
 // An 80 ms lead puts the echo tail 120 ms after the far end, beyond the filter's 48 ms: only
@@ -370,7 +376,7 @@ TEST(AdspAecInterface, InitResultCodes) {
   EXPECT_EQ(init(bytes, 16000, 96001, 1), Codes(-1, kAecErrBadParameter));
   EXPECT_EQ(AdspAec_Init(nullptr, bytes, 16000, 16000, 1, nullptr), -1);
   Instance roomy;  // for a misaligned instance
-  EXPECT_EQ(AdspAec_Init(static_cast<char*>(roomy.get()) + 4, bytes, 16000, 16000, 1, nullptr), -1);
+  EXPECT_EQ(AdspAec_Init(static_cast<char*>(roomy.get()) + 2, bytes, 16000, 16000, 1, nullptr), -1);
 }
 
 TEST(AdspAecInterface, ConfigResultCodes) {
@@ -455,6 +461,12 @@ TEST(AdspAecInterface, FarEndAndQueryResultCodes) {
   EXPECT_EQ(codes(AdspAec_GetMetrics(inst.get(), nullptr), inst), Codes(-1, kAecErrNullPointer));
   EXPECT_EQ(codes(AdspAec_GetDelayMetrics(inst.get(), nullptr, &spread), inst), Codes(-1, kAecErrNullPointer));
   EXPECT_EQ(codes(AdspAec_GetDelayMetrics(inst.get(), &value, &spread), inst), Codes(-1, kAecErrUnsupported));
+  for (auto* restart : {&AdspAec_Reset, &AdspAec_SetOutputs}) {
+    EXPECT_EQ(codes(restart(none.get(), 1), none), Codes(-1, kAecErrUninitialized));
+    EXPECT_EQ(codes(restart(inst.get(), 4), inst), Codes(-1, kAecErrBadParameter));
+    EXPECT_EQ(codes(restart(inst.get(), -1), inst), Codes(-1, kAecErrBadParameter));
+    EXPECT_EQ(restart(nullptr, 1), -1);
+  }
   EXPECT_EQ(AdspAec_get_echo_status(nullptr, &value), -1);
   EXPECT_EQ(AdspAec_GetMetrics(nullptr, &metrics), -1);
   EXPECT_EQ(AdspAec_aec_core(nullptr), nullptr);
@@ -477,8 +489,8 @@ TEST(AdspAecInterface, ReportedDelaySizesTheBufferAndMovesTheKnownDelay) {
   ASSERT_EQ(InitDefault(steady, 1), 0);
   Aec* start = static_cast<Aec*>(starting.get());
   Aec* self = static_cast<Aec*>(steady.get());
-  AdspAec_enable_reported_delay(start->aec, 1);
-  AdspAec_enable_reported_delay(self->aec, 1);
+  AdspAec_enable_reported_delay(&start->core, 1);
+  AdspAec_enable_reported_delay(&self->core, 1);
   start->startup_phase = 1;
   // 20 frames of far end ahead: six frames of a steady 40 ms report (+10 ms) size the buffer to
   // 50 * 24 * 2 / 256 = 9 blocks and drop the surplus; the near end passes through meanwhile.
@@ -492,7 +504,7 @@ TEST(AdspAecInterface, ReportedDelaySizesTheBufferAndMovesTheKnownDelay) {
   EXPECT_EQ(phase, (std::vector<int>{1, 1, 1, 1, 1, 0}));
   EXPECT_EQ(run.asr[0], near);
   EXPECT_EQ(start->bufSizeStart, 9);
-  EXPECT_EQ(AdspAec_system_delay(start->aec), 9 * kBlock);
+  EXPECT_EQ(AdspAec_system_delay(&start->core), 9 * kBlock);
 
   // In step while the card reports 100 ms: 110 ms (+10) = 1760 samples short, less the 64
   // buffered, plus a 128 block: 1824. After 25 frames the core reads that much earlier, by
@@ -501,8 +513,8 @@ TEST(AdspAecInterface, ReportedDelaySizesTheBufferAndMovesTheKnownDelay) {
   Feed(steady, zeros, {&zeros}, {.delay_ms = 100});
   EXPECT_NEAR(self->filtDelay, 1824, 8);
   EXPECT_NEAR(self->knownDelay, 1824 - 160, 8);
-  EXPECT_NEAR(self->aec->knownDelay, self->knownDelay, 96);
-  EXPECT_EQ(self->aec->knownDelay % kBlock, 0);
+  EXPECT_NEAR(self->core.knownDelay, self->knownDelay, 96);
+  EXPECT_EQ(self->core.knownDelay % kBlock, 0);
 }
 
 // ---------------------------------------------------------------- kernels

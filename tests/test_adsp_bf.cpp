@@ -47,16 +47,26 @@ TEST(BfParamCheck, CodesFollowTheRulesInOrderAndRejectedCallsChangeNothing) {
     int buff_size, param_size, doa_flag, bf_flag, bf_azimuth, want;
   };
   const Case cases[] = {
-      {"valid fixed beam", 240000, 56, 0, 1, 0, 0},      {"larger buffer", 1000000, 56, 1, 2, 359, 0},
-      {"state fits, region not", 200000, 56, 0, 1, 0, 2}, {"one byte short", 239999, 56, 0, 1, 0, 2},
-      {"negative size", -1, 56, 0, 1, 0, 2},             {"record size", 240000, 52, 0, 1, 0, 2},
-      {"doa flag 4", 240000, 56, 4, 1, 0, 2},            {"doa flag -1", 240000, 56, -1, 1, 0, 2},
-      {"doa flag 3", 240000, 56, 3, 0, 0, 0},            {"fixed beam at 360", 240000, 56, 0, 1, 360, 2},
-      {"mvdr at -1", 240000, 56, 0, 2, -1, 2},           {"sector beam at 999", 240000, 56, 0, 5, 999, 0},
-      {"beam type 8", 240000, 56, 0, 8, 0, 2},           {"beam type -1", 240000, 56, 0, -1, 0, 2},
-      {"gsc at 120", 240000, 56, 0, 3, 120, 2},          {"gsc at 60", 240000, 56, 0, 3, 60, 0},
-      {"gsc mvdr at 300", 240000, 56, 0, 4, 300, 0},     {"gsc mvdr at 0", 240000, 56, 0, 4, 0, 0},
-      {"type 7 at -40", 240000, 56, 0, 7, -40, 0}};
+      {"valid fixed beam", 240000, kBfParamSize, 0, 1, 0, 0},
+      {"larger buffer", 1000000, kBfParamSize, 1, 2, 359, 0},
+      {"state fits, region not", 200000, kBfParamSize, 0, 1, 0, 2},
+      {"one byte short", 239999, kBfParamSize, 0, 1, 0, 2},
+      {"negative size", -1, kBfParamSize, 0, 1, 0, 2},
+      {"record size", 240000, kBfParamSize - 4, 0, 1, 0, 2},
+      {"doa flag 4", 240000, kBfParamSize, 4, 1, 0, 2},
+      {"doa flag -1", 240000, kBfParamSize, -1, 1, 0, 2},
+      {"doa flag 3", 240000, kBfParamSize, 3, 0, 0, 0},
+      {"fixed beam at 360", 240000, kBfParamSize, 0, 1, 360, 2},
+      {"mvdr at -1", 240000, kBfParamSize, 0, 2, -1, 2},
+      {"sector beam at 999", 240000, kBfParamSize, 0, 5, 999, 0},
+      {"beam type 8", 240000, kBfParamSize, 0, 8, 0, 2},
+      {"beam type -1", 240000, kBfParamSize, 0, -1, 0, 2},
+      {"gsc at 120", 240000, kBfParamSize, 0, 3, 120, 2},
+      {"gsc at 60", 240000, kBfParamSize, 0, 3, 60, 0},
+      {"gsc mvdr at 300", 240000, kBfParamSize, 0, 4, 300, 0},
+      {"gsc mvdr at 0", 240000, kBfParamSize, 0, 4, 0, 0},
+      {"type 7 at -40", 240000, kBfParamSize, 0, 7, -40, 0},
+  };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     BfInstance bf(c.bf_flag, c.bf_azimuth, c.doa_flag, 0, false);

@@ -52,11 +52,11 @@ TEST(AdspNsInit, ChecksRecordAndRegionAndClampsTheLevel) {
     return AdspNsInit(&pm);
   };
   EXPECT_EQ(AdspNsInit(nullptr), 1);
-  EXPECT_EQ(init(false, kNsStateBytes, 40), 1);
-  EXPECT_EQ(init(true, kNsStateBytes - 1, 40), 2);
-  EXPECT_EQ(init(true, kNsStateBytes, 32), 2);  // the record size of a 32-bit build
-  EXPECT_EQ(init(true, 256000, 40), 0);
-  EXPECT_EQ(init(true, kNsStateBytes, 40), 0);
+  EXPECT_EQ(init(false, kNsStateBytes, kNsParamSize), 1);
+  EXPECT_EQ(init(true, kNsStateBytes - 1, kNsParamSize), 2);
+  EXPECT_EQ(init(true, kNsStateBytes, sizeof(void*) == 8 ? 32 : 40), 2);  // the record of the other pointer width
+  EXPECT_EQ(init(true, 256000, kNsParamSize), 0);
+  EXPECT_EQ(init(true, kNsStateBytes, kNsParamSize), 0);
   // Negative levels become 0.00001, but 0 itself is allowed.
   const float requests[][2] = {{-0.5f, 0.00001f}, {2.0f, 1.0f}, {0.3f, 0.3f}, {0.0f, 0.0f}, {1.0f, 1.0f}};
   for (const auto &r : requests) {

@@ -41,8 +41,7 @@ TEST(RingBuffer, RandomTrafficMatchesAStreamModel) {
     SCOPED_TRACE(capacity);
     std::vector<int> storage(capacity, -1);
     RingBuffer ring{};
-    ring.data = reinterpret_cast<char*>(storage.data());
-    ASSERT_EQ(Adsp_CreateBuffer(&ring, capacity, sizeof(int)), 0);
+    ASSERT_EQ(Adsp_CreateBuffer(&ring, storage.data(), capacity, sizeof(int)), 0);
     std::vector<int> stream;
     long read_at = 0;  // absolute index of the next element to read
     int zero_copy_reads = 0;  // a read that does not wrap must hand out a pointer into the ring
@@ -96,7 +95,7 @@ std::array<double, 128> DirectPackedDft(const float* x) {
 }
 
 // Impulses, a tone (its sine part in the odd slots, with the sine's sign) and
-// noise at two scales through the installed stages (the plain ones without vectors).
+// noise at two scales through the plain stages and the compiled-in ones.
 TEST(Rdft128, ForwardMatchesADirectDftInDoubleAndInverseUndoesIt) {
   std::vector<sim::Signal> inputs = {sim::Signal(128), sim::Signal(128), sim::Tone(128, 625.0, 1.0, 0.3)};
   inputs[0][0] = 1.0f;
@@ -110,16 +109,17 @@ TEST(Rdft128, ForwardMatchesADirectDftInDoubleAndInverseUndoesIt) {
     }
     return error / peak;
   };
-  aec_rdft_init();
   double worst_forward = 0.0, worst_round_trip = 0.0;
-  for (const sim::Signal& input : inputs) {
-    alignas(16) std::array<float, 128> a;
-    std::copy(input.begin(), input.end(), a.begin());
-    aec_rdft_forward_128(a.data());
-    worst_forward = std::max(worst_forward, relative_error(a.data(), DirectPackedDft(input.data())));
-    aec_rdft_inverse_128(a.data());
-    for (float& v : a) v *= 2.0f / 128.0f;  // the inverse gives n/2 times the signal
-    worst_round_trip = std::max(worst_round_trip, relative_error(a.data(), input));
+  for (const RdftStages* stages : {&kRdftPlainStages, &kRdftStages}) {
+    for (const sim::Signal& input : inputs) {
+      alignas(16) std::array<float, 128> a;
+      std::copy(input.begin(), input.end(), a.begin());
+      aec_rdft_forward_128_with(*stages, a.data());
+      worst_forward = std::max(worst_forward, relative_error(a.data(), DirectPackedDft(input.data())));
+      aec_rdft_inverse_128_with(*stages, a.data());
+      for (float& v : a) v *= 2.0f / 128.0f;  // the inverse gives n/2 times the signal
+      worst_round_trip = std::max(worst_round_trip, relative_error(a.data(), input));
+    }
   }
   std::printf("[ figures  ] forward %.3g, round trip %.3g of the peak\n", worst_forward, worst_round_trip);
   EXPECT_LT(worst_forward, 1e-6);  // float radix-4 stages over 7 levels: a few epsilons of the peak
@@ -130,14 +130,13 @@ TEST(Rdft128, ForwardMatchesADirectDftInDoubleAndInverseUndoesIt) {
 // Stage by stage on random input: the real-data stages and the twiddle groups
 // without a plain shortcut round exactly like the plain code; the shortcut
 // groups (cft1st's first 16 floats, cftmdl's first 64) may differ by rounding.
-TEST(Rdft128, VectorStagesMatchThePlainStagesAndAreInstalled) {
+TEST(Rdft128, VectorStagesMatchThePlainStagesAndAreCompiledIn) {
   const RdftStage128 plain_stages[] = {cft1st_128_C, cftmdl_128_C, rftfsub_128_C, rftbsub_128_C};
   const RdftStage128 vector_stages[] = {cft1st_128_Simd, cftmdl_128_Simd, rftfsub_128_Simd, rftbsub_128_Simd};
+  const RdftStage128 compiled_in[] = {kRdftStages.cft1st, kRdftStages.cftmdl, kRdftStages.rftfsub, kRdftStages.rftbsub};
   const int exact_from[] = {16, 64, 0, 0};
-  aec_rdft_init();
-  const RdftStage128 installed[] = {cft1st_128, cftmdl_128, rftfsub_128, rftbsub_128};
   for (int stage = 0; stage < 4; ++stage) {
-    EXPECT_EQ(installed[stage], vector_stages[stage]) << stage;
+    EXPECT_EQ(compiled_in[stage], vector_stages[stage]) << stage;
     for (unsigned seed = 1; seed <= 10; ++seed) {
       const sim::Signal noise = sim::WhiteNoise(128, 1000.0, seed);
       alignas(16) std::array<float, 128> plain, vector;
@@ -324,7 +323,7 @@ TEST(DelayEstimator, BinarySpectraMarkBandsAboveTheirMeanAndShiftOnACorrection) 
   };
   ASSERT_EQ(add_far(1.0f, 1.0f, 0.0f), 0);
   ASSERT_EQ(add_far(2.0f, 0.1f, 2.0f), 0);
-  const BinaryDelayEstimatorFarend& words = far_buf.binary_farend_buf;
+  const BinaryDelayEstimatorFarend& words = far_buf.binary_farend;
   using Words = std::pair<std::vector<uint32_t>, std::vector<int>>;  // newest first, with their bit counts
   auto newest = [&](int n) {
     return Words{{words.binary_far_history, words.binary_far_history + n},
@@ -334,7 +333,7 @@ TEST(DelayEstimator, BinarySpectraMarkBandsAboveTheirMeanAndShiftOnACorrection) 
   EXPECT_EQ(newest(2), (Words{{0x55555555u, first}, {16, 31}}));
   // The near end builds its words the same way, with its own means; no delay yet.
   EXPECT_EQ(Adsp_DelayEstimatorProcessFloat(near, spectrum.data(), 65), -2);
-  EXPECT_EQ(near_buf.binary_handle_buf.binary_near_history[0], 0xFFFFFFFFu);
+  EXPECT_EQ(near_buf.binary_handle.binary_near_history[0], 0xFFFFFFFFu);
   // A delay correction shifts the far words both ways, emptying the places it vacates.
   Adsp_SoftResetDelayEstimatorFarend(far, 2);
   EXPECT_EQ(newest(4), (Words{{0, 0, 0x55555555u, first}, {0, 0, 16, 31}}));
@@ -343,7 +342,7 @@ TEST(DelayEstimator, BinarySpectraMarkBandsAboveTheirMeanAndShiftOnACorrection) 
   // The near end's lookahead absorbs what it can of a correction, within 0..20
   // here, and returns the rest.
   BinaryDelayEstimator binary_near;
-  ASSERT_EQ(Adsp_CreateBinaryDelayEstimator(&binary_near, &far_buf.binary_farend_buf, 20), 0);
+  ASSERT_EQ(Adsp_CreateBinaryDelayEstimator(&binary_near, &far_buf.binary_farend, 20), 0);
   binary_near.lookahead = 15;
   // shift, lookahead after it, rest returned
   const int corrections[][3] = {{5, 10, 0}, {12, 0, 2}, {-30, 20, -10}, {0, 20, 0}, {3, 17, 0}};
@@ -393,7 +392,7 @@ TEST(DelayEstimator, RejectsBadArgumentsAndKeepsSettingsOverARestart) {
   EXPECT_EQ(Adsp_is_robust_validation_enabled(near), 1);
   EXPECT_EQ(Adsp_get_allowed_offset(near), 6);
   EXPECT_EQ(Adsp_set_history_size(near, 40), 40);
-  EXPECT_EQ(far_buf.binary_farend_buf.history_size, 40);
+  EXPECT_EQ(far_buf.binary_farend.history_size, 40);
 }
 
 // The running means step by the difference's magnitude shifted right, so a
@@ -452,7 +451,7 @@ RunResult RunEstimator(bool robust, const sim::Signal& far, const sim::Signal& n
   EXPECT_EQ(Adsp_set_lookahead(near_handle, kLookahead), kLookahead);
   EXPECT_EQ(Adsp_set_allowed_offset(near_handle, 6), 0);
   EXPECT_EQ(Adsp_enable_robust_validation(near_handle, robust ? 1 : 0), 0);
-  const BinaryDelayEstimator& h = near_buf.binary_handle_buf;
+  const BinaryDelayEstimator& h = near_buf.binary_handle;
   const auto far_spectra = BlockSpectra(far);
   const auto near_spectra = BlockSpectra(near);
   RunResult result;

@@ -2,6 +2,7 @@
 // line-end form, lines across its 1024-byte window, the failures it reports.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <filesystem>
 #include <span>
@@ -160,6 +161,73 @@ TEST(ConfRead, EveryKeyEveryLineEndAndWindowPositionParseAlike) {
       ASSERT_EQ(Load(std::string(static_cast<size_t>(pad), ' ') + eols[shift] + body), Show(want));
     }
   }
+}
+
+// Every kind of mistake the reader skips is reported with its line, from a
+// file and from text alike; the [VORN] section's profile is read on the way
+// and a name that is no profile is refused however it is followed.
+TEST(ConfRead, MistakesBecomeWarningsWithTheirLineNumbers) {
+  struct Case {
+    const char* name;
+    std::string text;
+    int32_t want_rc, want_profile;
+    std::string want_warnings;
+  };
+  const std::string long_line = "agc_flag = " + std::string(1100, '1');
+  const Case cases[] = {
+      {"a clean file", "[VORN_WKP]\nagc_flag = 1\n[VORN]\nprofile = Enhanced\n", 0, 1, ""},
+      {"unknown key", "[VORN_WKP]\nagc_flag = 1\nbf_azimuth = 60\n", 0, -1,
+       "line 3: unknown key \"bf_azimuth\" in [VORN_WKP]; ignored\n"},
+      {"value that is no number", "[VORN_COM]\n\n  ns_flag = 2x ; typo\n", 0, -1,
+       "line 3: ns_flag = \"2x\" in [VORN_COM] is not a whole decimal number; ignored\n"},
+      {"unknown section, reported once", "[VORN_XYZ]\nagc_flag = 1\nns_flag = 1\n", 0, -1,
+       "line 1: unknown section [VORN_XYZ]; its lines are ignored\n"},
+      {"a key before any section", "agc_flag = 1\n[VORN_WKP]\n", 0, -1,
+       "line 1: \"agc_flag\" comes before any section; ignored\n"},
+      {"a line of neither kind", "[VORN_WKP]\nagc_flag 1\n", 0, -1,
+       "line 2: \"agc_flag 1\" is neither a [section] nor a key = value line; ignored\n"},
+      {"a line too long", "[VORN_WKP]\r\n" + long_line + "\r\n", 0, -1, "line 2: longer than 1023 characters; ignored\n"},
+      {"a path cut to fit", "[VORN_ASR]\npreaec_filter_path = /" + std::string(600, 'p') + "\n", 0, -1,
+       "line 2: preaec_filter_path in [VORN_ASR] is longer than 511 characters; cut\n"},
+      {"a mode key in the front end's section", "[VORN]\nagc_flag = 1\n", 0, -1,
+       "line 2: unknown key \"agc_flag\" in [VORN]; ignored\n"},
+      {"the profile in a mode section", "[VORN_ASR]\nprofile = enhanced\n", 0, -1,
+       "line 2: unknown key \"profile\" in [VORN_ASR]; ignored\n"},
+      {"a profile that names none", "[VORN]\nprofile = turbo\nprofile = classic\n", -2, 0,
+       "line 2: profile = \"turbo\" in [VORN] is not one of its values\n"},
+      {"long words are cut in the message", "[VORN_WKP]\n" + std::string(50, 'k') + " = 1\n", 0, -1,
+       "line 2: unknown key \"" + std::string(40, 'k') + "...\" in [VORN_WKP]; ignored\n"},
+  };
+  static const ScratchDir dir;
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    const std::string path = dir.path + "/warnings.ini";
+    ASSERT_TRUE(test::WriteBytes(path, c.text));
+    for (const ConfSource& source : {ConfSource{path.c_str(), nullptr}, ConfSource{nullptr, c.text.c_str()}}) {
+      std::vector<int32_t> storage(sizeof(ini_read_t) / sizeof(int32_t));
+      char* scratch = reinterpret_cast<char*>(storage.data());
+      ASSERT_EQ(LoadConfFileInit(scratch, sizeof(ini_read_t)), 0);
+      FrontEndConf front_end;
+      ConfWarnings warnings;
+      EXPECT_EQ(LoadConf(source, scratch, &front_end, &warnings), c.want_rc);
+      EXPECT_EQ(front_end.profile, c.want_profile);
+      EXPECT_EQ(warnings.text, c.want_warnings);
+      EXPECT_EQ(warnings.count, std::count(c.want_warnings.begin(), c.want_warnings.end(), '\n'));
+    }
+  }
+  // The text keeps whole lines; the count goes on.
+  std::string many = "[VORN_WKP]\n";
+  for (int i = 0; i < 200; ++i) many += "unknown_" + std::to_string(i) + " = 1\n";
+  std::vector<int32_t> storage(sizeof(ini_read_t) / sizeof(int32_t));
+  ASSERT_EQ(LoadConfFileInit(reinterpret_cast<char*>(storage.data()), sizeof(ini_read_t)), 0);
+  ConfWarnings warnings;
+  EXPECT_EQ(LoadConf({nullptr, many.c_str()}, reinterpret_cast<char*>(storage.data()), nullptr, &warnings), 0);
+  EXPECT_EQ(warnings.count, 200);
+  const std::string text = warnings.text;
+  ASSERT_FALSE(text.empty());
+  EXPECT_EQ(text.back(), '\n');
+  EXPECT_LT(std::count(text.begin(), text.end(), '\n'), 200);
+  EXPECT_EQ(LoadConf({nullptr, nullptr}, reinterpret_cast<char*>(storage.data()), nullptr, &warnings), -1);
 }
 
 TEST(ConfRead, ScratchAreaChecksAndTheOnlyFileFailure) {

@@ -198,11 +198,11 @@ TEST(DoaUtteranceEnhanced, UsesTheWholeStretchAndTheMicrophoneOrder) {
   EXPECT_EQ(fe.Confidence(), 0.0f);
 
   short outside[3] = {0, 1, 3};
-  EXPECT_EQ(fe.Search(keyword, 2, outside), 2);
+  EXPECT_EQ(fe.Search(keyword, 2, outside), VORN_ERR_BAD_MIC_ORDER);
   fe.pm.doa_flag = 2;
-  EXPECT_EQ(VornDoa(&fe.pm, nullptr, fe.order, 4096), 1);
+  EXPECT_EQ(VornDoa(&fe.pm, nullptr, fe.order, 4096), VORN_ERR_NULL);
   fe.pm.doa_flag = 0;
-  EXPECT_EQ(VornDoa(&fe.pm, keyword.data(), fe.order, 4096), 2);
+  EXPECT_EQ(VornDoa(&fe.pm, keyword.data(), fe.order, 4096), VORN_ERR_NO_SEARCH);
 }
 
 // Per frame: the tracker locks on near 0/360 without splitting towards 180,

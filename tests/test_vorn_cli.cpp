@@ -140,6 +140,7 @@ TEST_F(VornCli, MistakesNameTheProblem) {
   ASSERT_TRUE(WriteWavFile(Path("ref8k.wav"), std::vector<int16_t>(800, 0), 1, 8000));
   ASSERT_TRUE(WriteWavFile(Path("refstereo.wav"), std::vector<int16_t>(3200, 0), 2));
   ASSERT_TRUE(WriteBytes(Path("novad.ini"), "[VORN_WKP]\nagc_flag = 1\nns_flag = 1\n"));
+  ASSERT_TRUE(WriteBytes(Path("typo.ini"), "[VORN_WKP]\nagc_flag = 1\nvad_mdoe = 1\nns_flag = one\n"));
   ASSERT_TRUE(WriteBytes(Path("odd.pcm"), Pcm(frames) + "\x01\x02\x03"));
   const auto p = [](std::vector<std::string> more) {
     more.insert(more.begin(), {"process", "in.wav", "-o", "out.wav"});
@@ -191,6 +192,11 @@ TEST_F(VornCli, MistakesNameTheProblem) {
       {p({"--ref", "nowhere.wav"}), "nowhere.wav: No such file", 1, false},
       {p({"--config", "nowhere.ini"}), "nowhere.ini: cannot load the configuration file", 1, false},
       {p({"--config", "novad.ini"}), "(code 10): vad-mode must be 1 or 2", 1, false},
+      {p({"--config", "typo.ini"}),
+       "vorn: warning: typo.ini: line 3: unknown key \"vad_mdoe\" in [VORN_WKP]; ignored\n"
+       "vorn: warning: typo.ini: line 4: ns_flag = \"one\" in [VORN_WKP] is not a whole decimal number; ignored\n"
+       "vorn: initialisation with mode wakeup of typo.ini failed (code 10)",
+       1, false},
       {p({"--bf", "3", "--azimuth", "90"}), "(code 9): azimuth must be", 1, false},
       {{"process", "odd.pcm", "-o", "out.pcm"}, "vorn: warning: odd.pcm: ignored 3 trailing bytes", 0, false},
   };

@@ -21,13 +21,6 @@
 
 namespace vorn {
 
-AecFilterFar AdspAec_FilterFar;
-AecScaleErrorSignal AdspAec_ScaleErrorSignal;
-AecFilterAdaptation AdspAec_FilterAdaptation;
-AecOverdriveAndSuppress AdspAec_OverdriveAndSuppress;
-AecComfortNoise AdspAec_ComfortNoise;
-AecSubbandCoherence AdspAec_SubbandCoherence;
-
 namespace {
 
 constexpr int kFarSpectrumFloats = 2 * kAecBins;
@@ -52,7 +45,7 @@ float RunFilter(AecCore* aec, const float* near_block, float* error_block) {
   alignas(16) float fft[kAecBlockLen2];
   float yf[2][kAecBins] = {};
   float ef[2][kAecBins];
-  AdspAec_FilterFar(aec, yf);
+  FilterFar(aec, yf);
   aec_rdft_pack_128(yf, fft);
   aec_rdft_inverse_128(fft);
   float energy = 0.0f;
@@ -64,8 +57,8 @@ float RunFilter(AecCore* aec, const float* near_block, float* error_block) {
   std::memcpy(fft + kAecBlockLen, error_block, sizeof(float) * kAecBlockLen);
   aec_rdft_forward_128(fft);
   aec_rdft_unpack_128(fft, ef);
-  AdspAec_ScaleErrorSignal(aec, ef);
-  AdspAec_FilterAdaptation(aec, fft, ef);
+  ScaleErrorSignal(aec, ef);
+  FilterAdaptation(aec, fft, ef);
   return energy;
 }
 
@@ -150,8 +143,8 @@ float AdspAec_ProcessLinearBlock(AecCore* aec) {
       abs_far[k] = std::sqrt(re * re + im * im);
     }
   }
-  Adsp_AddFarSpectrumFloat(aec->delay_estimator_farend, abs_far, kAecBins);
-  const int delay_estimate = Adsp_DelayEstimatorProcessFloat(aec->delay_estimator, abs_near, kAecBins);
+  Adsp_AddFarSpectrumFloat(&aec->delay_estimator_farend, abs_far, kAecBins);
+  const int delay_estimate = Adsp_DelayEstimatorProcessFloat(&aec->delay_estimator, abs_near, kAecBins);
   // The histogram reports true delays: the estimator's lag is added back.
   const int logged_delay = delay_estimate + kEstimatorFarLagBlocks;
   if (aec->delay_logging_enabled && delay_estimate >= 0 && logged_delay < kHistorySizeBlocks)
@@ -188,11 +181,11 @@ void ProcessBlock(AecCore* aec) {
 
 void SignalBasedDelayCorrection(AecCore* aec) {
   int shift = 0;
-  const int last_delay = Adsp_last_delay(aec->delay_estimator);
-  const float quality = Adsp_last_delay_quality(aec->delay_estimator);
+  const int last_delay = Adsp_last_delay(&aec->delay_estimator);
+  const float quality = Adsp_last_delay_quality(&aec->delay_estimator);
   if (last_delay >= 0 && last_delay != aec->previous_delay &&
       quality > aec->delay_quality_threshold) {
-    const int delay = last_delay - Adsp_lookahead(aec->delay_estimator);
+    const int delay = last_delay - Adsp_lookahead(&aec->delay_estimator);
     // A small positive delay is inside the filter's reach: leave it.
     const int upper_bound = aec->num_partitions / 4;
     if (delay <= 0 || delay > upper_bound) {
@@ -216,8 +209,8 @@ void SignalBasedDelayCorrection(AecCore* aec) {
   }
   if (shift != 0) {
     const int moved = MoveFarReadPtrWithoutSystemDelayUpdate(aec, shift);
-    Adsp_SoftResetDelayEstimatorFarend(aec->delay_estimator_farend, moved);
-    Adsp_SoftResetDelayEstimator(aec->delay_estimator, moved);
+    Adsp_SoftResetDelayEstimatorFarend(&aec->delay_estimator_farend, moved);
+    Adsp_SoftResetDelayEstimator(&aec->delay_estimator, moved);
     aec->signal_delay_correction += moved;
   }
 }
@@ -226,42 +219,29 @@ void SignalBasedDelayCorrection(AecCore* aec) {
 
 int AdspAec_CreateAec(AecCore* aec) {
   if (aec == nullptr) return -1;
-  aec->nearFrBuf.data = reinterpret_cast<char*>(aec->nearFrBuf_data);
-  if (Adsp_CreateBuffer(&aec->nearFrBuf, kAecBlockLen2, sizeof(float)) != 0) return -2;
+  if (Adsp_CreateBuffer(&aec->nearFrBuf, aec->nearFrBuf_data, kAecBlockLen2, sizeof(float)) != 0) return -2;
   for (int o = 0; o < 2; ++o) {
-    aec->outFrBuf[o].data = reinterpret_cast<char*>(aec->outFrBuf_data[o]);
-    if (Adsp_CreateBuffer(&aec->outFrBuf[o], kAecBlockLen2, sizeof(float)) != 0) return -3;
+    if (Adsp_CreateBuffer(&aec->outFrBuf[o], aec->outFrBuf_data[o], kAecBlockLen2, sizeof(float)) != 0) return -3;
   }
   for (int b = 0; b < kMaxUpperBands; ++b) {
-    aec->nearFrBufH[b].data = reinterpret_cast<char*>(aec->nearFrBufH_data[b]);
-    if (Adsp_CreateBuffer(&aec->nearFrBufH[b], kAecBlockLen2, sizeof(float)) != 0) return -4;
+    if (Adsp_CreateBuffer(&aec->nearFrBufH[b], aec->nearFrBufH_data[b], kAecBlockLen2, sizeof(float)) != 0)
+      return -4;
     for (int o = 0; o < 2; ++o) {
-      aec->outFrBufH[o][b].data = reinterpret_cast<char*>(aec->outFrBufH_data[o][b]);
-      if (Adsp_CreateBuffer(&aec->outFrBufH[o][b], kAecBlockLen2, sizeof(float)) != 0) return -5;
+      if (Adsp_CreateBuffer(&aec->outFrBufH[o][b], aec->outFrBufH_data[o][b], kAecBlockLen2, sizeof(float)) != 0)
+        return -5;
     }
   }
-  aec->far_buf.data = reinterpret_cast<char*>(aec->far_buf_data);
-  if (Adsp_CreateBuffer(&aec->far_buf, kFarBufSizePartitions, sizeof(float) * kFarSpectrumFloats) != 0)
+  if (Adsp_CreateBuffer(&aec->far_buf, aec->far_buf_data, kFarBufSizePartitions,
+                        sizeof(float) * kFarSpectrumFloats) != 0)
     return -6;
-  aec->far_buf_windowed.data = reinterpret_cast<char*>(aec->far_buf_windowed_data);
-  if (Adsp_CreateBuffer(&aec->far_buf_windowed, kFarBufSizePartitions,
+  if (Adsp_CreateBuffer(&aec->far_buf_windowed, aec->far_buf_windowed_data, kFarBufSizePartitions,
                         sizeof(float) * kFarSpectrumFloats) != 0)
     return -7;
-  aec->delay_estimator_farend =
-      Adsp_CreateDelayEstimatorFarend(&aec->delay_estimator_farend_buf, kAecBins, kHistorySizeBlocks);
-  if (aec->delay_estimator_farend == nullptr) return -9;
-  aec->delay_estimator = Adsp_CreateDelayEstimator(&aec->delay_estimator_buf,
-                                                   aec->delay_estimator_farend, kHistorySizeBlocks);
-  if (aec->delay_estimator == nullptr) return -10;
-  Adsp_set_lookahead(aec->delay_estimator, kLookaheadBlocks);
-
-  AdspAec_FilterFar = FilterFar;
-  AdspAec_ScaleErrorSignal = ScaleErrorSignal;
-  AdspAec_FilterAdaptation = FilterAdaptation;
-  AdspAec_OverdriveAndSuppress = OverdriveAndSuppress;
-  AdspAec_ComfortNoise = ComfortNoise;
-  AdspAec_SubbandCoherence = SubbandCoherence;
-  aec_rdft_init();
+  if (Adsp_CreateDelayEstimatorFarend(&aec->delay_estimator_farend, kAecBins, kHistorySizeBlocks) == nullptr)
+    return -9;
+  if (Adsp_CreateDelayEstimator(&aec->delay_estimator, &aec->delay_estimator_farend, kHistorySizeBlocks) == nullptr)
+    return -10;
+  Adsp_set_lookahead(&aec->delay_estimator, kLookaheadBlocks);
   return 0;
 }
 
@@ -285,8 +265,8 @@ int AdspAec_InitAec(AecCore* aec, int sampFreq) {
   Adsp_InitBuffer(&aec->far_buf);
   Adsp_InitBuffer(&aec->far_buf_windowed);
   aec->system_delay = 0;
-  if (Adsp_InitDelayEstimatorFarend(aec->delay_estimator_farend) != 0) return -1;
-  if (Adsp_InitDelayEstimator(aec->delay_estimator) != 0) return -1;
+  if (Adsp_InitDelayEstimatorFarend(&aec->delay_estimator_farend) != 0) return -1;
+  if (Adsp_InitDelayEstimator(&aec->delay_estimator) != 0) return -1;
   std::memset(aec->delay_histogram, 0, sizeof(aec->delay_histogram));
   aec->delay_logging_enabled = 0;
   aec->signal_delay_correction = 0;
@@ -296,7 +276,7 @@ int AdspAec_InitAec(AecCore* aec, int sampFreq) {
   aec->delay_quality_threshold = 0.0f;
   aec->reported_delay_enabled = 0;
   AdspAec_enable_delay_correction(aec, 0);
-  Adsp_enable_robust_validation(aec->delay_estimator, 1);
+  Adsp_enable_robust_validation(&aec->delay_estimator, 1);
 
   aec->nlp_mode = 1;
   aec->mult = aec->num_bands == 1 ? sampFreq / 8000 : 2;
@@ -314,13 +294,12 @@ int AdspAec_InitAec(AecCore* aec, int sampFreq) {
   std::memset(aec->xPow, 0, sizeof(aec->xPow));
   std::memset(aec->dPow, 0, sizeof(aec->dPow));
   std::memset(aec->dInitMinPow, 0, sizeof(aec->dInitMinPow));
-  aec->noisePow = aec->dInitMinPow;
+  aec->noise_pow_settled = 0;
   aec->noiseEstCtr = 0;
   for (int k = 0; k < kAecBins; ++k) aec->dMinPow[k] = 1.0e6f;
   std::memset(aec->xfBuf, 0, sizeof(aec->xfBuf));
   std::memset(aec->wfBuf, 0, sizeof(aec->wfBuf));
   std::memset(aec->wfBuf_main, 0, sizeof(aec->wfBuf_main));
-  std::memset(aec->wfBuf_ini, 0, sizeof(aec->wfBuf_ini));
   std::memset(aec->xfwBuf, 0, sizeof(aec->xfwBuf));
   aec->wf_main_u = 1.0f;
   aec->decay_count = 1;
@@ -442,7 +421,7 @@ int AdspAec_reported_delay_enabled(AecCore* self) { return self->reported_delay_
 void AdspAec_enable_delay_correction(AecCore* self, int enable) {
   self->extended_filter_enabled = enable;
   self->num_partitions = enable ? kExtendedNumPartitions : kNormalNumPartitions;
-  Adsp_set_allowed_offset(self->delay_estimator, self->num_partitions / 2);
+  Adsp_set_allowed_offset(&self->delay_estimator, self->num_partitions / 2);
 }
 int AdspAec_delay_correction_enabled(AecCore* self) { return self->extended_filter_enabled; }
 

@@ -97,7 +97,7 @@ struct AecCore {
   float dPow[kAecBins];
   float dMinPow[kAecBins];
   float dInitMinPow[kAecBins];
-  float* noisePow;
+  int noise_pow_settled;  // comfort noise from dMinPow (1) or, while starting, dInitMinPow (0)
 
   float xfBuf[2][kFilterPlaneLen];
   float wfBuf[2][kFilterPlaneLen];
@@ -122,7 +122,7 @@ struct AecCore {
 
   float hNlFbMin, hNlFbLocalMin;
   float hNlXdAvgMin;
-  float* subcohXd;
+  float* subcohXd;  // the caller's coherence output during AdspAec_Process, null between calls
   int hNlNewMin, hNlMinCtr;
   float overDrive, overDriveSm;
   int nlp_mode;
@@ -164,10 +164,8 @@ struct AecCore {
   int delay_histogram[kHistorySizeBlocks];
   int delay_logging_enabled;
 
-  void* delay_estimator_farend;
-  void* delay_estimator;
-  DelayEstimatorFarend delay_estimator_farend_buf;
-  DelayEstimator delay_estimator_buf;
+  DelayEstimatorFarend delay_estimator_farend;
+  DelayEstimator delay_estimator;  // over delay_estimator_farend
   int signal_delay_correction;
   int previous_delay;
   int delay_correction_count;
@@ -178,25 +176,8 @@ struct AecCore {
   int num_partitions;
 };
 
-// Per-kernel routines; set to the plain versions when a core is created.
-typedef void (*AecFilterFar)(AecCore* aec, float yf[2][kAecBins]);
-typedef void (*AecScaleErrorSignal)(AecCore* aec, float ef[2][kAecBins]);
-typedef void (*AecFilterAdaptation)(AecCore* aec, float* fft, float ef[2][kAecBins]);
-typedef void (*AecOverdriveAndSuppress)(AecCore* aec, float* hNl, const float hNlFb,
-                                        float efw[2][kAecBins], int EnableFlag);
-typedef void (*AecComfortNoise)(AecCore* aec, float efw[2][kAecBins], complex_t* comfortNoiseHband,
-                                const float* noisePow, const float* lambda);
-typedef void (*AecSubbandCoherence)(AecCore* aec, float efw[2][kAecBins], float xfw[2][kAecBins],
-                                    float* fft, float* cohde, float* cohxd, float* cohxe,
-                                    float* Rbb, int PostFilterflag);
-extern AecFilterFar AdspAec_FilterFar;
-extern AecScaleErrorSignal AdspAec_ScaleErrorSignal;
-extern AecFilterAdaptation AdspAec_FilterAdaptation;
-extern AecOverdriveAndSuppress AdspAec_OverdriveAndSuppress;
-extern AecComfortNoise AdspAec_ComfortNoise;
-extern AecSubbandCoherence AdspAec_SubbandCoherence;
-
-// Plain kernels (also reachable through the table above).
+// The block kernels, called directly: which one runs is fixed when the
+// library is compiled, so instances share no writable state.
 void FilterFar(AecCore* aec, float yf[2][kAecBins]);
 void ScaleErrorSignal(AecCore* aec, float ef[2][kAecBins]);
 void FilterAdaptation(AecCore* aec, float* fft, float ef[2][kAecBins]);
@@ -214,6 +195,7 @@ void UpdateDoubleFilter(AecCore* aec, float main_error_energy, float adaptive_er
                         float far_mean_square);
 
 int AdspAec_CreateAec(AecCore* aec);
+// Restarts the core; the stored echo path (wfBuf_ini) is left as it is.
 int AdspAec_InitAec(AecCore* aec, int sampFreq);
 void AdspAec_BufferFarendPartition(AecCore* aec, const float* farend);
 void AdspAec_ProcessFrames(AecCore* aec, const float* const* nearend, int num_bands,

@@ -180,7 +180,7 @@ int AdspAec_GetDelayMetricsCore(AecCore* aec, int* median, int* std) {
     }
   }
   const int ms_per_block = kAecBlockLen / (aec->mult * 8);
-  *median = (median_index - Adsp_lookahead(aec->delay_estimator)) * ms_per_block;
+  *median = (median_index - Adsp_lookahead(&aec->delay_estimator)) * ms_per_block;
   float deviation = 0.0f;
   for (int i = 0; i < kHistorySizeBlocks; ++i)
     deviation += static_cast<float>(std::abs(i - median_index) * aec->delay_histogram[i]);

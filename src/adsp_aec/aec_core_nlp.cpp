@@ -116,9 +116,9 @@ void UpdateNoiseEstimate(AecCore* aec, const float efw[2][kAecBins]) {
   }
   if (aec->noiseEstCtr < kInitNoiseBlocks) {
     aec->noiseEstCtr += 1;
-    aec->noisePow = aec->dInitMinPow;
+    aec->noise_pow_settled = 0;
   } else {
-    aec->noisePow = aec->dMinPow;
+    aec->noise_pow_settled = 1;
   }
 }
 
@@ -412,7 +412,7 @@ void ProcessNlpBlock(AecCore* aec, float far_mean_square) {
   }
 
   const int post_filter = aec->NlpPf == 3 ? 1 : 0;
-  AdspAec_SubbandCoherence(aec, efw, xfw, fft, cohde, cohxd, cohxe, Rbb, post_filter);
+  SubbandCoherence(aec, efw, xfw, fft, cohde, cohxd, cohxe, Rbb, post_filter);
   UpdateNoiseEstimate(aec, efw);
   SelectSuppressionGains(aec, cohde, cohxd, hNl, &hNlFb);
   SmoothOverdrive(aec);
@@ -427,7 +427,8 @@ void ProcessNlpBlock(AecCore* aec, float far_mean_square) {
   //  - communication alone: suppressed and filled with comfort noise.
   complex_t comfort_noise_hband[kAecBins];
   float comfort_pow[kAecBins];
-  for (int k = 0; k < kAecBins; ++k) comfort_pow[k] = kComfortNoiseScale * aec->noisePow[k];
+  const float* noise_pow = aec->noise_pow_settled ? aec->dMinPow : aec->dInitMinPow;
+  for (int k = 0; k < kAecBins; ++k) comfort_pow[k] = kComfortNoiseScale * noise_pow[k];
   const float linout_ms = BlockMeanSquare(aec->eBuf);
   float nlpout_ms = linout_ms;
   // Echo needs a far end: when the loudspeaker has been silent for the whole
@@ -440,20 +441,20 @@ void ProcessNlpBlock(AecCore* aec, float far_mean_square) {
     float linear_gains[kAecBins];
     std::memcpy(linear, efw, sizeof(linear));
     std::memcpy(linear_gains, hNl, sizeof(linear_gains));
-    AdspAec_OverdriveAndSuppress(aec, linear_gains, hNlFb, linear, 0);
+    OverdriveAndSuppress(aec, linear_gains, hNlFb, linear, 0);
     Synthesize(aec, linear, 0, 1.0f);
-    AdspAec_OverdriveAndSuppress(aec, hNl, hNlFb, efw, suppress);
-    if (suppress) AdspAec_ComfortNoise(aec, efw, comfort_noise_hband, comfort_pow, hNl);
+    OverdriveAndSuppress(aec, hNl, hNlFb, efw, suppress);
+    if (suppress) ComfortNoise(aec, efw, comfort_noise_hband, comfort_pow, hNl);
     nlpout_ms = Synthesize(aec, efw, 1, upper_gain);
   } else if (aec->NlpPf & 1) {
-    AdspAec_OverdriveAndSuppress(aec, hNl, hNlFb, efw, suppress);
+    OverdriveAndSuppress(aec, hNl, hNlFb, efw, suppress);
     nlpout_ms = Synthesize(aec, efw, 0, upper_gain);
   } else if (aec->NlpPf & 2) {
-    AdspAec_OverdriveAndSuppress(aec, hNl, hNlFb, efw, suppress);
-    if (suppress) AdspAec_ComfortNoise(aec, efw, comfort_noise_hband, comfort_pow, hNl);
+    OverdriveAndSuppress(aec, hNl, hNlFb, efw, suppress);
+    if (suppress) ComfortNoise(aec, efw, comfort_noise_hband, comfort_pow, hNl);
     nlpout_ms = Synthesize(aec, efw, 1, upper_gain);
   } else {
-    AdspAec_OverdriveAndSuppress(aec, hNl, hNlFb, efw, 0);
+    OverdriveAndSuppress(aec, hNl, hNlFb, efw, 0);
   }
 
   if (aec->metricsMode == 1)

@@ -24,7 +24,7 @@ constexpr float kDoubleTalkStep = 0.1f;
 constexpr int kDoubleTalkHoldBlocks = 25;  // 100 ms after the talker was last heard
 
 const Spectrum& RingSpectrum(const RingBuffer& ring, int index) {
-  return reinterpret_cast<const Spectrum*>(ring.data)[index];
+  return reinterpret_cast<const Spectrum*>(Adsp_BufferData(&ring))[index];
 }
 
 int Wrapped(int index, int count) { return ((index % count) + count) % count; }

@@ -10,7 +10,7 @@
 //
 // These plain stages are the reference; where the build has four-lane vectors
 // (aec_rdft_simd.cpp: SSE2 or NEON, the same bits on both) the hot stages
-// are replaced through the stage pointers. The first group of cft1st and the
+// are their vector twins, chosen at compile time. The first group of cft1st and the
 // first two of cftmdl take shortcuts for their trivial twiddles
 // (1 and e^(i pi/4)), so plain and vector stages agree to float rounding, not
 // bit for bit, in those groups.
@@ -135,14 +135,6 @@ void StoreTwiddled(float* a, int j, int d, const Butterfly& b, const Twiddles& w
 
 }  // namespace
 
-RdftStage128 bitrv2_128 = bitrv2_128_C;
-RdftStage128 cft1st_128 = cft1st_128_C;
-RdftStage128 cftmdl_128 = cftmdl_128_C;
-RdftStage128 cftfsub_128 = cftfsub_128_C;
-RdftStage128 cftbsub_128 = cftbsub_128_C;
-RdftStage128 rftfsub_128 = rftfsub_128_C;
-RdftStage128 rftbsub_128 = rftbsub_128_C;
-
 // Each complex pair moves as one 8-byte word: half the loads and stores of
 // moving its two floats apart, and the bits are only moved, never touched.
 void bitrv2_128_C(float* a) {
@@ -174,16 +166,18 @@ void cftmdl_128_C(float* a) {
   for (int j = 96; j < 104; j += 2) StoreTwiddled(a, j, 8, Load(a, j, 8), SecondTwiddles(2));
 }
 
-void cftfsub_128_C(float* a) {
-  cft1st_128(a);
-  cftmdl_128(a);
+namespace {
+
+void cftfsub_128(const RdftStages& stages, float* a) {
+  stages.cft1st(a);
+  stages.cftmdl(a);
   for (int j = 0; j < 32; j += 2) StoreUnit(a, j, 32, Load(a, j, 32));
 }
 
-void cftbsub_128_C(float* a) {
+void cftbsub_128(const RdftStages& stages, float* a) {
   const int l = 32;
-  cft1st_128(a);
-  cftmdl_128(a);
+  stages.cft1st(a);
+  stages.cftmdl(a);
   for (int j = 0; j < l; j += 2) {
     const int j1 = j + l;
     const int j2 = j1 + l;
@@ -206,6 +200,8 @@ void cftbsub_128_C(float* a) {
     a[j3 + 1] = x1i + x3r;
   }
 }
+
+}  // namespace
 
 void rftfsub_128_C(float* a) {
   const float* c = rdft_w.data() + 32;
@@ -245,19 +241,6 @@ void rftbsub_128_C(float* a) {
   a[65] = -a[65];
 }
 
-void aec_rdft_init(void) {
-  bitrv2_128 = bitrv2_128_C;
-  cft1st_128 = cft1st_128_C;
-  cftmdl_128 = cftmdl_128_C;
-  cftfsub_128 = cftfsub_128_C;
-  cftbsub_128 = cftbsub_128_C;
-  rftfsub_128 = rftfsub_128_C;
-  rftbsub_128 = rftbsub_128_C;
-#if defined(VORN_SIMD4)
-  aec_rdft_init_simd();
-#endif
-}
-
 void aec_rdft_unpack_128(const float* a, float spectrum[2][kRdftBins]) {
   constexpr int half = kRdftLength / 2;
   spectrum[0][0] = a[0];
@@ -280,21 +263,24 @@ void aec_rdft_pack_128(const float spectrum[2][kRdftBins], float* a) {
   }
 }
 
-void aec_rdft_forward_128(float* a) {
-  bitrv2_128(a);
-  cftfsub_128(a);
-  rftfsub_128(a);
+void aec_rdft_forward_128_with(const RdftStages& stages, float* a) {
+  bitrv2_128_C(a);
+  cftfsub_128(stages, a);
+  stages.rftfsub(a);
   const float xi = a[0] - a[1];
   a[0] += a[1];
   a[1] = xi;
 }
 
-void aec_rdft_inverse_128(float* a) {
+void aec_rdft_inverse_128_with(const RdftStages& stages, float* a) {
   a[1] = 0.5f * (a[0] - a[1]);
   a[0] -= a[1];
-  rftbsub_128(a);
-  bitrv2_128(a);
-  cftbsub_128(a);
+  stages.rftbsub(a);
+  bitrv2_128_C(a);
+  cftbsub_128(stages, a);
 }
+
+void aec_rdft_forward_128(float* a) { aec_rdft_forward_128_with(kRdftStages, a); }
+void aec_rdft_inverse_128(float* a) { aec_rdft_inverse_128_with(kRdftStages, a); }
 
 }  // namespace vorn

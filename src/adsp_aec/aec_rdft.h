@@ -15,17 +15,6 @@ inline constexpr int kRdftLength = 128;
 
 using RdftStage128 = void (*)(float* a);
 
-// Stage pointers, set by aec_rdft_init (plain stages, then the four-lane ones
-// where the build has them). They start out on the plain stages so the transform is
-// usable before aec_rdft_init is called.
-extern RdftStage128 bitrv2_128;
-extern RdftStage128 cft1st_128;
-extern RdftStage128 cftmdl_128;
-extern RdftStage128 cftfsub_128;
-extern RdftStage128 cftbsub_128;
-extern RdftStage128 rftfsub_128;
-extern RdftStage128 rftbsub_128;
-
 // The packed spectrum as real and imaginary parts of its 65 bins (the
 // imaginary parts of bins 0 and 64 are 0), and back.
 inline constexpr int kRdftBins = kRdftLength / 2 + 1;
@@ -36,8 +25,6 @@ void aec_rdft_pack_128(const float spectrum[2][kRdftBins], float* a);
 void bitrv2_128_C(float* a);
 void cft1st_128_C(float* a);
 void cftmdl_128_C(float* a);
-void cftfsub_128_C(float* a);
-void cftbsub_128_C(float* a);
 void rftfsub_128_C(float* a);
 void rftbsub_128_C(float* a);
 
@@ -47,12 +34,31 @@ void cft1st_128_Simd(float* a);
 void cftmdl_128_Simd(float* a);
 void rftfsub_128_Simd(float* a);
 void rftbsub_128_Simd(float* a);
-// Installs the four stages above; bit reversal and cftfsub/cftbsub stay plain.
-void aec_rdft_init_simd(void);
 #endif
 
-void aec_rdft_init(void);
+// The four stages a vector unit speeds up; bit reversal and the last complex
+// stage stay plain.
+struct RdftStages {
+  RdftStage128 cft1st, cftmdl, rftfsub, rftbsub;
+};
+inline constexpr RdftStages kRdftPlainStages = {cft1st_128_C, cftmdl_128_C, rftfsub_128_C, rftbsub_128_C};
+#if defined(VORN_SIMD4)
+inline constexpr RdftStages kRdftSimdStages = {cft1st_128_Simd, cftmdl_128_Simd, rftfsub_128_Simd,
+                                               rftbsub_128_Simd};
+#endif
+// The stages the canceller runs, fixed when the library is compiled (no
+// writable global chooses them, so instances on other threads share nothing).
+#if defined(VORN_SIMD4)
+inline constexpr const RdftStages& kRdftStages = kRdftSimdStages;
+#else
+inline constexpr const RdftStages& kRdftStages = kRdftPlainStages;
+#endif
+
+// The transforms with the compiled-in stages, and with a chosen set (tests and
+// benchmarks compare the sets).
 void aec_rdft_forward_128(float* a);
 void aec_rdft_inverse_128(float* a);
+void aec_rdft_forward_128_with(const RdftStages& stages, float* a);
+void aec_rdft_inverse_128_with(const RdftStages& stages, float* a);
 
 }  // namespace vorn

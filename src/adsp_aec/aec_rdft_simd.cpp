@@ -159,13 +159,6 @@ void rftbsub_128_Simd(float* a) {
   a[65] = -a[65];
 }
 
-void aec_rdft_init_simd(void) {
-  cft1st_128 = cft1st_128_Simd;
-  cftmdl_128 = cftmdl_128_Simd;
-  rftfsub_128 = rftfsub_128_Simd;
-  rftbsub_128 = rftbsub_128_Simd;
-}
-
 }  // namespace vorn
 
 #endif  // defined(VORN_SIMD4)

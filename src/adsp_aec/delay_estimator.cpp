@@ -55,7 +55,7 @@ constexpr int kMinCandidateHits = 11;
 
 void UpdateHistogram(BinaryDelayEstimator* self, int candidate, int32_t valley_depth_Q9) {
   for (int i = 0; i < self->history_size; ++i) self->histogram[i] *= kHistogramDecay;
-  if (valley_depth_Q9 > kProbabilityOffsetQ9 && self->farend->far_bit_counts[candidate] > 0) {
+  if (valley_depth_Q9 > kProbabilityOffsetQ9 && Adsp_BinaryFarendOf(self)->far_bit_counts[candidate] > 0) {
     const float valley_bits = static_cast<float>(valley_depth_Q9) / 512.0f;
     self->histogram[candidate] = std::min(self->histogram[candidate] + valley_bits, kHistogramMax);
   }
@@ -124,7 +124,8 @@ void Adsp_AddBinaryFarSpectrum(BinaryDelayEstimatorFarend* self, uint32_t binary
 int Adsp_CreateBinaryDelayEstimator(BinaryDelayEstimator* self, BinaryDelayEstimatorFarend* farend,
                                     int max_lookahead) {
   if (self == nullptr || farend == nullptr || max_lookahead < 0 || max_lookahead > kHistorySizeBlocks) return -1;
-  self->farend = farend;
+  self->farend_offset = static_cast<std::ptrdiff_t>(reinterpret_cast<std::uintptr_t>(farend) -
+                                                    reinterpret_cast<std::uintptr_t>(self));
   self->history_size = farend->history_size;
   self->near_history_size = max_lookahead + 1;
   self->lookahead = max_lookahead;
@@ -167,7 +168,7 @@ int Adsp_ProcessBinarySpectrum(BinaryDelayEstimator* self, uint32_t binary_near_
     binary_near_spectrum = self->binary_near_history[self->lookahead];
   }
 
-  const BinaryDelayEstimatorFarend* farend = self->farend;
+  const BinaryDelayEstimatorFarend* farend = Adsp_BinaryFarendOf(self);
   for (int i = 0; i < self->history_size; ++i) {
     self->bit_counts[i] = std::popcount(binary_near_spectrum ^ farend->binary_far_history[i]);
   }

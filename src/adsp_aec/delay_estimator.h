@@ -37,15 +37,17 @@ struct BinaryDelayEstimator {
   float histogram[kHistorySizeBlocks + 1];  // evidence per delay, 0..3000
   float last_delay_histogram;               // histogram value of last_delay, capped at 250
   int lookahead;                   // blocks the near end is looked at late
-  BinaryDelayEstimatorFarend* farend;
+  // The far end this estimator compares with, as a byte offset from this
+  // record: both live in the owner's instance and move with it.
+  std::ptrdiff_t farend_offset;
 };
 static_assert(offsetof(BinaryDelayEstimator, bit_counts) == 504);
 static_assert(offsetof(BinaryDelayEstimator, binary_near_history) == 1004);
 static_assert(offsetof(BinaryDelayEstimator, near_history_size) == 1508);
 static_assert(offsetof(BinaryDelayEstimator, histogram) == 1548);
 static_assert(offsetof(BinaryDelayEstimator, lookahead) == 2056);
-static_assert(offsetof(BinaryDelayEstimator, farend) == 2064);
-static_assert(sizeof(BinaryDelayEstimator) == 2072);
+static_assert(offsetof(BinaryDelayEstimator, farend_offset) == (sizeof(std::ptrdiff_t) == 8 ? 2064 : 2060));
+static_assert(sizeof(BinaryDelayEstimator) == offsetof(BinaryDelayEstimator, farend_offset) + sizeof(std::ptrdiff_t));
 
 // Far end. Create checks the history size (2..kHistorySizeBlocks) and
 // initialises: 0, or -1.
@@ -55,6 +57,15 @@ void Adsp_InitBinaryDelayEstimatorFarend(BinaryDelayEstimatorFarend* self);
 // zero-filling the vacated places.
 void Adsp_SoftResetBinaryDelayEstimatorFarend(BinaryDelayEstimatorFarend* self, int delay_shift);
 void Adsp_AddBinaryFarSpectrum(BinaryDelayEstimatorFarend* self, uint32_t binary_far_spectrum);
+
+// The far end an estimator was created over.
+inline BinaryDelayEstimatorFarend* Adsp_BinaryFarendOf(BinaryDelayEstimator* self) {
+  return reinterpret_cast<BinaryDelayEstimatorFarend*>(reinterpret_cast<std::uintptr_t>(self) +
+                                                        static_cast<std::uintptr_t>(self->farend_offset));
+}
+inline const BinaryDelayEstimatorFarend* Adsp_BinaryFarendOf(const BinaryDelayEstimator* self) {
+  return Adsp_BinaryFarendOf(const_cast<BinaryDelayEstimator*>(self));
+}
 
 // Near end over a far end. max_lookahead 0..kHistorySizeBlocks. 0, or -1.
 int Adsp_CreateBinaryDelayEstimator(BinaryDelayEstimator* self, BinaryDelayEstimatorFarend* farend,

@@ -56,8 +56,7 @@ const DelayEstimator* Near(const void* handle) { return static_cast<const DelayE
 
 void* Adsp_CreateDelayEstimatorFarend(DelayEstimatorFarend* self_buf, int spectrum_size, int history_size) {
   if (self_buf == nullptr || spectrum_size != kDelayEstimatorSpectrumSize) return nullptr;
-  self_buf->binary_farend = &self_buf->binary_farend_buf;
-  if (Adsp_CreateBinaryDelayEstimatorFarend(self_buf->binary_farend, history_size) != 0) return nullptr;
+  if (Adsp_CreateBinaryDelayEstimatorFarend(&self_buf->binary_farend, history_size) != 0) return nullptr;
   self_buf->spectrum_size = spectrum_size;
   Adsp_InitDelayEstimatorFarend(self_buf);
   return self_buf;
@@ -66,7 +65,7 @@ void* Adsp_CreateDelayEstimatorFarend(DelayEstimatorFarend* self_buf, int spectr
 int Adsp_InitDelayEstimatorFarend(void* handle) {
   DelayEstimatorFarend* self = Farend(handle);
   if (self == nullptr) return -1;
-  Adsp_InitBinaryDelayEstimatorFarend(self->binary_farend);
+  Adsp_InitBinaryDelayEstimatorFarend(&self->binary_farend);
   for (SpectrumType& mean : self->mean_far_spectrum) mean.float_ = 0.0f;
   self->far_spectrum_initialized = 0;
   return 0;
@@ -74,7 +73,7 @@ int Adsp_InitDelayEstimatorFarend(void* handle) {
 
 void Adsp_SoftResetDelayEstimatorFarend(void* handle, int delay_shift) {
   if (handle == nullptr) return;
-  Adsp_SoftResetBinaryDelayEstimatorFarend(Farend(handle)->binary_farend, delay_shift);
+  Adsp_SoftResetBinaryDelayEstimatorFarend(&Farend(handle)->binary_farend, delay_shift);
 }
 
 int Adsp_AddFarSpectrumFloat(void* handle, const float* far_spectrum, int spectrum_size) {
@@ -82,7 +81,7 @@ int Adsp_AddFarSpectrumFloat(void* handle, const float* far_spectrum, int spectr
   if (self == nullptr || far_spectrum == nullptr || spectrum_size != self->spectrum_size) return -1;
   const uint32_t binary_spectrum =
       BinarySpectrumFloat(far_spectrum, self->mean_far_spectrum, &self->far_spectrum_initialized);
-  Adsp_AddBinaryFarSpectrum(self->binary_farend, binary_spectrum);
+  Adsp_AddBinaryFarSpectrum(&self->binary_farend, binary_spectrum);
   return 0;
 }
 
@@ -92,7 +91,7 @@ int Adsp_AddFarSpectrumFix(void* handle, const uint16_t* far_spectrum, int spect
   if (far_q < 0 || far_q > 15) return -1;
   const uint32_t binary_spectrum =
       BinarySpectrumFix(far_spectrum, self->mean_far_spectrum, far_q, &self->far_spectrum_initialized);
-  Adsp_AddBinaryFarSpectrum(self->binary_farend, binary_spectrum);
+  Adsp_AddBinaryFarSpectrum(&self->binary_farend, binary_spectrum);
   return 0;
 }
 
@@ -101,8 +100,7 @@ void* Adsp_CreateDelayEstimator(DelayEstimator* self_buf, void* farend_handle, i
   if (self_buf == nullptr || farend == nullptr || farend->spectrum_size != kDelayEstimatorSpectrumSize) {
     return nullptr;
   }
-  self_buf->binary_handle = &self_buf->binary_handle_buf;
-  if (Adsp_CreateBinaryDelayEstimator(self_buf->binary_handle, farend->binary_farend, max_lookahead) != 0) {
+  if (Adsp_CreateBinaryDelayEstimator(&self_buf->binary_handle, &farend->binary_farend, max_lookahead) != 0) {
     return nullptr;
   }
   self_buf->spectrum_size = farend->spectrum_size;
@@ -113,7 +111,7 @@ void* Adsp_CreateDelayEstimator(DelayEstimator* self_buf, void* farend_handle, i
 int Adsp_InitDelayEstimator(void* handle) {
   DelayEstimator* self = Near(handle);
   if (self == nullptr) return -1;
-  Adsp_InitBinaryDelayEstimator(self->binary_handle);
+  Adsp_InitBinaryDelayEstimator(&self->binary_handle);
   for (SpectrumType& mean : self->mean_near_spectrum) mean.float_ = 0.0f;
   self->near_spectrum_initialized = 0;
   return 0;
@@ -121,7 +119,7 @@ int Adsp_InitDelayEstimator(void* handle) {
 
 int Adsp_SoftResetDelayEstimator(void* handle, int delay_shift) {
   if (handle == nullptr) return -1;
-  return Adsp_SoftResetBinaryDelayEstimator(Near(handle)->binary_handle, delay_shift);
+  return Adsp_SoftResetBinaryDelayEstimator(&Near(handle)->binary_handle, delay_shift);
 }
 
 int Adsp_DelayEstimatorProcessFloat(void* handle, const float* near_spectrum, int spectrum_size) {
@@ -129,7 +127,7 @@ int Adsp_DelayEstimatorProcessFloat(void* handle, const float* near_spectrum, in
   if (self == nullptr || near_spectrum == nullptr || spectrum_size != self->spectrum_size) return -1;
   const uint32_t binary_spectrum =
       BinarySpectrumFloat(near_spectrum, self->mean_near_spectrum, &self->near_spectrum_initialized);
-  return Adsp_ProcessBinarySpectrum(self->binary_handle, binary_spectrum);
+  return Adsp_ProcessBinarySpectrum(&self->binary_handle, binary_spectrum);
 }
 
 int Adsp_DelayEstimatorProcessFix(void* handle, const uint16_t* near_spectrum, int spectrum_size, int near_q) {
@@ -138,7 +136,7 @@ int Adsp_DelayEstimatorProcessFix(void* handle, const uint16_t* near_spectrum, i
   if (near_q < 0 || near_q > 15) return -1;
   const uint32_t binary_spectrum =
       BinarySpectrumFix(near_spectrum, self->mean_near_spectrum, near_q, &self->near_spectrum_initialized);
-  return Adsp_ProcessBinarySpectrum(self->binary_handle, binary_spectrum);
+  return Adsp_ProcessBinarySpectrum(&self->binary_handle, binary_spectrum);
 }
 
 // Both ends share one history length; changing it restarts them, as the old
@@ -146,10 +144,11 @@ int Adsp_DelayEstimatorProcessFix(void* handle, const uint16_t* near_spectrum, i
 int Adsp_set_history_size(void* handle, int history_size) {
   DelayEstimator* self = Near(handle);
   if (self == nullptr || history_size < 2 || history_size > kHistorySizeBlocks) return -1;
-  BinaryDelayEstimator* binary = self->binary_handle;
-  binary->farend->history_size = history_size;
+  BinaryDelayEstimator* binary = &self->binary_handle;
+  BinaryDelayEstimatorFarend* farend = Adsp_BinaryFarendOf(binary);
+  farend->history_size = history_size;
   binary->history_size = history_size;
-  Adsp_InitBinaryDelayEstimatorFarend(binary->farend);
+  Adsp_InitBinaryDelayEstimatorFarend(farend);
   Adsp_InitBinaryDelayEstimator(binary);
   return history_size;
 }
@@ -157,58 +156,58 @@ int Adsp_set_history_size(void* handle, int history_size) {
 int Adsp_history_size(const void* handle) {
   const DelayEstimator* self = Near(handle);
   if (self == nullptr) return -1;
-  return self->binary_handle->history_size;
+  return self->binary_handle.history_size;
 }
 
 int Adsp_set_lookahead(void* handle, int lookahead) {
   DelayEstimator* self = Near(handle);
-  if (self == nullptr || lookahead < 0 || lookahead > self->binary_handle->near_history_size - 1) return -1;
-  self->binary_handle->lookahead = lookahead;
+  if (self == nullptr || lookahead < 0 || lookahead > self->binary_handle.near_history_size - 1) return -1;
+  self->binary_handle.lookahead = lookahead;
   return lookahead;
 }
 
 int Adsp_lookahead(void* handle) {
   DelayEstimator* self = Near(handle);
   if (self == nullptr) return -1;
-  return self->binary_handle->lookahead;
+  return self->binary_handle.lookahead;
 }
 
 int Adsp_set_allowed_offset(void* handle, int allowed_offset) {
   DelayEstimator* self = Near(handle);
   if (self == nullptr || allowed_offset < 0) return -1;
-  self->binary_handle->allowed_offset = allowed_offset;
+  self->binary_handle.allowed_offset = allowed_offset;
   return 0;
 }
 
 int Adsp_get_allowed_offset(const void* handle) {
   const DelayEstimator* self = Near(handle);
   if (self == nullptr) return -1;
-  return self->binary_handle->allowed_offset;
+  return self->binary_handle.allowed_offset;
 }
 
 int Adsp_enable_robust_validation(void* handle, int enable) {
   DelayEstimator* self = Near(handle);
   if (self == nullptr || enable < 0 || enable > 1) return -1;
-  self->binary_handle->robust_validation_enabled = enable;
+  self->binary_handle.robust_validation_enabled = enable;
   return 0;
 }
 
 int Adsp_is_robust_validation_enabled(const void* handle) {
   const DelayEstimator* self = Near(handle);
   if (self == nullptr) return -1;
-  return self->binary_handle->robust_validation_enabled;
+  return self->binary_handle.robust_validation_enabled;
 }
 
 int Adsp_last_delay(void* handle) {
   DelayEstimator* self = Near(handle);
   if (self == nullptr) return -1;
-  return Adsp_binary_last_delay(self->binary_handle);
+  return Adsp_binary_last_delay(&self->binary_handle);
 }
 
 float Adsp_last_delay_quality(void* handle) {
   DelayEstimator* self = Near(handle);
   if (self == nullptr) return 0.0f;
-  return Adsp_binary_last_delay_quality(self->binary_handle);
+  return Adsp_binary_last_delay_quality(&self->binary_handle);
 }
 
 }  // namespace vorn

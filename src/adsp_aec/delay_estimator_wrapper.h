@@ -1,7 +1,7 @@
 // Float front of the delay estimator: turns 65-bin power spectra into binary
 // spectra (bands 12..43 against their running means) and drives the binary
 // estimator. The records live in the owner's memory; the handles are pointers
-// to them.
+// to them, handed in on every call and never stored.
 #pragma once
 
 #include <cstddef>
@@ -25,21 +25,18 @@ struct DelayEstimatorFarend {
   SpectrumType mean_far_spectrum[kDelayEstimatorSpectrumSize];
   int far_spectrum_initialized;
   int spectrum_size;
-  BinaryDelayEstimatorFarend* binary_farend;  // points at binary_farend_buf
-  BinaryDelayEstimatorFarend binary_farend_buf;
+  BinaryDelayEstimatorFarend binary_farend;
 };
-static_assert(offsetof(DelayEstimatorFarend, binary_farend) == 272);
-static_assert(sizeof(DelayEstimatorFarend) == 1288);
+static_assert(offsetof(DelayEstimatorFarend, binary_farend) == 268);
+static_assert(sizeof(DelayEstimatorFarend) == 1272);
 
 struct DelayEstimator {
   SpectrumType mean_near_spectrum[kDelayEstimatorSpectrumSize];
   int near_spectrum_initialized;
   int spectrum_size;
-  BinaryDelayEstimator* binary_handle;  // points at binary_handle_buf
-  BinaryDelayEstimator binary_handle_buf;
+  BinaryDelayEstimator binary_handle;
 };
-static_assert(offsetof(DelayEstimator, binary_handle) == 272);
-static_assert(sizeof(DelayEstimator) == 2352);
+static_assert(offsetof(DelayEstimator, binary_handle) == (alignof(BinaryDelayEstimator) == 8 ? 272 : 268));
 
 // Far end: self_buf is the owner's DelayEstimatorFarend; returns it as the
 // handle, or null when spectrum_size is not 65 or history_size is not 2..125.

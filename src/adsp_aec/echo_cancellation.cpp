@@ -22,7 +22,7 @@ void PassThrough(const Aec* self, const float* const* nearend, int num_bands,
                  float* const* outAsr, float* const* outCom, int nrOfSamples) {
   float* const* outputs[2] = {outAsr, outCom};
   for (int o = 0; o < 2; ++o) {
-    if ((self->aec->NlpPf & (1 << o)) == 0 || outputs[o] == nullptr) continue;
+    if ((self->core.NlpPf & (1 << o)) == 0 || outputs[o] == nullptr) continue;
     for (int b = 0; b < num_bands; ++b) {
       if (outputs[o][b] != nearend[b])
         std::memcpy(outputs[o][b], nearend[b], sizeof(float) * nrOfSamples);
@@ -42,10 +42,10 @@ int16_t ClampToInt16(float value) {
 void EstBufDelayNormal(Aec* self) {
   const int block = kAecBlockLen * self->rate_factor;
   int current_delay = self->msInSndCardBuf * sampMsNb * self->rate_factor -
-                      AdspAec_system_delay(self->aec) + block;
+                      AdspAec_system_delay(&self->core) + block;
   if (self->skewMode == 1 && self->resample == 1) current_delay -= kResamplingDelay;
   if (current_delay < kAecBlockLen)
-    current_delay += AdspAec_MoveFarReadPtr(self->aec, 1) * kAecBlockLen;
+    current_delay += AdspAec_MoveFarReadPtr(&self->core, 1) * kAecBlockLen;
   const int previous = self->filtDelay < 0 ? 0 : self->filtDelay;
   const int smoothed = static_cast<int>(0.8f * previous + 0.2f * current_delay);
   self->filtDelay = ClampToInt16(static_cast<float>(smoothed < 0 ? 0 : smoothed));
@@ -68,9 +68,9 @@ void EstBufDelayNormal(Aec* self) {
 void EstBufDelayExtended(Aec* self) {
   const int block = kAecBlockLen * self->rate_factor;
   int current_delay = self->msInSndCardBuf * sampMsNb * self->rate_factor -
-                      AdspAec_system_delay(self->aec) + block;
+                      AdspAec_system_delay(&self->core) + block;
   if (current_delay < kAecBlockLen)
-    current_delay += AdspAec_MoveFarReadPtr(self->aec, 2) * kAecBlockLen;
+    current_delay += AdspAec_MoveFarReadPtr(&self->core, 2) * kAecBlockLen;
   int smoothed;
   if (self->filtDelay == -1) {
     smoothed = static_cast<int>(0.5f * current_delay);
@@ -130,11 +130,11 @@ void SizeFarendBuffer(Aec* self, int nrOfSamples) {
     }
   }
   if (!self->checkBuffSize) {
-    const int overhead = AdspAec_system_delay(self->aec) / kAecBlockLen - self->bufSizeStart;
+    const int overhead = AdspAec_system_delay(&self->core) / kAecBlockLen - self->bufSizeStart;
     if (overhead == 0) {
       self->startup_phase = 0;
     } else if (overhead > 0) {
-      AdspAec_MoveFarReadPtr(self->aec, overhead);
+      AdspAec_MoveFarReadPtr(&self->core, overhead);
       self->startup_phase = 0;
     }
   }
@@ -150,7 +150,7 @@ int32_t ProcessNormal(Aec* self, const float* const* nearend, int num_bands, flo
     if (self->skewFrCtr < 25) {
       self->skewFrCtr += 1;
     } else {
-      if (AdspAec_GetSkew(self->resampler, skew, &self->skew) == -1) {
+      if (AdspAec_GetSkew(&self->resampler, skew, &self->skew) == -1) {
         self->skew = 0.0f;
         self->lastError = kAecWarnBadParameter;
         result = -6;
@@ -163,8 +163,8 @@ int32_t ProcessNormal(Aec* self, const float* const* nearend, int num_bands, flo
   }
 
   if (self->startup_phase == 0) {
-    if (AdspAec_reported_delay_enabled(self->aec)) EstBufDelayNormal(self);
-    AdspAec_ProcessFrames(self->aec, nearend, num_bands, nrOfSamples, self->knownDelay, outAsr,
+    if (AdspAec_reported_delay_enabled(&self->core)) EstBufDelayNormal(self);
+    AdspAec_ProcessFrames(&self->core, nearend, num_bands, nrOfSamples, self->knownDelay, outAsr,
                           outCom);
   } else {
     PassThrough(self, nearend, num_bands, outAsr, outCom, nrOfSamples);
@@ -187,60 +187,37 @@ int32_t ProcessExtended(Aec* self, const float* const* nearend, int num_bands,
   if (self->startup_phase) {
     const int startup_ms = delay_ms > kFixedDelayMs ? delay_ms : kFixedDelayMs;
     const int target = startup_ms / 2 * self->rate_factor * sampMsNb;
-    AdspAec_MoveFarReadPtr(self->aec, (AdspAec_system_delay(self->aec) - target) / kAecBlockLen);
+    AdspAec_MoveFarReadPtr(&self->core, (AdspAec_system_delay(&self->core) - target) / kAecBlockLen);
     self->startup_phase = 0;
   }
-  if (AdspAec_reported_delay_enabled(self->aec)) EstBufDelayExtended(self);
+  if (AdspAec_reported_delay_enabled(&self->core)) EstBufDelayExtended(self);
   const int known = self->knownDelay > 0 ? self->knownDelay : 0;
-  AdspAec_ProcessFrames(self->aec, nearend, num_bands, nrOfSamples, known, outAsr, outCom);
+  AdspAec_ProcessFrames(&self->core, nearend, num_bands, nrOfSamples, known, outAsr, outCom);
   return result;
 }
 
 }  // namespace
 
-int32_t AdspAec_Init(void* aecInst, uint32_t aecInst_buf_len, int32_t sampFreq, int32_t scSampFreq,
-                     const int NlpPf, char* filter_conf) {
-  // Nowhere to record an error for a missing or misaligned instance (the
-  // record holds pointers and sizes, which need their natural alignment).
-  if (aecInst == nullptr || reinterpret_cast<std::uintptr_t>(aecInst) % alignof(Aec) != 0) return -1;
-  Aec* self = static_cast<Aec*>(aecInst);
-  if ((sampFreq != 8000 && sampFreq != 16000 && sampFreq != 32000 && sampFreq != 48000) ||
-      scSampFreq < 1 || scSampFreq > 96000) {
-    self->lastError = kAecErrBadParameter;
-    return -1;
-  }
-  if (NlpPf < 0 || NlpPf > 3 || aecInst_buf_len != kAecInstanceBytes) return -2;
-  std::memset(self, 0, kAecInstanceBytes);
+namespace {
 
-  self->aec = &self->aec_memory;
-  if (AdspAec_CreateAec(self->aec) != 0) return -1;
-  self->resampler = AdspAec_CreateResampler(&self->resampler_buf);
-  if (self->resampler == nullptr) return -1;
-  self->far_pre_buf.data = reinterpret_cast<char*>(self->far_pre_buf_data);
-  if (Adsp_CreateBuffer(&self->far_pre_buf, kFarPreBufLen, sizeof(float)) != 0) return -1;
+// Everything AdspAec_Init sets up in a cleared instance, the echo path
+// excepted: AdspAec_Reset goes through the same steps over an instance
+// cleared all but its stored echo path.
+int32_t PrepareInstance(Aec* self, int32_t sampFreq, int32_t scSampFreq, int NlpPf) {
+  if (AdspAec_CreateAec(&self->core) != 0) return -1;
+  if (Adsp_CreateBuffer(&self->far_pre_buf, self->far_pre_buf_data, kFarPreBufLen, sizeof(float)) != 0) return -1;
 
   self->lastError = 0;
   self->initFlag = 0;
   self->sampFreq = sampFreq;
   self->scSampFreq = scSampFreq;
-  if (AdspAec_InitAec(self->aec, sampFreq) == -1) {
+  if (AdspAec_InitAec(&self->core, sampFreq) == -1) {
     self->lastError = kAecErrUnspecified;
     return -1;
   }
-  self->aec->NlpPf = NlpPf;
+  self->core.NlpPf = NlpPf;
 
-  // A stored echo path seeds both filters; without one (or with a file that
-  // cannot be read) the canceller starts from silence.
-  if (filter_conf != nullptr) {
-    if (AdspAec_FilterRead(filter_conf, self->aec) == 0) {
-      std::memcpy(self->aec->wfBuf, self->aec->wfBuf_ini, sizeof(self->aec->wfBuf));
-      std::memcpy(self->aec->wfBuf_main, self->aec->wfBuf_ini, sizeof(self->aec->wfBuf_main));
-    } else {
-      std::memset(self->aec->wfBuf_ini, 0, sizeof(self->aec->wfBuf_ini));
-    }
-  }
-
-  if (AdspAec_InitResampler(self->resampler, scSampFreq) == -1) {
+  if (AdspAec_InitResampler(&self->resampler, scSampFreq) == -1) {
     self->lastError = kAecErrUnspecified;
     return -1;
   }
@@ -270,7 +247,7 @@ int32_t AdspAec_Init(void* aecInst, uint32_t aecInst_buf_len, int32_t sampFreq, 
   self->farend_started = 0;
   self->checkBuffSize = 1;
   self->filtDelay = -1;
-  self->startup_phase = AdspAec_reported_delay_enabled(self->aec);
+  self->startup_phase = AdspAec_reported_delay_enabled(&self->core);
 
   AecConfig config;
   config.nlpMode = kAecNlpModerate;
@@ -281,6 +258,95 @@ int32_t AdspAec_Init(void* aecInst, uint32_t aecInst_buf_len, int32_t sampFreq, 
     self->lastError = kAecErrUnspecified;
     return -1;
   }
+  return 0;
+}
+
+// Both filters start from the stored echo path (zeros when there is none).
+void SeedFilters(AecCore* core) {
+  std::memcpy(core->wfBuf, core->wfBuf_ini, sizeof(core->wfBuf));
+  std::memcpy(core->wfBuf_main, core->wfBuf_ini, sizeof(core->wfBuf_main));
+}
+
+bool ValidOutputs(int NlpPf) { return NlpPf >= 0 && NlpPf <= 3; }
+
+// An initialised instance and a valid output selector, or null (with the
+// reason recorded in the instance when there is one).
+Aec* ReadyFor(void* aecInst, int NlpPf) {
+  if (aecInst == nullptr) return nullptr;
+  Aec* self = static_cast<Aec*>(aecInst);
+  if (!Initialized(self)) {
+    self->lastError = kAecErrUninitialized;
+    return nullptr;
+  }
+  if (!ValidOutputs(NlpPf)) {
+    self->lastError = kAecErrBadParameter;
+    return nullptr;
+  }
+  return self;
+}
+
+}  // namespace
+
+int32_t AdspAec_Init(void* aecInst, uint32_t aecInst_buf_len, int32_t sampFreq, int32_t scSampFreq,
+                     const int NlpPf, char* filter_conf) {
+  // Nowhere to record an error for a missing or misaligned instance (the
+  // record holds sizes, which need their natural alignment).
+  if (aecInst == nullptr || reinterpret_cast<std::uintptr_t>(aecInst) % alignof(Aec) != 0) return -1;
+  Aec* self = static_cast<Aec*>(aecInst);
+  if ((sampFreq != 8000 && sampFreq != 16000 && sampFreq != 32000 && sampFreq != 48000) ||
+      scSampFreq < 1 || scSampFreq > 96000) {
+    self->lastError = kAecErrBadParameter;
+    return -1;
+  }
+  if (!ValidOutputs(NlpPf) || aecInst_buf_len != kAecInstanceBytes) return -2;
+  std::memset(self, 0, kAecInstanceBytes);
+  const int32_t rc = PrepareInstance(self, sampFreq, scSampFreq, NlpPf);
+  if (rc != 0) return rc;
+
+  // A stored echo path seeds both filters; without one (or with a file that
+  // cannot be read) the canceller starts from silence.
+  if (filter_conf != nullptr) {
+    if (AdspAec_FilterRead(filter_conf, &self->core) == 0) {
+      SeedFilters(&self->core);
+    } else {
+      std::memset(self->core.wfBuf_ini, 0, sizeof(self->core.wfBuf_ini));
+    }
+  }
+  return 0;
+}
+
+int32_t AdspAec_Reset(void* aecInst, int NlpPf) {
+  Aec* self = ReadyFor(aecInst, NlpPf);
+  if (self == nullptr) return -1;
+  const int32_t sampFreq = self->sampFreq;
+  const int32_t scSampFreq = self->scSampFreq;
+  // Clear the instance around the stored echo path, as AdspAec_Init clears
+  // all of it.
+  auto* bytes = reinterpret_cast<unsigned char*>(self);
+  auto* kept = reinterpret_cast<unsigned char*>(self->core.wfBuf_ini);
+  const std::size_t kept_from = static_cast<std::size_t>(kept - bytes);
+  const std::size_t kept_to = kept_from + sizeof(self->core.wfBuf_ini);
+  std::memset(bytes, 0, kept_from);
+  std::memset(bytes + kept_to, 0, kAecInstanceBytes - kept_to);
+  const int32_t rc = PrepareInstance(self, sampFreq, scSampFreq, NlpPf);
+  if (rc != 0) return rc;
+  SeedFilters(&self->core);
+  return 0;
+}
+
+int32_t AdspAec_SetOutputs(void* aecInst, int NlpPf) {
+  Aec* self = ReadyFor(aecInst, NlpPf);
+  if (self == nullptr) return -1;
+  AecCore& core = self->core;
+  // An output that starts now starts from silence, not from what was left
+  // in its overlap and ring when it last ran.
+  for (int o = 0; o < 2; ++o) {
+    if ((NlpPf & (1 << o)) == 0 || (core.NlpPf & (1 << o)) != 0) continue;
+    Adsp_InitBuffer(&core.outFrBuf[o]);
+    for (int b = 0; b < kMaxUpperBands; ++b) Adsp_InitBuffer(&core.outFrBufH[o][b]);
+    std::memset(core.outBuf[o], 0, sizeof(core.outBuf[o]));
+  }
+  core.NlpPf = NlpPf;
   return 0;
 }
 
@@ -304,7 +370,7 @@ int AdspAec_set_config(void* handle, AecConfig config) {
     self->lastError = kAecErrBadParameter;
     return -1;
   }
-  AdspAec_SetConfigCore(self->aec, config.nlpMode, config.metricsMode, config.delay_logging);
+  AdspAec_SetConfigCore(&self->core, config.nlpMode, config.metricsMode, config.delay_logging);
   return 0;
 }
 
@@ -329,19 +395,19 @@ int32_t AdspAec_BufferFarend(void* aecInst, const float* farend, int16_t nrOfSam
   // The resampler may stretch a frame by up to 1 / (1 - 0.5).
   float resampled[2 * kAecBlockLen2 + 4];
   if (self->skewMode == kAecTrue && self->resample == kAecTrue) {
-    AdspAec_ResampleLinear(self->resampler, farend, nrOfSamples, self->skew, resampled, &count);
+    AdspAec_ResampleLinear(&self->resampler, farend, nrOfSamples, self->skew, resampled, &count);
     samples = resampled;
   }
 
   self->farend_started = 1;
-  AdspAec_SetSystemDelay(self->aec, AdspAec_system_delay(self->aec) + count);
+  AdspAec_SetSystemDelay(&self->core, AdspAec_system_delay(&self->core) + count);
   Adsp_WriteBuffer(&self->far_pre_buf, samples, static_cast<size_t>(count));
 
   while (Adsp_available_read(&self->far_pre_buf) >= static_cast<size_t>(kAecBlockLen2)) {
     float copy[kAecBlockLen2];
     float* partition = nullptr;
     Adsp_ReadBuffer(&self->far_pre_buf, reinterpret_cast<void**>(&partition), copy, kAecBlockLen2);
-    AdspAec_BufferFarendPartition(self->aec, partition);
+    AdspAec_BufferFarendPartition(&self->core, partition);
     Adsp_MoveReadPtr(&self->far_pre_buf, -kAecBlockLen);
   }
   return 0;
@@ -355,7 +421,7 @@ int32_t AdspAec_Process(void* aecInst, const float* const* nearend, int num_band
   // The output mask lives in the core, which only an initialised instance
   // has; an uninitialised one is reported as such.
   if (Initialized(self)) {
-    const int mask = self->aec->NlpPf;
+    const int mask = self->core.NlpPf;
     if (((mask & 1) && outAsr == nullptr) || ((mask & 2) && outCom == nullptr)) {
       self->lastError = kAecErrNullPointer;
       return -1;
@@ -375,7 +441,7 @@ int32_t AdspAec_Process(void* aecInst, const float* const* nearend, int num_band
     self->lastError = kAecErrNullPointer;
     return -1;
   }
-  self->aec->subcohXd = subcohXd;
+  self->core.subcohXd = subcohXd;
 
   int32_t result = 0;
   int16_t reported_delay_ms = msInSndCardBuf;
@@ -388,12 +454,15 @@ int32_t AdspAec_Process(void* aecInst, const float* const* nearend, int num_band
     result = -5;
   }
 
-  if (AdspAec_delay_correction_enabled(self->aec)) {
-    return ProcessExtended(self, nearend, num_bands, outAsr, outCom, nrOfSamples, reported_delay_ms,
-                           result);
+  if (AdspAec_delay_correction_enabled(&self->core)) {
+    result = ProcessExtended(self, nearend, num_bands, outAsr, outCom, nrOfSamples, reported_delay_ms, result);
+  } else {
+    result = ProcessNormal(self, nearend, num_bands, outAsr, outCom, nrOfSamples, reported_delay_ms, skew, result);
   }
-  return ProcessNormal(self, nearend, num_bands, outAsr, outCom, nrOfSamples, reported_delay_ms, skew,
-                       result);
+  // The coherence array is the caller's, often on its stack: the instance
+  // holds it only for the length of this call.
+  self->core.subcohXd = nullptr;
+  return result;
 }
 
 int AdspAec_get_echo_status(void* handle, int* status) {
@@ -407,7 +476,7 @@ int AdspAec_get_echo_status(void* handle, int* status) {
     self->lastError = kAecErrUninitialized;
     return -1;
   }
-  *status = AdspAec_echo_state(self->aec);
+  *status = AdspAec_echo_state(&self->core);
   return 0;
 }
 
@@ -423,7 +492,7 @@ int AdspAec_GetMetrics(void* handle, AecMetrics* metrics) {
     return -1;
   }
   Stats erl, erle, a_nlp;
-  AdspAec_GetEchoStats(self->aec, &erl, &erle, &a_nlp);
+  AdspAec_GetEchoStats(&self->core, &erl, &erle, &a_nlp);
   const Stats* sources[3] = {&erl, &erle, &a_nlp};
   AecLevel* targets[3] = {&metrics->erl, &metrics->erle, &metrics->aNlp};
   for (int i = 0; i < 3; ++i) {
@@ -459,7 +528,7 @@ int AdspAec_GetDelayMetrics(void* handle, int* median, int* std) {
     self->lastError = kAecErrUninitialized;
     return -1;
   }
-  const int result = AdspAec_GetDelayMetricsCore(self->aec, median, std);
+  const int result = AdspAec_GetDelayMetricsCore(&self->core, median, std);
   if (result != 0) {
     self->lastError = kAecErrUnsupported;
     return result;
@@ -474,7 +543,7 @@ int32_t AdspAec_get_error_code(void* aecInst) {
 
 AecCore* AdspAec_aec_core(void* handle) {
   if (handle == nullptr) return nullptr;
-  return static_cast<Aec*>(handle)->aec;
+  return &static_cast<Aec*>(handle)->core;
 }
 
 }  // namespace vorn

@@ -79,8 +79,7 @@ struct Aec {
   int startup_phase;
   int checkBuffSize;
   int16_t lastDelayDiff;
-  void* resampler;
-  AecResampler resampler_buf;
+  AecResampler resampler;
   int skewFrCtr;
   int resample;
   int highSkewCtr;
@@ -89,8 +88,7 @@ struct Aec {
   float far_pre_buf_data[kFarPreBufLen];
   int lastError;
   int farend_started;
-  AecCore* aec;
-  AecCore aec_memory;
+  AecCore core;
 };
 // The whole record, core included, must fit the region the front end gives
 // the canceller; AdspAec_Init checks the caller's figure against that region.
@@ -98,6 +96,13 @@ static_assert(sizeof(Aec) <= kAecInstanceBytes, "echo canceller instance outgrew
 
 int32_t AdspAec_Init(void* aecInst, uint32_t aecInst_buf_len, int32_t sampFreq, int32_t scSampFreq,
                      const int NlpPf, char* filter_conf);
+// Restarts an initialised instance as AdspAec_Init would, with its rates and
+// the echo path it read then (no file is read), producing the outputs
+// NlpPf selects. 0, or -1 (null, uninitialised, NlpPf not 0..3).
+int32_t AdspAec_Reset(void* aecInst, int NlpPf);
+// Changes which outputs a running instance produces (NlpPf 0..3), keeping
+// its filters; an output switched on starts from silence. 0, or -1.
+int32_t AdspAec_SetOutputs(void* aecInst, int NlpPf);
 int AdspAec_set_config(void* handle, AecConfig config);
 int32_t AdspAec_BufferFarend(void* aecInst, const float* farend, int16_t nrOfSamples);
 int32_t AdspAec_Process(void* aecInst, const float* const* nearend, int num_bands,

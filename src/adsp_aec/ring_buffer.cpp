@@ -10,8 +10,10 @@
 
 namespace vorn {
 
-int Adsp_CreateBuffer(RingBuffer* self, size_t element_count, size_t element_size) {
-  if (self == nullptr || self->data == nullptr || element_count == 0 || element_size == 0) return -1;
+int Adsp_CreateBuffer(RingBuffer* self, void* storage, size_t element_count, size_t element_size) {
+  if (self == nullptr || storage == nullptr || element_count == 0 || element_size == 0) return -1;
+  self->data_offset = static_cast<std::ptrdiff_t>(reinterpret_cast<std::uintptr_t>(storage) -
+                                                  reinterpret_cast<std::uintptr_t>(self));
   self->element_count = element_count;
   self->element_size = element_size;
   Adsp_InitBuffer(self);
@@ -22,7 +24,7 @@ void Adsp_InitBuffer(RingBuffer* self) {
   self->read_pos = 0;
   self->write_pos = 0;
   self->rw_wrap = SAME_WRAP;
-  std::memset(self->data, 0, self->element_count * self->element_size);
+  std::memset(Adsp_BufferData(self), 0, self->element_count * self->element_size);
 }
 
 void Adsp_FreeBuffer(RingBuffer* /*self*/) {}
@@ -46,13 +48,13 @@ size_t Adsp_WriteBuffer(RingBuffer* self, const void* data, size_t element_count
   if (write_elements > self->element_count - self->write_pos) {
     // The write runs past the end: fill up to the end and start the next lap.
     const size_t to_end = self->element_count - self->write_pos;
-    std::memcpy(self->data + self->write_pos * self->element_size, source, to_end * self->element_size);
+    std::memcpy(Adsp_BufferData(self) + self->write_pos * self->element_size, source, to_end * self->element_size);
     self->write_pos = 0;
     self->rw_wrap = DIFF_WRAP;
     source += to_end * self->element_size;
     remaining -= to_end;
   }
-  std::memcpy(self->data + self->write_pos * self->element_size, source, remaining * self->element_size);
+  std::memcpy(Adsp_BufferData(self) + self->write_pos * self->element_size, source, remaining * self->element_size);
   self->write_pos += remaining;
   return write_elements;
 }
@@ -61,12 +63,12 @@ size_t Adsp_ReadBuffer(RingBuffer* self, void** data_ptr, void* data, size_t ele
   if (self == nullptr || data == nullptr) return 0;
   const size_t read_elements = std::min(Adsp_available_read(self), element_count);
   const size_t to_end = self->element_count - self->read_pos;
-  char* first = self->data + self->read_pos * self->element_size;
+  char* first = Adsp_BufferData(self) + self->read_pos * self->element_size;
   if (read_elements > to_end) {
     // The elements wrap: join both pieces in the caller's buffer.
     const size_t first_bytes = to_end * self->element_size;
     std::memcpy(data, first, first_bytes);
-    std::memcpy(static_cast<char*>(data) + first_bytes, self->data,
+    std::memcpy(static_cast<char*>(data) + first_bytes, Adsp_BufferData(self),
                 (read_elements - to_end) * self->element_size);
     if (data_ptr != nullptr) *data_ptr = data;
   } else if (data_ptr != nullptr) {

@@ -3,9 +3,14 @@
 // near-end and output frames in these rings. A read hands out either a pointer
 // into the ring (when the elements are contiguous) or a copy, and the read
 // position can be moved back to re-read old elements.
+//
+// The ring finds its storage by a byte offset from its own record, not by a
+// pointer: ring and storage live in the same instance record, so the record
+// can be copied to other memory between calls and go on.
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 
 namespace vorn {
 
@@ -17,16 +22,25 @@ struct RingBuffer {
   size_t element_count;  // capacity in elements
   size_t element_size;   // bytes per element
   Wrap rw_wrap;          // DIFF_WRAP: the writer is one lap ahead of the reader
-  char* data;            // element_count * element_size bytes, owned by the caller
+  std::ptrdiff_t data_offset;  // storage (element_count * element_size bytes) minus this record's address
 };
 static_assert(sizeof(Wrap) == 4);
-static_assert(offsetof(RingBuffer, rw_wrap) == 32);
-static_assert(offsetof(RingBuffer, data) == 40);
-static_assert(sizeof(RingBuffer) == 48);
+static_assert(offsetof(RingBuffer, rw_wrap) == 4 * sizeof(size_t));
 
-// The owner sets `data` before the call. -1 for a null ring, null storage or a
+// The ring's storage.
+inline char* Adsp_BufferData(RingBuffer* self) {
+  const std::uintptr_t at = reinterpret_cast<std::uintptr_t>(self) + static_cast<std::uintptr_t>(self->data_offset);
+  return reinterpret_cast<char*>(at);
+}
+inline const char* Adsp_BufferData(const RingBuffer* self) {
+  const std::uintptr_t at = reinterpret_cast<std::uintptr_t>(self) + static_cast<std::uintptr_t>(self->data_offset);
+  return reinterpret_cast<const char*>(at);
+}
+
+// Sets up the ring over `storage`, which must lie in the same record as the
+// ring so that both move together. -1 for a null ring, null storage or a
 // zero count/size; else 0 with the ring emptied and its storage zeroed.
-int Adsp_CreateBuffer(RingBuffer* self, size_t element_count, size_t element_size);
+int Adsp_CreateBuffer(RingBuffer* self, void* storage, size_t element_count, size_t element_size);
 void Adsp_InitBuffer(RingBuffer* self);
 // Nothing to release: the storage belongs to the owner.
 void Adsp_FreeBuffer(RingBuffer* self);

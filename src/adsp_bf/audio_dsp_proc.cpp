@@ -94,7 +94,7 @@ namespace {
 
 // BfAnalyse, with the spectra formed only when spectra_wanted: the classic
 // hop reads them only for its beam and its multi-beam outputs.
-int AnalyseHop(T_AudioDspParam* pm, short* inp, short* mic_order, float spectrum[kBfChannels][kBfFftLen],
+int AnalyseHop(T_AudioDspParam* pm, const short* inp, const short* mic_order, float spectrum[kBfChannels][kBfFftLen],
                bool spectra_wanted) {
   short order[kBfChannels];
   const bool order_ok = TakeMicOrder(mic_order, order);
@@ -129,11 +129,12 @@ int AnalyseHop(T_AudioDspParam* pm, short* inp, short* mic_order, float spectrum
 
 }  // namespace
 
-int BfAnalyse(T_AudioDspParam* pm, short* inp, short* mic_order, float spectrum[kBfChannels][kBfFftLen]) {
+int BfAnalyse(T_AudioDspParam* pm, const short* inp, const short* mic_order,
+              float spectrum[kBfChannels][kBfFftLen]) {
   return AnalyseHop(pm, inp, mic_order, spectrum, true);
 }
 
-int BfProc(T_AudioDspParam* pm, short* inp, short* out, short* mic_order) {
+int BfProc(T_AudioDspParam* pm, const short* inp, short* out, const short* mic_order) {
   if (out == nullptr) return kBfErrNull;
   // With the beam off and no multi-beam output asked for, nothing reads the
   // spectra and they are not formed.

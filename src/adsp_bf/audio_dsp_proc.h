@@ -21,7 +21,6 @@ constexpr int kBfDoaDirections = 72; // 0, 5, ..., 355 degrees
 constexpr int kBfDoaElevations = 1;  // elevation families in the utterance search
 constexpr unsigned kBfFrameNumMax = 200000;
 constexpr int kBfBuffSize = 240000;  // the region the front end reserves
-constexpr int kBfParamSize = 56;
 
 // Return codes of the module.
 constexpr int kBfOk = 0;
@@ -45,10 +44,11 @@ typedef struct AudioDspParam {
 } T_AudioDspParam;
 using TBfParam = T_AudioDspParam;  // the front end's name for the record
 
-#if defined(__SIZEOF_POINTER__) && __SIZEOF_POINTER__ == 8
-static_assert(sizeof(T_AudioDspParam) == kBfParamSize, "call record must be 56 bytes");
-static_assert(offsetof(T_AudioDspParam, inner_interface_flag) == 48);
-#endif
+// The size `param_size` must state: 56 bytes with 8-byte pointers, 48 with
+// 4-byte ones.
+constexpr int kBfParamSize = sizeof(T_AudioDspParam);
+static_assert(kBfParamSize == (sizeof(void*) == 8 ? 56 : 48), "call record layout");
+static_assert(offsetof(T_AudioDspParam, inner_interface_flag) == sizeof(void*) + 40);
 
 // Three beams of one hop, 16-bit, for the multi-channel post filter.
 struct TBfModelDataExchange {
@@ -89,19 +89,20 @@ int BFInit(T_AudioDspParam* pm);
 // One hop: inp holds 256 frames of 3 interleaved samples, out receives 256
 // samples; mic_order (may be null) names the input slot of microphones 0, 1, 2.
 // 0, 1 (record, state or buffer missing) or 2 (bf_flag, or a slot not 0..2).
-int BfProc(T_AudioDspParam* pm, short* inp, short* out, short* mic_order);
+int BfProc(T_AudioDspParam* pm, const short* inp, short* out, const short* mic_order);
 // The part of BfProc every beam builds on: the same checks and codes (out
 // aside), the analysis buffers slid by one hop, their unwindowed spectra in
 // `spectrum` (row = microphone), the multi-beam outputs and the direction
 // step the record asks for. BfProc is this followed by its beam.
-int BfAnalyse(T_AudioDspParam* pm, short* inp, short* mic_order, float spectrum[kBfChannels][kBfFftLen]);
+int BfAnalyse(T_AudioDspParam* pm, const short* inp, const short* mic_order,
+              float spectrum[kBfChannels][kBfFftLen]);
 
 // Direction of a stretch from the per-hop scores BfProc has stored (the
 // samples are not read). 0, 1, 2 (doa_flag not 1..3) or 201 (no hop yet).
-int AudioDspDoa(T_AudioDspParam* pm, short* inp, short* mic_oder, int sample_len_pre_channel);
+int AudioDspDoa(T_AudioDspParam* pm, const short* inp, const short* mic_oder, int sample_len_pre_channel);
 // Direction of a stretch recomputed from its samples (at most 64 hops are
 // used). 0, 1, 2 (a slot of mic_order not 0..2) or 201 (private noise
 // suppressor failed to start).
-int VornDoaProc(T_AudioDspParam* pm, short* inp, short* mic_order, int sample_len_pre_channel);
+int VornDoaProc(T_AudioDspParam* pm, const short* inp, const short* mic_order, int sample_len_pre_channel);
 
 }  // namespace vorn

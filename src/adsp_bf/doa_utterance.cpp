@@ -11,7 +11,6 @@
 // The refining passes share one running accumulator that is never reset
 // between directions: each direction's mean starts from the previous one's.
 // That is how the search is defined and it stays that way.
-#include <cstdio>
 #include <cstring>
 
 #include "adsp_bf/adsp_doa.h"
@@ -69,7 +68,7 @@ int CoarseBest(const T_AudioDspState* st, int hops) {
 
 }  // namespace
 
-int AudioDspDoa(T_AudioDspParam* pm, short* inp, short* mic_oder, int sample_len_pre_channel) {
+int AudioDspDoa(T_AudioDspParam* pm, const short* inp, const short* mic_oder, int sample_len_pre_channel) {
   if (pm == nullptr || pm->p_data == nullptr || inp == nullptr || mic_oder == nullptr) return kBfErrNull;
   if (pm->doa_flag < 1 || pm->doa_flag > 3) return kBfErrParam;
   auto* st = static_cast<T_AudioDspState*>(pm->p_data);
@@ -85,7 +84,7 @@ int AudioDspDoa(T_AudioDspParam* pm, short* inp, short* mic_oder, int sample_len
   return kBfOk;
 }
 
-int VornDoaProc(T_AudioDspParam* pm, short* inp, short* mic_order, int sample_len_pre_channel) {
+int VornDoaProc(T_AudioDspParam* pm, const short* inp, const short* mic_order, int sample_len_pre_channel) {
   const int hops = sample_len_pre_channel - kBfFftLen < kMaxStretch ? (sample_len_pre_channel - kBfFftLen) / kBfHop
                                                                      : kBfHistory;
   if (pm == nullptr || pm->p_data == nullptr) return kBfErrNull;
@@ -109,10 +108,8 @@ int VornDoaProc(T_AudioDspParam* pm, short* inp, short* mic_order, int sample_le
   ns_pm.speech_iterfrence_flag = 0;
   ns_pm.vad_flag = 0;
   ns_pm.vad_mode = 1;
-  if (AdspNsInit(&ns_pm) != 0) {
-    std::printf("In VornDoaProc , ns Structs Init Error!\n");
-    return kBfErrNotReady;
-  }
+  // The library never prints; the code says it all.
+  if (AdspNsInit(&ns_pm) != 0) return kBfErrNotReady;
   auto* ns_st = static_cast<T_AdspNsState*>(ns_pm.p_data);
 
   // The newest entry of a history of `hops` is scored by the last hop, the

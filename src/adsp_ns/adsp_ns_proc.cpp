@@ -64,7 +64,7 @@ void SpectralScale(T_AdspNsState *st, const float *inp, float *out, float *ns_ou
 // One time-domain hop; returns the mean bin power of bins 6..150 after
 // suppression when asked to (the VAD's measure), else 0. Without an output
 // only the gains that measure reads are formed, and nothing is resynthesised.
-float SuppressHop(T_AdspNsState *st, short *au, short *ns_au, bool measure_band) {
+float SuppressHop(T_AdspNsState *st, const short *au, short *ns_au, bool measure_band) {
   float frame[kNsFftLen];
   float psd[kNsBins];
   float absence[kNsBins];
@@ -174,7 +174,7 @@ int AdspNsInit(T_AdspNsParam *pm) {
   return 0;
 }
 
-int AdspNsProc(T_AdspNsParam *pm, float *inp, float *out, float *ns_out, short *au, short *ns_au) {
+int AdspNsProc(T_AdspNsParam *pm, float *inp, float *out, float *ns_out, const short *au, short *ns_au) {
   T_AdspNsState *st = static_cast<T_AdspNsState *>(pm->p_data);
   CountCall(pm, st);
   if (pm->data_type == kNsDataSpectralScale) {
@@ -186,7 +186,7 @@ int AdspNsProc(T_AdspNsParam *pm, float *inp, float *out, float *ns_out, short *
   return 0;
 }
 
-int NsVadProc(T_AdspNsParam *pm, float *inp, float *out, float *ns_out, short *au, short *ns_au) {
+int NsVadProc(T_AdspNsParam *pm, float *inp, float *out, float *ns_out, const short *au, short *ns_au) {
   T_AdspNsState *st = static_cast<T_AdspNsState *>(pm->p_data);
   CountCall(pm, st);
   float suppressed_energy = 0.0f;

@@ -21,7 +21,6 @@ constexpr int kNsSubWindows = 8;     // minimum-statistics window: 8 sub-windows
 constexpr int kNsSubWindowLen = 15;  // ... of 15 frames (120 frames in all)
 constexpr int kNsFrameMax = 100000;  // `frame` saturates here
 constexpr int kNsStateBytes = 64000; // the region every instance gets
-constexpr int kNsParamSize = 40;     // the size `param_size` must state
 
 // `data_type` values of T_AdspNsParam; any other value only advances counters.
 constexpr int kNsDataTimeDomain = 1;
@@ -44,9 +43,10 @@ typedef struct AdspNsParam {
   int vad_mode;                // 1: VadDet, 3: VadDetAecWkp, else VadDetAsr
 } T_AdspNsParam;
 
-#if defined(__SIZEOF_POINTER__) && __SIZEOF_POINTER__ == 8
-static_assert(sizeof(T_AdspNsParam) == kNsParamSize, "parameter record must be 40 bytes");
-#endif
+// The size `param_size` must state: 40 bytes with 8-byte pointers, 32 with
+// 4-byte ones.
+constexpr int kNsParamSize = sizeof(T_AdspNsParam);
+static_assert(kNsParamSize == (sizeof(void *) == 8 ? 40 : 32), "parameter record layout");
 
 // The field order is part of the contract: the spectral-scale minimum search
 // runs diagonally through `freq_amp_buff` and reads its last taps from the
@@ -129,9 +129,9 @@ int AdspNsInit(T_AdspNsParam *pm);
 // synthesis buffer is left as it was), for an instance whose output nobody
 // reads. Spectral scale: packed spectrum `inp` (512), per-bin minimum to
 // `out` (257), scaled spectrum to `ns_out` (512). Unused pointers may be null.
-int AdspNsProc(T_AdspNsParam *pm, float *inp, float *out, float *ns_out, short *au, short *ns_au);
+int AdspNsProc(T_AdspNsParam *pm, float *inp, float *out, float *ns_out, const short *au, short *ns_au);
 // AdspNsProc plus the VAD decision in pm->vad_flag; returns that decision too.
-int NsVadProc(T_AdspNsParam *pm, float *inp, float *out, float *ns_out, short *au, short *ns_au);
+int NsVadProc(T_AdspNsParam *pm, float *inp, float *out, float *ns_out, const short *au, short *ns_au);
 
 // ---- settings written by the core between calls ---------------------------
 void SetNsLevel(TNsParam *pm, float ns_level);  // clamped to 0.00001..1

@@ -52,7 +52,7 @@ int SlideLeft(float *au_buff, int frame_len, int frame_move) {
 
 }  // namespace
 
-void SaveFrameMoveAu(float *au_buff, short *new_au, int frame_len, int frame_move) {
+void SaveFrameMoveAu(float *au_buff, const short *new_au, int frame_len, int frame_move) {
   const int tail = SlideLeft(au_buff, frame_len, frame_move);
   if (tail < 0) return;
   for (int i = 0; i < frame_move; ++i) au_buff[tail + i] = static_cast<float>(new_au[i]);
@@ -121,14 +121,12 @@ float DataMean(float *x, int si, int ei) {
   return sum / static_cast<float>(ei - si);
 }
 
-void SaveData(const char *fn, void *p, const int len, int size) {
+int SaveData(const char *fn, const void *p, const int len, int size) {
   FILE *fp = fn != nullptr ? std::fopen(fn, "ab") : nullptr;
-  if (fp == nullptr) {
-    std::fprintf(stderr, "file error!\n");
-    return;
-  }
+  if (fp == nullptr) return -1;  // the library never prints: the caller hears of it
   if (p != nullptr && len > 0 && size > 0) std::fwrite(p, static_cast<size_t>(size), static_cast<size_t>(len), fp);
   std::fclose(fp);
+  return 0;
 }
 
 float GetCentroid(const float *x, const int len) {

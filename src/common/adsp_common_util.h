@@ -21,7 +21,7 @@ void CopyData(float *dst, float *src, int len);
 int MeanAngle360(int *ang, int len);
 
 // Slides au_buff left by frame_move and appends new_au (as float, unscaled).
-void SaveFrameMoveAu(float *au_buff, short *new_au, int frame_len, int frame_move);
+void SaveFrameMoveAu(float *au_buff, const short *new_au, int frame_len, int frame_move);
 // Slides au_buff left by frame_move and zeroes the last frame_move entries.
 void AddZero(float *au_buff, int frame_len, int frame_move);
 // win_out[i] = win[i] * au[i]
@@ -64,8 +64,9 @@ float ExpExpint(float x);
 // Mean of x[si..ei-1].
 float DataMean(float *x, int si, int ei);
 
-// Debug dump: appends len items of size bytes to fn.
-void SaveData(const char *fn, void *p, const int len, int size);
+// Debug dump: appends len items of size bytes to fn. 0, or -1 when the file
+// cannot be opened.
+int SaveData(const char *fn, const void *p, const int len, int size);
 
 // Reciprocal of the 1-based spectral centroid of x[0..len-1].
 float GetCentroid(const float *x, const int len);

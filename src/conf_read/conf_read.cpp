@@ -12,12 +12,16 @@
 // Each content line is a section "[name]" or "key = value". Section and key
 // names compare ASCII case-insensitively against fixed tables, integer values
 // are stored only when the whole value is a decimal number, and the filter
-// path is copied over the previous one in place. Anything else is skipped
-// silently; whether the values make sense is for the front end's parameter
-// check to judge once a mode is selected.
+// path is copied over the previous one in place. Anything else is skipped,
+// and each skip is reported as a warning with its line number: a mistyped
+// key must not quietly leave a feature off. Whether the values make sense is
+// for the front end's parameter check to judge once a mode is selected.
+//
+// The source is a file or text in memory; both go through the same window.
 #include "conf_read/conf_read.h"
 
 #include <climits>
+#include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <new>
@@ -212,116 +216,36 @@ int32_t* IntegerField(T_VornKey& key, int index) {
   }
 }
 
-void FlushValue(char* content, T_VornKey& key_record) {
-  char* key = nullptr;
-  char* value = nullptr;
-  if (!GetKeyValue(content, &key, &value)) return;
+// What became of a key = value line.
+enum class ValueVerdict { kStored, kUnknownKey, kUnparsable, kCut, kRefused };
+
+ValueVerdict FlushValue(const char* key, const char* value, T_VornKey& key_record) {
   int index = 0;
   while (index < kIniKeyCount && StriCmp(key, g_key_str[index]) != 0) ++index;
-  if (index >= kIniUsedKeyCount) return;  // unknown, or a spare (empty) slot
+  if (index >= kIniUsedKeyCount) return ValueVerdict::kUnknownKey;  // unknown, or a spare (empty) slot
   if (index == kPathField) {
     iniGetString(value, key_record.preaec_filter_path);
-    return;
+    return std::strlen(value) > static_cast<size_t>(kPathMaxChars) ? ValueVerdict::kCut : ValueVerdict::kStored;
   }
   int32_t number = 0;
-  if (iniGetValue(value, &number)) *IntegerField(key_record, index) = number;
+  if (!iniGetValue(value, &number)) return ValueVerdict::kUnparsable;
+  *IntegerField(key_record, index) = number;
+  return ValueVerdict::kStored;
 }
 
-// Returns the mode a section line selects, or kNoSection.
-// The name of a section line, stripped, in place.
-char* SectionName(char* content) {
-  const size_t len = std::strlen(content);
-  content[len - 1] = '\0';  // the closing bracket
-  char* name = content + 1;
-  StrStrip(name);
-  return name;
-}
-
-int FlushSection(char* content) {
-  const char* name = SectionName(content);
-  for (int mode = 0; mode < kIniSectionCount; ++mode) {
-    if (StriCmp(name, g_section_str[mode]) == 0) return mode;
+// The [VORN] section's keys. Each reader stores its value into the settings
+// or says why it did not; a new front-end setting is a field of FrontEndConf
+// and a row here.
+ValueVerdict ReadProfile(const char* value, FrontEndConf* conf) {
+  if (StriCmp(value, "classic") == 0) {
+    conf->profile = 0;
+  } else if (StriCmp(value, "enhanced") == 0) {
+    conf->profile = 1;
+  } else {
+    return ValueVerdict::kRefused;
   }
-  return kNoSection;
+  return ValueVerdict::kStored;
 }
-
-// Size of an open file, or 0 when it cannot be told (then nothing is read).
-long FileSize(FILE* file) {
-  if (std::fseek(file, 0, SEEK_END) != 0) return 0;
-  const long size = std::ftell(file);
-  if (std::fseek(file, 0, SEEK_SET) != 0) return 0;
-  return size < 0 ? 0 : size;
-}
-
-}  // namespace
-
-int32_t LoadConfFileInit(char* p, int data_len) {
-  if (p == nullptr || static_cast<unsigned>(data_len) < sizeof(ini_read_t)) return -1;
-  new (p) ini_read_t{};
-  return 0;
-}
-
-namespace {
-
-// Reads `file` line by line through the scratch area's window and hands every
-// section and key/value line to `on_line(kind, content)`.
-template <typename OnLine>
-void ScanLines(FILE* file, ini_read_t* ini, OnLine on_line) {
-  long bytes_left = FileSize(file);
-  ini->buf_len_rest = 0;
-  LineScan scan;
-  LineEndPair pair;
-  for (;;) {
-    const int room = kIniWindowBytes - ini->buf_len_rest;
-    if (bytes_left > 0 && room > 0) {
-      const size_t want = static_cast<size_t>(bytes_left < room ? bytes_left : room);
-      const size_t got = std::fread(ini->line_buffer + ini->buf_len_rest, 1, want, file);
-      ini->buf_len_rest += static_cast<int32_t>(got);
-      // A short read ends the file where the data ended.
-      bytes_left = (got < want) ? 0 : bytes_left - static_cast<long>(got);
-    }
-    const bool last_chunk = (bytes_left == 0);
-
-    for (;;) {
-      int consumed = 0;
-      const ELineType kind = GetLine(ini->line_buffer, ini->buf_len_rest, last_chunk, scan, pair,
-                                     ini->value_buffer, &consumed);
-      ini->buf_len_rest -= consumed;
-      std::memmove(ini->line_buffer, ini->line_buffer + consumed,
-                   static_cast<size_t>(ini->buf_len_rest));
-      if (kind == LINE_IDLE) break;
-      if (kind == LINE_SECTION || kind == LINE_VALUE) on_line(kind, ini->value_buffer);
-      if (ini->buf_len_rest == 0) break;
-    }
-    if (last_chunk && ini->buf_len_rest == 0) break;
-  }
-}
-
-}  // namespace
-
-int32_t LoadConfFileProc(const char* filename, char* p, T_VornKey** pkey) {
-  if (pkey == nullptr) return -1;
-  *pkey = nullptr;
-  if (filename == nullptr || p == nullptr) return -1;
-  FILE* file = std::fopen(filename, "rb");
-  if (file == nullptr) return -1;
-
-  ini_read_t* ini = std::launder(reinterpret_cast<ini_read_t*>(p));
-  int section = kNoSection;
-  ScanLines(file, ini, [&](ELineType kind, char* content) {
-    if (kind == LINE_SECTION) {
-      section = FlushSection(content);
-    } else if (section != kNoSection) {
-      FlushValue(content, ini->tKey[section]);
-    }
-  });
-
-  std::fclose(file);
-  *pkey = &ini->tKey[0];
-  return 0;
-}
-
-namespace {
 
 // [+|-]digits[.digits], the whole text: no exponent, no locale (a decimal
 // comma in the host's locale must not change what a file means).
@@ -348,65 +272,266 @@ bool ParseDecimal(const char* text, float* value) {
   return true;
 }
 
-// Hands every value of `key` in the front end's own section to `on_value`,
-// in file order. Returns 0, or -1 when the file cannot be opened.
-template <typename OnValue>
-int32_t ScanFrontEndKey(const char* filename, char* p, const char* key_name, OnValue on_value) {
-  if (filename == nullptr || p == nullptr) return -1;
-  FILE* file = std::fopen(filename, "rb");
-  if (file == nullptr) return -1;
+ValueVerdict ReadAgcTarget(const char* value, FrontEndConf* conf) {
+  float number = 0.0f;
+  if (!ParseDecimal(value, &number) || !(number >= VORN_AGC_TARGET_MIN_DBFS && number <= VORN_AGC_TARGET_MAX_DBFS))
+    return ValueVerdict::kRefused;
+  conf->agc_target_given = true;
+  conf->agc_target_dbfs = number;
+  return ValueVerdict::kStored;
+}
 
-  ini_read_t* ini = std::launder(reinterpret_cast<ini_read_t*>(p));
-  bool in_front_end_section = false;
-  ScanLines(file, ini, [&](ELineType kind, char* content) {
-    if (kind == LINE_SECTION) {
-      in_front_end_section = StriCmp(SectionName(content), kFrontEndSection) == 0;
+struct FrontEndKey {
+  const char* name;
+  ValueVerdict (*read)(const char* value, FrontEndConf* conf);
+};
+constexpr FrontEndKey kFrontEndKeys[] = {
+    {"profile", ReadProfile},
+    {kAgcTargetKey, ReadAgcTarget},
+};
+
+ValueVerdict FlushFrontEndValue(const char* key, const char* value, FrontEndConf* conf) {
+  for (const FrontEndKey& known : kFrontEndKeys) {
+    if (StriCmp(key, known.name) == 0) return known.read(value, conf);
+  }
+  return ValueVerdict::kUnknownKey;
+}
+
+// The name of a section line, stripped, in place.
+char* SectionName(char* content) {
+  const size_t len = std::strlen(content);
+  content[len - 1] = '\0';  // the closing bracket
+  char* name = content + 1;
+  StrStrip(name);
+  return name;
+}
+
+// Sections beside the modes' (index = mode).
+constexpr int kFrontEndSectionIndex = kIniSectionCount;
+constexpr int kUnknownSection = -2;
+
+int FlushSection(const char* name) {
+  for (int mode = 0; mode < kIniSectionCount; ++mode) {
+    if (StriCmp(name, g_section_str[mode]) == 0) return mode;
+  }
+  if (StriCmp(name, kFrontEndSection) == 0) return kFrontEndSectionIndex;
+  return kUnknownSection;
+}
+
+const char* SectionLabel(int section) {
+  return section == kFrontEndSectionIndex ? kFrontEndSection : g_section_str[section];
+}
+
+// The bytes of a configuration, from a file or from text.
+class Source {
+ public:
+  explicit Source(const ConfSource& source) {
+    if (source.path != nullptr) {
+      file_ = std::fopen(source.path, "rb");
+      if (file_ != nullptr) left_ = FileSize(file_);
+    } else if (source.text != nullptr) {
+      text_ = source.text;
+      left_ = static_cast<long>(std::strlen(text_));
+    }
+  }
+  ~Source() {
+    if (file_ != nullptr) std::fclose(file_);
+  }
+  Source(const Source&) = delete;
+  Source& operator=(const Source&) = delete;
+
+  bool readable() const { return file_ != nullptr || text_ != nullptr; }
+  long left() const { return left_; }
+
+  // Up to `want` bytes (no more than left()); a short read ends the source
+  // where the data ended.
+  size_t Read(char* to, size_t want) {
+    size_t got = want;
+    if (file_ != nullptr) {
+      got = std::fread(to, 1, want, file_);
+    } else {
+      std::memcpy(to, text_, want);
+      text_ += want;
+    }
+    left_ = (got < want) ? 0 : left_ - static_cast<long>(got);
+    return got;
+  }
+
+ private:
+  // Size of an open file, or 0 when it cannot be told (then nothing is read).
+  static long FileSize(FILE* file) {
+    if (std::fseek(file, 0, SEEK_END) != 0) return 0;
+    const long size = std::ftell(file);
+    if (std::fseek(file, 0, SEEK_SET) != 0) return 0;
+    return size < 0 ? 0 : size;
+  }
+
+  FILE* file_ = nullptr;
+  const char* text_ = nullptr;
+  long left_ = 0;
+};
+
+// Reads the source line by line through the scratch area's window and hands
+// every section, key/value and malformed line to `on_line(kind, content,
+// line_number)` (numbered from 1).
+template <typename OnLine>
+void ScanLines(Source& source, ini_read_t* ini, OnLine on_line) {
+  ini->buf_len_rest = 0;
+  LineScan scan;
+  LineEndPair pair;
+  int line_number = 1;
+  for (;;) {
+    const int room = kIniWindowBytes - ini->buf_len_rest;
+    if (source.left() > 0 && room > 0) {
+      const size_t want = static_cast<size_t>(source.left() < room ? source.left() : room);
+      ini->buf_len_rest += static_cast<int32_t>(source.Read(ini->line_buffer + ini->buf_len_rest, want));
+    }
+    const bool last_chunk = (source.left() == 0);
+
+    for (;;) {
+      int consumed = 0;
+      const ELineType kind = GetLine(ini->line_buffer, ini->buf_len_rest, last_chunk, scan, pair,
+                                     ini->value_buffer, &consumed);
+      ini->buf_len_rest -= consumed;
+      std::memmove(ini->line_buffer, ini->line_buffer + consumed,
+                   static_cast<size_t>(ini->buf_len_rest));
+      if (kind == LINE_IDLE) break;
+      if (kind != LINE_EMPTY) on_line(kind, ini->value_buffer, line_number);
+      ++line_number;
+      if (ini->buf_len_rest == 0) break;
+    }
+    if (last_chunk && ini->buf_len_rest == 0) break;
+  }
+}
+
+// Collects warnings as text; whole lines only, the count goes on past the
+// text's end.
+class WarningLog {
+ public:
+  explicit WarningLog(ConfWarnings* out) : out_(out) {
+    if (out_ != nullptr) {
+      out_->count = 0;
+      out_->text[0] = '\0';
+    }
+  }
+
+  [[gnu::format(printf, 3, 4)]] void Add(int line_number, const char* format, ...) {
+    if (out_ == nullptr) return;
+    ++out_->count;
+    if (full_) return;
+    char sentence[512];
+    int len = std::snprintf(sentence, sizeof sentence, "line %d: ", line_number);
+    va_list args;
+    va_start(args, format);
+    len += std::vsnprintf(sentence + len, sizeof sentence - static_cast<size_t>(len), format, args);
+    va_end(args);
+    const size_t used = std::strlen(out_->text);
+    if (len < 0 || static_cast<size_t>(len) + 2 > sizeof sentence ||
+        used + static_cast<size_t>(len) + 2 > sizeof out_->text) {
+      full_ = true;
       return;
     }
-    char* key = nullptr;
-    char* value = nullptr;
-    if (in_front_end_section && GetKeyValue(content, &key, &value) && StriCmp(key, key_name) == 0) on_value(value);
-  });
-  std::fclose(file);
-  return 0;
-}
+    std::memcpy(out_->text + used, sentence, static_cast<size_t>(len));
+    out_->text[used + static_cast<size_t>(len)] = '\n';
+    out_->text[used + static_cast<size_t>(len) + 1] = '\0';
+  }
+
+ private:
+  ConfWarnings* out_;
+  bool full_ = false;
+};
+
+// The caller's text in a warning: at most this many characters, marked when cut.
+constexpr int kQuotedChars = 40;
+struct Quoted {
+  char text[kQuotedChars + 4];
+  explicit Quoted(const char* from) {
+    const size_t len = std::strlen(from);
+    const size_t kept = len > static_cast<size_t>(kQuotedChars) ? static_cast<size_t>(kQuotedChars) : len;
+    std::memcpy(text, from, kept);
+    std::strcpy(text + kept, len > kept ? "..." : "");
+  }
+};
 
 }  // namespace
 
-int32_t LoadConfFileProfile(const char* filename, char* p, int32_t* profile) {
-  if (profile == nullptr) return -1;
-  *profile = kConfProfileAbsent;
-  // The last mention wins, as for the mode sections' keys; a wrong name is
-  // remembered so that a later right one cannot hide it.
-  bool bad_value = false;
-  const int32_t rc = ScanFrontEndKey(filename, p, kProfileKey, [&](const char* value) {
-    if (StriCmp(value, "classic") == 0) {
-      *profile = 0;
-    } else if (StriCmp(value, "enhanced") == 0) {
-      *profile = 1;
-    } else {
-      bad_value = true;
-    }
-  });
-  if (rc != 0) return rc;
-  return bad_value ? -2 : 0;
+int32_t LoadConfFileInit(char* p, int data_len) {
+  if (p == nullptr || static_cast<unsigned>(data_len) < sizeof(ini_read_t)) return -1;
+  new (p) ini_read_t{};
+  return 0;
 }
 
-int32_t LoadConfFileAgcTarget(const char* filename, char* p, bool* present, float* target_dbfs) {
-  if (present == nullptr || target_dbfs == nullptr) return -1;
-  *present = false;
-  bool bad_value = false;
-  const int32_t rc = ScanFrontEndKey(filename, p, kAgcTargetKey, [&](const char* value) {
-    float number = 0.0f;
-    if (!ParseDecimal(value, &number)) {
-      bad_value = true;
+int32_t LoadConf(const ConfSource& source, char* p, FrontEndConf* front_end, ConfWarnings* warnings) {
+  WarningLog log(warnings);
+  if (p == nullptr) return -1;
+  Source input(source);
+  if (!input.readable()) return -1;
+
+  ini_read_t* ini = std::launder(reinterpret_cast<ini_read_t*>(p));
+  FrontEndConf settings = front_end != nullptr ? *front_end : FrontEndConf{};
+  bool refused = false;
+  int section = kNoSection;
+  ScanLines(input, ini, [&](ELineType kind, char* content, int line) {
+    if (kind == LINE_ERROR) {
+      if (content[0] == '\0') {
+        log.Add(line, "longer than %d characters; ignored", kIniMaxContent);
+      } else {
+        log.Add(line, "\"%s\" is neither a [section] nor a key = value line; ignored", Quoted(content).text);
+      }
       return;
     }
-    *present = true;
-    *target_dbfs = number;
+    if (kind == LINE_SECTION) {
+      const char* name = SectionName(content);
+      section = FlushSection(name);
+      if (section == kUnknownSection) log.Add(line, "unknown section [%s]; its lines are ignored", Quoted(name).text);
+      return;
+    }
+    if (section == kUnknownSection) return;  // reported once, at the section line
+    char* key = nullptr;
+    char* value = nullptr;
+    // A NUL byte ahead of the '=' hides it: the line is then neither kind.
+    if (!GetKeyValue(content, &key, &value)) {
+      log.Add(line, "\"%s\" is neither a [section] nor a key = value line; ignored", Quoted(content).text);
+      return;
+    }
+    if (section == kNoSection) {
+      log.Add(line, "\"%s\" comes before any section; ignored", Quoted(key).text);
+      return;
+    }
+    const ValueVerdict verdict = section == kFrontEndSectionIndex ? FlushFrontEndValue(key, value, &settings)
+                                                                  : FlushValue(key, value, ini->tKey[section]);
+    const char* label = SectionLabel(section);
+    switch (verdict) {
+      case ValueVerdict::kStored:
+        break;
+      case ValueVerdict::kUnknownKey:
+        log.Add(line, "unknown key \"%s\" in [%s]; ignored", Quoted(key).text, label);
+        break;
+      case ValueVerdict::kUnparsable:
+        log.Add(line, "%s = \"%s\" in [%s] is not a whole decimal number; ignored", key, Quoted(value).text, label);
+        break;
+      case ValueVerdict::kCut:
+        log.Add(line, "%s in [%s] is longer than %d characters; cut", key, label, kPathMaxChars);
+        break;
+      case ValueVerdict::kRefused:
+        // Remembered, so that a later good value cannot hide it.
+        log.Add(line, "%s = \"%s\" in [%s] is not one of its values", key, Quoted(value).text, label);
+        refused = true;
+        break;
+    }
   });
-  if (rc != 0) return rc;
-  return bad_value ? -2 : 0;
+
+  if (front_end != nullptr) *front_end = settings;
+  return refused ? -2 : 0;
+}
+
+int32_t LoadConfFileProc(const char* filename, char* p, T_VornKey** pkey) {
+  if (pkey == nullptr) return -1;
+  *pkey = nullptr;
+  if (filename == nullptr || p == nullptr) return -1;
+  if (LoadConf(ConfSource{filename, nullptr}, p, nullptr, nullptr) == -1) return -1;
+  *pkey = &std::launder(reinterpret_cast<ini_read_t*>(p))->tKey[0];
+  return 0;
 }
 
 }  // namespace vorn

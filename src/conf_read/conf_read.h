@@ -60,33 +60,54 @@ inline constexpr char g_key_str[kIniKeyCount][kIniNameChars] = {
 // unsigned) is below sizeof(ini_read_t). `p` must be aligned for int32.
 int32_t LoadConfFileInit(char* p, int data_len);
 
-// Parses `filename` into the scratch area prepared by LoadConfFileInit and
-// points `*pkey` at the three result records (index = mode). Returns -1 (and
-// leaves `*pkey` null) when the file cannot be opened; malformed lines,
-// unknown sections and keys and unparsable values are skipped silently.
-int32_t LoadConfFileProc(const char* filename, char* p, T_VornKey** pkey);
+// Where a configuration is read from: a file, or text in memory.
+struct ConfSource {
+  const char* path;  // the file to read, or null
+  const char* text;  // NUL-terminated text, read when path is null
+};
 
-// The front end's own section and its processing-profile key:
+// The front end's own section and its keys, beside the modes' sections:
 //   [VORN]
 //   profile = classic | enhanced      (case-insensitive)
+//   agc_target_dbfs = -26             (the enhanced level control's target, a
+//                                      decimal number in the header's range)
 inline constexpr char kFrontEndSection[] = "VORN";
-inline constexpr char kProfileKey[] = "profile";
+inline constexpr char kAgcTargetKey[] = "agc_target_dbfs";
 constexpr int32_t kConfProfileAbsent = -1;
 
-// Reads the profile the file asks for into `*profile`: 0 classic, 1
-// enhanced, kConfProfileAbsent when the file does not say. Uses the scratch
-// area's text buffers (not its results). Returns 0; -1 when the file cannot be
-// opened; -2 when a profile key names something else.
-int32_t LoadConfFileProfile(const char* filename, char* p, int32_t* profile);
+// What the [VORN] section sets. A key it does not mention keeps the value
+// given here.
+struct FrontEndConf {
+  int32_t profile = kConfProfileAbsent;  // 0 classic, 1 enhanced
+  bool agc_target_given = false;
+  float agc_target_dbfs = VORN_AGC_TARGET_DEFAULT_DBFS;
+};
 
-// The enhanced level control's target, in the same section:
-//   agc_target_dbfs = -26          (a decimal number, dBFS)
-inline constexpr char kAgcTargetKey[] = "agc_target_dbfs";
+// Mistakes the reader skipped, as sentences for the caller: one line each,
+// "line N: ...", in file order. The text holds as many whole lines as fit;
+// `count` counts them all.
+constexpr int kConfWarningBytes = 4096;
+struct ConfWarnings {
+  int32_t count;
+  char text[kConfWarningBytes];  // NUL-terminated
+};
 
-// Reads the target the file asks for: `*present` tells whether it names one
-// (the last mention wins) and `*target_dbfs` holds it. The range is the level
-// control's to judge. Returns 0; -1 when the file cannot be opened; -2 when a
-// value is not a number.
-int32_t LoadConfFileAgcTarget(const char* filename, char* p, bool* present, float* target_dbfs);
+// Parses the whole source into the scratch area prepared by LoadConfFileInit:
+// the mode records into its results, the [VORN] settings into *front_end and
+// the mistakes it skips (unknown sections and keys, values that do not
+// parse, lines that are neither a section nor a key = value, a path cut to
+// fit) into *warnings; either may be null. Returns 0; -1 when the source
+// cannot be read; -2 when a [VORN] value is refused (a level target that is
+// no number or out of range, or a profile name that
+// names no profile: running another profile than the file asks for would be
+// a silent guess). The mode records are filled in every case but -1.
+int32_t LoadConf(const ConfSource& source, char* p, FrontEndConf* front_end, ConfWarnings* warnings);
+
+// The designed entry: parses `filename` into the scratch area prepared by
+// LoadConfFileInit and points `*pkey` at the three result records (index =
+// mode). Returns -1 (and leaves `*pkey` null) when the file cannot be
+// opened; mistakes are skipped (LoadConf reports them).
+int32_t LoadConfFileProc(const char* filename, char* p, T_VornKey** pkey);
+
 
 }  // namespace vorn

@@ -35,7 +35,7 @@ void VornGetNosieEstFromNsToBf(TNsParam* ns_pm, TBfParam* bf_pm) {
   std::memcpy(BfState(bf_pm)->ns_psd, NsState(ns_pm)->lambda_d, sizeof(float) * kNsBins);
 }
 
-int VornVadProc(T_VornParam* vorn_pm, short* au, short* aec_ref, const float* corr_far_near, int corr_len,
+int VornVadProc(T_VornParam* vorn_pm, const short* au, const short* aec_ref, const float* corr_far_near, int corr_len,
                 short* ns_out) {
   TVornState* st = VornStateOf(vorn_pm);
   TNsParam* vad_pm = &st->ns_vad_pm;

@@ -20,7 +20,7 @@ void VornGetNosieEstFromNsToBf(TNsParam* ns_pm, TBfParam* bf_pm);
 // reference-to-residual energy ratio when the canceller is on. ns_out
 // receives that suppressor's output, or is null when nobody reads it (the
 // suppressor then forms only what the decision needs).
-int VornVadProc(T_VornParam* vorn_pm, short* au, short* aec_ref, const float* corr_far_near, int corr_len,
+int VornVadProc(T_VornParam* vorn_pm, const short* au, const short* aec_ref, const float* corr_far_near, int corr_len,
                 short* ns_out);
 
 }  // namespace vorn

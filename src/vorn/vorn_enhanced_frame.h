@@ -47,9 +47,9 @@ struct TalkerDirection {
 };
 
 struct EnhancedFrame {
-  short* inp;
-  short* aec_ref;
-  short* mic_order;
+  const short* inp;
+  const short* aec_ref;
+  const short* mic_order;
   short beam[kFrameLen];      // the beamformer's output
   short echo_out[kFrameLen];  // after the canceller (the beam when it is off)
   short vad_in[kFrameLen];    // the canceller's communication output, for aec_flag 3

@@ -41,14 +41,9 @@ constexpr std::size_t kEnhancedRegionOffset =
     (offsetof(TVornState, bf_buff) + sizeof(T_AudioDspState) + 63) / 64 * 64;
 constexpr std::size_t kEnhancedRegionBytes = offsetof(TVornState, bf_buff) + kRegionBfBuffSize - kEnhancedRegionOffset;
 static_assert(kEnhancedRegionOffset == 128256);
-static_assert(kEnhancedRegionBytes == 111960);
+static_assert(kEnhancedRegionBytes == (sizeof(void*) == 8 ? 111960 : 111920));  // the call records hold pointers
 static_assert(sizeof(TVornEnhancedState) <= kEnhancedRegionBytes, "enhanced state outgrew its region");
 static_assert(alignof(TVornEnhancedState) <= 64);
-
-// The check every enhanced-profile call makes of the caller's record: 0 with
-// *enhanced set; 1..3 as the parameter check refuses the record; or
-// VORN_ERR_NOT_INITIALISED for a buffer VornInit has not prepared.
-int32_t CheckPrepared(const T_VornParam* pm, TVornEnhancedState** enhanced);
 
 inline TVornEnhancedState* EnhancedStateOf(TVornState* st) {
   return reinterpret_cast<TVornEnhancedState*>(reinterpret_cast<unsigned char*>(st) + kEnhancedRegionOffset);

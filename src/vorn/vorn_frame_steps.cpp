@@ -5,6 +5,7 @@
 #include "adsp_aec/echo_cancellation.h"
 #include "adsp_agc/analog_agc.h"
 #include "common/adsp_common_util.h"
+#include "vorn/vorn_housekeeping.h"
 #include "vorn/vorn_proc_internal.h"
 
 namespace vorn {
@@ -13,7 +14,7 @@ void FillBfParam(const T_VornParam* pm, TVornState* st) {
   TBfParam& bf = st->bf_pm;
   bf.p_data = st->bf_buff;
   bf.buff_size = kRegionBfBuffSize;
-  bf.param_size = kRegionBfParamSize;
+  bf.param_size = kBfParamSize;
   bf.agc_flag = pm->agc_flag;
   bf.bf_flag = pm->bf_flag;
   bf.bf_azimuth = pm->bf_azimuth;
@@ -35,7 +36,7 @@ void FillBfParamForDoa(const T_VornParam* pm, TVornState* st) {
   bf.buff_size = kRegionBfBuffSize;
   bf.doa_flag = pm->doa_flag;
   bf.ns_flag = pm->ns_flag;
-  bf.param_size = kRegionBfParamSize;
+  bf.param_size = kBfParamSize;
   bf.p_data = st->bf_buff;
   bf.ext_doa_update_flag = pm->doa_update_flag;
 }
@@ -43,7 +44,7 @@ void FillBfParamForDoa(const T_VornParam* pm, TVornState* st) {
 void FillNsParam(TNsParam* ns, unsigned char* region) {
   ns->p_data = region;
   ns->buff_size = kRegionNsBuffSize;
-  ns->param_size = kRegionNsParamSize;
+  ns->param_size = kNsParamSize;
   ns->data_type = kNsDataTimeDomain;
   ns->inner_interface_flag = 0;
 }
@@ -58,11 +59,30 @@ void RefreshNsParams(const T_VornParam* pm, TVornState* st) {
   }
 }
 
+int32_t KeepCancellerReady(const T_VornParam* pm, TVornState* st) {
+  CancellerBook& book = HousekeepingOf(st)->canceller;
+  if (pm->aec_flag == 0) {
+    if (book.ran) book.idle = 1;
+    return 0;
+  }
+  int32_t rc = 0;
+  if (book.idle) {
+    // Its far-end history and alignment stopped with it; start afresh from
+    // the echo path VornInit read.
+    rc = AdspAec_Reset(AecInstanceOf(st), pm->aec_flag);
+  } else if (book.outputs != pm->aec_flag) {
+    rc = AdspAec_SetOutputs(AecInstanceOf(st), pm->aec_flag);
+  }
+  if (rc != 0) return rc;
+  book = {pm->aec_flag, 1, 0};
+  return 0;
+}
+
 int CancelEcho(const T_VornParam* pm, TVornState* st, const short* near, const short* ref, short* out, short* vad_in,
                float* subcoh) {
   void* aec = AecInstanceOf(st);
-  // The canceller writes only the outputs selected when it was initialised;
-  // an output it does not produce reads as silence.
+  // KeepCancellerReady has made the canceller produce the outputs aec_flag
+  // selects.
   float near_f[kAecBlock], far_f[kAecBlock], asr[kAecBlock] = {}, com[kAecBlock] = {};
   for (int block = 0; block < kFrameLen / kAecBlock; ++block) {
     const int at = block * kAecBlock;

@@ -1,6 +1,7 @@
 // The steps of one frame that both profiles share: refreshing the module
-// call records from the caller's switches, running the canceller over a
-// frame in blocks, and handing the VAD suppressor's figures to the AGC.
+// call records from the caller's switches, keeping the canceller ready for
+// the outputs the frame needs, running it over a frame in blocks, and
+// handing the VAD suppressor's figures to the AGC.
 #pragma once
 
 #include <cstdint>
@@ -10,12 +11,12 @@
 
 namespace vorn {
 
-constexpr int kFrameLen = 256;
+constexpr int kFrameLen = VORN_FRAME_SAMPLES;
 constexpr int kHalfLen = 128;
 constexpr int kAecBlock = 64;
 constexpr int kCohLen = 130;    // the canceller's sub-band coherence output
 constexpr int kVadCohLen = 65;  // of which the VAD reads the first band
-constexpr int kSampleRate = 16000;
+constexpr int kSampleRate = VORN_SAMPLE_RATE_HZ;
 
 // The beamformer's call record from the caller's active switches, asking
 // for the multi-beam channels only when the post filter runs.
@@ -27,6 +28,12 @@ void FillBfParamForDoa(const T_VornParam* pm, TVornState* st);
 void FillNsParam(TNsParam* ns, unsigned char* region);
 // The main path's three suppressor records, refreshed every frame.
 void RefreshNsParams(const T_VornParam* pm, TVornState* st);
+
+// Before a frame: prepares the canceller for the outputs `aec_flag` asks
+// for when it does not produce them yet (the flag may change between
+// frames), and restarts it when it resumes after frames without it. Returns
+// 0 or the canceller's code.
+int32_t KeepCancellerReady(const T_VornParam* pm, TVornState* st);
 
 // Runs the canceller over one frame in 64-sample blocks and writes the
 // outputs `aec_flag` selects into `out` (and the communication output into

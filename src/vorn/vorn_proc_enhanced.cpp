@@ -24,6 +24,7 @@
 #include "vorn/vorn_enhanced_state.h"
 #include "vorn/vorn_frame_steps.h"
 #include "vorn/vorn_multi_channel_post_filter.h"
+#include "vorn/vorn_proc_internal.h"
 
 namespace vorn {
 namespace {
@@ -77,7 +78,6 @@ int32_t SuppressStage(T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
   if (pm->ns_flag == 1) {
     EnhancedSuppressHop(&speech.suppressor, speech.presence, &fr.ns_hops[0], fr.clean);
     EnhancedSuppressHop(&speech.suppressor, speech.presence, &fr.ns_hops[1], fr.clean + kHalfLen);
-    fr.rtn = 0;
   } else if (pm->ns_flag == 2) {
     if (fr.rtn != 0) return fr.rtn;
     // With the canceller on, the post filter's gains go onto its output: the
@@ -88,9 +88,9 @@ int32_t SuppressStage(T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
       VornMultiChannelPostFilter(pm, fr.clean);
     if (pm->doa_update_flag == 1) VornGetNosieEstFromNsToBf(&st->ns_pm[0], &st->bf_pm);
     return 0;
-  } else if (pm->doa_flag != 0) {
-    fr.rtn = 0;  // the presence stage keeps the noise estimate current for direction finding
   }
+  // Without suppression the presence stage still keeps the noise estimate
+  // current for direction finding.
   if (pm->doa_update_flag == 1) {
     auto* bf = static_cast<T_AudioDspState*>(st->bf_pm.p_data);
     std::memcpy(bf->ns_psd, speech.presence.noise.noise, sizeof speech.presence.noise.noise);
@@ -113,7 +113,6 @@ void LevelStage(const T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
   // agc_flag 1 and 2 both mean "on"; the level control has no modes.
   const LevelCues cues{fr.presence.frame_prob, fr.echo.far_activity >= 0.5f, fr.echo.double_talk};
   LevelProc(&EnhancedStateOf(st)->modules.level, cues, fr.clean, fr.out);
-  fr.rtn = 0;
 }
 
 // A reference at or below -60 dBFS (RMS) is silence, not a far end the room
@@ -158,7 +157,8 @@ void VornInitEnhanced(const T_VornParam* pm, TVornState* st) {
   EchoStageInit(&modules.echo);
 }
 
-int32_t VornProcEnhanced(T_VornParam* pm, TVornState* st, short* inp, short* aec_ref, short* out, short* mic_order) {
+int32_t VornProcEnhanced(T_VornParam* pm, TVornState* st, const short* inp, const short* aec_ref, short* out,
+                         const short* mic_order) {
   EnhancedFrame fr{};
   fr.inp = inp;
   fr.aec_ref = aec_ref;
@@ -178,7 +178,9 @@ int32_t VornProcEnhanced(T_VornParam* pm, TVornState* st, short* inp, short* aec
   return fr.rtn;
 }
 
-int32_t VornDoaEnhanced(T_VornParam* pm, TVornState* st, short* inp, short* mic_order, int samples_per_channel) {
+int32_t VornDoaEnhanced(T_VornParam* pm, TVornState* st, const short* inp, const short* mic_order,
+                        int samples_per_channel) {
+  // VornDoa has judged the arguments; these guard the calls below.
   TDoaTrackerEnhanced& tracker = EnhancedStateOf(st)->modules.doa_tracker;
   DoaTrack found{};
   if (pm->doa_flag == 2 || pm->doa_flag == 3) {
@@ -190,7 +192,6 @@ int32_t VornDoaEnhanced(T_VornParam* pm, TVornState* st, short* inp, short* mic_
   } else if (pm->doa_flag == 1) {
     // The talker evidence the per-frame tracker has pooled since it was
     // last asked; the samples are not read.
-    if (inp == nullptr || mic_order == nullptr) return kBfErrNull;
     if (static_cast<const T_AudioDspState*>(st->bf_pm.p_data)->frame_num == 0) return kBfErrNotReady;
     found = DoaTrackerPooled(&tracker);
     if (!found.found) found = {tracker.azimuth_deg, 0.0f, tracker.has_direction != 0};

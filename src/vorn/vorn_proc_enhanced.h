@@ -15,9 +15,11 @@ void VornInitEnhanced(const T_VornParam* pm, TVornState* st);
 
 // One frame, after the caller's record and buffers have passed the same
 // checks as the classic frame. Returns the code VornProc returns.
-int32_t VornProcEnhanced(T_VornParam* pm, TVornState* st, short* inp, short* aec_ref, short* out, short* mic_order);
+int32_t VornProcEnhanced(T_VornParam* pm, TVornState* st, const short* inp, const short* aec_ref, short* out,
+                         const short* mic_order);
 
 // The direction search over a stretch, after the parameter check.
-int32_t VornDoaEnhanced(T_VornParam* pm, TVornState* st, short* inp, short* mic_order, int samples_per_channel);
+int32_t VornDoaEnhanced(T_VornParam* pm, TVornState* st, const short* inp, const short* mic_order,
+                        int samples_per_channel);
 
 }  // namespace vorn

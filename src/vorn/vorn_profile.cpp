@@ -3,35 +3,24 @@
 // layout; a buffer VornInit has not prepared carries no profile and is
 // refused.
 #include "vorn/vorn_enhanced_state.h"
+#include "vorn/vorn_housekeeping.h"
 #include "vorn/vorn_param.h"
 
 using namespace vorn;
 
-namespace vorn {
-
-int32_t CheckPrepared(const T_VornParam* pm, TVornEnhancedState** enhanced) {
-  if (pm == nullptr || pm->p_data == nullptr) return 1;
-  if (pm->buff_size < kVornMinBuffSize) return 2;
-  if (pm->param_size != kVornParamSize) return 3;
-  TVornEnhancedState* e = EnhancedStateOf(VornStateOf(pm));
-  if (e->magic != kEnhancedMagic) return VORN_ERR_NOT_INITIALISED;
-  *enhanced = e;
-  return 0;
-}
-
-}  // namespace vorn
-
 extern "C" int32_t VornSetProfile(T_VornParam* pm, int32_t profile) {
-  TVornEnhancedState* enhanced = nullptr;
-  const int32_t rc = CheckPrepared(pm, &enhanced);
-  if (rc != 0) return rc;
+  const int32_t rc = VornCheckRecord(pm);
+  if (rc != VORN_OK) return rc;
+  TVornState* st = LocateState(pm);
+  if (st == nullptr) return VORN_ERR_NOT_INITIALISED;
   if (profile != kProfileClassic && profile != kProfileEnhanced) return VORN_ERR_BAD_PROFILE;
-  enhanced->profile = profile;
-  return 0;
+  EnhancedStateOf(st)->profile = profile;
+  return VORN_OK;
 }
 
 extern "C" int32_t VornGetProfile(const T_VornParam* pm) {
-  TVornEnhancedState* enhanced = nullptr;
-  if (CheckPrepared(pm, &enhanced) != 0) return -1;
-  return enhanced->profile;
+  if (VornCheckRecord(pm) != VORN_OK) return -1;
+  const unsigned char* record = FindRecord(pm->p_data);
+  if (record == nullptr) return -1;
+  return ReadRecord<int32_t>(record, kEnhancedRegionOffset + offsetof(TVornEnhancedState, profile));
 }

@@ -22,16 +22,21 @@ struct TVornState {
   unsigned char aec_buff[kRegionAecBuffSize];
 };
 
-static_assert(sizeof(TNsParam) == kRegionNsParamSize);
-static_assert(sizeof(TBfParam) == kRegionBfParamSize);
-static_assert(sizeof(TVornState) == kVornStateSize);
-static_assert(offsetof(TVornState, ns_vad_pm) == 120);
-static_assert(offsetof(TVornState, bf_pm) == 160);
-static_assert(offsetof(TVornState, bf_buff) == 216);
-static_assert(offsetof(TVornState, ns_buff) == 240216);
-static_assert(offsetof(TVornState, ns_vad_buff) == 432216);
-static_assert(offsetof(TVornState, agc_buff) == 496216);
-static_assert(offsetof(TVornState, aec_buff) == 496604);
+// The module call records hold one pointer each, so the record's size
+// depends on the pointer width: 961,328 bytes with 8-byte pointers, 961,288
+// with 4-byte ones.
+constexpr int32_t kVornStateSize = sizeof(TVornState);
+constexpr std::size_t kCallRecordsSize = 4 * sizeof(TNsParam) + sizeof(TBfParam);
+static_assert(offsetof(TVornState, ns_vad_pm) == 3 * sizeof(TNsParam));
+static_assert(offsetof(TVornState, bf_pm) == 4 * sizeof(TNsParam));
+static_assert(offsetof(TVornState, bf_buff) == kCallRecordsSize);
+static_assert(offsetof(TVornState, ns_buff) == kCallRecordsSize + 240000);
+static_assert(offsetof(TVornState, ns_vad_buff) == kCallRecordsSize + 432000);
+static_assert(offsetof(TVornState, agc_buff) == kCallRecordsSize + 496000);
+static_assert(offsetof(TVornState, aec_buff) == kCallRecordsSize + 496388);
+static_assert(sizeof(TVornState) == kCallRecordsSize + 961112);
+static_assert(sizeof(void*) != 8 || kVornStateSize == 961328);
+static_assert(sizeof(void*) != 4 || kVornStateSize == 961288);
 
 // The state record sits at the first 64-byte boundary of the caller's buffer,
 // so that no module depends on how the caller aligned it; the parameter check

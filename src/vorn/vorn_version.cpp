@@ -1,5 +1,5 @@
 // Size and version queries of the public interface.
-#include "vorn/vorn_param.h"
+#include "vorn/vorn_state.h"
 
 namespace vorn {
 namespace {

@@ -14,12 +14,13 @@
 #include "front_end.h"
 
 #include <cstring>
+#include <sstream>
 
 namespace vorn::cli {
 namespace {
 
 // The library refuses less than this, although its size query reports less.
-constexpr int kStateBytes = 1000000;
+constexpr int kStateBytes = VORN_MIN_BUFF_SIZE;
 
 const char* CheckFailure(int code) {
   switch (code) {
@@ -34,9 +35,7 @@ const char* CheckFailure(int code) {
     case 9: return "azimuth must be 0..359, and 0, 60 or 300 with bf 3 or 4";
     case 10: return "vad-mode must be 1 or 2";
     case 100: return "the gain control or the echo canceller failed to initialise";
-    case VORN_ERR_NOT_INITIALISED: return "the state buffer has not been prepared";
-    case VORN_ERR_BAD_PROFILE: return "unknown processing profile";
-    default: return nullptr;
+    default: return VornErrorString(code);
   }
 }
 
@@ -60,9 +59,16 @@ bool FrontEnd::LoadModes(int mode, const std::string& config_path, std::string* 
   mode_ = mode;
   config_path_ = config_path;
   pm_.vorn_mode = mode;
-  std::vector<char> path(config_path.begin(), config_path.end());
-  path.push_back('\0');
-  const int code = VornInit(&pm_, config_path.empty() ? nullptr : path.data());
+  const int code = VornInit(&pm_, config_path.empty() ? nullptr : config_path.c_str());
+  int32_t count = 0;
+  const char* text = nullptr;
+  config_warnings_.clear();
+  if (!config_path.empty() && VornGetConfigWarnings(&pm_, &count, &text) == 0) {
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) config_warnings_.push_back(line);
+    const auto shown = static_cast<int32_t>(config_warnings_.size());
+    if (count > shown) config_warnings_.push_back("and " + std::to_string(count - shown) + " more");
+  }
   if (code == -1) {
     *error = config_path + ": cannot load the configuration file";
     return false;
@@ -100,12 +106,7 @@ bool FrontEnd::Start(const sim::Switches& s, int profile, std::string* error) {
 }
 
 int FrontEnd::Process(const int16_t* mics, const int16_t* reference, int16_t* out) {
-  // The entry point takes non-const buffers; it only reads the inputs.
-  short input[kMics * kFrameSamples];
-  short ref[kFrameSamples];
-  std::memcpy(input, mics, sizeof input);
-  if (reference != nullptr) std::memcpy(ref, reference, sizeof ref);
-  return VornProc(&pm_, input, reference != nullptr ? ref : nullptr, out, mic_order_);
+  return VornProc(&pm_, mics, reference, out, mic_order_);
 }
 
 uint32_t FrontEnd::warnings() const {
@@ -129,12 +130,8 @@ int FrontEnd::UtteranceDirection(int doa_flag, const int16_t* mics, int samples_
   // back so that asking for a direction never changes the processing.
   const int32_t saved_doa = pm_.doa_flag;
   const int32_t saved_azimuth = pm_.azimuth;
-  // A history search (doa_flag 1) reads no samples but is handed one frame
-  // of them.
-  const size_t frames = samples_per_channel > 0 ? static_cast<size_t>(samples_per_channel) : 1;
-  std::vector<short> block(mics, mics + static_cast<size_t>(kMics) * frames);
   pm_.doa_flag = doa_flag;
-  const int code = VornDoa(&pm_, block.data(), mic_order_, samples_per_channel);
+  const int code = VornDoa(&pm_, mics, mic_order_, samples_per_channel);
   *azimuth_deg = pm_.azimuth;
   pm_.doa_flag = saved_doa;
   pm_.azimuth = saved_azimuth;

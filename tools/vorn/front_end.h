@@ -21,6 +21,9 @@ class FrontEnd {
   // Reads the modes' switches: the built-in ones, or those of the
   // configuration file when `config_path` is not empty.
   bool LoadModes(int mode, const std::string& config_path, std::string* error);
+  // The mistakes LoadModes' configuration file holds, one "line N: ..."
+  // sentence each (also when LoadModes failed).
+  const std::vector<std::string>& config_warnings() const { return config_warnings_; }
   // The selected mode's switches as loaded.
   sim::Switches ModeSwitches() const;
   // Prepares every module with `switches` in force for the mode, in the
@@ -55,6 +58,7 @@ class FrontEnd {
   short mic_order_[kMics] = {0, 1, 2};
   int mode_ = 0;
   std::string config_path_;
+  std::vector<std::string> config_warnings_;
   float agc_target_dbfs_ = VORN_AGC_TARGET_DEFAULT_DBFS;  // the configuration file's, kept across inits
 };
 

@@ -79,7 +79,10 @@ std::string ReferenceFormatProblem(const AudioFormat& f) {
 void ReportMicrophoneChanges(uint32_t before, uint32_t now, double at_s) {
   for (int m = 0; m < kMics; ++m) {
     const uint32_t dead = VORN_WARN_MIC_DEAD(m), clipped = VORN_WARN_MIC_CLIPPED(m);
-    const std::string mic = "microphone " + std::to_string(m);
+    // Appended rather than "..." + to_string(m): g++ 12 on a 32-bit target
+    // misreads that form as an overlapping copy (-Wrestrict).
+    std::string mic = "microphone ";
+    mic += std::to_string(m);
     if ((now & dead) && !(before & dead))
       ReportWarning("at " + Seconds(at_s) + ": " + mic + " is dead (no signal); the beam goes on without it");
     if ((now & clipped) && !(before & clipped))
@@ -144,7 +147,9 @@ int ProcessRecording(const ProcessOptions& opt, Summary* summary, std::vector<in
   const bool have_reference = reference_in_input || !opt.ref_path.empty();
 
   FrontEnd front_end;
-  if (!front_end.LoadModes(opt.mode, opt.config_path, &error)) {
+  const bool modes_loaded = front_end.LoadModes(opt.mode, opt.config_path, &error);
+  for (const std::string& warning : front_end.config_warnings()) ReportWarning(opt.config_path + ": " + warning);
+  if (!modes_loaded) {
     ReportError(error);
     return kExitFailure;
   }
