@@ -90,8 +90,12 @@ int BFInit(T_AudioDspParam* pm) {
   return kBfOk;
 }
 
-int BfAnalyse(T_AudioDspParam* pm, const short* inp, const short* mic_order,
-              float spectrum[kBfChannels][kBfFftLen]) {
+namespace {
+
+// BfAnalyse, with the spectra formed only when spectra_wanted: the classic
+// hop reads them only for its beam and its multi-beam outputs.
+int AnalyseHop(T_AudioDspParam* pm, const short* inp, const short* mic_order, float spectrum[kBfChannels][kBfFftLen],
+               bool spectra_wanted) {
   short order[kBfChannels];
   const bool order_ok = TakeMicOrder(mic_order, order);
   if (pm == nullptr || pm->p_data == nullptr || inp == nullptr) return kBfErrNull;
@@ -107,6 +111,7 @@ int BfAnalyse(T_AudioDspParam* pm, const short* inp, const short* mic_order,
     float* au = st->au[m];
     for (int n = 0; n < kBfHop; ++n) au[n] = au[n + kBfHop];
     for (int n = 0; n < kBfHop; ++n) au[kBfHop + n] = static_cast<float>(inp[kBfChannels * n + order[m]]);
+    if (!spectra_wanted) continue;
     CopyData(spectrum[m], au, kBfFftLen);
     fft_rel(spectrum[m], kBfFftLen, kBfFftOrder);
   }
@@ -122,10 +127,20 @@ int BfAnalyse(T_AudioDspParam* pm, const short* inp, const short* mic_order,
   return kBfOk;
 }
 
+}  // namespace
+
+int BfAnalyse(T_AudioDspParam* pm, const short* inp, const short* mic_order,
+              float spectrum[kBfChannels][kBfFftLen]) {
+  return AnalyseHop(pm, inp, mic_order, spectrum, true);
+}
+
 int BfProc(T_AudioDspParam* pm, const short* inp, short* out, const short* mic_order) {
   if (out == nullptr) return kBfErrNull;
+  // With the beam off and no multi-beam output asked for, nothing reads the
+  // spectra and they are not formed.
+  const bool spectra_wanted = pm != nullptr && (pm->bf_flag != 0 || pm->inner_interface_flag == 1);
   float spectrum[kBfChannels][kBfFftLen];
-  const int rc = BfAnalyse(pm, inp, mic_order, spectrum);
+  const int rc = AnalyseHop(pm, inp, mic_order, spectrum, spectra_wanted);
   if (rc != kBfOk) return rc;
 
   if (pm->bf_flag != 0) {

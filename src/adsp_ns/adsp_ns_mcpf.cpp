@@ -49,6 +49,7 @@ void VornMcpfGains(T_AdspNsParam* pm, short mbf_time_signal[][256], float* spect
   float ratio0[kNsBins];            // beam 0: smoothed power over noise
   float excess[kBeams][kNsBins];    // per beam: smoothed power minus noise
   int votes = 0;
+  NsSharedTerms terms;  // beam 0's, which the gain rule reads: beam 0 runs first
 
   *p_vad_flag = 1;
   for (int b = 0; b < kBeams; ++b) {
@@ -63,7 +64,8 @@ void VornMcpfGains(T_AdspNsParam* pm, short mbf_time_signal[][256], float* spect
     AddWin(st->au, hanmming_win, kNsFftLen, spectrum);
     fft_rel(spectrum, kNsFftLen, kNsFftOrder);
     GetPsd(spectrum, kNsFftLen, psd);
-    NoiseEst(st, psd);
+    NsSharedTerms other_terms;
+    NoiseEst(st, psd, b == 0 ? &terms : &other_terms);
     votes += VadDet(st, -100.0f);
 
     for (int k = 0; k < kNsBins; ++k) {
@@ -96,8 +98,8 @@ void VornMcpfGains(T_AdspNsParam* pm, short mbf_time_signal[][256], float* spect
     q[k] = BeamAbsenceProb(s0->gamma[k], rho);
   }
 
-  if (s0->frame > 120) UpdateAbsenceProb(s0->lambda_dav_long, q);
-  EstGain(s0, q, gain);
+  if (s0->frame > 120) UpdateAbsenceProb(s0->lambda_dav_long, q, 0, kNsBins - 1);
+  EstGain(s0, q, terms, gain, 0, kNsBins - 1);
 }
 
 void VornMcpfSynthesis(T_AdspNsParam* pm, float* spectrum, float* gain, short* mcpf_out) {
