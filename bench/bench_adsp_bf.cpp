@@ -1,6 +1,7 @@
 // Cost of one beamformer hop (256 samples per microphone, 16 ms of audio)
 // for the beam types a product runs, with and without per-hop direction
-// tracking and the three post-filter beams, and of one utterance search. The input is a talker at 70
+// tracking and the three post-filter beams, of one utterance search, and of
+// the enhanced profile's beam. The input is a talker at 70
 // degrees over sensor noise, looped over 2 s so that the adaptive beam and
 // the detectors see changing audio.
 #include <benchmark/benchmark.h>
@@ -8,6 +9,7 @@
 #include <vector>
 
 #include "adsp_bf/audio_dsp_proc.h"
+#include "adsp_bf/beam_enhanced.h"
 #include "sim/signals.h"
 
 namespace {
@@ -81,5 +83,39 @@ void BM_VornDoaProcStretch(benchmark::State& state) {
   }
 }
 BENCHMARK(BM_VornDoaProcStretch)->Unit(benchmark::kMillisecond);
+
+// The enhanced profile's beam for the same hop, to set against
+// BM_BfProcHop/bf:N/doa:0/mbf:0: the shared analysis, then the run-time
+// beam with its microphone watch and its blend towards microphone 0.
+// Nothing re-steers here; that costs one weight design and a second beam
+// for one hop. Argument: bf_flag.
+void BM_EnhancedBeamHop(benchmark::State& state) {
+  std::vector<float> buffer(kBfBuffSize / sizeof(float));
+  T_AudioDspParam pm{buffer.data(), kBfBuffSize, kBfParamSize, 0, static_cast<int>(state.range(0)), 60, 0, 0, 0, 0, 1,
+                     0};
+  if (BFInit(&pm) != 0) {
+    state.SkipWithError("BFInit failed");
+    return;
+  }
+  EnhancedBeamState enhanced;
+  EnhancedBeamInit(&enhanced);
+  const BeamRequest request{pm.bf_flag, pm.bf_azimuth, 0, 0.0f, 0.0f, 0.0f};
+  const auto* analysis = static_cast<const T_AudioDspState*>(pm.p_data);
+  const float* const latest[3] = {analysis->au[0] + kBfHop, analysis->au[1] + kBfHop, analysis->au[2] + kBfHop};
+  std::vector<short> pcm = Input();
+  short out[kBfHop];
+  std::size_t hop = 0;
+  for (auto _ : state) {
+    float spectrum[kBfChannels][kBfFftLen];
+    BfAnalyse(&pm, pcm.data() + hop * 3 * kBfHop, nullptr, spectrum);
+    EnhancedBeamProc(&enhanced, request, latest, spectrum, out);
+    benchmark::DoNotOptimize(out);
+    hop = hop + 1 == kHops ? 0 : hop + 1;
+  }
+  state.SetItemsProcessed(state.iterations());
+  state.counters["x_realtime"] = benchmark::Counter(static_cast<double>(state.iterations()) * 0.016,
+                                                    benchmark::Counter::kIsRate);
+}
+BENCHMARK(BM_EnhancedBeamHop)->ArgName("bf")->Arg(1)->Arg(2)->Arg(4);
 
 }  // namespace

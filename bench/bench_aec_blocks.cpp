@@ -15,11 +15,11 @@
 namespace vorn {
 namespace {
 
-enum StageSet { kPlain = 0, kSse2 = 1 };
+enum StageSet { kPlain = 0, kVector = 1 };
 
 const RdftStages& StagesOf(int set) {
-#if defined(__SSE2__)
-  if (set == kSse2) return kRdftSse2Stages;
+#if defined(VORN_SIMD4)
+  if (set == kVector) return kRdftSimdStages;
 #endif
   (void)set;
   return kRdftPlainStages;
@@ -36,11 +36,11 @@ void BM_RdftForwardInverse(benchmark::State& state) {
     for (float& v : a) v *= 2.0f / 128.0f;  // keep the data bounded across iterations
     benchmark::DoNotOptimize(a.data());
   }
-  state.SetLabel(state.range(0) == kPlain ? "plain" : "sse2");
+  state.SetLabel(state.range(0) == kPlain ? "plain" : "vector");
 }
 BENCHMARK(BM_RdftForwardInverse)->Arg(kPlain)
-#if defined(__SSE2__)
-    ->Arg(kSse2)
+#if defined(VORN_SIMD4)
+    ->Arg(kVector)
 #endif
     ;
 
@@ -54,11 +54,11 @@ void BM_RdftForward(benchmark::State& state) {
     aec_rdft_forward_128_with(stages, a.data());
     benchmark::DoNotOptimize(a.data());
   }
-  state.SetLabel(state.range(0) == kPlain ? "plain" : "sse2");
+  state.SetLabel(state.range(0) == kPlain ? "plain" : "vector");
 }
 BENCHMARK(BM_RdftForward)->Arg(kPlain)
-#if defined(__SSE2__)
-    ->Arg(kSse2)
+#if defined(VORN_SIMD4)
+    ->Arg(kVector)
 #endif
     ;
 

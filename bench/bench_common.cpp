@@ -2,7 +2,7 @@
 // one forward and one inverse transform, as each analysis/synthesis hop of
 // the suppressor, the VAD path and the post filter runs them; and of the
 // suppressor's widest spectral smoothing (31 taps over 257 bins), plain and
-// with SSE2.
+// with four-lane vectors.
 #include <benchmark/benchmark.h>
 
 #include <vector>
@@ -63,8 +63,8 @@ void BM_ConvGlobalSmoothing(benchmark::State& state) {
   }
 }
 BENCHMARK(BM_ConvGlobalSmoothing<vorn::ConvPlain>)->Name("BM_ConvGlobalSmoothing/plain");
-#if defined(__SSE2__)
-BENCHMARK(BM_ConvGlobalSmoothing<vorn::ConvSse2>)->Name("BM_ConvGlobalSmoothing/sse2");
+#if defined(VORN_SIMD4)
+BENCHMARK(BM_ConvGlobalSmoothing<vorn::ConvSimd>)->Name("BM_ConvGlobalSmoothing/simd");
 #endif
 
 }  // namespace

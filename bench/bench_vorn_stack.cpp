@@ -73,6 +73,15 @@ void BM_StackVornProcHeaviest(benchmark::State& state) {
 }
 BENCHMARK(BM_StackVornProcHeaviest)->Iterations(1)->Unit(benchmark::kMillisecond);
 
+// The same switches through the enhanced frame: its adaptive beam keeps its
+// blocking outputs and their filtered sum on the stack.
+void BM_StackVornProcHeaviestEnhanced(benchmark::State& state) {
+  std::size_t peak = 0;
+  for (auto _ : state) peak = PeakStack(Job{1, false, 4, 3, 2, VORN_PROFILE_ENHANCED});
+  state.counters["stack_bytes"] = static_cast<double>(peak);
+}
+BENCHMARK(BM_StackVornProcHeaviestEnhanced)->Iterations(1)->Unit(benchmark::kMillisecond);
+
 void BM_StackVornProcDefault(benchmark::State& state) {
   std::size_t peak = 0;
   for (auto _ : state) peak = PeakStack(Job{0, false, 0, 0, 1});

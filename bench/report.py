@@ -83,6 +83,21 @@ def module_table(paths):
     return lines
 
 
+def echo_cost_line(data):
+    """The enhanced canceller path's cost per 4 ms block against the classic
+    path the same chain (aec_flag 1) runs, from bench_adsp_aec."""
+    path = os.path.join(data, "speed_bench_adsp_aec.json")
+    if not os.path.exists(path):
+        return None
+    runs = median_runs(load_benchmarks(path)[1])
+    classic, enhanced = runs.get("BM_AecFrame64/NlpPf:1"), runs.get("BM_AecEnhancedFrame64")
+    if not classic or not enhanced:
+        return None
+    return ("Cost per 64-sample block (`bench_adsp_aec`, CPU time): classic path (`aec_flag` 1) %.1f µs, "
+            "enhanced path %.1f µs, %.2f× (acceptance: at most 1.3×)." %
+            (micros(classic), micros(enhanced), micros(enhanced) / micros(classic)))
+
+
 def main():
     data, out = sys.argv[1], sys.argv[2]
     with open(os.path.join(data, "quality.md")) as f:
@@ -131,6 +146,18 @@ def main():
     add("")
     add("The enhanced profile's noise suppression and speech detection, against SpeexDSP, RNNoise and Silero VAD "
         "on their own noise and speech-detection grids: [noise_vad.md](noise_vad.md).")
+    add("")
+    add("The enhanced profile's echo control (double talk, reference leads and jumps, path changes, music, a "
+        "distorting loudspeaker; the wake-up and communication chains), classic | enhanced | SpeexDSP with a "
+        "768- and a 2048-tap filter: [echo.md](echo.md).")
+    echo_cost = echo_cost_line(data)
+    if echo_cost:
+        add("")
+        add(echo_cost)
+        echo_page = os.path.join(os.path.dirname(out), "echo.md")
+        if os.path.exists(echo_page):
+            with open(echo_page, "a") as f:
+                f.write("\n## Cost\n\n" + echo_cost + "\n")
     if chain:
         add("| speed | whole chain, CPU µs per 16 ms frame (× real time) | %.0f (%.0f×), 1-mic | %.0f (%.0f×) | – |" %
             (chain[0], 16000.0 / chain[0], chain[1], 16000.0 / chain[1]))
@@ -158,6 +185,17 @@ def main():
             "chain runs the beamformer's transforms and direction tracking on all three microphones and a "
             "second suppressor instance for the VAD, none of which SpeexDSP has." % (whole, aec or 0.0, ns or 0.0))
     add("")
+    sections = sorted(glob.glob(os.path.join(data, "sections", "*.md")))
+    if sections:
+        add("## Sections")
+        add("")
+        add("Figures of single changes, classic | enhanced | the peer on the same scenes, each on a page of its own:")
+        add("")
+        for path in sections:
+            with open(path) as f:
+                title = f.readline().lstrip("#").strip()
+            add("- [%s](%s)" % (title, os.path.basename(path)))
+        add("")
     add("## Quality")
     add("")
     add(quality)

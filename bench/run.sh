@@ -66,8 +66,10 @@ if [ "${VORN_BENCH_REPEAT:-0}" = 1 ]; then
   echo "quality: both runs agree"
 fi
 
-# The direction section is a page of its own, linked from the report.
+# The direction and echo sections are pages of their own, linked from the
+# report (the echo page gets its cost line from the speed run below).
 cp "$data/direction.md" "$report/direction.md"
+cp "$data/echo.md" "$report/echo.md"
 
 echo "speed: Vorn against SpeexDSP"
 if [ -x "$build/bench/bench_vs_speexdsp" ]; then
@@ -83,6 +85,8 @@ for bench in "$build"/bench/bench_*; do
     >/dev/null 2>"$data/speed_$name.log"
 done
 
+# The sections of single changes, each its own page beside the report.
+cp "$data"/sections/*.md "$report"/ 2>/dev/null || true
 gnuplot -e "data='$data'; out='$report'" "$root/bench/plots.gp"
 cat "$data/noise_vad.md" "$data/noise_vad_speed.md" >"$report/noise_vad.md"
 python3 "$root/bench/report.py" "$data" "$report/report.md"

@@ -60,6 +60,7 @@ extern "C" {
  *     14  VORN_ERR_BAD_MIC_ORDER      the microphone order does not name slots 0, 1 and 2 once each
  *     15  VORN_ERR_BAD_LENGTH         VornDoa: a negative length
  *     16  VORN_ERR_NO_SEARCH          VornDoa with doa_flag 0: no direction search chosen
+ *     17  VORN_ERR_OUT_OF_RANGE       VornSetAgcTarget: a target outside its range
  *     -1  VORN_ERR_CONFIG             VornInit: the configuration file cannot be read, or its
  *                                     [VORN] profile names no profile (VornGetConfigWarnings says why)
  *    100  VORN_ERR_MODULE_INIT        VornInit: the AGC or the echo canceller failed to initialise
@@ -88,6 +89,7 @@ extern "C" {
 #define VORN_ERR_BAD_MIC_ORDER 14
 #define VORN_ERR_BAD_LENGTH 15
 #define VORN_ERR_NO_SEARCH 16
+#define VORN_ERR_OUT_OF_RANGE 17
 #define VORN_ERR_CONFIG (-1)
 #define VORN_ERR_MODULE_INIT 100
 #define VORN_ERR_NO_FRAMES 201
@@ -211,6 +213,52 @@ int32_t VornGetSpeechProbability(const T_VornParam* pm, float* value);
  * profile, which gives none. On the bench, frames above 0.5 are within 10
  * degrees of the talker more often than those below (see README). */
 int32_t VornGetDoaConfidence(const T_VornParam* pm, float* value);
+
+/* Share of the last frame (0..1) in which the loudspeaker reference carried
+ * the far end above its floor, as the echo canceller judged it; 0 with the
+ * canceller off (aec_flag 0) and under the classic profile. */
+int32_t VornGetFarEndActivity(const T_VornParam* pm, float* value);
+
+/* Echo return loss in dB: the reference's level over the echo's level at the
+ * canceller's input, smoothed over the stretches where only echo is heard.
+ * 99 until such a stretch has been measured (and under the classic
+ * profile). */
+int32_t VornGetEchoReturnLoss(const T_VornParam* pm, float* value);
+
+/* 1 while the loudspeaker reference carries one of the microphones' own
+ * signals (a miswired channel), else 0. The canceller then leaves the frame
+ * as the beam gave it rather than cancel the talker. Always 0 under the
+ * classic profile. */
+int32_t VornGetReferenceIsMicrophone(const T_VornParam* pm, float* value);
+
+/* Microphone warnings, a bit mask. Microphone m (0..2) is the array's
+ * microphone m, i.e. input slot mic_oder[m]. The enhanced profile watches
+ * every frame's samples; a faulty microphone is left out of the beams (and
+ * bf_flag 0 passes the first working microphone instead of microphone 0)
+ * until it has behaved for about a second. */
+#define VORN_WARN_MIC_DEAD(m) (1u << (m))          /* constant (zeros) while another microphone is not */
+#define VORN_WARN_MIC_CLIPPED(m) (1u << (3 + (m))) /* clipping while another microphone is not */
+
+/* The warnings in force after the last frame; 0 under the classic profile,
+ * which does not watch the microphones. */
+int32_t VornGetWarnings(const T_VornParam* pm, uint32_t* warnings);
+
+/* The enhanced profile's level control (agc_flag 1 or 2) steers the near
+ * talker's active speech level at its output to a target in dBFS:
+ * 10*log10 of the mean square over the talker's speech frames against
+ * 32768^2. VornInit sets the default, or the configuration file's
+ *   [VORN]
+ *   agc_target_dbfs = -26
+ * (a value that is no number or lies outside the range makes VornInit
+ * return -1). The classic AGC ignores it. */
+#define VORN_AGC_TARGET_DEFAULT_DBFS (-26.0f)
+#define VORN_AGC_TARGET_MIN_DBFS (-40.0f)
+#define VORN_AGC_TARGET_MAX_DBFS (-6.0f)
+
+/* Sets the target, at any frame boundary: VORN_AGC_TARGET_MIN_DBFS ..
+ * VORN_AGC_TARGET_MAX_DBFS, else VORN_ERR_OUT_OF_RANGE. */
+int32_t VornSetAgcTarget(T_VornParam* pm, float target_dbfs);
+int32_t VornGetAgcTarget(const T_VornParam* pm, float* target_dbfs);
 
 #ifdef __cplusplus
 }

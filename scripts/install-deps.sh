@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
 # Installs what building Vorn needs on a Debian machine, only when missing:
-#   scripts/install-deps.sh           compilers and the test and benchmark libraries
+#   scripts/install-deps.sh           compilers, the test and benchmark libraries, what the
+#                                     install check needs, and the aarch64 cross compiler and
+#                                     emulator the tests also run under
 #   scripts/install-deps.sh --tools   compilers only (enough for the library and the tools)
 set -euo pipefail
 
@@ -11,11 +13,18 @@ command -v make >/dev/null || need+=(make)
 if [ "${1:-}" != "--tools" ]; then
   [ -f /usr/include/gtest/gtest.h ] || need+=(libgtest-dev)
   [ -f /usr/include/benchmark/benchmark.h ] || need+=(libbenchmark-dev)
+  # The 64-bit Arm build of the tests: cross compiler, emulator, GoogleTest's sources.
+  command -v aarch64-linux-gnu-g++ >/dev/null || need+=(g++-aarch64-linux-gnu)
+  command -v qemu-aarch64 >/dev/null || command -v qemu-aarch64-static >/dev/null || need+=(qemu-user)
   # The 32-bit build: the multilib compiler, the i386 kernel headers and
   # GoogleTest's sources (built for i386 by scripts/test.sh).
   echo 'int main() { return 0; }' | g++ -m32 -x c++ - -o /dev/null 2>/dev/null || need+=(g++-multilib)
   [ -f /usr/i686-linux-gnu/include/asm/errno.h ] || need+=(linux-libc-dev-i386-cross)
   [ -f /usr/src/googletest/CMakeLists.txt ] || need+=(googletest)
+  # scripts/check_install.sh builds against vorn.pc; the Debian package reads
+  # its dependencies with dpkg-shlibdeps.
+  command -v pkg-config >/dev/null || need+=(pkg-config)
+  command -v dpkg-shlibdeps >/dev/null || need+=(dpkg-dev)
   # The Python module and its tests, built against the distribution's
   # interpreter; pip and setuptools for `pip install --no-build-isolation .`;
   # Dask distributed for the cluster batch and its test.

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <utility>
 #include <tuple>
 #include <vector>
@@ -78,25 +79,29 @@ TEST(DoaHelpers, BinWeightsPowerSlotsAngleMeansAndSelectSort) {
   EXPECT_TRUE(pick.elevation == 0 && pick.azimuth == 3) << pick.elevation << " " << pick.azimuth;
 }
 
-#if defined(__SSE2__)
-// The vector scoring gives the plain loop's bits, for the real tables and for
-// a count of sets that leaves a scalar tail (bins, weights and sets at random).
-TEST(DoaSteeredPower, Sse2MatchesThePlainLoopBitForBit) {
-  const sim::Signal noise = sim::WhiteNoise(kDoaBandBins * 6 + 256 + 7 * 1542, 0.5, 17);
-  float unit[kDoaBandBins][3][2];
-  std::copy_n(noise.begin(), kDoaBandBins * 6, &unit[0][0][0]);
-  const float* w = noise.data() + kDoaBandBins * 6;
-  const float* random_sets[7];
-  for (int i = 0; i < 7; ++i) random_sets[i] = noise.data() + kDoaBandBins * 6 + 256 + 1542 * i;
-  const std::pair<const float* const*, int> cases[] = {{doa_tab60, 72}, {doa_tab, 72}, {random_sets, 7}};
-  for (const auto& [sets, count] : cases) {
-    std::vector<float> plain(count), fast(count);
-    DoaSteeredPowerPlain(sets, count, unit, w, plain.data());
-    DoaSteeredPowerSse2(sets, count, unit, w, fast.data());
-    EXPECT_EQ(plain, fast) << count << " sets";
+// The vector scoring over the transposed family gives the plain loop's bits
+// over the sets themselves, on random bins and weights and on silence (all
+// zero, the search's floor), which also proves the transposed copy holds the
+// sets' own floats.
+TEST(DoaSteeredPower, VectorSearchMatchesThePlainLoopBitForBit) {
+#if defined(VORN_SIMD4)
+  const sim::Signal noise = sim::WhiteNoise(kDoaBandBins * 6 + 256, 0.5, 17);
+  for (bool silent : {false, true}) {
+    float unit[kDoaBandBins][3][2];
+    std::copy_n(noise.begin(), kDoaBandBins * 6, &unit[0][0][0]);
+    std::vector<float> w(noise.begin() + kDoaBandBins * 6, noise.end());
+    if (silent) std::fill(w.begin(), w.end(), 0.0f);
+    for (int e = 0; e < kBfElevationSets; ++e) {
+      std::vector<float> plain(kBfDirections), fast(kBfDirections);
+      DoaSteeredPowerPlain(doa_ele_azi_tab[e], kBfDirections, unit, w.data(), plain.data());
+      DoaSteeredPowerSimd(doa_ele_azi_search_tab[e], unit, w.data(), fast.data());
+      EXPECT_EQ(std::memcmp(plain.data(), fast.data(), plain.size() * sizeof(float)), 0) << "family " << e;
+    }
   }
-}
+#else
+  GTEST_SKIP() << "no four-lane vectors in this build";
 #endif
+}
 
 // The tracked azimuth is a plain mean of the decisions in degrees, without wrap-around, over the
 // hops seen so far (at most 64), and a hop before any is counted gives its own decision. Here a

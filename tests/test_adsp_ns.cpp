@@ -5,9 +5,12 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <cstring>
+#include <limits>
 #include <numeric>
 #include <vector>
 
+#include "adsp_ns/adsp_ns_kernels.h"
 #include "adsp_ns/adsp_ns_proc.h"
 #include "common/adsp_common_fft_rel.h"
 #include "common/adsp_common_rom.h"
@@ -151,6 +154,90 @@ TEST(AdspNsProc, ImprovesSpeechToNoiseRatio) {
     EXPECT_GT(snr_out - snr_in, 4.0);
     EXPECT_GT(speech_loss, -4.0);
     EXPECT_GT(speech_loss - noise_drop, 4.0);
+  }
+}
+
+// The per-bin kernels' vector twins against their plain loops, bit for bit,
+// on spectra a suppressor meets and on the values that take the rare branches:
+// zeros, denormals, the floor 1e-10, ExpExpint's breakpoints, the ramp's
+// bracket, huge and infinite ratios, NaN.
+TEST(NsKernels, VectorTwinsGiveThePlainBits) {
+#if defined(VORN_SIMD4)
+  const float inf = std::numeric_limits<float>::infinity(), nan = std::numeric_limits<float>::quiet_NaN();
+  const std::vector<float> specials = {0.0f,   -0.0f, 1e-40f, 1e-10f, 9e-11f, 1e-3f, 0.001f, 0.25f, 1.0f,  5.0f,
+                                       4.999f, 0.0999f, 0.1f, 0.2f,   0.3165f, 0.32f, 3.0f,  1.67f, 1e30f, 3e38f,
+                                       inf,    nan,   -1.0f};
+  // Row r of an input: noise of its own scale with a special value every few bins.
+  const auto input = [&](int r, int len) {
+    std::vector<float> x = sim::WhiteNoise(len, 1.0, 300u + r);
+    for (int k = 0; k < len; ++k) {
+      x[k] = std::fabs(x[k]) * std::pow(10.0f, static_cast<float>((k * 7 + r) % 9) - 4.0f);
+      if ((k + r) % 5 == 0) x[k] = specials[(k * 3 + r) % specials.size()];
+    }
+    return x;
+  };
+  for (int len : {kNsBins, 7, 3}) {
+    SCOPED_TRACE(testing::Message() << len << " bins");
+    const std::vector<float> psd = input(0, len), noise = input(1, len), memory = input(2, len),
+                             minimum = input(3, len), smoothed = input(4, len), presence = input(5, len);
+    std::vector<float> a[5], b[5];
+    for (int i = 0; i < 5; ++i) a[i].assign(len, 0.0f), b[i].assign(len, 0.0f);
+    for (float eta_min : {0.0001f, 0.31622776f}) {
+      const NsSnrIn in{psd.data(), noise.data(), memory.data(), minimum.data(), smoothed.data(), eta_min};
+      NsSnrTermsPlain(in, {a[0].data(), a[1].data(), a[2].data(), a[3].data(), a[4].data()}, len);
+      NsSnrTermsSimd(in, {b[0].data(), b[1].data(), b[2].data(), b[3].data(), b[4].data()}, len);
+      for (int i = 0; i < 5; ++i)
+        ASSERT_EQ(std::memcmp(a[i].data(), b[i].data(), len * sizeof(float)), 0) << "SNR term " << i;
+    }
+    // The averages, from gamma_min and zeta with specials in them.
+    std::vector<float> dav_a = input(6, len), dav_long_a = input(7, len), d_a(len);
+    std::vector<float> dav_b = dav_a, dav_long_b = dav_long_a, d_b(len);
+    NsNoiseUpdatePlain(psd.data(), input(8, len).data(), input(9, len).data(), presence.data(),
+                       {dav_a.data(), dav_long_a.data(), d_a.data()}, len);
+    NsNoiseUpdateSimd(psd.data(), input(8, len).data(), input(9, len).data(), presence.data(),
+                      {dav_b.data(), dav_long_b.data(), d_b.data()}, len);
+    EXPECT_EQ(std::memcmp(dav_a.data(), dav_b.data(), len * sizeof(float)), 0);
+    EXPECT_EQ(std::memcmp(dav_long_a.data(), dav_long_b.data(), len * sizeof(float)), 0);
+    EXPECT_EQ(std::memcmp(d_a.data(), d_b.data(), len * sizeof(float)), 0);
+    // The speech-hypothesis gain over every ExpExpint branch, and the ramp.
+    const std::vector<float> v = input(10, len), eta = input(11, len), gamma = input(12, len);
+    NsLsaGainPlain(v.data(), eta.data(), gamma.data(), a[0].data(), a[1].data(), len);
+    NsLsaGainSimd(v.data(), eta.data(), gamma.data(), b[0].data(), b[1].data(), len);
+    EXPECT_EQ(std::memcmp(a[0].data(), b[0].data(), len * sizeof(float)), 0) << "gain";
+    EXPECT_EQ(std::memcmp(a[1].data(), b[1].data(), len * sizeof(float)), 0) << "memory";
+    NsRampOfRatioPlain(v.data(), a[2].data(), len);
+    NsRampOfRatioSimd(v.data(), b[2].data(), len);
+    EXPECT_EQ(std::memcmp(a[2].data(), b[2].data(), len * sizeof(float)), 0) << "ramp";
+  }
+#else
+  GTEST_SKIP() << "no four-lane vectors in this build";
+#endif
+}
+
+// A VAD instance whose output nobody reads runs without one: it forms only the
+// gains its band measure reads and no synthesis, and every decision and every
+// figure the front end reads from it stays the same bits, under each rule.
+TEST(NsVadProc, WithoutAnOutputDecidesTheSame) {
+  const std::size_t n = 10 * kSecond;
+  const sim::SpeechLike talker = sim::MakeSpeechLike(n, 4, {.lead_silence_s = 2.0});
+  const std::vector<std::int16_t> pcm = sim::ToPcm(sim::Mix(talker.samples, sim::PinkNoise(n, 300.0, 5)));
+  for (int vad_mode : {1, 2, 3}) {
+    SCOPED_TRACE(vad_mode);
+    NsInstance with(vad_mode), without(vad_mode);
+    with.state().t_ref_to_aec = without.state().t_ref_to_aec = 25.0f;  // the echo-aware figures move too
+    int flags = 0;
+    for (std::size_t h = 0; h + 1 < n / kNsHop; ++h) {
+      short in[kNsHop], out[kNsHop];
+      std::copy(pcm.begin() + h * kNsHop, pcm.begin() + (h + 1) * kNsHop, in);
+      const int want = NsVadProc(&with.param(), nullptr, nullptr, nullptr, in, out);
+      ASSERT_EQ(NsVadProc(&without.param(), nullptr, nullptr, nullptr, in, nullptr), want) << "hop " << h;
+      const T_AdspNsState &a = with.state(), &b = without.state();
+      const float figures_a[] = {a.f_snr, a.long_eta, a._d_ssnr, a._d_senr, a.long_ssnr, a.phat_mean, a.f_sir};
+      const float figures_b[] = {b.f_snr, b.long_eta, b._d_ssnr, b._d_senr, b.long_ssnr, b.phat_mean, b.f_sir};
+      ASSERT_EQ(std::memcmp(figures_a, figures_b, sizeof figures_a), 0) << "hop " << h;
+      flags += want;
+    }
+    EXPECT_GT(flags, 0);
   }
 }
 

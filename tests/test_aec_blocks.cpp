@@ -1,5 +1,5 @@
 // Tests of the echo canceller's building blocks: ring buffer, 128-point real
-// FFT (against a direct DFT in double, and SSE2 against plain stages), random
+// FFT (against a direct DFT in double, and vector against plain stages), random
 // generators, resampler and skew fit, stored-filter reader, delay estimator.
 #include <gtest/gtest.h>
 
@@ -126,27 +126,27 @@ TEST(Rdft128, ForwardMatchesADirectDftInDoubleAndInverseUndoesIt) {
   EXPECT_LT(worst_round_trip, 1e-6);
 }
 
-#if defined(__SSE2__)
+#if defined(VORN_SIMD4)
 // Stage by stage on random input: the real-data stages and the twiddle groups
 // without a plain shortcut round exactly like the plain code; the shortcut
 // groups (cft1st's first 16 floats, cftmdl's first 64) may differ by rounding.
-TEST(Rdft128, Sse2StagesMatchThePlainStagesAndAreCompiledIn) {
+TEST(Rdft128, VectorStagesMatchThePlainStagesAndAreCompiledIn) {
   const RdftStage128 plain_stages[] = {cft1st_128_C, cftmdl_128_C, rftfsub_128_C, rftbsub_128_C};
-  const RdftStage128 sse2_stages[] = {cft1st_128_SSE2, cftmdl_128_SSE2, rftfsub_128_SSE2, rftbsub_128_SSE2};
+  const RdftStage128 vector_stages[] = {cft1st_128_Simd, cftmdl_128_Simd, rftfsub_128_Simd, rftbsub_128_Simd};
   const RdftStage128 compiled_in[] = {kRdftStages.cft1st, kRdftStages.cftmdl, kRdftStages.rftfsub, kRdftStages.rftbsub};
   const int exact_from[] = {16, 64, 0, 0};
   for (int stage = 0; stage < 4; ++stage) {
-    EXPECT_EQ(compiled_in[stage], sse2_stages[stage]) << stage;
+    EXPECT_EQ(compiled_in[stage], vector_stages[stage]) << stage;
     for (unsigned seed = 1; seed <= 10; ++seed) {
       const sim::Signal noise = sim::WhiteNoise(128, 1000.0, seed);
-      alignas(16) std::array<float, 128> plain, sse2;
+      alignas(16) std::array<float, 128> plain, vector;
       std::copy(noise.begin(), noise.end(), plain.begin());
-      sse2 = plain;
+      vector = plain;
       plain_stages[stage](plain.data());
-      sse2_stages[stage](sse2.data());
+      vector_stages[stage](vector.data());
       for (int i = 0; i < 128; ++i) {
-        const bool same_bits = std::bit_cast<uint32_t>(plain[i]) == std::bit_cast<uint32_t>(sse2[i]);
-        const bool rounding = i < exact_from[stage] && std::fabs(plain[i] - sse2[i]) <= 4e-7f * 4000.0f;
+        const bool same_bits = std::bit_cast<uint32_t>(plain[i]) == std::bit_cast<uint32_t>(vector[i]);
+        const bool rounding = i < exact_from[stage] && std::fabs(plain[i] - vector[i]) <= 4e-7f * 4000.0f;
         ASSERT_TRUE(same_bits || rounding) << "stage " << stage << " float " << i;
       }
     }

@@ -113,6 +113,37 @@ TEST(FftRel, MatchesTheDirectDftWithItsBinPowersAndRoundTrips) {
   }
 }
 
+// The vector transforms against their plain twins, bit for bit, on every
+// size, on noise, on values of very different scales, and on signed zeros,
+// infinities and NaN (which must travel through the same lanes).
+TEST(FftRel, VectorTransformsGiveThePlainBits) {
+#if defined(VORN_SIMD4)
+  const float inf = std::numeric_limits<float>::infinity(), nan = std::numeric_limits<float>::quiet_NaN();
+  for (short n : {4, 8, 16, 32, 64, 128, 256, 512, 1024}) {
+    SCOPED_TRACE("n = " + std::to_string(n));
+    std::vector<Floats> inputs = {sim::WhiteNoise(n, 1000.0, 50u + n), sim::WhiteNoise(n, 1e-30, 51u + n)};
+    Floats mixed = sim::WhiteNoise(n, 1.0, 52u + n);
+    for (int i = 0; i < n; i += 7) mixed[i] *= 1e20f;
+    inputs.push_back(mixed);
+    Floats special(n, -0.0f);
+    special[n / 2 - 1] = inf;
+    special[n - 3] = nan;
+    inputs.push_back(special);
+    for (const Floats& input : inputs) {
+      Floats plain = input, vector = input;
+      FftRelPlain(plain.data(), n, Log2(n));
+      FftRelSimd(vector.data(), n, Log2(n));
+      ASSERT_EQ(std::memcmp(plain.data(), vector.data(), n * sizeof(float)), 0) << "forward";
+      IfftRelPlain(plain.data(), n, Log2(n));
+      IfftRelSimd(vector.data(), n, Log2(n));
+      ASSERT_EQ(std::memcmp(plain.data(), vector.data(), n * sizeof(float)), 0) << "inverse";
+    }
+  }
+#else
+  GTEST_SKIP() << "no four-lane vectors in this build";
+#endif
+}
+
 TEST(CommonUtil, TruncSaturatesAndZeroesTheExactLimits) {
   const float inf = std::numeric_limits<float>::infinity();
   struct Case { const char* name; float x; short want; };
@@ -193,6 +224,22 @@ TEST(CommonUtil, ConvIsCentredAndDropsTermsBeyondBothEdges) {
         if (idx >= 0 && idx < n) want += static_cast<double>(kernel[j]) * signal[idx];
       }
       ASSERT_NEAR(out[o], want, 1e-5) << "output " << o;
+    }
+  }
+  // A range gives the same bits as the whole, plain and vector alike, and
+  // writes nothing outside it.
+  {
+    Floats xi = sim::WhiteNoise(257, 1.0, 21u), kernel = sim::WhiteNoise(31, 1.0, 22u), whole(257);
+    ConvPlain(kernel.data(), 31, xi.data(), 257, whole.data());
+    const int ranges[][2] = {{6, 151}, {0, 257}, {0, 3}, {250, 300}, {-4, 20}, {100, 100}, {140, 139}};
+    for (const auto& r : ranges) {
+      SCOPED_TRACE(testing::Message() << "outputs " << r[0] << ".." << r[1]);
+      for (auto* conv : {&ConvRange, &ConvRangePlain}) {
+        Floats out(257, -7.0f);
+        conv(kernel.data(), 31, xi.data(), 257, r[0], r[1], out.data());
+        for (int o = 0; o < 257; ++o)
+          ASSERT_EQ(out[o], o >= r[0] && o < r[1] ? whole[o] : -7.0f) << "output " << o;
+      }
     }
   }
   // Nothing is written for empty inputs.

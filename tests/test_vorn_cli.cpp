@@ -260,7 +260,9 @@ TEST_F(VornCli, EveryInputFormGivesTheSameOutput) {
 }
 
 TEST_F(VornCli, SwitchesReachTheLibraryAndTheSummaryShowsThem) {
-  const std::vector<int16_t> frames = Capture(0.5);
+  // Long enough for the enhanced level control to hear the talker: it keeps
+  // unity gain until it has.
+  const std::vector<int16_t> frames = Capture(1.5);
   ASSERT_TRUE(WriteWavFile(Path("in.wav"), frames, 3));
   // With every stage off the output is the first microphone, sample for sample.
   ASSERT_EQ(Run({"process", "in.wav", "-o", "plain.pcm", "--agc", "0", "--bf", "0", "--ns", "0"}).status, 0);
@@ -437,6 +439,15 @@ TEST_F(VornCli, AReferenceRemovesTheEcho) {
             std::string::npos)
       << padded.err;
   EXPECT_EQ(Wav("out.wav").size(), n);
+  // A reference wired to a microphone is reported; a true one is not.
+  std::vector<int16_t> mic0(n);
+  for (size_t i = 0; i < n; ++i) mic0[i] = mics[3 * i];
+  ASSERT_TRUE(WriteWavFile(Path("mic0.wav"), mic0, 1));
+  const CommandResult miswired = Run({"process", "three.wav", "--ref", "mic0.wav", "-o", "out.wav"});
+  EXPECT_EQ(miswired.status, 0);
+  const std::string copy_warning = "the reference carries a microphone's own signal";
+  EXPECT_NE(miswired.err.find(copy_warning), std::string::npos) << miswired.err;
+  EXPECT_EQ(separate.err.find(copy_warning), std::string::npos) << separate.err;
 }
 
 TEST_F(VornCli, ProgressBarOnlyOnATerminalAndOnlyForLongInputs) {

@@ -9,6 +9,7 @@
 #include <cstring>
 #include <filesystem>
 #include <functional>
+#include <limits>
 #include <set>
 #include <string>
 #include <vector>
@@ -228,6 +229,38 @@ TEST(DesignedInterface, WarningCodes) {
   ExpectCodesAndUntouchedState(cases, VORN_PROFILE_ENHANCED);
 }
 
+// The enhanced profile's figures and its level target: a refused target
+// leaves the level control as it was; the range's ends are accepted.
+TEST(DesignedInterface, FigureAndTargetCodes) {
+  const auto set = [](float target) { return [=](T_VornParam pm) { return VornSetAgcTarget(&pm, target); }; };
+  const std::vector<Case> cases = {
+      {"target: no record", [](T_VornParam) { return VornSetAgcTarget(nullptr, -20.0f); }, VORN_ERR_NULL},
+      {"target: another layout", [](T_VornParam pm) {
+         pm.param_size = 1;
+         return VornSetAgcTarget(&pm, -20.0f);
+       }, VORN_ERR_PARAM_SIZE},
+      {"target: too quiet", set(VORN_AGC_TARGET_MIN_DBFS - 0.5f), VORN_ERR_OUT_OF_RANGE},
+      {"target: too loud", set(VORN_AGC_TARGET_MAX_DBFS + 0.5f), VORN_ERR_OUT_OF_RANGE},
+      {"target: no number", set(std::numeric_limits<float>::quiet_NaN()), VORN_ERR_OUT_OF_RANGE},
+      {"get target: nowhere", [](T_VornParam pm) { return VornGetAgcTarget(&pm, nullptr); }, VORN_ERR_NULL},
+      {"warnings: nowhere", [](T_VornParam pm) { return VornGetWarnings(&pm, nullptr); }, VORN_ERR_NULL},
+      {"probability: nowhere", [](T_VornParam pm) { return VornGetSpeechProbability(&pm, nullptr); }, VORN_ERR_NULL},
+      {"confidence: small buffer", [](T_VornParam pm) {
+         float value = 0.0f;
+         pm.buff_size = VORN_MIN_BUFF_SIZE - 1;
+         return VornGetDoaConfidence(&pm, &value);
+       }, VORN_ERR_BUFF_SIZE},
+  };
+  ExpectCodesAndUntouchedState(cases, VORN_PROFILE_ENHANCED);
+  Instance instance(VORN_PROFILE_ENHANCED);
+  for (const float target : {VORN_AGC_TARGET_MIN_DBFS, VORN_AGC_TARGET_MAX_DBFS}) {
+    float got = 0.0f;
+    EXPECT_EQ(VornSetAgcTarget(&instance.pm, target), VORN_OK);
+    EXPECT_EQ(VornGetAgcTarget(&instance.pm, &got), VORN_OK);
+    EXPECT_EQ(got, target);
+  }
+}
+
 // A buffer VornInit has not prepared (or whose last VornInit failed before
 // it could) is refused by every call that needs a prepared one.
 TEST(DesignedInterface, UnpreparedBuffersAreRefused) {
@@ -244,6 +277,10 @@ TEST(DesignedInterface, UnpreparedBuffersAreRefused) {
   float figure = 0.0f;
   EXPECT_EQ(VornGetSpeechProbability(&pm, &figure), VORN_ERR_NOT_INITIALISED);
   EXPECT_EQ(VornGetDoaConfidence(&pm, &figure), VORN_ERR_NOT_INITIALISED);
+  EXPECT_EQ(VornGetAgcTarget(&pm, &figure), VORN_ERR_NOT_INITIALISED);
+  EXPECT_EQ(VornSetAgcTarget(&pm, VORN_AGC_TARGET_DEFAULT_DBFS), VORN_ERR_NOT_INITIALISED);
+  uint32_t warnings = 0;
+  EXPECT_EQ(VornGetWarnings(&pm, &warnings), VORN_ERR_NOT_INITIALISED);
   pm.vad_mode = 0;
   EXPECT_EQ(VornInit(&pm, nullptr), VORN_ERR_VAD_MODE);
   EXPECT_EQ(VornProc(&pm, Capture().Mics(0), Capture().Ref(0), out, order), VORN_ERR_VAD_MODE);

@@ -49,13 +49,16 @@ void RunFrames(T_VornParam* pm, int from, int to, std::vector<short>* seen) {
 
 // The per-frame figures the record has no field for.
 struct Figures {
-  float speech = -1.0f, confidence = -1.0f;
+  float speech = -1.0f, confidence = -1.0f, level_target = 0.0f;
+  uint32_t mic_warnings = ~0u;
   bool operator==(const Figures&) const = default;
 };
 Figures Read(const T_VornParam* pm) {
   Figures f;
   EXPECT_EQ(VornGetSpeechProbability(pm, &f.speech), VORN_OK);
   EXPECT_EQ(VornGetDoaConfidence(pm, &f.confidence), VORN_OK);
+  EXPECT_EQ(VornGetAgcTarget(pm, &f.level_target), VORN_OK);
+  EXPECT_EQ(VornGetWarnings(pm, &f.mic_warnings), VORN_OK);
   return f;
 }
 
@@ -66,6 +69,7 @@ TEST(StateCopy, ACopyGoesOnWithTheSameBytes) {
     T_VornParam reference = sim::ParamKeeping(reference_memory.At(0), heaviest, 1);
     ASSERT_EQ(VornInit(&reference, nullptr), VORN_OK);
     ASSERT_EQ(VornSetProfile(&reference, profile), VORN_OK);
+    ASSERT_EQ(VornSetAgcTarget(&reference, -20.0f), VORN_OK);  // not the default, so that a copy must carry it
     std::vector<short> want;
     RunFrames(&reference, 0, kCopyAfter, &want);
     const Figures at_copy = Read(&reference);
@@ -80,6 +84,7 @@ TEST(StateCopy, ACopyGoesOnWithTheSameBytes) {
       T_VornParam pm = sim::ParamKeeping(old_memory->At(0), heaviest, 1);
       ASSERT_EQ(VornInit(&pm, nullptr), VORN_OK);
       ASSERT_EQ(VornSetProfile(&pm, profile), VORN_OK);
+      ASSERT_EQ(VornSetAgcTarget(&pm, -20.0f), VORN_OK);
       std::vector<short> ignored;
       RunFrames(&pm, 0, kCopyAfter, &ignored);
 

@@ -197,11 +197,19 @@ void VornChainArray(benchmark::State& s) { VornChain(s, {0, 2, 1, 1, 1, 75, 2});
 void VornChainPostFilter(benchmark::State& s) { VornChain(s, {0, 2, 1, 3, 2, 75, 2}); }
 void VornChainMonoAgc(benchmark::State& s) { VornChain(s, {2, 0, 0, 1, 1, 0, 2}); }
 void VornChainWakeUp(benchmark::State& s) { VornChain(s, {1, 0, 0, 0, 1, 0, 1}); }
+// The recognition chain with canceller and direction tracking, and the heaviest
+// switch set (adaptive beam, tracking, both canceller outputs, post filter).
+void VornChainRecognition(benchmark::State& s) { VornChain(s, {2, 0, 1, 1, 1, 0, 2}); }
+void VornChainHeaviest(benchmark::State& s) { VornChain(s, {2, 4, 1, 3, 2, 60, 2}); }
 BENCHMARK(VornChainMono)->Name("chain/Vorn 1-mic")->Unit(benchmark::kMicrosecond);
 BENCHMARK(VornChainArray)->Name("chain/Vorn array")->Unit(benchmark::kMicrosecond);
 BENCHMARK(VornChainPostFilter)->Name("chain/Vorn array + post filter")->Unit(benchmark::kMicrosecond);
 BENCHMARK(VornChainMonoAgc)->Name("chain + AGC/Vorn 1-mic + AGC")->Unit(benchmark::kMicrosecond);
 BENCHMARK(VornChainWakeUp)->Name("chain, no echo canceller/Vorn wake-up defaults")->Unit(benchmark::kMicrosecond);
+BENCHMARK(VornChainRecognition)
+    ->Name("chain + AGC/Vorn recognition + canceller + tracking")
+    ->Unit(benchmark::kMicrosecond);
+BENCHMARK(VornChainHeaviest)->Name("chain + AGC/Vorn heaviest")->Unit(benchmark::kMicrosecond);
 
 void SpeexChain(benchmark::State& state, int agc) {
   Input& in = SharedInput();

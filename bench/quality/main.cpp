@@ -10,8 +10,12 @@
 #include <string>
 #include <vector>
 
+#include "quality/beam_grid.h"
 #include "quality/direction_bench.h"
+#include "quality/echo_bench.h"
 #include "quality/grid.h"
+#include "quality/level_grid.h"
+#include "quality/markdown.h"
 #include "quality/noise_vad_section.h"
 #include "quality/scoring.h"
 #include "quality/systems.h"
@@ -128,15 +132,6 @@ std::vector<System> Systems() {
   }
 #endif
   return systems;
-}
-
-// Appends " text |" to a table row.
-void AddCell(std::string& row, const std::string& text) { row.append(" ").append(text).append(" |"); }
-
-std::string Fixed(double value, int decimals = 1) {
-  char text[32];
-  std::snprintf(text, sizeof text, "%.*f", decimals, value);
-  return text;
 }
 
 // ---- plot data -----------------------------------------------------------
@@ -482,8 +477,6 @@ double Spread(const Results& results, const std::string& system) {
   return levels.empty() ? std::nan("") : sim::LevelSpreadDb(levels);
 }
 
-std::string Cell(double value, int decimals = 1) { return std::isnan(value) ? "–" : Fixed(value, decimals); }
-
 // One line per task: Vorn (one microphone / array), the peer, the baseline.
 std::string HeadlineMarkdown(const Results& results) {
   const std::string speex = "SpeexDSP", speex_agc = "SpeexDSP + AGC";
@@ -619,9 +612,10 @@ std::string FindingsMarkdown(const Results& results) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  // --only TOPIC runs one section alone (direction or noise_vad); --match
-  // TEXT keeps the direction section's scenes whose name contains TEXT (a
-  // quicker look while developing).
+  // --only TOPIC runs one section alone (direction, noise_vad, beam, level
+  // or echo; beam and level go to OUT_DIR/sections, which the report
+  // links); --match TEXT keeps the direction or echo section's scenes whose
+  // name contains TEXT (a quicker look while developing).
   std::string only, match;
   std::vector<std::string> rest;
   for (int i = 1; i < argc; ++i) {
@@ -631,14 +625,40 @@ int main(int argc, char** argv) {
     else
       rest.push_back(arg);
   }
-  if (rest.size() != 1 || (!only.empty() && only != "direction" && only != "noise_vad")) {
-    std::fprintf(stderr, "usage: vorn_bench_quality OUT_DIR [--only direction|noise_vad] [--match TEXT]\n");
+  const bool known = only.empty() || only == "direction" || only == "noise_vad" || only == "beam" || only == "level" ||
+                     only == "echo";
+  if (rest.size() != 1 || !known) {
+    std::fprintf(stderr, "usage: vorn_bench_quality OUT_DIR [--only direction|noise_vad|beam|level|echo] [--match TEXT]\n");
     return 2;
   }
   const std::filesystem::path dir = rest[0];
   std::filesystem::create_directories(dir);
   if (only == "direction") return RunDirectionBench(dir, match);
   if (only == "noise_vad") return vorn::bench::RunNoiseVadSection(dir);
+  std::string echo_error;
+  if (only == "echo") {
+    if (RunEchoBench(dir, match, &echo_error)) return 0;
+    std::fprintf(stderr, "%s\n", echo_error.c_str());
+    return 1;
+  }
+  std::string section_error;
+  const std::filesystem::path sections = dir / "sections";
+  std::filesystem::create_directories(sections);
+  if (only.empty() || only == "beam") {
+    if (!WriteBeamReport(sections, &section_error)) {
+      std::fprintf(stderr, "beam section: %s\n", section_error.c_str());
+      return 1;
+    }
+    std::fprintf(stderr, "wrote %s\n", (sections / "beam.md").c_str());
+  }
+  if (only.empty() || only == "level") {
+    if (!WriteLevelReport(sections, &section_error)) {
+      std::fprintf(stderr, "level section: %s\n", section_error.c_str());
+      return 1;
+    }
+    std::fprintf(stderr, "wrote %s\n", (sections / "level.md").c_str());
+  }
+  if (!only.empty()) return 0;
   if (const int rc = vorn::bench::RunNoiseVadSection(dir); rc != 0) return rc;
   Results results;
   results.scenes = AllScenes();
@@ -684,5 +704,10 @@ int main(int argc, char** argv) {
     std::fclose(headline);
   }
   std::printf("%s", md.c_str());
-  return RunDirectionBench(dir);
+  if (const int rc = RunDirectionBench(dir); rc != 0) return rc;
+  if (!RunEchoBench(dir, "", &echo_error)) {
+    std::fprintf(stderr, "%s\n", echo_error.c_str());
+    return 1;
+  }
+  return 0;
 }

@@ -30,6 +30,10 @@ bool RunSpeex(const SpeexConfig& config, const sim::RenderedScene& rendered, Sys
   speex_preprocess_ctl(pre, SPEEX_PREPROCESS_SET_DENOISE, &denoise);
   speex_preprocess_ctl(pre, SPEEX_PREPROCESS_SET_VAD, &vad);
   speex_preprocess_ctl(pre, SPEEX_PREPROCESS_SET_AGC, &agc);
+  if (config.agc_level > 0.0f) {
+    float level = config.agc_level;
+    speex_preprocess_ctl(pre, SPEEX_PREPROCESS_SET_AGC_LEVEL, &level);
+  }
   if (echo != nullptr) speex_preprocess_ctl(pre, SPEEX_PREPROCESS_SET_ECHO_STATE, echo);
 
   const std::size_t frames = WholeFrames(rendered);

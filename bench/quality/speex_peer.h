@@ -17,6 +17,7 @@ struct SpeexConfig {
   bool agc = false;
   int frame = 256;          // samples per call (16 ms)
   int filter_length = 768;  // echo tail, samples: the same 48 ms Vorn's canceller models
+  float agc_level = 0.0f;   // the AGC's level setting (a sample value); 0 keeps the library's 8000
 };
 
 bool RunSpeex(const SpeexConfig& config, const sim::RenderedScene& rendered, SystemRun* run, std::string* error);

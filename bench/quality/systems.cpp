@@ -5,8 +5,9 @@
 
 #include <cmath>
 
-#include "sim/metrics.h"
 #include "sim/front_end_param.h"
+#include "sim/metrics.h"
+#include "vorn/vorn_enhanced_state.h"
 #include "vorn/vorn_param.h"
 #include "vorn_proc.h"
 
@@ -33,7 +34,7 @@ bool RunVorn(const VornConfig& config, const sim::Scene& scene, const sim::Rende
              std::string* error) {
   std::vector<unsigned char> state(kVornMinBuffSize);
   sim::Switches switches = config.switches;
-  if (config.steer_to_talker) switches.azimuth = TableAzimuth(scene.azimuth_deg);
+  if (config.steer_to_talker) switches.azimuth = TableAzimuth(scene.azimuth_deg + config.steer_offset_deg);
   T_VornParam pm = sim::ParamKeeping(state.data(), switches, switches.doa != 0 ? 1 : 0);
   if (const int code = VornInit(&pm, nullptr); code != 0) {
     *error = Failure("VornInit", code);
@@ -43,6 +44,12 @@ bool RunVorn(const VornConfig& config, const sim::Scene& scene, const sim::Rende
     *error = Failure("VornSetProfile", code);
     return false;
   }
+  if (const int code = VornSetAgcTarget(&pm, config.agc_target_dbfs); code != 0) {
+    *error = Failure("VornSetAgcTarget", code);
+    return false;
+  }
+  // A beam told which microphone is broken: the best the working ones can do.
+  EnhancedBeamExclude(&EnhancedStateOf(VornStateOf(&pm))->modules.beam, config.exclude_mics);
   const std::size_t frames = WholeFrames(rendered);
   std::vector<short> mics(rendered.mics.begin(), rendered.mics.end());
   std::vector<short> reference(rendered.reference.begin(), rendered.reference.end());
@@ -62,6 +69,9 @@ bool RunVorn(const VornConfig& config, const sim::Scene& scene, const sim::Rende
     }
     run->output.insert(run->output.end(), out, out + sim::kFrame);
     run->speech.push_back(pm.vad_flag != 0 ? 1 : 0);
+    std::uint32_t warnings = 0;
+    VornGetWarnings(&pm, &warnings);
+    run->warnings.push_back(warnings);
     if (switches.doa != 0) run->azimuth_deg.push_back(pm.azimuth);
   }
   if (config.utterance_doa) {

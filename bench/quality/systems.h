@@ -9,6 +9,7 @@
 
 #include "sim/scene.h"
 #include "sim/switches.h"
+#include "vorn_proc.h"
 
 namespace vorn::bench {
 
@@ -24,6 +25,7 @@ struct SystemRun {
   // update only on frames where the talker speaks (empty when not run).
   std::vector<double> gated_azimuth_deg;
   double utterance_azimuth_deg = -1.0;
+  std::vector<std::uint32_t> warnings;  // VornGetWarnings after each frame
 };
 
 // One Vorn configuration: the switches a caller sets on every frame.
@@ -36,6 +38,9 @@ struct VornConfig {
   // that holds the tracker while nobody talks, with a perfect speech detector.
   bool doa_updates_on_speech = false;
   int profile = 0;  // VORN_PROFILE_CLASSIC or VORN_PROFILE_ENHANCED
+  double steer_offset_deg = 0.0;  // with steer_to_talker: aim this far off the talker
+  uint32_t exclude_mics = 0;      // enhanced: microphones the beam is told to leave out from the start
+  float agc_target_dbfs = VORN_AGC_TARGET_DEFAULT_DBFS;  // enhanced level control's target
 };
 
 // Whole frames in an interleaved three-microphone capture.

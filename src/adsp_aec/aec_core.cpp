@@ -62,7 +62,9 @@ float RunFilter(AecCore* aec, const float* near_block, float* error_block) {
   return energy;
 }
 
-void ProcessBlock(AecCore* aec) {
+}  // namespace
+
+float AdspAec_ProcessLinearBlock(AecCore* aec) {
   // Far-end power is smoothed with these weights; the partition count scales
   // it to the energy the whole filter sees, which is what normalises the step.
   const float kPowSmooth[2] = {0.9f, 0.1f};
@@ -157,15 +159,24 @@ void ProcessBlock(AecCore* aec) {
   // Mean square of the far partition from its half spectrum (Parseval).
   const float far_mean_square = far_power_sum / (kAecBlockLen * kAecBlockLen2);
   UpdateDoubleFilter(aec, main_energy, adaptive_energy, far_mean_square);
+  return far_mean_square;
+}
 
-  ProcessNlpBlock(aec, far_mean_square);
-
+void AdspAec_FinishBlock(AecCore* aec) {
   std::memmove(aec->dBuf, aec->dBuf + kAecBlockLen, sizeof(float) * kAecBlockLen);
   std::memmove(aec->eBuf, aec->eBuf + kAecBlockLen, sizeof(float) * kAecBlockLen);
   std::memmove(aec->cBuf, aec->cBuf + kAecBlockLen, sizeof(float) * kAecBlockLen);
   for (int b = 0; b < aec->num_bands - 1 && b < kMaxUpperBands; ++b)
     std::memmove(aec->dBufH[b], aec->dBufH[b] + kAecBlockLen, sizeof(float) * kAecBlockLen);
   aec->frame_count += 1;
+}
+
+namespace {
+
+void ProcessBlock(AecCore* aec) {
+  const float far_mean_square = AdspAec_ProcessLinearBlock(aec);
+  ProcessNlpBlock(aec, far_mean_square);
+  AdspAec_FinishBlock(aec);
 }
 
 void SignalBasedDelayCorrection(AecCore* aec) {

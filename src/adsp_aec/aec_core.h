@@ -236,6 +236,20 @@ extern const std::array<float, kAecBins> AdspAec_sqrtHanning;     // sin(pi k / 
 extern const std::array<float, kAecBins> AdspAec_overDriveCurve;  // 1 + sqrt(k / 64), 4 decimals
 extern const std::array<float, kAecBins> AdspAec_weightCurve;     // 0, then 0.1 + 0.3 sqrt((k-1)/63)
 
+// One block in three steps, so that another suppression can follow the
+// linear filters: the linear step reads the next 64 near-end samples from
+// nearFrBuf and one far-end spectrum, runs both filters and leaves the near
+// end, the main filter's error and the adaptive filter's error in the upper
+// halves of dBuf, eBuf and cBuf (their lower halves hold the previous block);
+// it returns the far partition's mean square. The finishing step moves those
+// halves down and counts the block.
+float AdspAec_ProcessLinearBlock(AecCore* aec);
+void AdspAec_FinishBlock(AecCore* aec);
+
+// A 128-sample frame (previous and current block) through the square-root
+// Hann window and the transform; fft is a 16-byte aligned work array.
+void AdspAec_WindowAndTransform(const float* block, float* fft, float spectrum[2][kAecBins]);
+
 // Core output handling after the linear filters (aec_core_nlp.cpp): windowed
 // spectra, coherence, gains, comfort noise and the synthesis of the outputs.
 void ProcessNlpBlock(AecCore* aec, float far_mean_square);

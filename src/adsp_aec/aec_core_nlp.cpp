@@ -141,14 +141,6 @@ float BlockMeanSquare(const float* x) {
   return sum / kAecBlockLen;
 }
 
-void WindowAndTransform(const float* block, float* fft, float spectrum[2][kAecBins]) {
-  for (int i = 0; i < kAecBlockLen; ++i) {
-    fft[i] = block[i] * AdspAec_sqrtHanning[i];
-    fft[kAecBlockLen + i] = block[kAecBlockLen + i] * AdspAec_sqrtHanning[kAecBlockLen - i];
-  }
-  aec_rdft_forward_128(fft);
-  aec_rdft_unpack_128(fft, spectrum);
-}
 
 // Inverse transform of a (conjugated) spectrum, synthesis window and
 // overlap-add with the tail kept in outBuf[which]; the 64 finished samples go
@@ -219,13 +211,22 @@ static_assert(AdspAec_overDriveCurve[1] == 1.125f);
 static_assert(AdspAec_weightCurve[0] == 0.0f && AdspAec_weightCurve[1] == 0.1f);
 static_assert(AdspAec_weightCurve[64] == 0.4f);
 
+void AdspAec_WindowAndTransform(const float* block, float* fft, float spectrum[2][kAecBins]) {
+  for (int i = 0; i < kAecBlockLen; ++i) {
+    fft[i] = block[i] * AdspAec_sqrtHanning[i];
+    fft[kAecBlockLen + i] = block[kAecBlockLen + i] * AdspAec_sqrtHanning[kAecBlockLen - i];
+  }
+  aec_rdft_forward_128(fft);
+  aec_rdft_unpack_128(fft, spectrum);
+}
+
 void SubbandCoherence(AecCore* aec, float efw[2][kAecBins], float xfw[2][kAecBins], float* fft,
                       float* cohde, float* cohxd, float* cohxe, float* Rbb, int PostFilterflag) {
   float dfw[2][kAecBins];
   float cfw[2][kAecBins];
-  WindowAndTransform(aec->dBuf, fft, dfw);
-  WindowAndTransform(aec->eBuf, fft, efw);
-  if (PostFilterflag == 1) WindowAndTransform(aec->cBuf, fft, cfw);
+  AdspAec_WindowAndTransform(aec->dBuf, fft, dfw);
+  AdspAec_WindowAndTransform(aec->eBuf, fft, efw);
+  if (PostFilterflag == 1) AdspAec_WindowAndTransform(aec->cBuf, fft, cfw);
 
   const float* g = aec->extended_filter_enabled ? kExtendedSmoothingCoefficients[aec->mult - 1]
                                                 : kNormalSmoothingCoefficients[aec->mult - 1];

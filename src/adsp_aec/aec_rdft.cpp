@@ -8,8 +8,9 @@
 // pre-processing conjugating the spectrum and the last complex stage
 // conjugating back, so the same cft1st/cftmdl serve both directions.
 //
-// These plain stages are the reference; where the build targets SSE2 the hot
-// stages are its vector twins, chosen at compile time. The first group of cft1st and the
+// These plain stages are the reference; where the build has four-lane vectors
+// (aec_rdft_simd.cpp: SSE2 or NEON, the same bits on both) the hot stages
+// are their vector twins, chosen at compile time. The first group of cft1st and the
 // first two of cftmdl take shortcuts for their trivial twiddles
 // (1 and e^(i pi/4)), so plain and vector stages agree to float rounding, not
 // bit for bit, in those groups.

@@ -4,8 +4,10 @@
 // with R[k] = sum x[j] cos(2 pi j k / 128), I[k] = sum x[j] sin(2 pi j k / 128)
 // (the sine sign, opposite to the usual e^-iwt DFT; every user is written for
 // it). aec_rdft_inverse_128 maps that packing back to 64 * x (n/2 times the
-// signal). The array must be 16-byte aligned for the SSE2 stages.
+// signal).
 #pragma once
+
+#include "common/simd4.h"
 
 namespace vorn {
 
@@ -26,11 +28,12 @@ void cftmdl_128_C(float* a);
 void rftfsub_128_C(float* a);
 void rftbsub_128_C(float* a);
 
-#if defined(__SSE2__)
-void cft1st_128_SSE2(float* a);
-void cftmdl_128_SSE2(float* a);
-void rftfsub_128_SSE2(float* a);
-void rftbsub_128_SSE2(float* a);
+#if defined(VORN_SIMD4)
+// Four-lane stages: the same bits on every target that has them.
+void cft1st_128_Simd(float* a);
+void cftmdl_128_Simd(float* a);
+void rftfsub_128_Simd(float* a);
+void rftbsub_128_Simd(float* a);
 #endif
 
 // The four stages a vector unit speeds up; bit reversal and the last complex
@@ -39,14 +42,14 @@ struct RdftStages {
   RdftStage128 cft1st, cftmdl, rftfsub, rftbsub;
 };
 inline constexpr RdftStages kRdftPlainStages = {cft1st_128_C, cftmdl_128_C, rftfsub_128_C, rftbsub_128_C};
-#if defined(__SSE2__)
-inline constexpr RdftStages kRdftSse2Stages = {cft1st_128_SSE2, cftmdl_128_SSE2, rftfsub_128_SSE2,
-                                               rftbsub_128_SSE2};
+#if defined(VORN_SIMD4)
+inline constexpr RdftStages kRdftSimdStages = {cft1st_128_Simd, cftmdl_128_Simd, rftfsub_128_Simd,
+                                               rftbsub_128_Simd};
 #endif
 // The stages the canceller runs, fixed when the library is compiled (no
 // writable global chooses them, so instances on other threads share nothing).
-#if defined(__SSE2__)
-inline constexpr const RdftStages& kRdftStages = kRdftSse2Stages;
+#if defined(VORN_SIMD4)
+inline constexpr const RdftStages& kRdftStages = kRdftSimdStages;
 #else
 inline constexpr const RdftStages& kRdftStages = kRdftPlainStages;
 #endif

@@ -32,6 +32,10 @@ inline char* Adsp_BufferData(RingBuffer* self) {
   const std::uintptr_t at = reinterpret_cast<std::uintptr_t>(self) + static_cast<std::uintptr_t>(self->data_offset);
   return reinterpret_cast<char*>(at);
 }
+inline const char* Adsp_BufferData(const RingBuffer* self) {
+  const std::uintptr_t at = reinterpret_cast<std::uintptr_t>(self) + static_cast<std::uintptr_t>(self->data_offset);
+  return reinterpret_cast<const char*>(at);
+}
 
 // Sets up the ring over `storage`, which must lie in the same record as the
 // ring so that both move together. -1 for a null ring, null storage or a

@@ -75,8 +75,8 @@ int DoaSelectBfElevationAzimuth(T_AudioDspState* st, float f[3][512], float* w) 
   EleAziStruct per_set[kBfDoaElevations];
   for (int e = 0; e < kBfDoaElevations; ++e) {
     float scores[kBfDoaDirections];
-#if defined(__SSE2__)
-    DoaSteeredPowerSse2(doa_ele_azi_tab[e], kBfDoaDirections, unit, w, scores);
+#if defined(VORN_SIMD4)
+    DoaSteeredPowerSimd(doa_ele_azi_search_tab[e], unit, w, scores);
 #else
     DoaSteeredPowerPlain(doa_ele_azi_tab[e], kBfDoaDirections, unit, w, scores);
 #endif

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "adsp_bf/audio_dsp_proc.h"
+#include "common/simd4.h"
 
 namespace vorn {
 
@@ -40,13 +41,13 @@ constexpr int kDoaBandBins = kDoaHighBin - kDoaLowBin + 1;
 // Steered power of num_sets weight sets over the search band:
 // scores[d] = sum over k of |sum_m W_d,m(k) U_m(k)|^2 w[k], bins in rising
 // order, with U the unit-magnitude microphone bins (unit[k - kDoaLowBin][m]
-// = re, im). The plain loop is the reference; the SSE2 one scores four sets
-// at once with the same operations per set and gives the same bits.
+// = re, im). The plain loop over the sets is the reference; the vector one
+// scores the 72 directions of a transposed family (weight_tables.h) four at a
+// time with the same operations per direction and gives the same bits.
 void DoaSteeredPowerPlain(const float* const* sets, int num_sets, const float (*unit)[3][2], const float* w,
                           float* scores);
-#if defined(__SSE2__)
-void DoaSteeredPowerSse2(const float* const* sets, int num_sets, const float (*unit)[3][2], const float* w,
-                         float* scores);
+#if defined(VORN_SIMD4)
+void DoaSteeredPowerSimd(const float* search_table, const float (*unit)[3][2], const float* w, float* scores);
 #endif
 
 // Position of the largest en (first on ties) and that entry's idx.

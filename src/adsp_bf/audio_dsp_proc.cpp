@@ -90,10 +90,15 @@ int BFInit(T_AudioDspParam* pm) {
   return kBfOk;
 }
 
-int BfProc(T_AudioDspParam* pm, const short* inp, short* out, const short* mic_order) {
+namespace {
+
+// BfAnalyse, with the spectra formed only when spectra_wanted: the classic
+// hop reads them only for its beam and its multi-beam outputs.
+int AnalyseHop(T_AudioDspParam* pm, const short* inp, const short* mic_order, float spectrum[kBfChannels][kBfFftLen],
+               bool spectra_wanted) {
   short order[kBfChannels];
   const bool order_ok = TakeMicOrder(mic_order, order);
-  if (pm == nullptr || pm->p_data == nullptr || inp == nullptr || out == nullptr) return kBfErrNull;
+  if (pm == nullptr || pm->p_data == nullptr || inp == nullptr) return kBfErrNull;
   if (pm->bf_flag < 0 || pm->bf_flag >= kBeamTypes) return kBfErrParam;
   // A slot outside the frame would be read past the caller's buffer; refuse
   // it like any other out-of-range parameter, before the state changes.
@@ -102,11 +107,11 @@ int BfProc(T_AudioDspParam* pm, const short* inp, short* out, const short* mic_o
   auto* st = static_cast<T_AudioDspState*>(pm->p_data);
   st->frame_num = st->frame_num < kBfFrameNumMax ? st->frame_num + 1 : kBfFrameNumMax;
 
-  float spectrum[kBfChannels][kBfFftLen];
   for (int m = 0; m < kBfChannels; ++m) {
     float* au = st->au[m];
     for (int n = 0; n < kBfHop; ++n) au[n] = au[n + kBfHop];
     for (int n = 0; n < kBfHop; ++n) au[kBfHop + n] = static_cast<float>(inp[kBfChannels * n + order[m]]);
+    if (!spectra_wanted) continue;
     CopyData(spectrum[m], au, kBfFftLen);
     fft_rel(spectrum[m], kBfFftLen, kBfFftOrder);
   }
@@ -119,10 +124,28 @@ int BfProc(T_AudioDspParam* pm, const short* inp, short* out, const short* mic_o
       SpeechNoiseWeights(st);
     }
   }
+  return kBfOk;
+}
+
+}  // namespace
+
+int BfAnalyse(T_AudioDspParam* pm, const short* inp, const short* mic_order,
+              float spectrum[kBfChannels][kBfFftLen]) {
+  return AnalyseHop(pm, inp, mic_order, spectrum, true);
+}
+
+int BfProc(T_AudioDspParam* pm, const short* inp, short* out, const short* mic_order) {
+  if (out == nullptr) return kBfErrNull;
+  // With the beam off and no multi-beam output asked for, nothing reads the
+  // spectra and they are not formed.
+  const bool spectra_wanted = pm != nullptr && (pm->bf_flag != 0 || pm->inner_interface_flag == 1);
+  float spectrum[kBfChannels][kBfFftLen];
+  const int rc = AnalyseHop(pm, inp, mic_order, spectrum, spectra_wanted);
+  if (rc != kBfOk) return rc;
 
   if (pm->bf_flag != 0) {
     float beam[kBfFftLen];
-    BF(st, spectrum, beam, pm->bf_flag, pm->bf_azimuth);
+    BF(static_cast<T_AudioDspState*>(pm->p_data), spectrum, beam, pm->bf_flag, pm->bf_azimuth);
     Float2PCM(beam, out, kBfHop);
   } else {
     for (int n = 0; n < kBfHop; ++n) out[n] = inp[kBfChannels * n];

@@ -90,6 +90,12 @@ int BFInit(T_AudioDspParam* pm);
 // samples; mic_order (may be null) names the input slot of microphones 0, 1, 2.
 // 0, 1 (record, state or buffer missing) or 2 (bf_flag, or a slot not 0..2).
 int BfProc(T_AudioDspParam* pm, const short* inp, short* out, const short* mic_order);
+// The part of BfProc every beam builds on: the same checks and codes (out
+// aside), the analysis buffers slid by one hop, their unwindowed spectra in
+// `spectrum` (row = microphone), the multi-beam outputs and the direction
+// step the record asks for. BfProc is this followed by its beam.
+int BfAnalyse(T_AudioDspParam* pm, const short* inp, const short* mic_order,
+              float spectrum[kBfChannels][kBfFftLen]);
 
 // Direction of a stretch from the per-hop scores BfProc has stored (the
 // samples are not read). 0, 1, 2 (doa_flag not 1..3) or 201 (no hop yet).

@@ -74,6 +74,16 @@ extern const float* const doa_tab55[kBfDirections];
 constexpr int kBfElevationSets = 1;
 extern const float* const* const doa_ele_azi_tab[kBfElevationSets];
 
+// The same families transposed for the direction search over its band, bins
+// kBfSearchFirstBin .. + kBfSearchBins - 1: the weight of microphone m at bin
+// k for direction d is (t[((k - first) * 6 + 2m) * 72 + d], t[((k - first) * 6
+// + 2m + 1) * 72 + d]), the same floats as in the sets.
+constexpr int kBfSearchFirstBin = 17;
+constexpr int kBfSearchBins = 205;
+constexpr int kBfSearchFloats = kBfSearchBins * kBfMics * 2 * kBfDirections;
+extern const float doa_search_tab60[kBfSearchFloats];
+extern const float* const doa_ele_azi_search_tab[kBfElevationSets];
+
 // Sector look directions in degrees.
 extern const int mbf_angles[3];
 

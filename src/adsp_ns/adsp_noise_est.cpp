@@ -15,14 +15,13 @@
 // exponential inside it are formed in double, as the gain rule does.
 #include <cmath>
 
+#include "adsp_ns/adsp_ns_kernels.h"
 #include "adsp_ns/adsp_ns_proc.h"
 #include "common/adsp_common_util.h"
 
 namespace vorn {
 namespace {
 
-constexpr float kBiasAverage = 1.4685f;    // mean / minimum of the smoothed periodogram
-constexpr float kBiasMinimum = 1.66f;
 constexpr float kIndicatorPsd = 7.636f;    // 1.66 * 4.6
 constexpr float kIndicatorSmooth = 2.7722f; // 1.66 * 1.67
 constexpr float kGammaMax = 3.0f;           // periodogram-to-minimum ratio that is surely speech
@@ -35,7 +34,7 @@ constexpr int kFastStartFrames = 50;        // long-term SNRs adapt faster until
 
 }  // namespace
 
-void NoiseEst(T_AdspNsState *ns_st, float *psd) {
+void NoiseEst(T_AdspNsState *ns_st, float *psd, NsSharedTerms *terms) {
   T_AdspNsState &st = *ns_st;
   float smoothed_psd[kNsBins];
   float noise_indicator[kNsBins];
@@ -85,53 +84,37 @@ void NoiseEst(T_AdspNsState *ns_st, float *psd) {
     DataMin(st.s_mact_t, st.st, kNsBins, st.s_mact_t);
   }
 
+  // Per-bin SNR terms and the noise averages run as whole-spectrum kernels;
+  // the presence probability between them calls exp, bin by bin, only where
+  // the minimum leaves it open.
+  float gamma_min[kNsBins];
+  float zeta[kNsBins];
+  NsSnrTerms({psd, st.lambda_d, st.eta_2term, st.s_min_t, st.s, st.eta_min},
+             {st.gamma, st.eta, st.v, gamma_min, zeta}, kNsBins);
+  float presence[kNsBins];
+  for (int k = 0; k < kNsBins; ++k) {
+    presence[k] = 0.0f;  // stays 0 where the periodogram is at or below the minimum
+    terms->exp_neg_v[k] = -1.0;
+    if (gamma_min[k] > 1.0f && gamma_min[k] < kGammaMax && zeta[k] < kZetaMax) {
+      const double absence = (3.0 - static_cast<double>(gamma_min[k])) * 0.5;
+      const double not_absent = 1.0 - absence;
+      const double exp_neg_v = std::exp(-static_cast<double>(st.v[k]));
+      terms->exp_neg_v[k] = exp_neg_v;
+      presence[k] = static_cast<float>(
+          not_absent / (not_absent + (1.0 + static_cast<double>(st.eta[k])) * absence * exp_neg_v));
+    }
+    // Surely speech: both averages hold their value.
+    if (gamma_min[k] > kGammaMax || zeta[k] > kZetaMax) presence[k] = 1.0f;
+  }
+  NsNoiseUpdate(psd, gamma_min, zeta, presence, {st.lambda_dav, st.lambda_dav_long, st.lambda_d}, kNsBins);
+
   float sum_noise = 0.0f;
   float sum_presence = 0.0f;
   float sum_psd = 0.0f;
-  for (int k = 0; k < kNsBins; ++k) {
-    const float noise = st.lambda_d[k] < kTiny ? kTiny : st.lambda_d[k];
-    st.gamma[k] = psd[k] / noise;
-    // Decision-directed a priori SNR; the weight of the new term is 1 - 0.95
-    // as a float (0.050000012).
-    const float excess = st.gamma[k] - 1.0f;
-    const float new_term = excess > 0.0f ? (1.0f - 0.95f) * excess : 0.0f;
-    const float eta = new_term + 0.95f * st.eta_2term[k];
-    st.eta[k] = eta > st.eta_min ? eta : st.eta_min;
-    st.v[k] = st.gamma[k] * st.eta[k] / (st.eta[k] + 1.0f);
-    // After long digital silence the noise estimate sits at its floor, and the
-    // first loud frame can push gamma * eta past the float range. Only then is
-    // the division done first: every finite result keeps its usual rounding,
-    // and the gain rule takes the same branch for a huge v as for an infinite one.
-    if (!std::isfinite(st.v[k])) {
-      st.v[k] = st.gamma[k] * (st.eta[k] / (st.eta[k] + 1.0f));
-    }
-
-    const float minimum = st.s_min_t[k] < kTiny ? kTiny : st.s_min_t[k];
-    const float gamma_min = psd[k] / kBiasMinimum / minimum;
-    const float zeta = st.s[k] / kBiasMinimum / minimum;
-    float presence = 0.0f;  // stays 0 where the periodogram is at or below the minimum
-    if (gamma_min > 1.0f && gamma_min < kGammaMax && zeta < kZetaMax) {
-      const double absence = (3.0 - static_cast<double>(gamma_min)) * 0.5;
-      const double not_absent = 1.0 - absence;
-      presence = static_cast<float>(
-          not_absent / (not_absent + (1.0 + static_cast<double>(st.eta[k])) * absence *
-                                         std::exp(-static_cast<double>(st.v[k]))));
-    }
-    if (gamma_min > kGammaMax || zeta > kZetaMax) {
-      // Surely speech: both averages hold their value.
-      presence = 1.0f;
-    } else {
-      const float alpha = 0.85f + 0.15f * presence;
-      const float alpha_long = 0.99f + 0.01f * presence;
-      st.lambda_dav[k] = alpha * st.lambda_dav[k] + (1.0f - alpha) * psd[k];
-      st.lambda_dav_long[k] = alpha_long * st.lambda_dav_long[k] + (1.0f - alpha_long) * psd[k];
-    }
-    st.lambda_d[k] = kBiasAverage * st.lambda_dav[k];
-    if (k >= kSumFirstBin && k <= kSumLastBin) {
-      sum_noise += st.lambda_d[k];
-      sum_presence += presence;
-      sum_psd += psd[k];
-    }
+  for (int k = kSumFirstBin; k <= kSumLastBin; ++k) {
+    sum_noise += st.lambda_d[k];
+    sum_presence += presence[k];
+    sum_psd += psd[k];
   }
 
   if (st.t_ref_to_aec > 20.0f) {
@@ -176,18 +159,9 @@ void NoiseEst(T_AdspNsState *ns_st, float *psd) {
 
   UpdatePsd(ns_st);
 
-  for (int k = 0; k < kNsBins; ++k) {
-    const float v = st.v[k];
-    float gain_sq = 1.0f;
-    if (v > 5.0f) {
-      const float gain = st.eta[k] / (st.eta[k] + 1.0f);
-      gain_sq = gain * gain;
-    } else if (v > 0.0f) {
-      const float gain = ExpExpint(v) * st.eta[k] / (st.eta[k] + 1.0f);
-      gain_sq = gain * gain;
-    }
-    st.eta_2term[k] = gain_sq * st.gamma[k];
-  }
+  // The gain under the speech hypothesis: its square times gamma is the
+  // decision-directed memory, and the gain rule uses it as it stands.
+  NsLsaGain(st.v, st.eta, st.gamma, terms->lsa_gain, st.eta_2term, kNsBins);
 }
 
 void UpdatePsd(T_AdspNsState *ns_st) {
@@ -217,13 +191,15 @@ void UpdatePsd(T_AdspNsState *ns_st) {
 
 void MinTrace(const float *x, int rows, int len, float *out) {
   // The stride is len + 1: each older row is read one bin higher. The
-  // spectral-scale mode was tuned with this diagonal search.
+  // spectral-scale mode was tuned with this diagonal search. The minimum is
+  // taken in double, but every candidate is a float, so `out` holds the
+  // running minimum exactly; walking the rows outside keeps the search free
+  // of a reduction loop (which Debian's aarch64 g++ 12 fails to compile at -O3).
   const int stride = len + 1;
-  for (int k = 0; k < len; ++k) {
-    double minimum = x[k];
-    for (int j = 1; j < rows; ++j) minimum = std::fmin(minimum, static_cast<double>(x[k + j * stride]));
-    out[k] = static_cast<float>(minimum);
-  }
+  for (int k = 0; k < len; ++k) out[k] = x[k];
+  for (int j = 1; j < rows; ++j)
+    for (int k = 0; k < len; ++k)
+      out[k] = static_cast<float>(std::fmin(static_cast<double>(out[k]), static_cast<double>(x[k + j * stride])));
 }
 
 void GetNsScale(const float *amp, int len, const float *min, float *scale) {

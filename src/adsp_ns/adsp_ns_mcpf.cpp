@@ -44,12 +44,12 @@ float BeamAbsenceProb(float z, float rho) {
 
 }  // namespace
 
-int VornMcpfProc(T_AdspNsParam* pm, short mbf_time_signal[][256], short* mcpf_out, int* p_vad_flag) {
-  float spectrum[kNsFftLen];
+void VornMcpfGains(T_AdspNsParam* pm, short mbf_time_signal[][256], float* spectrum, float* gain, int* p_vad_flag) {
   float psd[kNsBins];
   float ratio0[kNsBins];            // beam 0: smoothed power over noise
   float excess[kBeams][kNsBins];    // per beam: smoothed power minus noise
   int votes = 0;
+  NsSharedTerms terms;  // beam 0's, which the gain rule reads: beam 0 runs first
 
   *p_vad_flag = 1;
   for (int b = 0; b < kBeams; ++b) {
@@ -64,7 +64,8 @@ int VornMcpfProc(T_AdspNsParam* pm, short mbf_time_signal[][256], short* mcpf_ou
     AddWin(st->au, hanmming_win, kNsFftLen, spectrum);
     fft_rel(spectrum, kNsFftLen, kNsFftOrder);
     GetPsd(spectrum, kNsFftLen, psd);
-    NoiseEst(st, psd);
+    NsSharedTerms other_terms;
+    NoiseEst(st, psd, b == 0 ? &terms : &other_terms);
     votes += VadDet(st, -100.0f);
 
     for (int k = 0; k < kNsBins; ++k) {
@@ -97,15 +98,24 @@ int VornMcpfProc(T_AdspNsParam* pm, short mbf_time_signal[][256], short* mcpf_ou
     q[k] = BeamAbsenceProb(s0->gamma[k], rho);
   }
 
-  if (s0->frame > 120) UpdateAbsenceProb(s0->lambda_dav_long, q);
-  float gain[kNsBins];
-  EstGain(s0, q, gain);
-  NsFreqFilter(spectrum, gain, spectrum);
+  if (s0->frame > 120) UpdateAbsenceProb(s0->lambda_dav_long, q, 0, kNsBins - 1);
+  EstGain(s0, q, terms, gain, 0, kNsBins - 1);
+}
 
+void VornMcpfSynthesis(T_AdspNsParam* pm, float* spectrum, float* gain, short* mcpf_out) {
+  auto* s0 = static_cast<T_AdspNsState*>(pm[0].p_data);
+  NsFreqFilter(spectrum, gain, spectrum);
   ifft_rel(spectrum, kNsFftLen, kNsFftOrder);
   for (int i = 0; i < kNsFftLen; ++i) s0->ns_out[i] += spectrum[i] * hanmming_win[i] * 127.99999f;
   Float2PCM(s0->ns_out, mcpf_out, kNsHop);
   AddZero(s0->ns_out, kNsFftLen, kNsHop);
+}
+
+int VornMcpfProc(T_AdspNsParam* pm, short mbf_time_signal[][256], short* mcpf_out, int* p_vad_flag) {
+  float spectrum[kNsFftLen];
+  float gain[kNsBins];
+  VornMcpfGains(pm, mbf_time_signal, spectrum, gain, p_vad_flag);
+  VornMcpfSynthesis(pm, spectrum, gain, mcpf_out);
   return 0;
 }
 

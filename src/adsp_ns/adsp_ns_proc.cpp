@@ -62,22 +62,36 @@ void SpectralScale(T_AdspNsState *st, const float *inp, float *out, float *ns_ou
 }
 
 // One time-domain hop; returns the mean bin power of bins 6..150 after
-// suppression when asked to (the VAD's measure), else 0.
+// suppression when asked to (the VAD's measure), else 0. Without an output
+// only the gains that measure reads are formed, and nothing is resynthesised.
 float SuppressHop(T_AdspNsState *st, const short *au, short *ns_au, bool measure_band) {
   float frame[kNsFftLen];
   float psd[kNsBins];
   float absence[kNsBins];
   float gain[kNsBins];
+  NsSharedTerms terms;
 
   SaveFrameMoveAu(st->au, au, kNsFftLen, kNsHop);
   AddWin(st->au, hanmming_win, kNsFftLen, frame);
   fft_rel(frame, kNsFftLen, kNsFftOrder);
   GetPsd(frame, kNsFftLen, psd);
 
-  NoiseEst(st, psd);
-  EstAbsenceProb(st, absence);
-  if (st->frame > kAbsenceUpdateStart) UpdateAbsenceProb(st->lambda_dav_long, absence);
-  EstGain(st, absence, gain);
+  NoiseEst(st, psd, &terms);
+  const bool synthesise = ns_au != nullptr;
+  // An empty range still runs the absence estimate for the state it keeps.
+  const int first = synthesise ? 0 : (measure_band ? kVadBandLow : 1);
+  const int last = synthesise ? kNsBins - 1 : (measure_band ? kVadBandHigh : 0);
+  EstAbsenceProb(st, absence, first, last);
+  if (!synthesise && !measure_band) return 0.0f;
+  if (st->frame > kAbsenceUpdateStart) UpdateAbsenceProb(st->lambda_dav_long, absence, first, last);
+  EstGain(st, absence, terms, gain, first, last);
+  if (!synthesise) {
+    for (int k = kVadBandLow; k <= kVadBandHigh; ++k) {
+      frame[k] = frame[k] * gain[k];
+      frame[kNsFftLen - k] = frame[kNsFftLen - k] * gain[k];
+    }
+    return GetSubbandEng(frame, kNsFftLen, kVadBandLow, kVadBandHigh);
+  }
   NsFreqFilter(frame, gain, frame);
   const float band_energy = measure_band ? GetSubbandEng(frame, kNsFftLen, kVadBandLow, kVadBandHigh) : 0.0f;
 

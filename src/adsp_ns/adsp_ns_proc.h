@@ -125,7 +125,9 @@ static_assert(sizeof(T_AdspNsState) == 57296, "no padding, no field missing");
 // 0, or 1 (null record or state), 2 (region below kNsStateBytes or wrong param_size).
 int AdspNsInit(T_AdspNsParam *pm);
 // One hop. Time domain: 128 samples from `au`, 128 (delayed by 384) to
-// `ns_au`. Spectral scale: packed spectrum `inp` (512), per-bin minimum to
+// `ns_au`; with `ns_au` null the hop is analysed but not resynthesised (the
+// synthesis buffer is left as it was), for an instance whose output nobody
+// reads. Spectral scale: packed spectrum `inp` (512), per-bin minimum to
 // `out` (257), scaled spectrum to `ns_out` (512). Unused pointers may be null.
 int AdspNsProc(T_AdspNsParam *pm, float *inp, float *out, float *ns_out, const short *au, short *ns_au);
 // AdspNsProc plus the VAD decision in pm->vad_flag; returns that decision too.
@@ -137,7 +139,13 @@ void SetNsRefToAecRatio(TNsParam *pm, float ratio_db);
 void SetNsMeanCorr(TNsParam *pm, float mean_corr);
 
 // ---- noise estimation -----------------------------------------------------
-void NoiseEst(T_AdspNsState *ns_st, float *psd);
+// Per-bin terms of one hop that the noise estimate forms and the gain rule
+// needs again, so that they are formed once.
+struct NsSharedTerms {
+  float lsa_gain[kNsBins];    // gain under the speech hypothesis: ExpExpint(v) * eta / (eta + 1), 1 for v <= 0
+  double exp_neg_v[kNsBins];  // exp(-v) where the presence estimate formed it, else -1
+};
+void NoiseEst(T_AdspNsState *ns_st, float *psd, NsSharedTerms *terms);
 void UpdatePsd(T_AdspNsState *ns_st);
 // Per-bin minimum over `rows` rows of history, read diagonally with stride
 // len + 1. With 20 rows of 257 the last taps lie past freq_amp_buff, in au.
@@ -145,9 +153,12 @@ void MinTrace(const float *x, int rows, int len, float *out);
 void GetNsScale(const float *amp, int len, const float *min, float *scale);
 
 // ---- speech presence and gain ---------------------------------------------
-void EstAbsenceProb(T_AdspNsState *ns_st, float *q);
-void UpdateAbsenceProb(float *lambda_dav_long, float *q);
-void EstGain(T_AdspNsState *ns_st, float *q, float *g);
+// The three fill q[first_bin..last_bin] (and g likewise) and leave the rest
+// alone: a caller that reads only some bins asks only for those. The state
+// they update is the same whatever the range.
+void EstAbsenceProb(T_AdspNsState *ns_st, float *q, int first_bin, int last_bin);
+void UpdateAbsenceProb(float *lambda_dav_long, float *q, int first_bin, int last_bin);
+void EstGain(T_AdspNsState *ns_st, float *q, const NsSharedTerms &terms, float *g, int first_bin, int last_bin);
 // Zeroes gain[0..4] and gain[256] in place, then out = spectrum * gain; out may be spectrum.
 void NsFreqFilter(float *spectrum, float *gain, float *out);
 

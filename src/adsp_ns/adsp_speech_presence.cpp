@@ -14,6 +14,7 @@
 // The presence probability and the geometric blend are formed in double.
 #include <cmath>
 
+#include "adsp_ns/adsp_ns_kernels.h"
 #include "adsp_ns/adsp_ns_proc.h"
 #include "common/adsp_common_util.h"
 
@@ -25,29 +26,9 @@ constexpr float kMaxAbsence = 0.998f;
 constexpr int kPeakFirstBin = 6;  // tonal-peak rules cover bins 6..199
 constexpr int kPeakLastBin = 199;
 
-float PowerDb(float ratio) {
-  return ratio > 0.0f ? static_cast<float>(10.0 * std::log10(static_cast<double>(ratio))) : -100.0f;
-}
-
-// Likelihood of speech from an SNR in dB: 0.005 up to -10 dB, 1 from -5 dB.
-float Ramp(float snr_db) {
-  if (snr_db <= -10.0f) return kMinLikelihood;
-  if (snr_db >= -5.0f) return 1.0f;
-  return ((snr_db + 10.0f) / 5.0f) * 0.995f + kMinLikelihood;
-}
-
-// Ramp(PowerDb(ratio)). The ramp is flat outside -10..-5 dB, so the
-// logarithm is taken only for ratios near 0.1..0.316; the brackets keep a
-// margin of several thousandths of a dB, so the result is unchanged.
-float RampOfRatio(float ratio) {
-  if (ratio < 0.0999f) return kMinLikelihood;
-  if (ratio > 0.3165f) return 1.0f;
-  return Ramp(PowerDb(ratio));
-}
-
 }  // namespace
 
-void EstAbsenceProb(T_AdspNsState *ns_st, float *q) {
+void EstAbsenceProb(T_AdspNsState *ns_st, float *q, int first_bin, int last_bin) {
   T_AdspNsState &st = *ns_st;
   float local_xi[kNsBins];
   float global_xi[kNsBins];
@@ -55,16 +36,14 @@ void EstAbsenceProb(T_AdspNsState *ns_st, float *q) {
 
   SmoothData(st.xi, st.eta, 0.7f, kNsBins);
   Conv(st.b_xi_local, 3, st.xi, kNsBins, local_xi);
-  Conv(st.b_xi_global, 31, st.xi, kNsBins, global_xi);
+  ConvRange(st.b_xi_global, 31, st.xi, kNsBins, first_bin, last_bin + 1, global_xi);
 
   const float previous_frame_xi = st.xi_frame;
   st.xi_frame = DataMean(st.xi, 2, kNsBins);
-  const float frame_db = PowerDb(st.xi_frame);
+  const float frame_db = NsPowerDb(st.xi_frame);
 
-  for (int k = 0; k < kNsBins; ++k) {
-    const float likelihood = RampOfRatio(local_xi[k]);
-    local_likelihood[k] = likelihood > 1.0f ? 1.0f : likelihood;
-  }
+  NsRampOfRatio(local_xi, local_likelihood, kNsBins);
+  for (int k = 0; k < kNsBins; ++k) local_likelihood[k] = local_likelihood[k] > 1.0f ? 1.0f : local_likelihood[k];
   // A frame whose low and middle band looks like noise throughout loses its
   // local evidence in the speech band, so isolated noise bins do not pass.
   if (DataMean(local_likelihood, 3, 126) < 0.25f) {
@@ -88,40 +67,52 @@ void EstAbsenceProb(T_AdspNsState *ns_st, float *q) {
     frame_likelihood = 1.0f;
   }
 
-  for (int k = 0; k < kNsBins; ++k) {
-    const float absence = 1.0f - local_likelihood[k] * frame_likelihood * RampOfRatio(global_xi[k]);
+  float global_likelihood[kNsBins];
+  if (first_bin <= last_bin)
+    NsRampOfRatio(global_xi + first_bin, global_likelihood + first_bin, last_bin - first_bin + 1);
+  for (int k = first_bin; k <= last_bin; ++k) {
+    const float absence = 1.0f - local_likelihood[k] * frame_likelihood * global_likelihood[k];
     q[k] = absence < kMaxAbsence ? absence : kMaxAbsence;
   }
 }
 
-void UpdateAbsenceProb(float *lambda_dav_long, float *q) {
+void UpdateAbsenceProb(float *lambda_dav_long, float *q, int first_bin, int last_bin) {
   const float *ldl = lambda_dav_long;
+  // A bin's result depends only on its own value and on how many of the
+  // peaks beside it fire, so bins outside the range can be left out.
+  const auto raise = [&](int bin) {
+    if (bin >= first_bin && bin <= last_bin) q[bin] = 0.3f * q[bin] + 0.6986f;
+  };
   for (int k = kPeakFirstBin; k <= kPeakLastBin; ++k) {
     if (ldl[k] > 2.3f * (ldl[k - 2] + ldl[k + 2])) {
-      q[k] = 0.3f * q[k] + 0.6986f;
-      q[k - 1] = 0.3f * q[k - 1] + 0.6986f;
-      q[k + 1] = 0.3f * q[k + 1] + 0.6986f;
+      raise(k);
+      raise(k - 1);
+      raise(k + 1);
     }
   }
 }
 
-void EstGain(T_AdspNsState *ns_st, float *q, float *g) {
+void EstGain(T_AdspNsState *ns_st, float *q, const NsSharedTerms &terms, float *g, int first_bin, int last_bin) {
   const T_AdspNsState &st = *ns_st;
   const float *ldl = st.lambda_dav_long;
   const float *noise = st.lambda_d;
   const float snr_weight = 2.0f * st.long_eta / (st.long_eta + 5.0f);
-  int peak_count = 0;
+  int peak_count = 0;  // the tonal-peak run starts at kPeakFirstBin, so a range starting later replays it
 
-  for (int k = 0; k < kNsBins; ++k) {
+  for (int k = first_bin < kPeakFirstBin ? first_bin : kPeakFirstBin; k <= last_bin; ++k) {
+    if (k < first_bin) {
+      if (k <= kPeakLastBin) peak_count = ldl[k + 1] > 2.07f * (ldl[k - 1] + ldl[k + 3]) ? 2 : peak_count - 1;
+      continue;
+    }
     const float eta = st.eta[k];
     const float v = st.v[k];
 
     float presence = 0.0f;
     if (q[k] < 0.9f) {
       const double absence = q[k];
+      const double exp_neg_v = terms.exp_neg_v[k] >= 0.0 ? terms.exp_neg_v[k] : std::exp(-static_cast<double>(v));
       presence = static_cast<float>(
-          1.0 / (1.0 + (absence / (1.0 - absence)) * (1.0 + static_cast<double>(eta)) *
-                           std::exp(-static_cast<double>(v))));
+          1.0 / (1.0 + (absence / (1.0 - absence)) * (1.0 + static_cast<double>(eta)) * exp_neg_v));
     }
 
     float floor = st.g_f;
@@ -149,12 +140,7 @@ void EstGain(T_AdspNsState *ns_st, float *q, float *g) {
       g[k] = scaled_floor;
       continue;
     }
-    float speech_gain = 1.0f;
-    if (v > 5.0f) {
-      speech_gain = eta / (eta + 1.0f);
-    } else if (v > 0.0f) {
-      speech_gain = ExpExpint(v) * eta / (eta + 1.0f);
-    }
+    const float speech_gain = terms.lsa_gain[k];
     if (presence == 1.0f) {
       // x^0 * y^1 is y exactly; the floor would be discarded.
       g[k] = speech_gain;

@@ -22,9 +22,24 @@
 // in the last bit, and the spectra (hence every module's output) must stay the
 // same bytes from release to release, so the form is fixed. The length-2 and
 // length-4 passes use plain sums.
+//
+// The vector versions run the same butterflies with four neighbouring
+// twiddle indices j side by side: within a stage (forward) or a group size
+// (inverse) each index of the block belongs to exactly one (group, j) pair,
+// so the butterflies are independent and may run in any order; each lane
+// performs the plain butterfly's operations in the plain order, which gives
+// the plain transform's bits. Their twiddles come from per-stage tables built
+// by the same compile-time rule as sincos_t_ext, so the values are the same
+// floats. The first stages (fewer than eight twiddles) and the permutations
+// stay scalar in both.
 #include "common/adsp_common_fft_rel.h"
 
+#include <array>
+#include <cstddef>
+
 #include "common/adsp_common_rom.h"
+#include "common/constexpr_trig.h"
+#include "common/simd4.h"
 
 namespace vorn {
 namespace {
@@ -76,11 +91,75 @@ void BitReverseInPlace(float *x, int n) {
   }
 }
 
-}  // namespace
 
-void fft_rel(float *x, const short n, const short m) {
-  if (!IsSupportedSize(x, n, m)) return;
+// ---- forward --------------------------------------------------------------
 
+// Stage butterfly j of the group at i (the plain form).
+inline void ForwardButterfly(float *x, int i, int j, int half, int group, float cc, float ss) {
+  const int i1 = i + j;
+  const int i2 = i - j + half;
+  const int i3 = i1 + half;
+  const int i4 = i - j + group;
+  const float t1 = x[i3] * cc + x[i4] * ss;
+  const float t2 = x[i3] * ss - x[i4] * cc;
+  const float a2 = x[i2];
+  x[i4] = a2 - t2;
+  x[i3] = x[i4] - 2.0f * a2;  // -(a2 + t2)
+  const float a1 = x[i1];
+  x[i2] = a1 - t1;
+  x[i1] = 2.0f * a1 - x[i2];  // a1 + t1
+}
+
+// Contiguous twiddles of the vector stages: entry q + j holds the cosine
+// (sine) of stage butterfly j when a stage has q = quarter butterflies per
+// group, for q = 8 .. 256 (up to 1024 points).
+constexpr int kVectorMinTwiddles = 8;
+constexpr int kTwiddleSlots = 512;
+
+template <bool kCos>
+constexpr std::array<float, kTwiddleSlots> MakeForwardTwiddles() {
+  std::array<float, kTwiddleSlots> t{};
+  for (int q = kVectorMinTwiddles; q < kTwiddleSlots; q *= 2) {
+    const int step = kTwiddleTurn / (4 * q);
+    for (int j = 0; j < q; ++j)
+      t[q + j] = static_cast<float>(ct::SinTurn((kCos ? kCosOffset : 0) + j * step, kTwiddleTurn));
+  }
+  return t;
+}
+
+#if defined(VORN_SIMD4)
+constexpr auto kForwardCos = MakeForwardTwiddles<true>();
+constexpr auto kForwardSin = MakeForwardTwiddles<false>();
+
+// Butterflies j .. j+3 of the group at i, one per lane.
+inline void ForwardButterflies4(float *x, int i, int j, int quarter) {
+  using namespace simd;
+  const int half = 2 * quarter;
+  const int group = 2 * half;
+  const F4 cc = Load(&kForwardCos[static_cast<std::size_t>(quarter + j)]);
+  const F4 ss = Load(&kForwardSin[static_cast<std::size_t>(quarter + j)]);
+  const F4 two = Set1(2.0f);
+  float *p1 = x + i + j;          // ascending with the lane
+  float *p2 = x + i - j + half;   // descending
+  float *p3 = p1 + half;
+  float *p4 = x + i - j + group;
+  const F4 x3 = Load(p3);
+  const F4 x4 = LoadReversed(p4);
+  const F4 t1 = Add(Mul(x3, cc), Mul(x4, ss));
+  const F4 t2 = Sub(Mul(x3, ss), Mul(x4, cc));
+  const F4 a2 = LoadReversed(p2);
+  const F4 new4 = Sub(a2, t2);
+  StoreReversed(p4, new4);
+  Store(p3, Sub(new4, Mul(two, a2)));
+  const F4 a1 = Load(p1);
+  const F4 new2 = Sub(a1, t1);
+  StoreReversed(p2, new2);
+  Store(p1, Sub(Mul(two, a1), new2));
+}
+#endif
+
+template <bool kVector>
+void ForwardTransform(float *x, int n, int m) {
   // Permutation fused with the length-2 butterflies, then the length-4 pass.
   if (HasTablePermutation(n)) {
     float scratch[kMaxTablePoints];
@@ -120,30 +199,120 @@ void fft_rel(float *x, const short n, const short m) {
       x[i + half] = t - x[i + half];
       x[i] = 2.0f * t - x[i + half];
       x[i + half + quarter] = -x[i + half + quarter];
-      for (int j = 1; j < quarter; ++j) {
-        const int i1 = i + j;
-        const int i2 = i - j + half;
-        const int i3 = i1 + half;
-        const int i4 = i - j + group;
-        const float cc = sincos_t_ext[kCosOffset + j * step];
-        const float ss = sincos_t_ext[j * step];
-        const float t1 = x[i3] * cc + x[i4] * ss;
-        const float t2 = x[i3] * ss - x[i4] * cc;
-        const float a2 = x[i2];
-        x[i4] = a2 - t2;
-        x[i3] = x[i4] - 2.0f * a2;  // -(a2 + t2)
-        const float a1 = x[i1];
-        x[i2] = a1 - t1;
-        x[i1] = 2.0f * a1 - x[i2];  // a1 + t1
+      int j = 1;
+#if defined(VORN_SIMD4)
+      if (kVector && quarter >= kVectorMinTwiddles) {
+        // Three plain butterflies, then blocks of four: quarter - 4 is a multiple of 4.
+        for (; j < 4; ++j)
+          ForwardButterfly(x, i, j, half, group, sincos_t_ext[kCosOffset + j * step], sincos_t_ext[j * step]);
+        for (; j < quarter; j += 4) ForwardButterflies4(x, i, j, quarter);
       }
+#endif
+      for (; j < quarter; ++j)
+        ForwardButterfly(x, i, j, half, group, sincos_t_ext[kCosOffset + j * step], sincos_t_ext[j * step]);
     }
   }
 }
 
-void ifft_rel(float *io, const short n, const short m) {
-  if (!IsSupportedSize(io, n, m)) return;
-  float *x = io;
+// ---- inverse --------------------------------------------------------------
 
+struct InverseTwiddles {
+  float cc1, ss1, cc3, ss3;
+};
+
+// L-shaped butterfly j of the group of length 4 * n4 at i (the plain form).
+inline void InverseButterfly(float *x, int i, int j, int n4, const InverseTwiddles &w) {
+  const int i1 = i + j;
+  const int i2 = i1 + n4;
+  const int i3 = i2 + n4;
+  const int i4 = i3 + n4;
+  const int i5 = i + n4 - j;
+  const int i6 = i5 + n4;
+  const int i7 = i6 + n4;
+  const int i8 = i7 + n4;
+  float t1 = x[i1] - x[i6];
+  x[i1] = x[i1] + x[i6];
+  float t2 = x[i5] - x[i2];
+  x[i5] = x[i2] + x[i5];
+  const float t3 = x[i8] + x[i3];
+  x[i6] = x[i8] - x[i3];
+  float t4 = x[i4] + x[i7];
+  x[i2] = x[i4] - x[i7];
+  const float t5 = t1 - t4;
+  t1 = t1 + t4;
+  t4 = t2 - t3;
+  t2 = t2 + t3;
+  x[i3] = t5 * w.cc1 + t4 * w.ss1;
+  // -(t4 cc1) + t5 ss1 is this difference exactly; spelled as one, the NaN a
+  // poisoned input leaves carries the same sign whatever instructions the
+  // compiler picks for the negation.
+  x[i7] = t5 * w.ss1 - t4 * w.cc1;
+  x[i4] = t1 * w.cc3 - t2 * w.ss3;
+  x[i8] = t2 * w.cc3 + t1 * w.ss3;
+}
+
+InverseTwiddles InverseTwiddlesOf(int j, int step) {
+  return {sincos_t_ext[kCosOffset + j * step], sincos_t_ext[j * step], sincos_t_ext[kCosOffset + 3 * j * step],
+          sincos_t_ext[3 * j * step]};
+}
+
+// Entry n8 + j: twiddle j of the group size with n8 = G/8 butterflies, for
+// n8 = 8 .. 128 (up to 1024 points). kTriple picks the angle 3 j.
+template <bool kCos, bool kTriple>
+constexpr std::array<float, kTwiddleSlots / 2> MakeInverseTwiddles() {
+  std::array<float, kTwiddleSlots / 2> t{};
+  for (int n8 = kVectorMinTwiddles; n8 < kTwiddleSlots / 2; n8 *= 2) {
+    const int step = kTwiddleTurn / (8 * n8);
+    for (int j = 0; j < n8; ++j)
+      t[n8 + j] =
+          static_cast<float>(ct::SinTurn((kCos ? kCosOffset : 0) + (kTriple ? 3 : 1) * j * step, kTwiddleTurn));
+  }
+  return t;
+}
+
+#if defined(VORN_SIMD4)
+constexpr auto kInverseCos1 = MakeInverseTwiddles<true, false>();
+constexpr auto kInverseSin1 = MakeInverseTwiddles<false, false>();
+constexpr auto kInverseCos3 = MakeInverseTwiddles<true, true>();
+constexpr auto kInverseSin3 = MakeInverseTwiddles<false, true>();
+
+// Butterflies j .. j+3 of the group at i, one per lane.
+inline void InverseButterflies4(float *x, int i, int j, int n4) {
+  using namespace simd;
+  const std::size_t at = static_cast<std::size_t>(n4 / 2 + j);
+  const F4 cc1 = Load(&kInverseCos1[at]), ss1 = Load(&kInverseSin1[at]);
+  const F4 cc3 = Load(&kInverseCos3[at]), ss3 = Load(&kInverseSin3[at]);
+  float *p1 = x + i + j;  // ascending with the lane
+  float *p2 = p1 + n4;
+  float *p3 = p2 + n4;
+  float *p4 = p3 + n4;
+  float *p5 = x + i + n4 - j;  // descending
+  float *p6 = p5 + n4;
+  float *p7 = p6 + n4;
+  float *p8 = p7 + n4;
+  const F4 x1 = Load(p1), x2 = Load(p2), x3 = Load(p3), x4 = Load(p4);
+  const F4 x5 = LoadReversed(p5), x6 = LoadReversed(p6), x7 = LoadReversed(p7), x8 = LoadReversed(p8);
+  F4 t1 = Sub(x1, x6);
+  Store(p1, Add(x1, x6));
+  F4 t2 = Sub(x5, x2);
+  StoreReversed(p5, Add(x2, x5));
+  const F4 t3 = Add(x8, x3);
+  StoreReversed(p6, Sub(x8, x3));
+  F4 t4 = Add(x4, x7);
+  Store(p2, Sub(x4, x7));
+  const F4 t5 = Sub(t1, t4);
+  t1 = Add(t1, t4);
+  t4 = Sub(t2, t3);
+  t2 = Add(t2, t3);
+  Store(p3, Add(Mul(t5, cc1), Mul(t4, ss1)));
+  StoreReversed(p7, Sub(Mul(t5, ss1), Mul(t4, cc1)));
+  Store(p4, Sub(Mul(t1, cc3), Mul(t2, ss3)));
+  StoreReversed(p8, Add(Mul(t2, cc3), Mul(t1, ss3)));
+}
+#endif
+
+template <bool kVector>
+void InverseTransform(float *x, int n, int m) {
   // L-shaped butterflies, group length G = n down to 4.
   int group = 2 * n;
   for (int k = 1; k < m; ++k) {
@@ -181,40 +350,29 @@ void ifft_rel(float *io, const short n, const short m) {
       stride = 4 * stride;
     } while (start < n - 1);
 
-    for (int j = 1; j < n8; ++j) {
-      const float cc1 = sincos_t_ext[kCosOffset + j * step];
-      const float ss1 = sincos_t_ext[j * step];
-      const float cc3 = sincos_t_ext[kCosOffset + 3 * j * step];
-      const float ss3 = sincos_t_ext[3 * j * step];
+#if defined(VORN_SIMD4)
+    if (kVector && n8 >= kVectorMinTwiddles) {
+      // Group by group: three plain butterflies, then blocks of four.
       start = 0;
       stride = 2 * group;
       do {
         for (int i = start; i < n; i += stride) {
-          const int i1 = i + j;
-          const int i2 = i1 + n4;
-          const int i3 = i2 + n4;
-          const int i4 = i3 + n4;
-          const int i5 = i + n4 - j;
-          const int i6 = i5 + n4;
-          const int i7 = i6 + n4;
-          const int i8 = i7 + n4;
-          float t1 = x[i1] - x[i6];
-          x[i1] = x[i1] + x[i6];
-          float t2 = x[i5] - x[i2];
-          x[i5] = x[i2] + x[i5];
-          const float t3 = x[i8] + x[i3];
-          x[i6] = x[i8] - x[i3];
-          float t4 = x[i4] + x[i7];
-          x[i2] = x[i4] - x[i7];
-          const float t5 = t1 - t4;
-          t1 = t1 + t4;
-          t4 = t2 - t3;
-          t2 = t2 + t3;
-          x[i3] = t5 * cc1 + t4 * ss1;
-          x[i7] = -t4 * cc1 + t5 * ss1;
-          x[i4] = t1 * cc3 - t2 * ss3;
-          x[i8] = t2 * cc3 + t1 * ss3;
+          int j = 1;
+          for (; j < 4; ++j) InverseButterfly(x, i, j, n4, InverseTwiddlesOf(j, step));
+          for (; j < n8; j += 4) InverseButterflies4(x, i, j, n4);
         }
+        start = 2 * stride - group;
+        stride = 4 * stride;
+      } while (start < n - 1);
+      continue;
+    }
+#endif
+    for (int j = 1; j < n8; ++j) {
+      const InverseTwiddles w = InverseTwiddlesOf(j, step);
+      start = 0;
+      stride = 2 * group;
+      do {
+        for (int i = start; i < n; i += stride) InverseButterfly(x, i, j, n4, w);
         start = 2 * stride - group;
         stride = 4 * stride;
       } while (start < n - 1);
@@ -243,6 +401,42 @@ void ifft_rel(float *io, const short n, const short m) {
     BitReverseInPlace(x, n);
     for (int i = 0; i < n; ++i) x[i] *= inv_n;
   }
+}
+
+}  // namespace
+
+void FftRelPlain(float *x, int n, int m) {
+  if (IsSupportedSize(x, n, m)) ForwardTransform<false>(x, n, m);
+}
+
+void IfftRelPlain(float *x, int n, int m) {
+  if (IsSupportedSize(x, n, m)) InverseTransform<false>(x, n, m);
+}
+
+#if defined(VORN_SIMD4)
+void FftRelSimd(float *x, int n, int m) {
+  if (IsSupportedSize(x, n, m)) ForwardTransform<true>(x, n, m);
+}
+
+void IfftRelSimd(float *x, int n, int m) {
+  if (IsSupportedSize(x, n, m)) InverseTransform<true>(x, n, m);
+}
+#endif
+
+void fft_rel(float *x, const short n, const short m) {
+#if defined(VORN_SIMD4)
+  FftRelSimd(x, n, m);
+#else
+  FftRelPlain(x, n, m);
+#endif
+}
+
+void ifft_rel(float *io, const short n, const short m) {
+#if defined(VORN_SIMD4)
+  IfftRelSimd(io, n, m);
+#else
+  IfftRelPlain(io, n, m);
+#endif
 }
 
 }  // namespace vorn

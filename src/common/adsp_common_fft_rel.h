@@ -6,6 +6,8 @@
 // Bins 0 and n/2 are real.
 #pragma once
 
+#include "common/simd4.h"
+
 namespace vorn {
 
 // Forward transform of n = 2^m real samples in place, no scaling.
@@ -14,5 +16,15 @@ void fft_rel(float *x, const short n, const short m);
 
 // Inverse of a packed spectrum in place, scaled by 1/n.
 void ifft_rel(float *io, const short n, const short m);
+
+// The two run the vector transforms where the build has four-lane vectors
+// (common/simd4.h) and the plain ones elsewhere; both give the same bits.
+// The plain ones are the reference.
+void FftRelPlain(float *x, int n, int m);
+void IfftRelPlain(float *x, int n, int m);
+#if defined(VORN_SIMD4)
+void FftRelSimd(float *x, int n, int m);
+void IfftRelSimd(float *x, int n, int m);
+#endif
 
 }  // namespace vorn

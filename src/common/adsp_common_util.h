@@ -5,6 +5,8 @@
 // routine do nothing.
 #pragma once
 
+#include "common/simd4.h"
+
 namespace vorn {
 
 // Float to 16-bit: truncation toward zero inside (-32768, 32767), saturation
@@ -34,12 +36,19 @@ float GetHanningWin(int len, float *win);
 
 // Centred smoothing of the longer array by the shorter; out has as many
 // entries as the longer array. Terms beyond either edge are left out.
-// ConvPlain is the reference; ConvSse2 gives its bits four outputs at a time,
-// and Conv takes the SSE2 one where the build has it.
+// ConvPlain is the reference; ConvSimd gives its bits several outputs at a
+// time, and Conv takes it where the build has four-lane vectors.
 void Conv(float *a, int alen, float *b, int blen, float *out);
 void ConvPlain(const float *a, int alen, const float *b, int blen, float *out);
-#if defined(__SSE2__)
-void ConvSse2(const float *a, int alen, const float *b, int blen, float *out);
+#if defined(VORN_SIMD4)
+void ConvSimd(const float *a, int alen, const float *b, int blen, float *out);
+#endif
+// The same outputs for o = first..past-1 only (clipped to the signal); the
+// other entries of out are not written.
+void ConvRange(const float *a, int alen, const float *b, int blen, int first, int past, float *out);
+void ConvRangePlain(const float *a, int alen, const float *b, int blen, int first, int past, float *out);
+#if defined(VORN_SIMD4)
+void ConvRangeSimd(const float *a, int alen, const float *b, int blen, int first, int past, float *out);
 #endif
 
 // y[i] = alpha*y[i] + (1 - alpha)*x[i]

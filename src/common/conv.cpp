@@ -3,17 +3,17 @@
 // terms whose signal index falls outside s left out, summed in order of j.
 // Each output clips its own term range, so the edge stretches (growing and
 // shrinking term counts) and the full middle come out of one loop, and a
-// signal shorter than the kernel still stays inside both arrays.
+// signal shorter than the kernel still stays inside both arrays. A caller
+// that reads only some outputs asks for that range alone.
 //
 // The suppressor smooths every hop with a 31-tap kernel over 257 bins, which
-// makes this its hottest loop. The SSE2 version computes four neighbouring
-// outputs of the full middle at once, each lane adding the same products in
-// the same order as the plain loop, so the two agree bit for bit.
+// makes this its hottest loop. The vector version (common/simd4.h) computes
+// sixteen, then four, neighbouring outputs of the full middle at once, each
+// lane adding the same products in the same order as the plain loop, so the
+// two agree bit for bit.
 #include "common/adsp_common_util.h"
 
-#if defined(__SSE2__)
-#include <emmintrin.h>
-#endif
+#include "common/simd4.h"
 
 namespace vorn {
 namespace {
@@ -44,44 +44,85 @@ void ConvOutputs(const ConvShape &c, int from, int to, float *out) {
   }
 }
 
-}  // namespace
-
-void ConvPlain(const float *a, int alen, const float *b, int blen, float *out) {
-  if (alen <= 0 || blen <= 0) return;
-  const ConvShape c = ShapeOf(a, alen, b, blen);
-  ConvOutputs(c, 0, c.signal_len, out);
+// The outputs the caller asked for, inside the signal; false when none.
+bool ClipRange(const ConvShape &c, int *first, int *past) {
+  if (*first < 0) *first = 0;
+  if (*past > c.signal_len) *past = c.signal_len;
+  return *first < *past;
 }
 
-#if defined(__SSE2__)
-void ConvSse2(const float *a, int alen, const float *b, int blen, float *out) {
+int Max(int a, int b) { return a > b ? a : b; }
+int Min(int a, int b) { return a < b ? a : b; }
+
+}  // namespace
+
+void ConvRangePlain(const float *a, int alen, const float *b, int blen, int first, int past, float *out) {
   if (alen <= 0 || blen <= 0) return;
   const ConvShape c = ShapeOf(a, alen, b, blen);
+  if (!ClipRange(c, &first, &past)) return;
+  ConvOutputs(c, first, past, out);
+}
+
+#if defined(VORN_SIMD4)
+void ConvRangeSimd(const float *a, int alen, const float *b, int blen, int first, int past, float *out) {
+  if (alen <= 0 || blen <= 0) return;
+  const ConvShape c = ShapeOf(a, alen, b, blen);
+  if (!ClipRange(c, &first, &past)) return;
   // Outputs lead .. signal_len - kernel_len + lead take every kernel term.
-  const int full_first = c.lead;
-  const int full_past = c.signal_len - c.kernel_len + c.lead + 1;
+  const int full_first = Max(c.lead, first);
+  const int full_past = Min(c.signal_len - c.kernel_len + c.lead + 1, past);
   if (full_past - full_first < 4) {
-    ConvOutputs(c, 0, c.signal_len, out);
+    ConvOutputs(c, first, past, out);
     return;
   }
-  ConvOutputs(c, 0, full_first, out);
+  ConvOutputs(c, first, full_first, out);
   int o = full_first;
-  for (; o + 4 <= full_past; o += 4) {
-    __m128 acc = _mm_setzero_ps();
+  // Sixteen outputs per pass share each kernel tap's broadcast.
+  for (; o + 16 <= full_past; o += 16) {
+    simd::F4 acc0 = simd::Zero(), acc1 = simd::Zero(), acc2 = simd::Zero(), acc3 = simd::Zero();
     const float *window = c.signal + o - c.lead;
-    for (int j = 0; j < c.kernel_len; ++j)
-      acc = _mm_add_ps(acc, _mm_mul_ps(_mm_set1_ps(c.kernel[j]), _mm_loadu_ps(window + j)));
-    _mm_storeu_ps(out + o, acc);
+    for (int j = 0; j < c.kernel_len; ++j) {
+      const simd::F4 tap = simd::Set1(c.kernel[j]);
+      acc0 = simd::Add(acc0, simd::Mul(tap, simd::Load(window + j)));
+      acc1 = simd::Add(acc1, simd::Mul(tap, simd::Load(window + j + 4)));
+      acc2 = simd::Add(acc2, simd::Mul(tap, simd::Load(window + j + 8)));
+      acc3 = simd::Add(acc3, simd::Mul(tap, simd::Load(window + j + 12)));
+    }
+    simd::Store(out + o, acc0);
+    simd::Store(out + o + 4, acc1);
+    simd::Store(out + o + 8, acc2);
+    simd::Store(out + o + 12, acc3);
   }
-  ConvOutputs(c, o, c.signal_len, out);
+  for (; o + 4 <= full_past; o += 4) {
+    simd::F4 acc = simd::Zero();
+    const float *window = c.signal + o - c.lead;
+    for (int j = 0; j < c.kernel_len; ++j) acc = simd::Add(acc, simd::Mul(simd::Set1(c.kernel[j]), simd::Load(window + j)));
+    simd::Store(out + o, acc);
+  }
+  ConvOutputs(c, o, past, out);
+}
+#endif
+
+void ConvRange(const float *a, int alen, const float *b, int blen, int first, int past, float *out) {
+#if defined(VORN_SIMD4)
+  ConvRangeSimd(a, alen, b, blen, first, past, out);
+#else
+  ConvRangePlain(a, alen, b, blen, first, past, out);
+#endif
+}
+
+void ConvPlain(const float *a, int alen, const float *b, int blen, float *out) {
+  ConvRangePlain(a, alen, b, blen, 0, alen > blen ? alen : blen, out);
+}
+
+#if defined(VORN_SIMD4)
+void ConvSimd(const float *a, int alen, const float *b, int blen, float *out) {
+  ConvRangeSimd(a, alen, b, blen, 0, alen > blen ? alen : blen, out);
 }
 #endif
 
 void Conv(float *a, int alen, float *b, int blen, float *out) {
-#if defined(__SSE2__)
-  ConvSse2(a, alen, b, blen, out);
-#else
-  ConvPlain(a, alen, b, blen, out);
-#endif
+  ConvRange(a, alen, b, blen, 0, alen > blen ? alen : blen, out);
 }
 
 }  // namespace vorn

@@ -247,12 +247,47 @@ ValueVerdict ReadProfile(const char* value, FrontEndConf* conf) {
   return ValueVerdict::kStored;
 }
 
+// [+|-]digits[.digits], the whole text: no exponent, no locale (a decimal
+// comma in the host's locale must not change what a file means).
+bool ParseDecimal(const char* text, float* value) {
+  const char* cursor = text;
+  const bool negative = *cursor == '-';
+  if (*cursor == '+' || *cursor == '-') ++cursor;
+  double number = 0.0, scale = 1.0;
+  int digits = 0;
+  bool point = false;
+  for (; *cursor != '\0'; ++cursor) {
+    if (*cursor == '.' && !point) {
+      point = true;
+    } else if (*cursor >= '0' && *cursor <= '9' && digits < 16) {
+      number = number * 10.0 + (*cursor - '0');
+      if (point) scale *= 10.0;
+      ++digits;
+    } else {
+      return false;
+    }
+  }
+  if (digits == 0) return false;
+  *value = static_cast<float>((negative ? -number : number) / scale);
+  return true;
+}
+
+ValueVerdict ReadAgcTarget(const char* value, FrontEndConf* conf) {
+  float number = 0.0f;
+  if (!ParseDecimal(value, &number) || !(number >= VORN_AGC_TARGET_MIN_DBFS && number <= VORN_AGC_TARGET_MAX_DBFS))
+    return ValueVerdict::kRefused;
+  conf->agc_target_given = true;
+  conf->agc_target_dbfs = number;
+  return ValueVerdict::kStored;
+}
+
 struct FrontEndKey {
   const char* name;
   ValueVerdict (*read)(const char* value, FrontEndConf* conf);
 };
 constexpr FrontEndKey kFrontEndKeys[] = {
     {"profile", ReadProfile},
+    {kAgcTargetKey, ReadAgcTarget},
 };
 
 ValueVerdict FlushFrontEndValue(const char* key, const char* value, FrontEndConf* conf) {

@@ -69,13 +69,18 @@ struct ConfSource {
 // The front end's own section and its keys, beside the modes' sections:
 //   [VORN]
 //   profile = classic | enhanced      (case-insensitive)
+//   agc_target_dbfs = -26             (the enhanced level control's target, a
+//                                      decimal number in the header's range)
 inline constexpr char kFrontEndSection[] = "VORN";
+inline constexpr char kAgcTargetKey[] = "agc_target_dbfs";
 constexpr int32_t kConfProfileAbsent = -1;
 
 // What the [VORN] section sets. A key it does not mention keeps the value
 // given here.
 struct FrontEndConf {
   int32_t profile = kConfProfileAbsent;  // 0 classic, 1 enhanced
+  bool agc_target_given = false;
+  float agc_target_dbfs = VORN_AGC_TARGET_DEFAULT_DBFS;
 };
 
 // Mistakes the reader skipped, as sentences for the caller: one line each,
@@ -92,7 +97,8 @@ struct ConfWarnings {
 // the mistakes it skips (unknown sections and keys, values that do not
 // parse, lines that are neither a section nor a key = value, a path cut to
 // fit) into *warnings; either may be null. Returns 0; -1 when the source
-// cannot be read; -2 when a [VORN] value is refused (a profile name that
+// cannot be read; -2 when a [VORN] value is refused (a level target that is
+// no number or out of range, or a profile name that
 // names no profile: running another profile than the file asks for would be
 // a silent guess). The mode records are filled in every case but -1.
 int32_t LoadConf(const ConfSource& source, char* p, FrontEndConf* front_end, ConfWarnings* warnings);
@@ -102,5 +108,6 @@ int32_t LoadConf(const ConfSource& source, char* p, FrontEndConf* front_end, Con
 // mode). Returns -1 (and leaves `*pkey` null) when the file cannot be
 // opened; mistakes are skipped (LoadConf reports them).
 int32_t LoadConfFileProc(const char* filename, char* p, T_VornKey** pkey);
+
 
 }  // namespace vorn

@@ -117,6 +117,9 @@ extern "C" int vorn_reset(VornState* st) {
   options.builtin_modes = false;
   options.forced_profile = ProfileOf(st);
   options.keep_warnings = true;
+  // The level target came from the configuration, which is not read again.
+  float level_target = VORN_AGC_TARGET_DEFAULT_DBFS;
+  if (VornGetAgcTarget(&pm, &level_target) == VORN_OK) options.agc_target_dbfs = &level_target;
   const int32_t rc = InitFrontEnd(&pm, options);
   if (rc != VORN_OK) {
     if (FindRecord(st->buffer) == nullptr) st->magic = 0;

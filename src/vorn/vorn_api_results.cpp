@@ -1,7 +1,6 @@
 // What the modern interface reports beyond a frame's audio: the figures the
 // enhanced profile keeps about the last frame, and the configuration's
-// warnings. A figure the designed interface has a getter for goes through
-// it; the others are read from the enhanced state.
+// warnings. Each figure goes through the designed interface's getter.
 #include <cstddef>
 
 #include "vorn/vorn_api_state.h"
@@ -11,21 +10,6 @@
 using namespace vorn;
 
 namespace {
-
-// The enhanced state's float at `offset`, or 0 while the classic profile
-// runs (it keeps none of these figures).
-int EnhancedFigure(const VornState* st, std::size_t offset, float* value) {
-  const int ready = CheckReady(st);
-  if (ready != VORN_OK) return ready;
-  if (value == nullptr) return VORN_E_NULL;
-  const unsigned char* record = FindRecord(st->buffer);
-  if (record == nullptr) return VORN_E_NOT_READY;
-  const std::size_t enhanced = kEnhancedRegionOffset;
-  const bool classic =
-      ReadRecord<int32_t>(record, enhanced + offsetof(TVornEnhancedState, profile)) != kProfileEnhanced;
-  *value = classic ? 0.0f : ReadRecord<float>(record, enhanced + offset);
-  return VORN_OK;
-}
 
 // A figure the designed interface has a getter for, through that getter.
 int DesignedFigure(const VornState* st, int32_t (*getter)(const T_VornParam*, float*), float* value) {
@@ -53,7 +37,7 @@ extern "C" int vorn_get_direction_confidence(const VornState* st, float* value) 
 }
 
 extern "C" int vorn_get_echo_activity(const VornState* st, float* value) {
-  return EnhancedFigure(st, offsetof(TVornEnhancedState, last_echo) + offsetof(EchoPicture, far_activity), value);
+  return DesignedFigure(st, VornGetFarEndActivity, value);
 }
 
 extern "C" int vorn_get_config_warnings(const VornState* st, int32_t* count, const char** text) {

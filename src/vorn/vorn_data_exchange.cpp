@@ -59,11 +59,11 @@ int VornVadProc(T_VornParam* vorn_pm, const short* au, const short* aec_ref, con
   }
 
   // Both halves share one scratch area, as the suppressor only uses it as
-  // its (unused here) spectral output.
+  // its (unused here) spectral output. A null ns_out skips the synthesis.
   float scratch[kNsFftLen];
   NsVadProc(vad_pm, scratch, nullptr, nullptr, au, ns_out);
   const int first = vad_pm->vad_flag;
-  NsVadProc(vad_pm, scratch, nullptr, nullptr, au + kVadHalf, ns_out + kVadHalf);
+  NsVadProc(vad_pm, scratch, nullptr, nullptr, au + kVadHalf, ns_out != nullptr ? ns_out + kVadHalf : nullptr);
   const int second = vad_pm->vad_flag;
   return (first != 0 || second != 0) ? 1 : 0;
 }

@@ -17,7 +17,9 @@ void VornGetNosieEstFromNsToBf(TNsParam* ns_pm, TBfParam* bf_pm);
 
 // Speech decision for one 256-sample frame: 1 speech, 0 not. Runs the VAD's
 // own suppressor instance, steered by the canceller's coherence and the
-// reference-to-residual energy ratio when the canceller is on.
+// reference-to-residual energy ratio when the canceller is on. ns_out
+// receives that suppressor's output, or is null when nobody reads it (the
+// suppressor then forms only what the decision needs).
 int VornVadProc(T_VornParam* vorn_pm, const short* au, const short* aec_ref, const float* corr_far_near, int corr_len,
                 short* ns_out);
 

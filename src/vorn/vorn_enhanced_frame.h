@@ -14,12 +14,20 @@
 
 namespace vorn {
 
-// The echo canceller's view of the frame.
+// The echo canceller's view of the frame. Powers are mean squares on the
+// 16-bit sample scale.
 struct EchoPicture {
   bool reference_active;  // the loudspeaker reference carries signal this frame
   float far_activity;     // 0..1: how much of the frame the far end talks
   bool double_talk;       // near talker and far end at once
   float erl_db;           // echo return loss: reference over echo at the microphone
+  bool echo_present;            // echo reaches the microphones (or the room still rings with it)
+  bool echo_only;               // echo present and no near talker heard beside it
+  float near_activity;          // 0..1: share of the frame with a near talker heard beside the echo
+  float echo_power;             // echo at the microphone, as the canceller's filters estimate it
+  float residual_echo_power;    // echo left in echo_out, as estimated
+  float lead_ms;                // how far the reference runs ahead of its echo
+  bool reference_is_microphone; // the reference carries a microphone's own signal (miswired)
 };
 
 // Whether, and how much, the near talker speaks (echo and noise excluded),

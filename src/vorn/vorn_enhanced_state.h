@@ -32,7 +32,6 @@ struct TVornEnhancedState {
   // are known (the beam steers by the last direction found).
   SpeechPresence last_presence;
   TalkerDirection last_direction;
-  EchoPicture last_echo;
   EnhancedModules modules;       // one record per enhanced module
 };
 
@@ -49,5 +48,10 @@ static_assert(alignof(TVornEnhancedState) <= 64);
 inline TVornEnhancedState* EnhancedStateOf(TVornState* st) {
   return reinterpret_cast<TVornEnhancedState*>(reinterpret_cast<unsigned char*>(st) + kEnhancedRegionOffset);
 }
+
+// The record's own fields are sound and VornInit has prepared its buffer:
+// 0 with *enhanced set; 1 (record or buffer missing), 2 (buffer too small),
+// 3 (wrong record size) as the parameter check; or VORN_ERR_NOT_INITIALISED.
+int32_t CheckPrepared(const T_VornParam* pm, TVornEnhancedState** enhanced);
 
 }  // namespace vorn

@@ -27,7 +27,8 @@ constexpr CodeText kCodeTexts[] = {
     {VORN_ERR_BAD_MIC_ORDER, "the microphone order does not name slots 0, 1 and 2 once each"},
     {VORN_ERR_BAD_LENGTH, "the length is negative"},
     {VORN_ERR_NO_SEARCH, "doa_flag is 0: no direction search is chosen"},
-    {VORN_ERR_CONFIG, "the configuration cannot be read, or it names no known profile"},
+    {VORN_ERR_OUT_OF_RANGE, "the value lies outside its documented range"},
+    {VORN_ERR_CONFIG, "the configuration cannot be read, names no known profile, or its level target is refused"},
     {VORN_ERR_MODULE_INIT, "the AGC or the echo canceller failed to initialise"},
     {VORN_ERR_NO_FRAMES, "no frame has been processed yet to take a direction from"},
 };

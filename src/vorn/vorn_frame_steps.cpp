@@ -23,6 +23,9 @@ void FillBfParam(const T_VornParam* pm, TVornState* st) {
   bf.ns_flag = pm->ns_flag;
   bf.azimuth = pm->azimuth;
   bf.ext_doa_update_flag = pm->doa_update_flag;
+  // The three multi-beam channels are read by the post filter alone, later in
+  // the same frame, so they are formed only on frames it runs.
+  bf.inner_interface_flag = pm->ns_flag == 2 ? 1 : 0;
 }
 
 void FillBfParamForDoa(const T_VornParam* pm, TVornState* st) {

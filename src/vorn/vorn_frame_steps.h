@@ -18,7 +18,8 @@ constexpr int kCohLen = 130;    // the canceller's sub-band coherence output
 constexpr int kVadCohLen = 65;  // of which the VAD reads the first band
 constexpr int kSampleRate = VORN_SAMPLE_RATE_HZ;
 
-// The beamformer's call record from the caller's active switches.
+// The beamformer's call record from the caller's active switches, asking
+// for the multi-beam channels only when the post filter runs.
 void FillBfParam(const T_VornParam* pm, TVornState* st);
 // The part of it the direction search reads (the azimuth and the inner
 // interface flag are left as they are).

@@ -13,6 +13,7 @@
 
 #include "adsp_aec/echo_cancellation.h"
 #include "adsp_agc/analog_agc.h"
+#include "adsp_agc/level_control.h"
 #include "vorn/vorn_enhanced_state.h"
 #include "vorn/vorn_frame_steps.h"
 #include "vorn/vorn_housekeeping.h"
@@ -132,6 +133,12 @@ int32_t InitFrontEnd(T_VornParam* pm, const InitOptions& options) {
   // profile may change at any frame boundary.
   TVornEnhancedState* enhanced = EnhancedStateOf(st);
   VornInitEnhanced(pm, st);
+  // The configuration's level target, or the one a restart keeps.
+  if (options.agc_target_dbfs != nullptr) {
+    LevelSetTarget(&enhanced->modules.level, *options.agc_target_dbfs);
+  } else if (front_end.agc_target_given) {
+    LevelSetTarget(&enhanced->modules.level, front_end.agc_target_dbfs);
+  }
   enhanced->profile = profile;
   enhanced->magic = kEnhancedMagic;
   MarkPrepared(pm, st);

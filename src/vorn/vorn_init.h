@@ -18,6 +18,7 @@ struct InitOptions {
   int32_t default_profile = VORN_PROFILE_CLASSIC;  // when the configuration names none
   int32_t forced_profile = kConfProfileAbsent;     // wins over the configuration when set
   bool keep_warnings = false;  // leave the last configuration's warnings (no configuration is read)
+  const float* agc_target_dbfs = nullptr;  // the level target to keep, in range, when not null
 };
 
 // Fills pm->in_argv (built-in switches and/or the configuration), selects the

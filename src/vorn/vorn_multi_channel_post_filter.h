@@ -9,4 +9,10 @@ namespace vorn {
 // samples) and sets pm->vad_flag from the beam instances' votes.
 void VornMultiChannelPostFilter(T_VornParam* pm, short* out);
 
+// The enhanced profile's variant: the beams decide the gains, which are
+// applied to `cancelled` (the echo canceller's 256 output samples) instead
+// of the beam. `history` holds the last 512 cancelled samples between calls
+// (zeros at first).
+void VornMultiChannelPostFilterOnCancelled(T_VornParam* pm, const short* cancelled, float* history, short* out);
+
 }  // namespace vorn

@@ -56,7 +56,6 @@ extern "C" int32_t VornProc(T_VornParam* pm, const short* inp, const short* aec_
   short tmp_in[kFrameLen] = {};
   short tmp_out[kFrameLen] = {};
   short aec_vad_in[kFrameLen] = {};
-  short vad_out[kFrameLen] = {};
   float subcohXd[kCohLen] = {};
   FillBfParam(pm, st);
   RefreshNsParams(pm, st);
@@ -89,7 +88,7 @@ extern "C" int32_t VornProc(T_VornParam* pm, const short* inp, const short* aec_
 
   std::memcpy(tmp_in, tmp_out, sizeof tmp_in);
   const short* vad_in = pm->aec_flag == 3 ? aec_vad_in : tmp_in;
-  pm->vad_flag = VornVadProc(pm, vad_in, aec_ref, subcohXd, kVadCohLen, vad_out);
+  pm->vad_flag = VornVadProc(pm, vad_in, aec_ref, subcohXd, kVadCohLen, nullptr);
 
   if (pm->agc_flag != 0) KeepFirstFailure(&rtn, RunDigitalAgc(pm, st, tmp_in, tmp_out));
   pm->azimuth = st->bf_pm.azimuth;

@@ -12,12 +12,14 @@
 #include <cmath>
 #include <cstring>
 
+#include "adsp_agc/level_control.h"
 #include "adsp_bf/audio_dsp_proc.h"
+#include "adsp_bf/beam_enhanced.h"
 #include "adsp_bf/doa_tracker_enhanced.h"
 #include "adsp_bf/util.h"
 #include "adsp_ns/adsp_ns_proc.h"
-#include "common/adsp_common_fft_rel.h"
 #include "vorn/vorn_data_exchange.h"
+#include "vorn/vorn_echo_stage.h"
 #include "vorn/vorn_enhanced_frame.h"
 #include "vorn/vorn_enhanced_state.h"
 #include "vorn/vorn_frame_steps.h"
@@ -27,41 +29,26 @@
 namespace vorn {
 namespace {
 
-// The hop's microphone spectra for the direction stage, from the analysis
-// buffers the beamformer has just slid forward.
-void KeepMicSpectra(TVornState* st, EnhancedFrame& fr) {
-  const auto* bf = static_cast<const T_AudioDspState*>(st->bf_pm.p_data);
-  for (int m = 0; m < kBfChannels; ++m) {
-    std::memcpy(fr.mic_spectra[m], bf->au[m], sizeof fr.mic_spectra[m]);
-    fft_rel(fr.mic_spectra[m], kBfFftLen, kBfFftOrder);
-  }
-  fr.mic_spectra_ready = true;
-}
-
 int32_t BeamStage(const T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
-  // The direction stage tracks the talker; the classic per-hop tracker
-  // inside the beamformer does not run.
+  // The classic frame reports the beamformer's code only through later
+  // stages' results; so does this one. The direction stage tracks the
+  // talker, so the classic per-hop tracker inside the analysis does not run;
+  // the analysis's microphone spectra are the ones the tracker reads.
   st->bf_pm.ext_doa_update_flag = 0;
-  fr.rtn = BfProc(&st->bf_pm, fr.inp, fr.beam, fr.mic_order);
-  if (fr.rtn == 0 && pm->doa_flag == 1) KeepMicSpectra(st, fr);
+  fr.rtn = BfAnalyse(&st->bf_pm, fr.inp, fr.mic_order, fr.mic_spectra);
+  if (fr.rtn != 0) return 0;
+  fr.mic_spectra_ready = pm->doa_flag == 1;
+  const TVornEnhancedState* enhanced = EnhancedStateOf(st);
+  const BeamRequest request{pm->bf_flag, pm->bf_azimuth, pm->doa_flag, enhanced->last_presence.frame_prob,
+                            enhanced->last_direction.azimuth_deg, enhanced->last_direction.confidence};
+  const auto* analysis = static_cast<const T_AudioDspState*>(st->bf_pm.p_data);
+  const float* const latest[kBfChannels] = {analysis->au[0] + kBfHop, analysis->au[1] + kBfHop,
+                                            analysis->au[2] + kBfHop};
+  EnhancedBeamProc(&EnhancedStateOf(st)->modules.beam, request, latest, fr.mic_spectra, fr.beam);
   return 0;
 }
 
-int32_t EchoStage(const T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
-  fr.echo.reference_active = false;
-  if (pm->aec_flag >= 1)
-    for (int i = 0; i < kFrameLen && !fr.echo.reference_active; ++i) fr.echo.reference_active = fr.aec_ref[i] != 0;
-  fr.echo.far_activity = fr.echo.reference_active ? 1.0f : 0.0f;
-  int32_t rc = 0;
-  if (pm->aec_flag < 1) {
-    std::memcpy(fr.echo_out, fr.beam, sizeof fr.echo_out);
-  } else {
-    rc = CancelEcho(pm, st, fr.beam, fr.aec_ref, fr.echo_out, fr.vad_in, fr.subcoh);
-  }
-  // Kept for the getters that report the frame after it has run.
-  EnhancedStateOf(st)->last_echo = fr.echo;
-  return rc;
-}
+int32_t EchoStage(const T_VornParam* pm, TVornState* st, EnhancedFrame& fr) { return RunEchoStage(pm, st, fr); }
 
 // Speech presence, once per frame, shared by every later stage: the
 // suppressor's gains, the speech flag, and (through the enhanced state) the
@@ -69,7 +56,9 @@ int32_t EchoStage(const T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
 void PresenceStage(const T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
   TVornEnhancedState* enhanced = EnhancedStateOf(st);
   EnhancedSpeechRecords& speech = enhanced->modules.speech;
-  const bool far_end = pm->aec_flag >= 1;
+  // A reference that is a microphone's own signal predicts the talker, not
+  // an echo: it is no cue then.
+  const bool far_end = pm->aec_flag >= 1 && !fr.echo.reference_is_microphone;
   for (int h = 0; h < 2; ++h) {
     const NsEchoCues cues{far_end ? fr.aec_ref + h * kHalfLen : nullptr, far_end ? fr.beam + h * kHalfLen : nullptr};
     EnhancedPresenceHop(&speech.presence, fr.echo_out + h * kHalfLen, cues, &fr.ns_hops[h]);
@@ -91,7 +80,12 @@ int32_t SuppressStage(T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
     EnhancedSuppressHop(&speech.suppressor, speech.presence, &fr.ns_hops[1], fr.clean + kHalfLen);
   } else if (pm->ns_flag == 2) {
     if (fr.rtn != 0) return fr.rtn;
-    VornMultiChannelPostFilter(pm, fr.clean);
+    // With the canceller on, the post filter's gains go onto its output: the
+    // beams it reads still carry the echo.
+    if (pm->aec_flag >= 1)
+      VornMultiChannelPostFilterOnCancelled(pm, fr.echo_out, EchoStageOf(st)->post_filter_history, fr.clean);
+    else
+      VornMultiChannelPostFilter(pm, fr.clean);
     if (pm->doa_update_flag == 1) VornGetNosieEstFromNsToBf(&st->ns_pm[0], &st->bf_pm);
     return 0;
   }
@@ -106,13 +100,9 @@ int32_t SuppressStage(T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
 
 void VadStage(T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
   EnhancedSpeechRecords& speech = EnhancedStateOf(st)->modules.speech;
-  pm->vad_flag = EnhancedVadDecide(&speech.vad, fr.presence.output_prob);
-  if (pm->agc_flag != 0) {
-    // The digital AGC reads its SNR figures from the classic VAD suppressor.
-    short vad_out[kFrameLen];
-    const short* vad_in = pm->aec_flag == 3 ? fr.vad_in : fr.clean;
-    VornVadProc(pm, vad_in, fr.aec_ref, fr.subcoh, kVadCohLen, vad_out);
-  }
+  // Echo alone is never speech: the canceller hears no near talker beside
+  // it, so the decision sees no presence on those frames.
+  pm->vad_flag = EnhancedVadDecide(&speech.vad, fr.echo.echo_only ? 0.0f : fr.presence.output_prob);
 }
 
 void LevelStage(const T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
@@ -120,7 +110,9 @@ void LevelStage(const T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
     std::memcpy(fr.out, fr.clean, sizeof fr.out);
     return;
   }
-  KeepFirstFailure(&fr.rtn, RunDigitalAgc(pm, st, fr.clean, fr.out));
+  // agc_flag 1 and 2 both mean "on"; the level control has no modes.
+  const LevelCues cues{fr.presence.frame_prob, fr.echo.far_activity >= 0.5f, fr.echo.double_talk};
+  LevelProc(&EnhancedStateOf(st)->modules.level, cues, fr.clean, fr.out);
 }
 
 // A reference at or below -60 dBFS (RMS) is silence, not a far end the room
@@ -155,11 +147,14 @@ void DirectionStage(T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
 
 void VornInitEnhanced(const T_VornParam* pm, TVornState* st) {
   (void)pm;
-  EnhancedSpeechRecords& speech = EnhancedStateOf(st)->modules.speech;
-  EnhancedPresenceInit(&speech.presence);
-  EnhancedSuppressorInit(&speech.suppressor);
-  EnhancedVadInit(&speech.vad);
-  DoaTrackerInit(&EnhancedStateOf(st)->modules.doa_tracker);
+  EnhancedModules& modules = EnhancedStateOf(st)->modules;
+  EnhancedBeamInit(&modules.beam);
+  LevelInit(&modules.level);
+  EnhancedPresenceInit(&modules.speech.presence);
+  EnhancedSuppressorInit(&modules.speech.suppressor);
+  EnhancedVadInit(&modules.speech.vad);
+  DoaTrackerInit(&modules.doa_tracker);
+  EchoStageInit(&modules.echo);
 }
 
 int32_t VornProcEnhanced(T_VornParam* pm, TVornState* st, const short* inp, const short* aec_ref, short* out,

@@ -4,6 +4,7 @@
 //
 // Values are printed with nine significant digits, which round-trips every
 // float exactly, so the library holds precisely the rounded design values.
+#include <complex>
 #include <cstdio>
 #include <string>
 #include <vector>
@@ -17,6 +18,9 @@ using vorn::gen::kBins;
 using vorn::gen::WeightSet;
 
 constexpr double kSectorAdvance = 1.812;  // advance of the facing microphone in the sector sets
+constexpr double kSearchTheta = 60.0;     // the family the direction search steers with
+constexpr int kSearchFirstBin = 17;       // its band, bins 17..221 (kBfSearchFirstBin, kBfSearchBins)
+constexpr int kSearchBins = 205;
 
 void AppendFloat(std::string& text, double value) {
   char buf[32];
@@ -53,6 +57,23 @@ void AppendBlocking(std::string& text, const std::string& name, const BlockingMa
   text += "};\n";
 }
 
+// The direction search's family again, transposed for a search that walks
+// the bins once: [bin of the search band][re0 im0 re1 im1 re2 im2][direction],
+// so that one bin's weights for neighbouring directions lie side by side.
+void AppendSearchTable(std::string& text, const std::string& name, const std::vector<WeightSet>& sets) {
+  text += "const float " + name + "[kBfSearchFloats] = {\n";
+  for (int k = kSearchFirstBin; k < kSearchFirstBin + kSearchBins; ++k) {
+    for (int c = 0; c < 6; ++c) {
+      for (const WeightSet& set : sets) {
+        const std::complex<double> w = set[k][c / 2];
+        AppendFloat(text, c % 2 == 0 ? w.real() : w.imag());
+      }
+      text += '\n';
+    }
+  }
+  text += "};\n";
+}
+
 void AppendList(std::string& text, const std::string& name, const char* size, const std::string& prefix,
                 const std::vector<int>& azimuths) {
   text += "const float* const " + name + "[" + size + "] = {";
@@ -78,9 +99,15 @@ std::string Generate() {
     double theta_deg;
   };
   const Family families[] = {{"ds_w_", 90.0}, {"ds_w80_", 80.0}, {"ds_w70_", 70.0}, {"ds_w60_", 60.0}, {"ds_w55_", 55.0}};
-  for (const Family& family : families)
-    for (int az : azimuths)
-      AppendSet(text, family.prefix + std::to_string(az), "kBfSetFloats", vorn::gen::DelayAndSum(az, family.theta_deg));
+  std::vector<WeightSet> search_family;
+  for (const Family& family : families) {
+    for (int az : azimuths) {
+      const WeightSet set = vorn::gen::DelayAndSum(az, family.theta_deg);
+      AppendSet(text, family.prefix + std::to_string(az), "kBfSetFloats", set);
+      if (family.theta_deg == kSearchTheta) search_family.push_back(set);
+    }
+  }
+  AppendSearchTable(text, "doa_search_tab60", search_family);
   for (int az : azimuths)
     AppendSet(text, "bf_mvdr_w_" + std::to_string(az), "kBfSetFloats", vorn::gen::MvdrDiffuse(az));
 
@@ -104,6 +131,7 @@ std::string Generate() {
   AppendList(text, "doa_tab60", "kBfDirections", "ds_w60_", azimuths);
   AppendList(text, "doa_tab55", "kBfDirections", "ds_w55_", azimuths);
   text += "const float* const* const doa_ele_azi_tab[kBfElevationSets] = {doa_tab60};\n";
+  text += "const float* const doa_ele_azi_search_tab[kBfElevationSets] = {doa_search_tab60};\n";
   text += "const int mbf_angles[3] = {0, 120, 240};\n";
   text += "\n}  // namespace vorn\n";
   return text;

@@ -74,7 +74,9 @@ bool FrontEnd::LoadModes(int mode, const std::string& config_path, std::string* 
     return false;
   }
   // Any other failure judged the mode's switches before the overrides;
-  // Start() judges the final ones.
+  // Start() judges the final ones. The level control's target is all else
+  // the file sets; it is read back here because Start() initialises again.
+  if (code == 0) VornGetAgcTarget(&pm_, &agc_target_dbfs_);
   return true;
 }
 
@@ -94,6 +96,7 @@ bool FrontEnd::Start(const sim::Switches& s, int profile, std::string* error) {
   }
   sim::CopySwitches(s, &pm_.in_argv[mode_]);
   pm_.vorn_mode = mode_;
+  VornSetAgcTarget(&pm_, agc_target_dbfs_);
   const int profile_code = VornSetProfile(&pm_, profile);
   if (profile_code != 0) {
     *error = Explain(profile_code, "selecting the processing profile");
@@ -106,9 +109,19 @@ int FrontEnd::Process(const int16_t* mics, const int16_t* reference, int16_t* ou
   return VornProc(&pm_, mics, reference, out, mic_order_);
 }
 
+uint32_t FrontEnd::warnings() const {
+  uint32_t warnings = 0;
+  return VornGetWarnings(&pm_, &warnings) == 0 ? warnings : 0u;
+}
+
 double FrontEnd::DirectionConfidence() const {
   float confidence = 0.0f;
   return VornGetDoaConfidence(&pm_, &confidence) == 0 ? confidence : 0.0;
+}
+
+bool FrontEnd::ReferenceIsMicrophone() const {
+  float copy = 0.0f;
+  return VornGetReferenceIsMicrophone(&pm_, &copy) == 0 && copy != 0.0f;
 }
 
 int FrontEnd::UtteranceDirection(int doa_flag, const int16_t* mics, int samples_per_channel, int* azimuth_deg) {

@@ -36,6 +36,8 @@ class FrontEnd {
   int Process(const int16_t* mics, const int16_t* reference, int16_t* out);
   int vad_flag() const { return pm_.vad_flag; }
   int azimuth() const { return pm_.azimuth; }
+  // The library's microphone warnings after the last frame (VORN_WARN_...).
+  uint32_t warnings() const;
 
   // Direction of the talker over `samples_per_channel` interleaved samples
   // with the direction search `doa_flag` (1 reads the per-frame history, 2
@@ -44,6 +46,9 @@ class FrontEnd {
   // Confidence (0..1) of the direction last found (enhanced profile; 0
   // with the classic one).
   double DirectionConfidence() const;
+  // Whether the last frame's reference was a copy of a microphone (enhanced
+  // profile with the canceller on).
+  bool ReferenceIsMicrophone() const;
 
  private:
   std::string Explain(int code, const char* stage) const;
@@ -54,6 +59,7 @@ class FrontEnd {
   int mode_ = 0;
   std::string config_path_;
   std::vector<std::string> config_warnings_;
+  float agc_target_dbfs_ = VORN_AGC_TARGET_DEFAULT_DBFS;  // the configuration file's, kept across inits
 };
 
 }  // namespace vorn::cli

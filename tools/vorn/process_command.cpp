@@ -75,6 +75,23 @@ std::string ReferenceFormatProblem(const AudioFormat& f) {
   return problems + "; the reference must be mono 16-bit PCM at 16000 Hz";
 }
 
+// What the library's microphone warnings that came or went mean for the user.
+void ReportMicrophoneChanges(uint32_t before, uint32_t now, double at_s) {
+  for (int m = 0; m < kMics; ++m) {
+    const uint32_t dead = VORN_WARN_MIC_DEAD(m), clipped = VORN_WARN_MIC_CLIPPED(m);
+    // Appended rather than "..." + to_string(m): g++ 12 on a 32-bit target
+    // misreads that form as an overlapping copy (-Wrestrict).
+    std::string mic = "microphone ";
+    mic += std::to_string(m);
+    if ((now & dead) && !(before & dead))
+      ReportWarning("at " + Seconds(at_s) + ": " + mic + " is dead (no signal); the beam goes on without it");
+    if ((now & clipped) && !(before & clipped))
+      ReportWarning("at " + Seconds(at_s) + ": " + mic + " clips; the beam goes on without it");
+    const uint32_t faults = dead | clipped;
+    if ((before & faults) && !(now & faults)) ReportWarning("at " + Seconds(at_s) + ": " + mic + " works again");
+  }
+}
+
 sim::Switches ApplyOverrides(sim::Switches s, const SwitchOverrides& o) {
   if (o.agc) s.agc = *o.agc;
   if (o.bf) s.bf = *o.bf;
@@ -200,8 +217,10 @@ int ProcessRecording(const ProcessOptions& opt, Summary* summary, std::vector<in
   int16_t out[kFrameSamples];
   uint64_t samples = 0;
   std::optional<uint64_t> reference_ended_at;
+  std::optional<uint64_t> reference_copies_mic_at;
   uint64_t frame_index = 0;
   int frames_since_reference = kEchoTailFrames;
+  uint32_t warnings = 0;
   int frames_since_speech = kUtteranceGapFrames + 1;
   for (;;) {
     const size_t got = input.Read(block.data(), kFrameSamples);
@@ -227,6 +246,12 @@ int ProcessRecording(const ProcessOptions& opt, Summary* summary, std::vector<in
       progress.Finish();
       ReportError(error);
       return kExitFailure;
+    }
+    if (!reference_copies_mic_at && front_end.ReferenceIsMicrophone()) reference_copies_mic_at = samples;
+    if (const uint32_t now = front_end.warnings(); now != warnings) {
+      progress.Finish();
+      ReportMicrophoneChanges(warnings, now, static_cast<double>(samples) / kRate);
+      warnings = now;
     }
     speech_flags->push_back(front_end.vad_flag() != 0 ? 1 : 0);
     azimuths.push_back(front_end.azimuth());
@@ -267,6 +292,10 @@ int ProcessRecording(const ProcessOptions& opt, Summary* summary, std::vector<in
                   Seconds(static_cast<double>(*reference_ended_at) / kRate) + ", before the capture (" +
                   Seconds(static_cast<double>(samples) / kRate) +
                   "); the rest was processed against a silent reference");
+  if (reference_copies_mic_at)
+    ReportWarning("the reference carries a microphone's own signal (from " +
+                  Seconds(static_cast<double>(*reference_copies_mic_at) / kRate) +
+                  "): is the loudspeaker channel wired to a microphone? Echo was not cancelled while it did");
   if (!opt.vad_path.empty() && !WriteFrameCsv(opt.vad_path, "speech", *speech_flags, &error)) {
     ReportError(error);
     return kExitFailure;

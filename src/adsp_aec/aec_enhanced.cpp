@@ -1,0 +1,115 @@
+// Block driver of the enhanced echo control.
+//
+// Per 64-sample block: the far end goes into the classic instance's rings as
+// usual; the far read position is then set so that the filters see the far
+// end `lag` blocks late, the lag the lead tracker chose; the classic linear
+// step runs both filters; the residual suppressor replaces the classic
+// coherence suppression; and the lead tracker learns from the block's far
+// and near spectra. When the lag changes, the filters' far history is
+// rebuilt from the rings at the new lag, so a filter that matched the room
+// before a jump of the lead matches it again at once.
+#include "adsp_aec/aec_enhanced.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "adsp_aec/echo_cancellation.h"
+
+namespace vorn {
+namespace {
+
+using Spectrum = float[2][kAecBins];
+
+constexpr float kDoubleTalkStep = 0.1f;
+constexpr int kDoubleTalkHoldBlocks = 25;  // 100 ms after the talker was last heard
+
+const Spectrum& RingSpectrum(const RingBuffer& ring, int index) {
+  return reinterpret_cast<const Spectrum*>(Adsp_BufferData(&ring))[index];
+}
+
+int Wrapped(int index, int count) { return ((index % count) + count) % count; }
+
+// The spectrum written last into a far-end ring.
+const Spectrum& NewestSpectrum(const RingBuffer& ring) {
+  const int count = static_cast<int>(ring.element_count);
+  return RingSpectrum(ring, Wrapped(static_cast<int>(ring.write_pos) - 1, count));
+}
+
+// Moves the far read position so that the next spectrum the linear step
+// reads is the one written `lag` blocks before the newest.
+void AlignFarRead(AecCore* core, int lag) {
+  const int available = static_cast<int>(Adsp_available_read(&core->far_buf_windowed));
+  const int move = available - (lag + 1);
+  if (move != 0) AdspAec_MoveFarReadPtr(core, move);
+}
+
+// Rewrites the filters' far history (all partitions but the one the linear
+// step is about to add) from the rings at the current read position.
+void RefillFarHistory(AecCore* core) {
+  const int n = core->num_partitions;
+  const int count = static_cast<int>(core->far_buf.element_count);
+  for (int p = 1; p < n; ++p) {
+    const Spectrum& x = RingSpectrum(core->far_buf, Wrapped(static_cast<int>(core->far_buf.read_pos) - p, count));
+    const Spectrum& xw =
+        RingSpectrum(core->far_buf_windowed, Wrapped(static_cast<int>(core->far_buf_windowed.read_pos) - p, count));
+    const int pos = Wrapped(core->xfBufBlockPos + p - 1, n) * kAecBins;
+    std::memcpy(&core->xfBuf[0][pos], x[0], sizeof(float) * kAecBins);
+    std::memcpy(&core->xfBuf[1][pos], x[1], sizeof(float) * kAecBins);
+    for (int k = 0; k < kAecBins; ++k) {
+      core->xfwBuf[pos + k][0] = xw[0][k];
+      core->xfwBuf[pos + k][1] = xw[1][k];
+    }
+  }
+}
+
+}  // namespace
+
+void AecEnhancedInit(AecEnhanced* st) {
+  AecLeadTrackerInit(&st->lead);
+  AecResidualInit(&st->residual);
+  st->applied_lag = -1;
+}
+
+int32_t AecEnhancedProcess(void* aec_instance, AecEnhanced* st, const float* near, const float* far, float* out,
+                           float* coherence, AecEnhancedBlock* report) {
+  const int32_t rc = AdspAec_BufferFarend(aec_instance, far, kAecBlockLen);
+  if (rc != 0) return rc;
+  AecCore* core = AdspAec_aec_core(aec_instance);
+
+  float far_power[kAecBins];
+  const Spectrum& newest = NewestSpectrum(core->far_buf_windowed);
+  for (int k = 0; k < kAecBins; ++k) far_power[k] = newest[0][k] * newest[0][k] + newest[1][k] * newest[1][k];
+
+  AlignFarRead(core, st->lead.lag_blocks);
+  if (st->applied_lag != st->lead.lag_blocks) {
+    RefillFarHistory(core);
+    st->applied_lag = st->lead.lag_blocks;
+  }
+  Adsp_WriteBuffer(&core->nearFrBuf, near, kAecBlockLen);
+  // Beside a near talker both filters adapt at a tenth of their step: the
+  // talker is no echo to learn, yet a room that changes meanwhile is still
+  // followed. The step is the core's own figure, put back afterwards, so
+  // the classic frame finds it as it was.
+  const float step = core->normal_mu;
+  if (st->near_hold > 0) core->normal_mu *= kDoubleTalkStep;
+  AdspAec_ProcessLinearBlock(core);
+  core->normal_mu = step;
+
+  float near_power[kAecBins];
+  AecResidualProcess(&st->residual, core, AecStrongestPartition(core), out, near_power, coherence, report);
+  report->lag_blocks = st->lead.lag_blocks;
+  st->near_hold = report->near_active ? kDoubleTalkHoldBlocks : std::max(st->near_hold - 1, 0);
+  AecLeadTrackerUpdate(&st->lead, far_power, near_power, report->far_active);
+  const AecLeadChange change =
+      AecLeadTrackerDecide(&st->lead, core, st->residual.linear_erle, report->far_active, report->near_by_level);
+  if (change == AecLeadChange::kJumped) AecResidualRestart(&st->residual);
+  // The echo's level against the far end's was measured against a far end
+  // the echo did not follow; with the lead found it is measured again.
+  if (change == AecLeadChange::kFound) st->residual.echo_gain_blocks = 0;
+
+  AdspAec_FinishBlock(core);
+  core->system_delay -= kAecBlockLen;
+  return 0;
+}
+
+}  // namespace vorn

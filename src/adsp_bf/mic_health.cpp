@@ -1,0 +1,178 @@
+// Microphone faults from the samples alone, frame by frame.
+//
+// Dead: the microphone's frame is constant (zeros, or a stuck DC value) while
+// another microphone's is not; a whole array in digital silence is a silent
+// room, not a fault. Clipping: the microphone's frame reaches its extreme
+// value several times at a level no quiet signal has, while another
+// microphone's frame does not; a talker loud enough to clip every microphone
+// leaves them all in. The three microphones lie 6.8 cm apart and hear every
+// source within a few dB of one another, so a microphone whose power
+// (smoothed over a few frames) stands 12 dB above the middle one runs hot and
+// counts as clipping, and one 20 dB below it counts as dead, although neither
+// shows in single samples. Each kind of evidence raises a score quickly and a
+// clean frame lowers it slowly, so a fault is declared within a few frames
+// and withdrawn only after about a second of good behaviour; a clipping
+// microphone that is quiet between syllables stays out meanwhile.
+#include "adsp_bf/mic_health.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
+namespace vorn {
+namespace {
+
+constexpr int kFrame = 256;
+constexpr int kMics = 3;
+constexpr uint16_t kEvidenceStep = 4;    // per frame with evidence
+constexpr uint16_t kFaultScore = 16;     // four frames of evidence in a row
+constexpr uint16_t kScoreCeiling = 64;   // withdrawn after 64 clean frames
+constexpr int kClipRunSamples = 3;       // samples at the frame's extreme value
+constexpr int kClipLevel = 8192;         // -12 dBFS: below it repeats are quantisation
+// Per frame: a rise is followed over about 100 ms; a fall, which in power
+// takes longer to show, over about 30 ms.
+constexpr float kRiseSmoothing = 0.15f;
+constexpr float kFallSmoothing = 0.5f;
+constexpr float kHotRatio = 15.85f;      // 12 dB above the middle microphone's power
+constexpr float kQuietRatio = 0.01f;     // 20 dB below it
+
+struct FrameFacts {
+  bool constant;
+  bool clipped;
+  float power;  // mean square
+};
+
+// The four lanes' partial results, combined the same way by both paths.
+FrameStats CombineLanes(const float lo[4], const float hi[4], const float energy[4]) {
+  FrameStats stats{lo[0], hi[0], 0.0f};
+  for (int j = 1; j < 4; ++j) {
+    stats.lo = lo[j] < stats.lo ? lo[j] : stats.lo;
+    stats.hi = hi[j] > stats.hi ? hi[j] : stats.hi;
+  }
+  stats.energy = (energy[0] + energy[1]) + (energy[2] + energy[3]);
+  return stats;
+}
+
+FrameStats FrameStatsOf(const float* x) {
+#if defined(__SSE2__)
+  return FrameStatsSse2(x);
+#else
+  return FrameStatsPlain(x);
+#endif
+}
+
+void Inspect(const float* const latest[kMics], FrameFacts facts[kMics]) {
+  for (int m = 0; m < kMics; ++m) {
+    const float* x = latest[m];
+    const FrameStats stats = FrameStatsOf(x);
+    facts[m] = {stats.lo == stats.hi, false, stats.energy / kFrame};
+    const float peak = -stats.lo > stats.hi ? stats.lo : stats.hi;
+    if (std::fabs(peak) < kClipLevel) continue;
+    int at_peak = 0;
+    for (int n = 0; n < kFrame; ++n) at_peak += x[n] == peak;
+    facts[m].clipped = at_peak >= kClipRunSamples;
+  }
+}
+
+void Score(uint16_t& score, bool evidence) {
+  if (evidence) {
+    score = static_cast<uint16_t>(score + kEvidenceStep > kScoreCeiling ? kScoreCeiling : score + kEvidenceStep);
+  } else if (score > 0) {
+    --score;
+  }
+}
+
+// Fault when the score reaches kFaultScore; cleared only when it is back at 0.
+void Judge(uint32_t& mask, int m, uint16_t score) {
+  if (score >= kFaultScore) mask |= 1u << m;
+  if (score == 0) mask &= ~(1u << m);
+}
+
+}  // namespace
+
+void MicHealthInit(MicHealth* health) { *health = MicHealth{}; }
+
+FrameStats FrameStatsPlain(const float* x) {
+  float lo[4], hi[4], energy[4];
+  for (int j = 0; j < 4; ++j) {
+    lo[j] = hi[j] = x[j];
+    energy[j] = 0.0f;
+  }
+  for (int n = 0; n < kFrame; n += 4) {
+    for (int j = 0; j < 4; ++j) {
+      const float v = x[n + j];
+      lo[j] = v < lo[j] ? v : lo[j];
+      hi[j] = v > hi[j] ? v : hi[j];
+      energy[j] += v * v;
+    }
+  }
+  return CombineLanes(lo, hi, energy);
+}
+
+#if defined(__SSE2__)
+FrameStats FrameStatsSse2(const float* x) {
+  __m128 lo = _mm_loadu_ps(x), hi = lo, energy = _mm_setzero_ps();
+  for (int n = 0; n < kFrame; n += 4) {
+    const __m128 v = _mm_loadu_ps(x + n);
+    lo = _mm_min_ps(v, lo);
+    hi = _mm_max_ps(v, hi);
+    energy = _mm_add_ps(energy, _mm_mul_ps(v, v));
+  }
+  float l[4], h[4], e[4];
+  _mm_storeu_ps(l, lo);
+  _mm_storeu_ps(h, hi);
+  _mm_storeu_ps(e, energy);
+  return CombineLanes(l, h, e);
+}
+#endif
+
+void MicHealthUpdate(MicHealth* health, const float* const latest[3]) {
+  FrameFacts facts[kMics];
+  Inspect(latest, facts);
+  int varying = 0, unclipped = 0;
+  for (int m = 0; m < kMics; ++m) {
+    varying += !facts[m].constant;
+    unclipped += !facts[m].clipped;
+    float& power = health->power[m];
+    const float a = facts[m].power > power ? kRiseSmoothing : kFallSmoothing;
+    power = health->frames == 0 ? facts[m].power : power + a * (facts[m].power - power);
+  }
+  if (health->frames < 1u << 30) ++health->frames;
+  const float* power = health->power;
+  const float middle = std::max(std::min(power[0], power[1]), std::min(std::max(power[0], power[1]), power[2]));
+  for (int m = 0; m < kMics; ++m) {
+    // Evidence counts only against a microphone that behaves otherwise.
+    const bool others_vary = varying - !facts[m].constant > 0;
+    const bool others_clean = unclipped - !facts[m].clipped > 0;
+    // One LSB squared keeps a silent array from judging rounding noise.
+    const bool dead = (facts[m].constant && others_vary) || power[m] + 1.0f < kQuietRatio * (middle + 1.0f);
+    const bool clipped = (facts[m].clipped && others_clean) || power[m] + 1.0f > kHotRatio * (middle + 1.0f);
+    Score(health->dead_score[m], dead);
+    Score(health->clipped_score[m], clipped);
+    Judge(health->dead_mask, m, health->dead_score[m]);
+    Judge(health->clipped_mask, m, health->clipped_score[m]);
+  }
+}
+
+uint32_t MicHealthLive(const MicHealth* health) {
+  const uint32_t live = ~(health->dead_mask | health->clipped_mask | health->excluded_mask) & 0x7u;
+  if (live != 0) return live;
+  // Every microphone judged faulty cannot happen frame by frame (evidence
+  // needs another microphone behaving), but scores outlive their evidence:
+  // keep the one with the least against it.
+  int best = 0, best_score = 1 << 30;
+  for (int m = 0; m < kMics; ++m) {
+    const int score = health->dead_score[m] + health->clipped_score[m] + ((health->excluded_mask >> m) & 1u) * 1000;
+    if (score < best_score) {
+      best_score = score;
+      best = m;
+    }
+  }
+  return 1u << best;
+}
+
+}  // namespace vorn

@@ -1,0 +1,258 @@
+// Per-bin kernels of the suppressor's hop (see adsp_ns_kernels.h). The plain
+// per-bin steps below are the reference; the loops over bins call them, and
+// the four-lane twins call them for the bins left over past the last full
+// vector and for the bins whose plain step calls a double library function.
+#include "adsp_ns/adsp_ns_kernels.h"
+
+#include <cmath>
+
+#include "common/adsp_common_util.h"
+
+namespace vorn {
+namespace {
+
+constexpr float kTiny = 1e-10f;
+constexpr float kBiasMinimum = 1.66f;
+constexpr float kBiasAverage = 1.4685f;  // mean / minimum of the smoothed periodogram
+constexpr float kGammaMax = 3.0f;        // periodogram-to-minimum ratio that is surely speech
+constexpr float kZetaMax = 1.67f;
+constexpr float kMinLikelihood = 0.005f;
+// Decision-directed a priori SNR: the weight of the new term is 1 - 0.95 as a
+// float (0.050000012).
+constexpr float kNewTermWeight = 1.0f - 0.95f;
+constexpr float kMemoryWeight = 0.95f;
+
+void SnrTermsAt(const NsSnrIn &in, const NsSnrOut &out, int k) {
+  const float noise = in.noise[k] < kTiny ? kTiny : in.noise[k];
+  const float gamma = in.psd[k] / noise;
+  out.gamma[k] = gamma;
+  const float excess = gamma - 1.0f;
+  const float new_term = excess > 0.0f ? kNewTermWeight * excess : 0.0f;
+  const float eta_raw = new_term + kMemoryWeight * in.eta_2term[k];
+  const float eta = eta_raw > in.eta_min ? eta_raw : in.eta_min;
+  out.eta[k] = eta;
+  float v = gamma * eta / (eta + 1.0f);
+  // After long digital silence the noise estimate sits at its floor, and the
+  // first loud frame can push gamma * eta past the float range. Only then is
+  // the division done first: every finite result keeps its usual rounding,
+  // and the gain rule takes the same branch for a huge v as for an infinite one.
+  if (!std::isfinite(v)) v = gamma * (eta / (eta + 1.0f));
+  out.v[k] = v;
+  const float minimum = in.minimum[k] < kTiny ? kTiny : in.minimum[k];
+  out.gamma_min[k] = in.psd[k] / kBiasMinimum / minimum;
+  out.zeta[k] = in.smoothed[k] / kBiasMinimum / minimum;
+}
+
+bool SurelySpeech(float gamma_min, float zeta) { return gamma_min > kGammaMax || zeta > kZetaMax; }
+
+void NoiseUpdateAt(const float *psd, const float *gamma_min, const float *zeta, const float *presence,
+                   const NsNoiseAverages &avg, int k) {
+  if (!SurelySpeech(gamma_min[k], zeta[k])) {
+    const float alpha = 0.85f + 0.15f * presence[k];
+    const float alpha_long = 0.99f + 0.01f * presence[k];
+    avg.lambda_dav[k] = alpha * avg.lambda_dav[k] + (1.0f - alpha) * psd[k];
+    avg.lambda_dav_long[k] = alpha_long * avg.lambda_dav_long[k] + (1.0f - alpha_long) * psd[k];
+  }
+  avg.lambda_d[k] = kBiasAverage * avg.lambda_dav[k];
+}
+
+float LsaGainAt(float v, float eta) {
+  if (v > 5.0f) return eta / (eta + 1.0f);
+  if (v > 0.0f) return ExpExpint(v) * eta / (eta + 1.0f);
+  return 1.0f;
+}
+
+void LsaGainAt(const float *v, const float *eta, const float *gamma, float *lsa_gain, float *eta_2term, int k) {
+  const float gain = LsaGainAt(v[k], eta[k]);
+  lsa_gain[k] = gain;
+  eta_2term[k] = gain * gain * gamma[k];
+}
+
+// The ramp is flat outside -10..-5 dB, so the logarithm is taken only for
+// ratios near 0.1..0.316; the brackets keep a margin of several thousandths
+// of a dB, so the result is that of the ramp on the logarithm.
+constexpr float kRampLowRatio = 0.0999f;
+constexpr float kRampHighRatio = 0.3165f;
+
+float RampOfRatioAt(float ratio) {
+  if (ratio < kRampLowRatio) return kMinLikelihood;
+  if (ratio > kRampHighRatio) return 1.0f;
+  return NsRamp(NsPowerDb(ratio));
+}
+
+}  // namespace
+
+float NsPowerDb(float ratio) {
+  return ratio > 0.0f ? static_cast<float>(10.0 * std::log10(static_cast<double>(ratio))) : -100.0f;
+}
+
+float NsRamp(float snr_db) {
+  if (snr_db <= -10.0f) return kMinLikelihood;
+  if (snr_db >= -5.0f) return 1.0f;
+  return ((snr_db + 10.0f) / 5.0f) * 0.995f + kMinLikelihood;
+}
+
+void NsSnrTermsPlain(const NsSnrIn &in, const NsSnrOut &out, int len) {
+  for (int k = 0; k < len; ++k) SnrTermsAt(in, out, k);
+}
+
+void NsNoiseUpdatePlain(const float *psd, const float *gamma_min, const float *zeta, const float *presence,
+                        const NsNoiseAverages &avg, int len) {
+  for (int k = 0; k < len; ++k) NoiseUpdateAt(psd, gamma_min, zeta, presence, avg, k);
+}
+
+void NsLsaGainPlain(const float *v, const float *eta, const float *gamma, float *lsa_gain, float *eta_2term,
+                    int len) {
+  for (int k = 0; k < len; ++k) LsaGainAt(v, eta, gamma, lsa_gain, eta_2term, k);
+}
+
+void NsRampOfRatioPlain(const float *ratio, float *likelihood, int len) {
+  for (int k = 0; k < len; ++k) likelihood[k] = RampOfRatioAt(ratio[k]);
+}
+
+#if defined(VORN_SIMD4)
+
+void NsSnrTermsSimd(const NsSnrIn &in, const NsSnrOut &out, int len) {
+  using namespace simd;
+  const F4 tiny = Set1(kTiny), one = Set1(1.0f), zero = Zero(), bias = Set1(kBiasMinimum);
+  const F4 new_weight = Set1(kNewTermWeight), memory_weight = Set1(kMemoryWeight), eta_min = Set1(in.eta_min);
+  int k = 0;
+  for (; k + 4 <= len; k += 4) {
+    const F4 psd = Load(in.psd + k);
+    const F4 noise_raw = Load(in.noise + k);
+    const F4 noise = Select(Lt(noise_raw, tiny), tiny, noise_raw);
+    const F4 gamma = Div(psd, noise);
+    Store(out.gamma + k, gamma);
+    const F4 excess = Sub(gamma, one);
+    const F4 new_term = Select(Gt(excess, zero), Mul(new_weight, excess), zero);
+    const F4 eta_raw = Add(new_term, Mul(memory_weight, Load(in.eta_2term + k)));
+    const F4 eta = Select(Gt(eta_raw, eta_min), eta_raw, eta_min);
+    Store(out.eta + k, eta);
+    const F4 eta_plus_one = Add(eta, one);
+    const F4 v = Div(Mul(gamma, eta), eta_plus_one);
+    Store(out.v + k, Select(IsFinite(v), v, Mul(gamma, Div(eta, eta_plus_one))));
+    const F4 min_raw = Load(in.minimum + k);
+    const F4 minimum = Select(Lt(min_raw, tiny), tiny, min_raw);
+    Store(out.gamma_min + k, Div(Div(psd, bias), minimum));
+    Store(out.zeta + k, Div(Div(Load(in.smoothed + k), bias), minimum));
+  }
+  for (; k < len; ++k) SnrTermsAt(in, out, k);
+}
+
+void NsNoiseUpdateSimd(const float *psd, const float *gamma_min, const float *zeta, const float *presence,
+                       const NsNoiseAverages &avg, int len) {
+  using namespace simd;
+  const F4 gamma_max = Set1(kGammaMax), zeta_max = Set1(kZetaMax), one = Set1(1.0f);
+  const F4 base = Set1(0.85f), slope = Set1(0.15f), base_long = Set1(0.99f), slope_long = Set1(0.01f);
+  const F4 bias = Set1(kBiasAverage);
+  int k = 0;
+  for (; k + 4 <= len; k += 4) {
+    const M4 held = Or(Gt(Load(gamma_min + k), gamma_max), Gt(Load(zeta + k), zeta_max));
+    const F4 p = Load(presence + k), x = Load(psd + k);
+    const F4 alpha = Add(base, Mul(slope, p));
+    const F4 alpha_long = Add(base_long, Mul(slope_long, p));
+    const F4 dav = Load(avg.lambda_dav + k), dav_long = Load(avg.lambda_dav_long + k);
+    const F4 moved = Add(Mul(alpha, dav), Mul(Sub(one, alpha), x));
+    const F4 moved_long = Add(Mul(alpha_long, dav_long), Mul(Sub(one, alpha_long), x));
+    const F4 dav_new = Select(held, dav, moved);
+    Store(avg.lambda_dav + k, dav_new);
+    Store(avg.lambda_dav_long + k, Select(held, dav_long, moved_long));
+    Store(avg.lambda_d + k, Mul(bias, dav_new));
+  }
+  for (; k < len; ++k) NoiseUpdateAt(psd, gamma_min, zeta, presence, avg, k);
+}
+
+namespace {
+
+// ExpExpint on four lanes: every branch formed, each lane taking its own.
+simd::F4 ExpExpint4(simd::F4 x) {
+  using namespace simd;
+  const auto rational = [x](float a, float b, float c, float d, float e) {
+    return Div(Add(Add(Mul(Mul(Set1(a), x), x), Mul(Set1(b), x)), Set1(c)),
+               Add(Add(Mul(x, x), Mul(Set1(d), x)), Set1(e)));
+  };
+  const F4 low = rational(1.092f, 0.2034f, 0.001081f, 0.03076f, 2.257e-5f);
+  const F4 middle = rational(0.9287f, 1.045f, 0.3339f, 0.991f, 0.0774f);
+  const F4 high = rational(1.01f, 0.1371f, 0.7789f, 0.2453f, 0.4813f);
+  F4 e = Set1(1.0f);
+  e = Select(And(Ge(x, Set1(1.0f)), Lt(x, Set1(5.0f))), high, e);
+  e = Select(And(Ge(x, Set1(0.25f)), Lt(x, Set1(1.0f))), middle, e);
+  e = Select(And(Ge(x, Set1(0.001f)), Lt(x, Set1(0.25f))), low, e);
+  const M4 tiny = And(Gt(x, Zero()), Lt(x, Set1(0.001f)));
+  if (Any(tiny)) {
+    const D2 c = Set1D(0.7497);
+    const F4 root = ToFloat(DivD(c, SqrtD(LowToDouble(x))), DivD(c, SqrtD(HighToDouble(x))));
+    e = Select(tiny, root, e);
+  }
+  return e;
+}
+
+}  // namespace
+
+void NsLsaGainSimd(const float *v, const float *eta, const float *gamma, float *lsa_gain, float *eta_2term, int len) {
+  using namespace simd;
+  const F4 one = Set1(1.0f);
+  int k = 0;
+  for (; k + 4 <= len; k += 4) {
+    const F4 x = Load(v + k), e = Load(eta + k);
+    // Above 5 ExpExpint is 1, and 1 * eta is eta: one form serves both branches.
+    const F4 gain = Select(Gt(x, Zero()), Div(Mul(ExpExpint4(x), e), Add(e, one)), one);
+    Store(lsa_gain + k, gain);
+    Store(eta_2term + k, Mul(Mul(gain, gain), Load(gamma + k)));
+  }
+  for (; k < len; ++k) LsaGainAt(v, eta, gamma, lsa_gain, eta_2term, k);
+}
+
+void NsRampOfRatioSimd(const float *ratio, float *likelihood, int len) {
+  using namespace simd;
+  const F4 low = Set1(kRampLowRatio), high = Set1(kRampHighRatio);
+  const F4 floor = Set1(kMinLikelihood), one = Set1(1.0f);
+  int k = 0;
+  for (; k + 4 <= len; k += 4) {
+    const F4 r = Load(ratio + k);
+    const M4 below = Lt(r, low), above = Gt(r, high);
+    Store(likelihood + k, Select(below, floor, one));
+    // Bins inside the bracket (and NaN) take the logarithm, one at a time.
+    if (!All(Or(below, above)))
+      for (int i = k; i < k + 4; ++i)
+        if (!(ratio[i] < kRampLowRatio) && !(ratio[i] > kRampHighRatio)) likelihood[i] = RampOfRatioAt(ratio[i]);
+  }
+  for (; k < len; ++k) likelihood[k] = RampOfRatioAt(ratio[k]);
+}
+
+#endif
+
+void NsSnrTerms(const NsSnrIn &in, const NsSnrOut &out, int len) {
+#if defined(VORN_SIMD4)
+  NsSnrTermsSimd(in, out, len);
+#else
+  NsSnrTermsPlain(in, out, len);
+#endif
+}
+
+void NsNoiseUpdate(const float *psd, const float *gamma_min, const float *zeta, const float *presence,
+                   const NsNoiseAverages &avg, int len) {
+#if defined(VORN_SIMD4)
+  NsNoiseUpdateSimd(psd, gamma_min, zeta, presence, avg, len);
+#else
+  NsNoiseUpdatePlain(psd, gamma_min, zeta, presence, avg, len);
+#endif
+}
+
+void NsLsaGain(const float *v, const float *eta, const float *gamma, float *lsa_gain, float *eta_2term, int len) {
+#if defined(VORN_SIMD4)
+  NsLsaGainSimd(v, eta, gamma, lsa_gain, eta_2term, len);
+#else
+  NsLsaGainPlain(v, eta, gamma, lsa_gain, eta_2term, len);
+#endif
+}
+
+void NsRampOfRatio(const float *ratio, float *likelihood, int len) {
+#if defined(VORN_SIMD4)
+  NsRampOfRatioSimd(ratio, likelihood, len);
+#else
+  NsRampOfRatioPlain(ratio, likelihood, len);
+#endif
+}
+
+}  // namespace vorn

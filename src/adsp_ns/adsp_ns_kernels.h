@@ -1,0 +1,68 @@
+// Per-bin kernels of the suppressor's hop: the a posteriori and a priori SNR
+// terms and the noise average update of the noise estimate, the gain under
+// the speech hypothesis, and the likelihood ramp of the absence estimate.
+//
+// Each has its plain loop, the reference, and a four-lane twin
+// (common/simd4.h) that performs the same operations in the same order per
+// bin and so gives the same bits; the undecorated name runs the twin where
+// the build has one. Steps the plain code rounds through a double library
+// call (exp, log10) stay scalar in both: the twins hand those bins to the
+// plain per-bin code.
+#pragma once
+
+#include "common/simd4.h"
+
+namespace vorn {
+
+// The SNR terms of one hop. In: the periodogram, the noise estimate, the
+// decision-directed memory, the noise-only minimum, the smoothed periodogram
+// and the a priori floor. Out: gamma (a posteriori SNR), eta (a priori SNR),
+// v = gamma * eta / (eta + 1), and the two ratios to the minimum that the
+// presence estimate tests (gamma_min of the periodogram, zeta of the smoothed
+// one, both after the bias 1.66).
+struct NsSnrIn {
+  const float *psd, *noise, *eta_2term, *minimum, *smoothed;
+  float eta_min;
+};
+struct NsSnrOut {
+  float *gamma, *eta, *v, *gamma_min, *zeta;
+};
+void NsSnrTerms(const NsSnrIn &in, const NsSnrOut &out, int len);
+void NsSnrTermsPlain(const NsSnrIn &in, const NsSnrOut &out, int len);
+
+// The noise averages: held where the bin is surely speech (gamma_min above 3
+// or zeta above 1.67), else moved towards the periodogram by the presence
+// probability; lambda_d is the bias-compensated average.
+struct NsNoiseAverages {
+  float *lambda_dav, *lambda_dav_long, *lambda_d;
+};
+void NsNoiseUpdate(const float *psd, const float *gamma_min, const float *zeta, const float *presence,
+                   const NsNoiseAverages &avg, int len);
+void NsNoiseUpdatePlain(const float *psd, const float *gamma_min, const float *zeta, const float *presence,
+                        const NsNoiseAverages &avg, int len);
+
+// Gain under the speech hypothesis, ExpExpint(v) * eta / (eta + 1) (1 where
+// v is not positive), and the decision-directed memory gain^2 * gamma.
+void NsLsaGain(const float *v, const float *eta, const float *gamma, float *lsa_gain, float *eta_2term, int len);
+void NsLsaGainPlain(const float *v, const float *eta, const float *gamma, float *lsa_gain, float *eta_2term,
+                    int len);
+
+// Likelihood of speech from a ratio of smoothed a priori SNRs: 0.005 up to
+// -10 dB, 1 from -5 dB, a ramp between.
+void NsRampOfRatio(const float *ratio, float *likelihood, int len);
+void NsRampOfRatioPlain(const float *ratio, float *likelihood, int len);
+
+#if defined(VORN_SIMD4)
+void NsSnrTermsSimd(const NsSnrIn &in, const NsSnrOut &out, int len);
+void NsNoiseUpdateSimd(const float *psd, const float *gamma_min, const float *zeta, const float *presence,
+                       const NsNoiseAverages &avg, int len);
+void NsLsaGainSimd(const float *v, const float *eta, const float *gamma, float *lsa_gain, float *eta_2term, int len);
+void NsRampOfRatioSimd(const float *ratio, float *likelihood, int len);
+#endif
+
+// 10 log10(ratio) through double, -100 for a ratio that is not positive.
+float NsPowerDb(float ratio);
+// The likelihood ramp on decibels.
+float NsRamp(float snr_db);
+
+}  // namespace vorn

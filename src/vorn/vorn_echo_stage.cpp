@@ -1,0 +1,136 @@
+// The enhanced echo stage over one frame: four 64-sample blocks through the
+// canceller's enhanced path, and the frame's echo picture from their
+// reports.
+//
+// The picture tells the later stages what the canceller knows and they
+// cannot: whether the far end talks, whether echo reaches the microphones,
+// and whether a near talker is heard beside it. Echo alone (echo present, no
+// near talker) is what the speech detector must not call speech and what the
+// level control must not lift. The echo return loss is smoothed over blocks
+// of echo alone, where the microphone's power is the echo's.
+//
+// A reference that is one of the microphones (a miswired channel) would
+// have the canceller remove the talker along with everything else; while
+// the reference correlates with a microphone at lag 0 the stage passes the
+// beam through and says so in the picture.
+#include "vorn/vorn_echo_stage.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+
+#include "common/adsp_common_util.h"
+#include "vorn/vorn_enhanced_state.h"
+
+namespace vorn {
+namespace {
+
+constexpr int kBlocks = kFrameLen / kAecBlock;
+constexpr int kMics = 3;
+constexpr float kCheckKeep = 0.94f;          // about a second of frames
+constexpr float kMicCopyCorrelation = 0.98f;
+constexpr float kErlKeep = 0.95f;
+constexpr int kEchoTailFrames = 16;  // 256 ms
+
+// Updates the miswiring check with one frame; true while the reference is a
+// copy of some microphone.
+bool ReferenceIsMicrophone(ReferenceCheck* check, const short* inp, const short* ref) {
+  float ref_energy = 0.0f, cross[kMics] = {}, mic_energy[kMics] = {};
+  for (int i = 0; i < kFrameLen; ++i) {
+    const float r = static_cast<float>(ref[i]);
+    ref_energy += r * r;
+    for (int m = 0; m < kMics; ++m) {
+      const float v = static_cast<float>(inp[kMics * i + m]);
+      cross[m] += r * v;
+      mic_energy[m] += v * v;
+    }
+  }
+  check->ref_energy = kCheckKeep * check->ref_energy + ref_energy;
+  bool copy = false;
+  for (int m = 0; m < kMics; ++m) {
+    check->cross[m] = kCheckKeep * check->cross[m] + cross[m];
+    check->mic_energy[m] = kCheckKeep * check->mic_energy[m] + mic_energy[m];
+    const float norm = std::sqrt(check->ref_energy * check->mic_energy[m]);
+    if (norm > 0.0f && check->cross[m] > kMicCopyCorrelation * norm) copy = true;
+  }
+  return copy;
+}
+
+float Db(float ratio) { return 10.0f * std::log10(ratio); }
+
+}  // namespace
+
+EchoStageState* EchoStageOf(TVornState* st) { return &EnhancedStateOf(st)->modules.echo; }
+
+void EchoStageInit(EchoStageState* echo) {
+  std::memset(echo, 0, sizeof(*echo));
+  AecEnhancedInit(&echo->canceller);
+  echo->erl_db = kNoEchoReturnLossDb;
+  echo->frames_since_echo = kEchoTailFrames;
+  echo->picture.erl_db = kNoEchoReturnLossDb;
+}
+
+int32_t RunEchoStage(const T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
+  EchoStageState* echo = EchoStageOf(st);
+  EchoPicture& pic = fr.echo;
+  pic = EchoPicture{};
+  pic.erl_db = echo->erl_db;
+  if (pm->aec_flag < 1) {
+    std::memcpy(fr.echo_out, fr.beam, sizeof fr.echo_out);
+    echo->picture = pic;
+    return 0;
+  }
+  for (int i = 0; i < kFrameLen && !pic.reference_active; ++i) pic.reference_active = fr.aec_ref[i] != 0;
+  pic.reference_is_microphone = ReferenceIsMicrophone(&echo->reference_check, fr.inp, fr.aec_ref);
+  if (pic.reference_is_microphone) {
+    std::memcpy(fr.echo_out, fr.beam, sizeof fr.echo_out);
+    std::memcpy(fr.vad_in, fr.beam, sizeof fr.vad_in);
+    echo->picture = pic;
+    return 0;
+  }
+
+  int far_blocks = 0, near_blocks = 0, echo_blocks = 0, double_talk_blocks = 0;
+  float echo_power = 0.0f, residual_power = 0.0f;
+  for (int b = 0; b < kBlocks; ++b) {
+    const int at = b * kAecBlock;
+    float near[kAecBlock], far[kAecBlock], out[kAecBlock];
+    for (int i = 0; i < kAecBlock; ++i) {
+      near[i] = static_cast<float>(fr.beam[at + i]);
+      far[i] = static_cast<float>(fr.aec_ref[at + i]);
+    }
+    AecEnhancedBlock report{};
+    const int32_t rc = AecEnhancedProcess(AecInstanceOf(st), &echo->canceller, near, far, out, fr.subcoh, &report);
+    if (rc != 0) return rc;
+    Float2PCM(out, fr.echo_out + at, kAecBlock);
+    far_blocks += report.far_active;
+    near_blocks += report.near_active;
+    echo_blocks += report.echo_present;
+    double_talk_blocks += report.far_active && report.near_active ? 1 : 0;
+    echo_power += report.echo_power / kBlocks;
+    residual_power += report.residual_power / kBlocks;
+    pic.lead_ms = static_cast<float>((report.lag_blocks + kLeadMarginBlocks) * kAecBlock * 1000 / kSampleRate);
+    if (report.echo_present && !report.near_active && report.near_power > 0.0f && report.far_power > 0.0f)
+      echo->erl_db = echo->erl_db == kNoEchoReturnLossDb
+                         ? Db(report.far_power / report.near_power)
+                         : kErlKeep * echo->erl_db + (1.0f - kErlKeep) * Db(report.far_power / report.near_power);
+  }
+  // One output serves both: the recognition path and the speech detector
+  // hear the same suppressed, comfort-filled signal.
+  std::memcpy(fr.vad_in, fr.echo_out, sizeof fr.vad_in);
+
+  pic.far_activity = static_cast<float>(far_blocks) / kBlocks;
+  pic.near_activity = static_cast<float>(near_blocks) / kBlocks;
+  pic.double_talk = double_talk_blocks > 0;
+  // The room keeps ringing after the far end stops: echo counts as present
+  // for a while after it was last heard.
+  echo->frames_since_echo = echo_blocks > 0 ? 0 : std::min(echo->frames_since_echo + 1, kEchoTailFrames);
+  pic.echo_present = echo->frames_since_echo < kEchoTailFrames;
+  pic.echo_only = pic.echo_present && near_blocks == 0;
+  pic.echo_power = echo_power;
+  pic.residual_echo_power = residual_power;
+  pic.erl_db = echo->erl_db;
+  echo->picture = pic;
+  return 0;
+}
+
+}  // namespace vorn

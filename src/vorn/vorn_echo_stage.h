@@ -1,0 +1,43 @@
+// The enhanced profile's echo stage: the canceller's enhanced path over one
+// frame, and the echo picture it hands the later stages.
+#pragma once
+
+#include <cstdint>
+
+#include "adsp_aec/aec_enhanced.h"
+#include "vorn/vorn_enhanced_frame.h"
+#include "vorn/vorn_state.h"
+
+namespace vorn {
+
+// Miswiring check: the reference's correlation with each raw microphone at
+// lag 0, smoothed over about a second.
+struct ReferenceCheck {
+  float cross[3];
+  float mic_energy[3];
+  float ref_energy;
+};
+
+struct EchoStageState {
+  AecEnhanced canceller;
+  ReferenceCheck reference_check;
+  float erl_db;        // smoothed over blocks of echo alone; kNoEchoReturnLossDb until then
+  int frames_since_echo;  // frames since echo last reached the microphones
+  EchoPicture picture; // the last frame's, for the getters
+  float post_filter_history[512];  // the cancelled signal the enhanced post filter analyses
+};
+
+// Reported as the echo return loss while no echo has been measured.
+constexpr float kNoEchoReturnLossDb = 99.0f;
+
+void EchoStageInit(EchoStageState* echo);
+
+// Runs the frame's echo control (fr.beam and fr.aec_ref in; fr.echo_out,
+// fr.vad_in, fr.subcoh and fr.echo out). Returns a nonzero canceller result
+// at once, as the classic frame does.
+int32_t RunEchoStage(const T_VornParam* pm, TVornState* st, EnhancedFrame& fr);
+
+// The echo stage's record inside the enhanced region.
+EchoStageState* EchoStageOf(TVornState* st);
+
+}  // namespace vorn

@@ -1,0 +1,356 @@
+// The enhanced profile's beams: the look direction flat and in phase with
+// microphone 0, faulty microphones left out with a warning, the tracker
+// followed without clicks, and an adaptive beam that does not learn the
+// talker away. Plane waves are synthesised exactly, as sums of tones with the
+// array's delays applied in phase, so the expected output is closed-form.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <complex>
+#include <functional>
+#include <limits>
+#include <vector>
+
+#include "adsp_bf/audio_dsp_proc.h"
+#include "adsp_bf/beam_enhanced.h"
+#include "common/pcm_round.h"
+#include "sim/signals.h"
+#include "vorn_proc.h"
+
+namespace vorn {
+namespace {
+
+using sim::Signal;
+using sim::ThreeMics;
+constexpr double kPi = 3.14159265358979323846;
+constexpr int kHop = kBfHop;
+
+// Tones every 250 Hz from 250 Hz to 7.5 kHz plus 100 Hz; over kToneSpan
+// samples they are exactly orthogonal, so each one's response can be read
+// off alone.
+constexpr int kToneSpan = 25600;
+std::vector<double> ToneFrequencies() {
+  std::vector<double> f{100.0};
+  for (double hz = 250.0; hz <= 7500.0; hz += 250.0) f.push_back(hz);
+  return f;
+}
+
+// Microphone m's lead over the centre in samples, from the geometry as the
+// library's own documentation gives it.
+double Lead(int m, double azimuth_deg) {
+  return 0.039 * 16000.0 / 340.0 * std::cos((azimuth_deg - 120.0 * m) * kPi / 180.0);
+}
+
+// A multi-tone plane wave from azimuth_deg, each tone of amplitude `amp`.
+ThreeMics ToneWave(std::size_t n, double azimuth_deg, double amp) {
+  ThreeMics mics;
+  const std::vector<double> freqs = ToneFrequencies();
+  for (int m = 0; m < 3; ++m) {
+    mics[static_cast<std::size_t>(m)].assign(n, 0.0f);
+    for (std::size_t i = 0; i < freqs.size(); ++i) {
+      const double w = 2.0 * kPi * freqs[i] / 16000.0, phase = 0.7 * static_cast<double>(i * i);
+      for (std::size_t t = 0; t < n; ++t)
+        mics[static_cast<std::size_t>(m)][t] +=
+            static_cast<float>(amp * std::cos(w * (static_cast<double>(t) + Lead(m, azimuth_deg)) + phase));
+    }
+  }
+  return mics;
+}
+
+// Complex amplitude of the tone at hz in x[from, from + kToneSpan).
+std::complex<double> ToneAt(const Signal& x, std::size_t from, double hz) {
+  std::complex<double> sum = 0.0;
+  const double w = 2.0 * kPi * hz / 16000.0;
+  for (std::size_t t = from; t < from + kToneSpan; ++t)
+    sum += static_cast<double>(x[t]) * std::polar(1.0, -w * static_cast<double>(t));
+  return sum * (2.0 / kToneSpan);
+}
+
+struct Rig {
+  std::vector<float> region = std::vector<float>(kBfBuffSize / sizeof(float));
+  T_AudioDspParam pm{};
+  EnhancedBeamState beam{};
+  BeamRequest request{};
+
+  explicit Rig(int bf_flag, int azimuth) {
+    pm = {region.data(), kBfBuffSize, kBfParamSize, 0, bf_flag, azimuth, 0, 0, 0, 0, 1, 0};
+    EXPECT_EQ(BFInit(&pm), 0);
+    EnhancedBeamInit(&beam);
+    request = {bf_flag, azimuth, 0, 0.0f, 0.0f, 0.0f};
+  }
+  void Hop(const std::vector<short>& pcm, std::size_t h, short* out) {
+    float spectrum[kBfChannels][kBfFftLen];
+    short frame[3 * kHop];
+    for (int i = 0; i < 3 * kHop; ++i) frame[i] = pcm[h * 3 * kHop + static_cast<std::size_t>(i)];
+    ASSERT_EQ(BfAnalyse(&pm, frame, nullptr, spectrum), 0);
+    const auto* analysis = static_cast<const T_AudioDspState*>(pm.p_data);
+    const float* const latest[3] = {analysis->au[0] + kHop, analysis->au[1] + kHop, analysis->au[2] + kHop};
+    EnhancedBeamProc(&beam, request, latest, spectrum, out);
+  }
+  Signal Run(const std::vector<short>& pcm) {
+    const std::size_t hops = pcm.size() / (3 * kHop);
+    Signal out(hops * kHop);
+    short block[kHop];
+    for (std::size_t h = 0; h < hops; ++h) {
+      Hop(pcm, h, block);
+      for (int n = 0; n < kHop; ++n) out[h * kHop + static_cast<std::size_t>(n)] = block[n];
+    }
+    return out;
+  }
+};
+
+// Worst magnitude (dB) and phase (degrees) error of the beam output against
+// microphone 0's undisturbed signal delayed by kBeamDelay, over the tones.
+struct Flatness {
+  double worst_db = 0.0, worst_deg = 0.0;
+};
+Flatness Measure(const Signal& out, const Signal& mic0, std::size_t from) {
+  Flatness f;
+  Signal delayed(mic0.size(), 0.0f);
+  for (std::size_t t = kBeamDelay; t < mic0.size(); ++t) delayed[t] = mic0[t - kBeamDelay];
+  for (double hz : ToneFrequencies()) {
+    const std::complex<double> h = ToneAt(out, from, hz) / ToneAt(delayed, from, hz);
+    f.worst_db = std::max(f.worst_db, std::abs(20.0 * std::log10(std::abs(h))));
+    f.worst_deg = std::max(f.worst_deg, std::abs(std::arg(h)) * 180.0 / kPi);
+  }
+  return f;
+}
+
+std::vector<short> Pcm(const ThreeMics& mics) { return sim::Interleave(mics); }
+
+TEST(EnhancedBeam, LookDirectionIsFlatAndInPhaseWithMicrophoneZero) {
+  struct Case {
+    const char* name;
+    int bf_flag, azimuth;
+    float presence;
+    int dead_mic;  // -1: all work
+  };
+  const Case cases[] = {
+      {"delay-and-sum at 0", 1, 0, 0.0f, -1},      {"mvdr at 75", 2, 75, 0.0f, -1},
+      {"mvdr at 200, talker heard", 2, 200, 1.0f, -1}, {"fixed beam 7", 7, 0, 0.0f, -1},
+      {"mvdr at 75 without mic 1", 2, 75, 0.0f, 1},  {"mvdr at 330 without mic 0", 2, 330, 1.0f, 0},
+      {"adaptive mvdr at 60", 4, 60, 0.0f, -1},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    const double look = c.bf_flag == 7 ? 300.0 : c.azimuth;
+    const std::size_t n = 16 * kHop + kToneSpan + kBeamDelay;
+    ThreeMics mics = ToneWave(n, look, 600.0);
+    const Signal mic0 = mics[0];
+    if (c.dead_mic >= 0) mics[static_cast<std::size_t>(c.dead_mic)].assign(n, 0.0f);
+    Rig rig(c.bf_flag, c.azimuth);
+    rig.request.talker_presence = c.presence;
+    const Signal out = rig.Run(Pcm(mics));
+    const Flatness f = Measure(out, mic0, 16 * kHop);
+    EXPECT_LT(f.worst_db, 0.2);
+    EXPECT_LT(f.worst_deg, 2.0);
+  }
+}
+
+TEST(EnhancedBeam, AttenuatesASourceBehindTheLookDirection) {
+  // White noise from 180 degrees off: the beam must take off a good part of
+  // it at mid and high frequencies, where a 7.8 cm array has directivity.
+  const std::size_t n = 200 * kHop;
+  const Signal noise = sim::WhiteNoise(n, 2000.0, 5);
+  const ThreeMics behind = sim::PlaneWave(noise, 250.0);
+  for (int bf_flag : {1, 2}) {
+    SCOPED_TRACE(bf_flag);
+    Rig rig(bf_flag, 70);
+    const Signal out = rig.Run(Pcm(behind));
+    double in_band = 0.0, out_band = 0.0;
+    for (double hz = 2500.0; hz <= 6000.0; hz += 125.0) {
+      in_band += std::norm(ToneAt(behind[0], 100 * kHop, hz));
+      out_band += std::norm(ToneAt(out, 100 * kHop, hz));
+    }
+    EXPECT_LT(10.0 * std::log10(out_band / in_band), -3.0);
+  }
+}
+
+// The largest second difference of x over [from, to): a step or a kink in a
+// smooth signal shows up there first.
+double Roughness(const Signal& x, std::size_t from, std::size_t to) {
+  double worst = 0.0;
+  for (std::size_t t = from + 2; t < to; ++t)
+    worst = std::max(worst, std::abs(double(x[t]) - 2.0 * x[t - 1] + x[t - 2]));
+  return worst;
+}
+
+TEST(EnhancedBeam, FollowsTheTrackerOnlyWhenItIsSureAndWithoutAClick) {
+  // A 1 kHz tone from 150 degrees, the beam asked for 0 degrees; after 40
+  // hops the tracker reports 150 degrees.
+  const std::size_t n = 120 * kHop;
+  Signal tone(n);
+  for (std::size_t t = 0; t < n; ++t) tone[t] = static_cast<float>(3000.0 * std::sin(2.0 * kPi * 1000.0 * t / 16000.0));
+  const std::vector<short> pcm = Pcm(sim::PlaneWave(tone, 150.0));
+  for (float confidence : {0.2f, 0.9f}) {
+    SCOPED_TRACE(confidence);
+    Rig rig(2, 0);
+    rig.request.doa_flag = 1;
+    Signal out(n);
+    short block[kHop];
+    for (std::size_t h = 0; h < n / kHop; ++h) {
+      if (h == 40) rig.request = {2, 0, 1, 0.0f, 150.0f, confidence};
+      rig.Hop(pcm, h, block);
+      for (int i = 0; i < kHop; ++i) out[h * kHop + static_cast<std::size_t>(i)] = block[i];
+    }
+    const double before = sim::Rms(out.data() + 20 * kHop, 20 * kHop);
+    const double after = sim::Rms(out.data() + 80 * kHop, 20 * kHop);
+    const double steady = Roughness(out, 80 * kHop, 100 * kHop);
+    if (confidence < kFollowConfidence) {
+      EXPECT_NEAR(after / before, 1.0, 0.02);
+    } else {
+      // Now aimed at the tone: it passes whole, and the change of beam over
+      // hop 40 is no rougher than the tone itself.
+      EXPECT_NEAR(after / (3000.0 / std::sqrt(2.0)), 1.0, 0.06);
+      EXPECT_GT(after / before, 1.1);
+      EXPECT_LT(Roughness(out, 39 * kHop, 42 * kHop), 1.2 * steady);
+    }
+  }
+}
+
+TEST(EnhancedBeam, FaultyMicrophonesAreReportedLeftOutAndReadmitted) {
+  struct Case {
+    const char* name;
+    int mic;
+    std::function<float(float)> fault;  // what the microphone gives instead of x
+    uint32_t want;
+  };
+  const Case cases[] = {
+      {"mic 0 silent", 0, [](float) { return 0.0f; }, VORN_WARN_MIC_DEAD(0)},
+      {"mic 2 stuck at a DC value", 2, [](float) { return 1000.0f; }, VORN_WARN_MIC_DEAD(2)},
+      {"mic 1 overdriven into the rails", 1, [](float x) { return std::clamp(40.0f * x, -32768.0f, 32767.0f); },
+       VORN_WARN_MIC_CLIPPED(1)},
+      {"mic 1 running 16 dB hot, not yet clipping", 1, [](float x) { return 6.0f * x; }, VORN_WARN_MIC_CLIPPED(1)},
+      {"mic 2 nearly silent", 2, [](float x) { return 0.02f * x; }, VORN_WARN_MIC_DEAD(2)},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    // Faulty during hops 10..150 of 300; the tones from 40 degrees throughout.
+    const std::size_t n = 300 * kHop;
+    ThreeMics mics = ToneWave(n, 40.0, 300.0);
+    const Signal mic0 = mics[0];
+    Signal& bad = mics[static_cast<std::size_t>(c.mic)];
+    for (std::size_t t = 10 * kHop; t < 150 * kHop; ++t) bad[t] = c.fault(bad[t]);
+    const std::vector<short> pcm = Pcm(mics);
+    Rig rig(2, 40);
+    Signal out(n);
+    short block[kHop];
+    uint32_t during = 0, after = 0;
+    int reported_at = -1;
+    for (std::size_t h = 0; h < n / kHop; ++h) {
+      rig.Hop(pcm, h, block);
+      for (int i = 0; i < kHop; ++i) out[h * kHop + static_cast<std::size_t>(i)] = block[i];
+      const uint32_t w = EnhancedBeamWarnings(&rig.beam);
+      if (w != 0 && reported_at < 0) reported_at = static_cast<int>(h);
+      if (h == 140) during = w;
+      if (h == 299) after = w;
+    }
+    EXPECT_EQ(during, c.want);
+    EXPECT_GE(reported_at, 10);
+    EXPECT_LE(reported_at, 23);  // within a fifth of a second
+    EXPECT_EQ(after, 0u);        // readmitted once it behaves
+    // Meanwhile the beam over the other two stays flat against microphone 0.
+    const Flatness f = Measure(out, mic0, 30 * kHop);
+    EXPECT_LT(f.worst_db, 0.2);
+    EXPECT_LT(f.worst_deg, 2.0);
+  }
+}
+
+TEST(EnhancedBeam, NoWarningWhenEveryMicrophoneIsSilentOrClipsTogether) {
+  const std::size_t n = 100 * kHop;
+  const Signal loud = sim::Tone(n, 440.0, 90000.0);  // clips on every microphone
+  struct Case {
+    const char* name;
+    ThreeMics mics;
+  };
+  const Case cases[] = {{"digital silence", {Signal(n, 0.0f), Signal(n, 0.0f), Signal(n, 0.0f)}},
+                        {"a talker loud enough to clip them all", sim::PlaneWave(loud, 10.0)}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    ThreeMics mics = c.mics;
+    for (Signal& s : mics)
+      for (float& v : s) v = std::clamp(v, -32768.0f, 32767.0f);
+    Rig rig(2, 10);
+    rig.Run(Pcm(mics));
+    EXPECT_EQ(EnhancedBeamWarnings(&rig.beam), 0u);
+  }
+}
+
+// Gain of the talker in the output (least squares against microphone 0's
+// talker delayed like the beam) and the power of what is left, both over
+// [from, end).
+struct Split {
+  double talker_db, residual_db;
+};
+Split Separate(const Signal& out, const Signal& talker0, std::size_t from) {
+  double cross = 0.0, energy = 0.0;
+  for (std::size_t t = from; t < out.size(); ++t) {
+    const double ref = talker0[t - kBeamDelay];
+    cross += out[t] * ref;
+    energy += ref * ref;
+  }
+  const double gain = cross / energy;
+  double residual = 0.0;
+  for (std::size_t t = from; t < out.size(); ++t) {
+    const double r = out[t] - gain * talker0[t - kBeamDelay];
+    residual += r * r;
+  }
+  return {20.0 * std::log10(std::abs(gain)), 10.0 * std::log10(residual / static_cast<double>(out.size() - from))};
+}
+
+TEST(EnhancedBeam, AdaptiveBeamCancelsAnInterfererButNotTheTalker) {
+  // A talker near 60 degrees (6 degrees off and 25 degrees above the plane,
+  // so some of it leaks past the blocking) who speaks throughout, an
+  // interferer at 200, and a speech presence that misses the talker
+  // entirely: the beam's own look-direction test must hold the canceller.
+  const std::size_t n = 600 * kHop;
+  const Signal talker = sim::MakeSpeechLike(n, 3, {.rms = 2500.0}).samples;
+  const ThreeMics talker_mics = sim::PlaneWave(talker, 66.0, 25.0);
+  const ThreeMics mics = sim::Mix(sim::Mix(talker_mics, sim::PlaneWave(sim::WhiteNoise(n, 1500.0, 4), 200.0)),
+                                   sim::IndependentNoise(n, 20.0, 6));
+  const std::vector<short> pcm = Pcm(mics);
+  Rig fixed(2, 60), adaptive(4, 60);
+  const Split f = Separate(fixed.Run(pcm), talker_mics[0], 300 * kHop);
+  const Split a = Separate(adaptive.Run(pcm), talker_mics[0], 300 * kHop);
+  EXPECT_NEAR(a.talker_db, 0.0, 0.75);
+  EXPECT_LT(a.residual_db, f.residual_db - 6.0);
+}
+
+TEST(EnhancedBeam, FastPathsGiveTheBitsOfTheirPlainTwins) {
+#if defined(__SSE2__)
+  // Rounding to PCM: ties, the rails and just past them, infinities, NaN,
+  // and a long run of ordinary values with an odd tail.
+  std::vector<float> x = {0.5f,     1.5f,      2.5f,      -0.5f,    -2.5f,    32766.5f, 32767.0f,
+                          32767.6f, 1e9f,      -32768.0f, -32768.5f, -1e9f,    0.0f,     -0.0f,
+                          std::numeric_limits<float>::infinity(), -std::numeric_limits<float>::infinity(),
+                          std::numeric_limits<float>::quiet_NaN()};
+  const Signal noise = sim::WhiteNoise(1000, 20000.0, 9);
+  x.insert(x.end(), noise.begin(), noise.end());
+  std::vector<short> plain(x.size()), fast(x.size());
+  RoundToPcmPlain(x.data(), plain.data(), static_cast<int>(x.size()));
+  RoundToPcmSse2(x.data(), fast.data(), static_cast<int>(x.size()));
+  EXPECT_EQ(plain, fast);
+  EXPECT_EQ(std::vector<short>(plain.begin(), plain.begin() + 17),
+            (std::vector<short>{0, 2, 2, 0, -2, 32766, 32767, 32767, 32767, -32768, -32768, -32768, 0, 0, 32767,
+                                -32768, 0}));
+  // A frame's extremes and energy.
+  for (const std::uint32_t seed : {1u, 2u, 3u}) {
+    SCOPED_TRACE(seed);
+    Signal frame = sim::WhiteNoise(kHop, 8000.0 * seed, seed);
+    for (float& v : frame) v = std::round(std::clamp(v, -32768.0f, 32767.0f));
+    frame[seed * 7] = -32768.0f;
+    const FrameStats a = FrameStatsPlain(frame.data()), b = FrameStatsSse2(frame.data());
+    EXPECT_EQ(a.lo, b.lo);
+    EXPECT_EQ(a.hi, b.hi);
+    EXPECT_EQ(a.energy, b.energy);
+    EXPECT_EQ(a.lo, -32768.0f);
+  }
+#else
+  GTEST_SKIP() << "no SSE2 in this build";
+#endif
+}
+
+}  // namespace
+}  // namespace vorn
