@@ -25,6 +25,15 @@ if [ "${1:-}" != "--tools" ]; then
   # its dependencies with dpkg-shlibdeps.
   command -v pkg-config >/dev/null || need+=(pkg-config)
   command -v dpkg-shlibdeps >/dev/null || need+=(dpkg-dev)
+  # The Python module and its tests, built against the distribution's
+  # interpreter; pip and setuptools for `pip install --no-build-isolation .`;
+  # Dask distributed for the cluster batch and its test.
+  [ -f /usr/include/pybind11/pybind11.h ] || need+=(pybind11-dev)
+  [ -x /usr/bin/python3-config ] || need+=(python3-dev)
+  for module in numpy:python3-numpy pytest:python3-pytest pybind11:python3-pybind11 pip:python3-pip \
+                setuptools:python3-setuptools distributed:python3-distributed; do
+    /usr/bin/python3 -c "import ${module%%:*}" 2>/dev/null || need+=("${module#*:}")
+  done
 fi
 
 if [ ${#need[@]} -gt 0 ]; then

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Builds Vorn in five configurations and runs their tests:
 #   build/release  optimised, warnings are errors: everything, all tests
+#                  (the Python module's pytest suite among them)
 #   build/arm64    the same for 64-bit Arm, cross-compiled, most tests under
 #                  qemu-user (see below)
 #   build/tsan     ThreadSanitizer: the library and the threads test only

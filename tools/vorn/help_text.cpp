@@ -11,6 +11,7 @@ std::string MainHelp() {
          "\n"
          "Commands:\n"
          "  process IN -o OUT   enhance a recording (see 'vorn process --help')\n"
+         "  batch MANIFEST      enhance every recording a manifest lists (see 'vorn batch --help')\n"
          "  demo [DIR]          simulate a scene, process it and score the result\n"
          "\n"
          "  -h, --help          show this help and exit\n"
@@ -18,6 +19,26 @@ std::string MainHelp() {
          "\n"
          "Exit status: 0 on success, 1 when a file or the processing fails,\n"
          "2 when the command line is wrong.\n";
+}
+
+std::string BatchHelp() {
+  return "Usage: vorn batch MANIFEST [OPTION]...\n"
+         "Enhance every recording MANIFEST lists, one per line as\n"
+         "  input,output[,reference[,options]]\n"
+         "where options are 'vorn process' switches for that row (\"--mode comm --ns 2\").\n"
+         "Relative paths are read from the manifest's directory; blank lines, lines\n"
+         "starting with '#' and a header line starting with 'input' are skipped.\n"
+         "Each output is written under a temporary name and renamed when whole.\n"
+         "A row that fails is reported and the others go on.\n"
+         "\n"
+         "  -j, --jobs=N          process N files at once (default 1)\n"
+         "      --resume          skip rows whose output already exists\n"
+         "      --summary=FILE    per-file results, JSON if FILE ends in .json, else CSV\n"
+         "                        (default MANIFEST.summary.csv)\n"
+         "      --profile, --mode, --config, --agc, --bf, --doa, --aec, --ns,\n"
+         "      --azimuth, --vad-mode   defaults for every row, as for 'vorn process'\n"
+         "\n"
+         "Exit status: 0 when every row was processed (or skipped), 1 when any failed.\n";
 }
 
 std::string ProcessHelp() {

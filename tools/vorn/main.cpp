@@ -17,7 +17,7 @@ int main(int argc, char** argv) {
   std::string error;
   if (!ParseCommandLine(args, &parsed, &error)) {
     ReportError(error);
-    const bool subcommand = !args.empty() && (args[0] == "process" || args[0] == "demo");
+    const bool subcommand = !args.empty() && (args[0] == "process" || args[0] == "demo" || args[0] == "batch");
     std::fprintf(stderr, "Try 'vorn %s--help' for more information.\n", subcommand ? (args[0] + " ").c_str() : "");
     return kExitUsage;
   }
@@ -28,6 +28,8 @@ int main(int argc, char** argv) {
     case Command::kHelp:
       if (parsed.help_topic == "process")
         std::fputs(ProcessHelp().c_str(), stdout);
+      else if (parsed.help_topic == "batch")
+        std::fputs(BatchHelp().c_str(), stdout);
       else if (parsed.help_topic == "demo")
         std::fputs(DemoHelp().c_str(), stdout);
       else
@@ -35,6 +37,8 @@ int main(int argc, char** argv) {
       return kExitOk;
     case Command::kProcess:
       return RunProcess(parsed.process);
+    case Command::kBatch:
+      return RunBatch(parsed.batch);
     case Command::kDemo:
       return RunDemo(parsed.demo);
   }

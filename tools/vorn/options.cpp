@@ -65,6 +65,13 @@ constexpr SwitchOption kSwitchOptions[] = {
 bool TakesValue(const std::string& name, const std::string& command) {
   if (name == "--profile") return true;
   if (command == "demo") return name == "--seconds";
+  if (command == "batch" && (name == "-j" || name == "--jobs" || name == "--summary")) return true;
+  if (command == "batch" || command == "row") {
+    if (name == "--mode" || name == "--config") return true;
+    for (const SwitchOption& option : kSwitchOptions)
+      if (name == option.name) return true;
+    return false;
+  }
   static const char* const kValued[] = {"-o",   "--output", "--ref",   "--mode",     "--config",
                                         "--vad", "--track", "--channels"};
   for (const char* valued : kValued)
@@ -75,7 +82,8 @@ bool TakesValue(const std::string& name, const std::string& command) {
 }
 
 bool IsFlag(const std::string& name, const std::string& command) {
-  return name == "--help" || name == "-h" || (command == "process" && name == "--json");
+  return name == "--help" || name == "-h" || (command == "process" && name == "--json") ||
+         (command == "batch" && name == "--resume");
 }
 
 struct RawOption {
@@ -192,9 +200,9 @@ bool ApplyProcessOption(const RawOption& option, ProcessOptions* process, std::s
   return true;
 }
 
-bool EmptyValue(const std::vector<RawOption>& options, std::string* error) {
+bool EmptyValue(const std::vector<RawOption>& options, std::string* error, const std::string& command = "process") {
   for (const RawOption& option : options) {
-    if (option.value.empty() && !IsFlag(option.name, "process")) {
+    if (option.value.empty() && !IsFlag(option.name, command)) {
       *error = "option '" + option.name + "' needs a value";
       return true;
     }
@@ -265,7 +273,56 @@ bool ParseDemo(const std::vector<RawOption>& options, const std::vector<std::str
   return true;
 }
 
+bool ParseBatch(const std::vector<RawOption>& options, const std::vector<std::string>& operands, BatchOptions* batch,
+                std::string* error) {
+  if (EmptyValue(options, error, "batch")) return false;
+  for (const RawOption& option : options) {
+    if (option.name == "-j" || option.name == "--jobs") {
+      if (!ParseInt(option.value, 1, 256, &batch->jobs)) {
+        *error = "invalid value '" + option.value + "' for " + option.name + " (expected 1..256)";
+        return false;
+      }
+    } else if (option.name == "--summary") {
+      batch->summary_path = option.value;
+    } else if (option.name == "--resume") {
+      batch->resume = true;
+    } else if (!ApplyProcessOption(option, &batch->defaults, error)) {
+      return false;
+    }
+  }
+  if (operands.size() != 1) {
+    *error = operands.empty() ? "batch: missing manifest file"
+                              : "batch: one manifest only, got '" + operands[0] + "' and '" + operands[1] + "'";
+    return false;
+  }
+  batch->manifest = operands[0];
+  if (batch->summary_path.empty()) batch->summary_path = batch->manifest + ".summary.csv";
+  return true;
+}
+
 }  // namespace
+
+bool ParseRowOptions(const std::string& text, ProcessOptions* process, std::string* error) {
+  std::vector<std::string> words;
+  size_t start = 0;
+  while (start < text.size()) {
+    const size_t space = text.find(' ', start);
+    const size_t end = space == std::string::npos ? text.size() : space;
+    if (end > start) words.push_back(text.substr(start, end - start));
+    start = end + 1;
+  }
+  std::vector<RawOption> options;
+  std::vector<std::string> operands;
+  if (!Tokenize(words, "row", &options, &operands, error) || !CheckRepeats(options, error)) return false;
+  if (!operands.empty()) {
+    *error = "unexpected word '" + operands[0] + "' among the options";
+    return false;
+  }
+  if (EmptyValue(options, error)) return false;
+  for (const RawOption& option : options)
+    if (!ApplyProcessOption(option, process, error)) return false;
+  return true;
+}
 
 const char* ModeName(int mode) { return mode >= 0 && mode < 3 ? kModeNames[mode] : "?"; }
 
@@ -273,7 +330,7 @@ const char* ProfileName(int profile) { return profile >= 0 && profile < 2 ? kPro
 
 bool ParseCommandLine(const std::vector<std::string>& args, ParsedCommand* parsed, std::string* error) {
   if (args.empty()) {
-    *error = "missing command (process or demo)";
+    *error = "missing command (process, batch or demo)";
     return false;
   }
   const std::string& first = args[0];
@@ -286,7 +343,7 @@ bool ParseCommandLine(const std::vector<std::string>& args, ParsedCommand* parse
     parsed->command = Command::kVersion;
     return true;
   }
-  if (first != "process" && first != "demo") {
+  if (first != "process" && first != "demo" && first != "batch") {
     *error = first[0] == '-' ? "unknown option '" + first + "'" : "unknown command '" + first + "'";
     return false;
   }
@@ -305,6 +362,10 @@ bool ParseCommandLine(const std::vector<std::string>& args, ParsedCommand* parse
   if (first == "process") {
     parsed->command = Command::kProcess;
     return ParseProcess(options, operands, &parsed->process, error);
+  }
+  if (first == "batch") {
+    parsed->command = Command::kBatch;
+    return ParseBatch(options, operands, &parsed->batch, error);
   }
   parsed->command = Command::kDemo;
   return ParseDemo(options, operands, &parsed->demo, error);

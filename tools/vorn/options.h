@@ -30,6 +30,17 @@ struct ProcessOptions {
   SwitchOverrides overrides;
   int profile = kProfileEnhanced;
   bool json = false;
+  bool progress = true;  // the bar on a terminal; off when several files run at once
+};
+
+// `vorn batch`: the manifest's rows, each processed as `vorn process` would,
+// with `defaults` giving what a row does not say.
+struct BatchOptions {
+  std::string manifest;
+  std::string summary_path;  // .json for JSON, anything else CSV
+  int jobs = 1;
+  bool resume = false;
+  ProcessOptions defaults;
 };
 
 struct DemoOptions {
@@ -38,13 +49,14 @@ struct DemoOptions {
   int profile = kProfileEnhanced;
 };
 
-enum class Command { kHelp, kVersion, kProcess, kDemo };
+enum class Command { kHelp, kVersion, kProcess, kBatch, kDemo };
 
 struct ParsedCommand {
   Command command = Command::kHelp;
   std::string help_topic;  // "", "process" or "demo"
   ProcessOptions process;
   DemoOptions demo;
+  BatchOptions batch;
 };
 
 // Exit statuses: a command line that cannot be understood is a usage error,
@@ -57,6 +69,10 @@ constexpr int kExitUsage = 2;
 // the program name) in *error.
 bool ParseCommandLine(const std::vector<std::string>& args, ParsedCommand* parsed, std::string* error);
 
+// A manifest row's options ("--mode comm --ns 2"): the switches, --mode,
+// --profile and --config, applied over `process`.
+bool ParseRowOptions(const std::string& text, ProcessOptions* process, std::string* error);
+
 // Mode names as the user types them, indexed by mode number.
 const char* ModeName(int mode);
 // Profile names as the user types them, indexed by profile number.
@@ -65,6 +81,7 @@ const char* ProfileName(int profile);
 // Help texts.
 std::string MainHelp();
 std::string ProcessHelp();
+std::string BatchHelp();
 std::string DemoHelp();
 
 }  // namespace vorn::cli

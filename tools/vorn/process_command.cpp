@@ -105,8 +105,25 @@ sim::Switches ApplyOverrides(sim::Switches s, const SwitchOverrides& o) {
 
 }  // namespace
 
-void ReportError(const std::string& message) { std::fprintf(stderr, "vorn: %s\n", message.c_str()); }
-void ReportWarning(const std::string& message) { std::fprintf(stderr, "vorn: warning: %s\n", message.c_str()); }
+namespace {
+thread_local MessageSink* message_sink = nullptr;
+}  // namespace
+
+void SetMessageSink(MessageSink* sink) { message_sink = sink; }
+
+void ReportError(const std::string& message) {
+  if (message_sink != nullptr)
+    message_sink->errors.push_back(message);
+  else
+    std::fprintf(stderr, "vorn: %s\n", message.c_str());
+}
+
+void ReportWarning(const std::string& message) {
+  if (message_sink != nullptr)
+    message_sink->warnings.push_back(message);
+  else
+    std::fprintf(stderr, "vorn: warning: %s\n", message.c_str());
+}
 
 int ProcessRecording(const ProcessOptions& opt, Summary* summary, std::vector<int>* speech_flags) {
   std::string error;
@@ -189,7 +206,7 @@ int ProcessRecording(const ProcessOptions& opt, Summary* summary, std::vector<in
   const std::optional<uint64_t> total_frames = input.total_frames();
   std::optional<double> total_s;
   if (total_frames) total_s = static_cast<double>(*total_frames) / kRate;
-  ProgressBar progress(stderr, total_s);
+  ProgressBar progress(stderr, opt.progress ? total_s : std::optional<double>(0.0));
   DirectionFinder direction(enhanced ? 0 : search_flag);
   LibraryDirection library_direction(enhanced ? search_flag : 0);
   std::vector<int> azimuths;

@@ -7,7 +7,6 @@
 #include <cstring>
 
 namespace vorn::cli {
-namespace {
 
 std::string JsonString(const std::string& text) {
   std::string out = "\"";
@@ -31,8 +30,6 @@ std::string Fixed(double value, int decimals) {
   std::snprintf(text, sizeof text, "%.*f", decimals, value);
   return text;
 }
-
-}  // namespace
 
 bool WriteFrameCsv(const std::string& path, const char* column, const std::vector<int>& values, std::string* error) {
   FILE* file = std::fopen(path.c_str(), "w");

@@ -29,4 +29,8 @@ struct Summary {
 };
 std::string SummaryJson(const Summary& summary);
 
+// `text` as a quoted JSON string, and `value` with `decimals` decimals.
+std::string JsonString(const std::string& text);
+std::string Fixed(double value, int decimals);
+
 }  // namespace vorn::cli

@@ -1,0 +1,5 @@
+# `vorn batch` runs through the built executable; its manifest reader is
+# also checked on its own.
+add_dependencies(test_vorn_batch vorn_cli)
+target_link_libraries(test_vorn_batch PRIVATE vorn_cli_parts)
+target_compile_definitions(test_vorn_batch PRIVATE VORN_CLI_PATH="$<TARGET_FILE:vorn_cli>")
