@@ -80,6 +80,7 @@ typedef struct VornState VornState;
 #define VORN_E_ALLOC (-20)          /* vorn_create could not allocate */
 #define VORN_E_INTERNAL (-21)       /* a processing module failed inside the library; please report it */
 #define VORN_E_MISALIGNED (-22)     /* the state's memory is not aligned to VORN_STATE_ALIGN bytes */
+#define VORN_E_OUT_OF_RANGE (-23)   /* a setting outside its documented range */
 
 /* The meaning of a code, as a constant English sentence (never NULL). */
 const char* vorn_error_string(int code);
@@ -177,6 +178,11 @@ int vorn_set_mic_order(VornState* st, const int16_t mic_order[3]);
 int vorn_get_mic_order(const VornState* st, int16_t mic_order[3]);
 int vorn_set_doa_update(VornState* st, int32_t doa_update);
 int vorn_get_doa_update(const VornState* st, int32_t* doa_update);
+/* The enhanced level control's target, dBFS of the near talker's active
+ * speech at the output: VORN_AGC_TARGET_MIN_DBFS .. VORN_AGC_TARGET_MAX_DBFS
+ * (vorn_proc.h), else VORN_E_OUT_OF_RANGE. A reset keeps it. */
+int vorn_set_agc_target(VornState* st, float target_dbfs);
+int vorn_get_agc_target(const VornState* st, float* target_dbfs);
 
 /* The last vorn_init's configuration warnings: *count their number, *text
  * (may be NULL) one "line N: ..." sentence per line inside the state, valid
@@ -188,6 +194,10 @@ int vorn_get_config_warnings(const VornState* st, int32_t* count, const char** t
 int vorn_get_speech_probability(const VornState* st, float* value);   /* 0..1 */
 int vorn_get_direction_confidence(const VornState* st, float* value); /* 0..1, also after vorn_direction */
 int vorn_get_echo_activity(const VornState* st, float* value);         /* 0..1 */
+/* The microphones the enhanced beam has found dead or clipping and left out,
+ * a mask of VORN_WARN_MIC_DEAD(m) and VORN_WARN_MIC_CLIPPED(m) (vorn_proc.h);
+ * 0 under the classic profile. */
+int vorn_get_mic_warnings(const VornState* st, uint32_t* warnings);
 
 /* For callers who want the library to allocate: a state on the heap,
  * initialised with `settings` (NULL: defaults). NULL on failure, with the

@@ -36,6 +36,7 @@ constexpr CodeText kCodeTexts[] = {
     {VORN_E_ALLOC, "the state could not be allocated"},
     {VORN_E_INTERNAL, "a processing module failed inside the library"},
     {VORN_E_MISALIGNED, "the state's memory is not aligned to VORN_STATE_ALIGN bytes"},
+    {VORN_E_OUT_OF_RANGE, "a setting outside its documented range"},
 };
 
 }  // namespace
@@ -71,6 +72,7 @@ int FromDesignedCode(int32_t code, const T_VornParam& pm) {
     case VORN_ERR_NO_SEARCH: return VORN_E_BAD_SEARCH;
     case VORN_ERR_CONFIG: return VORN_E_CONFIG;
     case VORN_ERR_NO_FRAMES: return VORN_E_NO_FRAMES;
+    case VORN_ERR_OUT_OF_RANGE: return VORN_E_OUT_OF_RANGE;
     default: return VORN_E_INTERNAL;  // the record's own checks (2, 3) and the modules' codes
   }
 }

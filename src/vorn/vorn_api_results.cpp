@@ -40,6 +40,15 @@ extern "C" int vorn_get_echo_activity(const VornState* st, float* value) {
   return DesignedFigure(st, VornGetFarEndActivity, value);
 }
 
+extern "C" int vorn_get_mic_warnings(const VornState* st, uint32_t* warnings) {
+  const int ready = CheckReady(st);
+  if (ready != VORN_OK) return ready;
+  if (warnings == nullptr) return VORN_E_NULL;
+  const T_VornParam record = RecordCopyOf(st);
+  const int32_t rc = VornGetWarnings(&record, warnings);
+  return rc == VORN_OK ? VORN_OK : FromDesignedCode(rc, record);
+}
+
 extern "C" int vorn_get_config_warnings(const VornState* st, int32_t* count, const char** text) {
   // Readable after a failed first vorn_init too, so no readiness check:
   // the designed getter finds the warnings or says there are none yet.

@@ -99,3 +99,17 @@ extern "C" int vorn_get_doa_update(const VornState* st, int32_t* doa_update) {
   if (rc == VORN_OK) *doa_update = st->pm.doa_update_flag;
   return rc;
 }
+
+extern "C" int vorn_set_agc_target(VornState* st, float target_dbfs) {
+  const int ready = CheckReady(st);
+  if (ready != VORN_OK) return ready;
+  T_VornParam* pm = RecordOf(st);
+  return FromDesignedCode(VornSetAgcTarget(pm, target_dbfs), *pm);
+}
+
+extern "C" int vorn_get_agc_target(const VornState* st, float* target_dbfs) {
+  const int rc = CheckGet(st, target_dbfs);
+  if (rc != VORN_OK) return rc;
+  const T_VornParam pm = RecordCopyOf(st);
+  return FromDesignedCode(VornGetAgcTarget(&pm, target_dbfs), pm);
+}
