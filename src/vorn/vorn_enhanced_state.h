@@ -49,9 +49,4 @@ inline TVornEnhancedState* EnhancedStateOf(TVornState* st) {
   return reinterpret_cast<TVornEnhancedState*>(reinterpret_cast<unsigned char*>(st) + kEnhancedRegionOffset);
 }
 
-// The record's own fields are sound and VornInit has prepared its buffer:
-// 0 with *enhanced set; 1 (record or buffer missing), 2 (buffer too small),
-// 3 (wrong record size) as the parameter check; or VORN_ERR_NOT_INITIALISED.
-int32_t CheckPrepared(const T_VornParam* pm, TVornEnhancedState** enhanced);
-
 }  // namespace vorn
