@@ -19,7 +19,9 @@ worker ran it. run_row() is the per-row function, usable without Dask.
 from __future__ import annotations
 
 import argparse
+import contextlib
 import csv
+import glob
 import io
 import json
 import os
@@ -116,6 +118,11 @@ def _write_atomically(path: str, audio: np.ndarray) -> None:
         else:
             audio.astype("<i2").tofile(temporary)
         os.replace(temporary, path)
+        # A writer killed mid-file (a lost worker) leaves its part behind; the
+        # output is whole now, so the leftovers of earlier attempts go.
+        for stale in glob.glob(os.path.join(glob.escape(folder), glob.escape(f".{name}.part-") + "*")):
+            with contextlib.suppress(OSError):
+                os.remove(stale)
     finally:
         if os.path.exists(temporary):
             os.remove(temporary)
