@@ -1,0 +1,206 @@
+// Calls one vector kernel or its plain twin N times between two marker
+// functions, so that an instruction counter can count exactly those calls:
+// bench/kernel_counts.sh runs it under qemu-aarch64 (one instruction per
+// translated block, every executed block logged) and under callgrind on the
+// build machine.
+//
+//   vorn_kernel_counts KERNEL plain|vector N
+//   vorn_kernel_counts list
+//
+// The inputs are fixed pseudo-random data of the sizes the front end uses,
+// positive and spread over six decades where the kernel reads powers (the
+// suppressor's kernels branch on their values, so their counts depend on
+// the data a little).
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "adsp_aec/aec_rdft.h"
+#include "adsp_bf/adsp_doa.h"
+#include "adsp_bf/weight_tables.h"
+#include "adsp_ns/adsp_ns_kernels.h"
+#include "adsp_ns/adsp_ns_proc.h"
+#include "common/adsp_common_fft_rel.h"
+#include "common/adsp_common_util.h"
+#include "common/simd4.h"
+
+#if !defined(VORN_SIMD4)
+#error "the kernel counts compare four-lane kernels with their plain twins"
+#endif
+
+// The counters look for these two symbols; they must stay out of line.
+extern "C" __attribute__((noinline)) void vorn_count_begin() { asm volatile(""); }
+extern "C" __attribute__((noinline)) void vorn_count_end() { asm volatile(""); }
+
+namespace {
+
+using namespace vorn;
+
+// Uniform in [0, 1), a fixed sequence.
+struct Random {
+  unsigned state = 12345u;
+  float Next() {
+    state = state * 1664525u + 1013904223u;
+    return static_cast<float>(state >> 8) * (1.0f / 16777216.0f);
+  }
+  std::vector<float> Uniform(int n, float lo, float hi) {
+    std::vector<float> x(n);
+    for (float& v : x) v = lo + (hi - lo) * Next();
+    return x;
+  }
+  // Powers between 1e-3 and 1e3.
+  std::vector<float> Powers(int n) {
+    std::vector<float> x(n);
+    for (float& v : x) v = std::pow(10.0f, -3.0f + 6.0f * Next());
+    return x;
+  }
+};
+
+struct Inputs {
+  Random r;
+  std::vector<float> psd = r.Powers(kNsBins), noise = r.Powers(kNsBins), memory = r.Powers(kNsBins),
+                     minimum = r.Powers(kNsBins), smoothed = r.Powers(kNsBins), presence = r.Uniform(kNsBins, 0, 1),
+                     gamma_min = r.Powers(kNsBins), zeta = r.Powers(kNsBins), v = r.Powers(kNsBins),
+                     eta = r.Powers(kNsBins), gamma = r.Powers(kNsBins), taps31 = r.Uniform(31, 0, 0.1f),
+                     taps3 = r.Uniform(3, 0, 0.5f), frame = r.Uniform(512, -1000, 1000),
+                     block = r.Uniform(128, -1000, 1000), unit = r.Uniform(kDoaBandBins * 6, -1, 1),
+                     weight = r.Uniform(kDoaLowBin + kDoaBandBins + 64, 0, 1);
+  std::vector<float> out[5] = {std::vector<float>(1024), std::vector<float>(1024), std::vector<float>(1024),
+                               std::vector<float>(1024), std::vector<float>(1024)};
+  std::vector<float> dav = r.Powers(kNsBins), dav_long = r.Powers(kNsBins);
+  std::vector<float> work = std::vector<float>(512);
+};
+
+using Call = void (*)(Inputs&);
+
+struct Kernel {
+  const char* name;
+  const char* what;
+  Call plain, vector;
+};
+
+template <bool kVector>
+void SnrTerms(Inputs& in) {
+  const NsSnrIn terms{in.psd.data(), in.noise.data(), in.memory.data(), in.minimum.data(), in.smoothed.data(),
+                      0.0001f};
+  const NsSnrOut out{in.out[0].data(), in.out[1].data(), in.out[2].data(), in.out[3].data(), in.out[4].data()};
+  if constexpr (kVector) NsSnrTermsSimd(terms, out, kNsBins);
+  else NsSnrTermsPlain(terms, out, kNsBins);
+}
+
+template <bool kVector>
+void NoiseUpdate(Inputs& in) {
+  const NsNoiseAverages avg{in.dav.data(), in.dav_long.data(), in.out[0].data()};
+  if constexpr (kVector)
+    NsNoiseUpdateSimd(in.psd.data(), in.gamma_min.data(), in.zeta.data(), in.presence.data(), avg, kNsBins);
+  else NsNoiseUpdatePlain(in.psd.data(), in.gamma_min.data(), in.zeta.data(), in.presence.data(), avg, kNsBins);
+}
+
+template <bool kVector>
+void LsaGain(Inputs& in) {
+  if constexpr (kVector)
+    NsLsaGainSimd(in.v.data(), in.eta.data(), in.gamma.data(), in.out[0].data(), in.out[1].data(), kNsBins);
+  else NsLsaGainPlain(in.v.data(), in.eta.data(), in.gamma.data(), in.out[0].data(), in.out[1].data(), kNsBins);
+}
+
+template <bool kVector>
+void Ramp(Inputs& in) {
+  if constexpr (kVector) NsRampOfRatioSimd(in.v.data(), in.out[0].data(), kNsBins);
+  else NsRampOfRatioPlain(in.v.data(), in.out[0].data(), kNsBins);
+}
+
+template <bool kVector, int kTaps>
+void Smooth(Inputs& in) {
+  const float* taps = kTaps == 31 ? in.taps31.data() : in.taps3.data();
+  if constexpr (kVector) ConvSimd(taps, kTaps, in.psd.data(), kNsBins, in.out[0].data());
+  else ConvPlain(taps, kTaps, in.psd.data(), kNsBins, in.out[0].data());
+}
+
+template <bool kVector, bool kInverse>
+void Transform512(Inputs& in) {
+  std::memcpy(in.work.data(), in.frame.data(), 512 * sizeof(float));
+  if constexpr (kVector) (kInverse ? IfftRelSimd : FftRelSimd)(in.work.data(), 512, 9);
+  else (kInverse ? IfftRelPlain : FftRelPlain)(in.work.data(), 512, 9);
+}
+
+template <bool kVector>
+void DirectionSearch(Inputs& in) {
+  const auto* unit = reinterpret_cast<const float(*)[3][2]>(in.unit.data());
+  if constexpr (kVector) DoaSteeredPowerSimd(doa_ele_azi_search_tab[0], unit, in.weight.data(), in.out[0].data());
+  else DoaSteeredPowerPlain(doa_ele_azi_tab[0], kBfDirections, unit, in.weight.data(), in.out[0].data());
+}
+
+template <bool kVector, int kStage>
+void RdftStage(Inputs& in) {
+  const RdftStages& stages = kVector ? kRdftSimdStages : kRdftPlainStages;
+  const RdftStage128 stage[] = {stages.cft1st, stages.cftmdl, stages.rftfsub, stages.rftbsub};
+  std::memcpy(in.work.data(), in.block.data(), 128 * sizeof(float));
+  stage[kStage](in.work.data());
+}
+
+template <bool kVector, bool kInverse>
+void Rdft128(Inputs& in) {
+  const RdftStages& stages = kVector ? kRdftSimdStages : kRdftPlainStages;
+  std::memcpy(in.work.data(), in.block.data(), 128 * sizeof(float));
+  (kInverse ? aec_rdft_inverse_128_with : aec_rdft_forward_128_with)(stages, in.work.data());
+}
+
+void Copy512(Inputs& in) { std::memcpy(in.work.data(), in.frame.data(), 512 * sizeof(float)); }
+void Copy128(Inputs& in) { std::memcpy(in.work.data(), in.block.data(), 128 * sizeof(float)); }
+
+const Kernel kKernels[] = {
+    {"ns_snr_terms", "suppressor SNR terms, 257 bins", SnrTerms<false>, SnrTerms<true>},
+    {"ns_noise_update", "suppressor noise averages, 257 bins", NoiseUpdate<false>, NoiseUpdate<true>},
+    {"ns_lsa_gain", "suppressor speech gain, 257 bins", LsaGain<false>, LsaGain<true>},
+    {"ns_ramp", "suppressor likelihood ramp, 257 bins", Ramp<false>, Ramp<true>},
+    {"smooth_3", "3-tap smoothing, 257 bins", Smooth<false, 3>, Smooth<true, 3>},
+    {"smooth_31", "31-tap smoothing, 257 bins", Smooth<false, 31>, Smooth<true, 31>},
+    {"fft_512", "512-point forward transform", Transform512<false, false>, Transform512<true, false>},
+    {"ifft_512", "512-point inverse transform", Transform512<false, true>, Transform512<true, true>},
+    {"doa_search", "direction search, 72 directions x 205 bins", DirectionSearch<false>, DirectionSearch<true>},
+    {"aec_cft1st", "canceller transform, first radix-4 stage", RdftStage<false, 0>, RdftStage<true, 0>},
+    {"aec_cftmdl", "canceller transform, middle radix-4 stage", RdftStage<false, 1>, RdftStage<true, 1>},
+    {"aec_rftfsub", "canceller transform, forward real split", RdftStage<false, 2>, RdftStage<true, 2>},
+    {"aec_rftbsub", "canceller transform, inverse real split", RdftStage<false, 3>, RdftStage<true, 3>},
+    {"aec_rdft_fwd", "canceller 128-point forward transform", Rdft128<false, false>, Rdft128<true, false>},
+    {"aec_rdft_inv", "canceller 128-point inverse transform", Rdft128<false, true>, Rdft128<true, true>},
+    // The input copy the transforms above include, to subtract.
+    {"copy_512", "the 512-float input copy alone", Copy512, Copy512},
+    {"copy_128", "the 128-float input copy alone", Copy128, Copy128},
+};
+
+__attribute__((noinline)) void CountedCalls(Call call, Inputs& in, int n) {
+  vorn_count_begin();
+  for (int i = 0; i < n; ++i) call(in);
+  vorn_count_end();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc == 2 && std::string(argv[1]) == "list") {
+    for (const Kernel& k : kKernels) std::printf("%s\t%s\n", k.name, k.what);
+    return 0;
+  }
+  if (argc != 4) {
+    std::fprintf(stderr, "usage: %s KERNEL plain|vector N | list\n", argv[0]);
+    return 2;
+  }
+  const std::string name = argv[1], variant = argv[2];
+  const int n = std::atoi(argv[3]);
+  for (const Kernel& k : kKernels) {
+    if (name != k.name) continue;
+    if (variant != "plain" && variant != "vector") break;
+    Inputs in;
+    CountedCalls(variant == "plain" ? k.plain : k.vector, in, n);
+    // Reading an output keeps the calls from being dropped.
+    const double seen = in.out[0][5] + in.work[5];
+    std::printf("%s %s %d calls, %g\n", k.name, variant.c_str(), n, seen);
+    return 0;
+  }
+  std::fprintf(stderr, "unknown kernel or variant: %s %s\n", argv[1], argv[2]);
+  return 2;
+}
