@@ -206,7 +206,7 @@ TEST(DoaUtteranceEnhanced, UsesTheWholeStretchAndTheMicrophoneOrder) {
 }
 
 // Per frame: the tracker locks on near 0/360 without splitting towards 180,
-// holds through a pause, follows a talker who moves, stands still when the
+// holds through a pause, follows a talker who moves or walks, stands still when the
 // caller withholds updates, and pays no attention to the loudspeaker while
 // the reference plays and for its echo's tail.
 TEST(DoaTrackerEnhanced, FollowsHoldsAndIgnoresTheLoudspeaker) {
@@ -218,6 +218,11 @@ TEST(DoaTrackerEnhanced, FollowsHoldsAndIgnoresTheLoudspeaker) {
   // Every case starts with half a second of hiss, as a device would hear
   // the room before anyone speaks.
   constexpr double kLeadS = 0.5;
+  // Two seconds at 40 degrees, then a walk of 90 degrees in 3 s (3 degrees
+  // every 0.1 s), then three seconds standing at 130.
+  std::vector<Segment> walk = {{2.0, 40.0, true, true, 0.0}};
+  for (int step = 1; step <= 30; ++step) walk.push_back({0.1, 40.0 + 3.0 * step, true, true, 0.0});
+  walk.push_back({3.0, 130.0, true, true, 0.0});
   struct Case {
     const char* name;
     std::vector<Segment> segments;
@@ -235,6 +240,9 @@ TEST(DoaTrackerEnhanced, FollowsHoldsAndIgnoresTheLoudspeaker) {
        4.0,
        6.0,
        160.0},
+      // Where the walk ends the direction settles within a second, rather
+      // than averaging in the path that led there.
+      {"follows a walk and settles where it ends", walk, 0, 6.0, 8.0, 130.0},
       {"stands still without permission",
        {{2.5, 40.0, true, true, 0.0}, {2.5, 160.0, true, false, 0.0}},
        0,
