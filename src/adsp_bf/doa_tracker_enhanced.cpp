@@ -38,10 +38,13 @@ constexpr float kSlowEvidence = 150.0f;
 constexpr float kFastEvidence = 40.0f;
 // The fast pool also forgets with time: a quarter second of speech.
 constexpr float kFastSpeechHops = 16.0f;
-// The fast pool must disagree by this much, with this confidence, for this
-// much evidence, before the slow one restarts from it.
+// The fast pool must disagree by this much, with its evidence this much in
+// agreement, for this much evidence, before the slow one restarts from it.
+// The agreement is judged whatever the amount of evidence the fast pool
+// holds: in noise it holds little, and a talker who walks there must still
+// be followed.
 constexpr float kMovedDeg = 20.0f;
-constexpr float kMoveConfidence = 0.1f;
+constexpr float kMoveAgreement = 0.3f;
 constexpr float kMoveEvidence = 5.0f;
 // Hops with evidence, after a restart, over which the slow pool forgets as
 // the fast one does: about a second of speech.
@@ -139,8 +142,8 @@ DoaTrack DoaTrackerHop(TDoaTrackerEnhanced* t, const float spectra[kBfChannels][
 
     GccPeak slow = GccSearch(t->slow, kTrackElevationStep);
     const GccPeak fast = GccSearch(t->fast, kTrackElevationStep);
-    const float fast_confidence = GccConfidence(fast.score, t->fast_weight);
-    if (AngleBetween(fast.azimuth_deg, slow.azimuth_deg) > kMovedDeg && fast_confidence > kMoveConfidence) {
+    if (AngleBetween(fast.azimuth_deg, slow.azimuth_deg) > kMovedDeg &&
+        GccAgreement(fast.score, t->fast_weight) > kMoveAgreement) {
       t->move_votes += evidence;
     } else {
       t->move_votes = t->move_votes > evidence ? t->move_votes - evidence : 0.0f;
