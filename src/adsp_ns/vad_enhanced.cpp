@@ -1,5 +1,5 @@
 // The enhanced profile's speech flag: the flag network's judgement of the
-// frame leaving the suppressor, against the threshold designed with it. The
+// frame leaving the suppressor, against the thresholds designed with it. The
 // flag and the audio it labels arrive together.
 #include "adsp_ns/ns_enhanced.h"
 #include "adsp_ns/presence_net.h"
@@ -8,14 +8,24 @@ namespace vorn {
 namespace {
 
 constexpr int kFramesMax = 1 << 30;
+// Above this share of the frame explained by the far end's echo, a frame
+// the canceller calls echo alone is no speech (bench/quality/train_presence.py
+// chooses the thresholds with the same figure).
+constexpr float kEchoExplained = 0.5f;
 
 }  // namespace
 
 void EnhancedVadInit(EnhancedVadState* st) { *st = EnhancedVadState{}; }
 
-int EnhancedVadDecide(EnhancedVadState* st, float output_prob) {
+int EnhancedVadDecide(EnhancedVadState* st, float output_prob, bool echo_alone, float echo_share) {
   if (st->frames < kFramesMax) ++st->frames;
-  return output_prob > kFlagThreshold ? 1 : 0;
+  if (echo_alone && echo_share > kEchoExplained) output_prob = 0.0f;
+  // A talker already flagged keeps the flag at a lower presence than one
+  // must reach to raise it: a lone frame of noise that looks a little like
+  // speech does not start a flag.
+  const float bar = echo_alone ? kFlagEchoThreshold : st->speaking != 0 ? kFlagThreshold : kFlagOnsetThreshold;
+  st->speaking = output_prob > bar ? 1 : 0;
+  return st->speaking;
 }
 
 }  // namespace vorn
