@@ -95,6 +95,27 @@ TEST(LevelControl, BringsEveryTalkerLevelToTheTarget) {
   }
 }
 
+TEST(LevelControl, HoldsTheTargetFromTheStartWhenPresenceCatchesOnlySyllableOnsets) {
+  // A presence estimate that is not yet settled: it fires on the first frame
+  // of each syllable, where the voice is still rising, and misses the rest.
+  // The level is still that of the whole syllables, from the first seconds
+  // of talk on, at every talker level.
+  std::vector<double> levels;
+  for (double talker : {-50.0, -40.0, -30.0, -20.0, -10.0}) {
+    SCOPED_TRACE(talker);
+    const Input in = MakeInput(4.5, talker - 30.0, [&](double) { return talker; }, [](double t) { return t > 0.5; });
+    EnhancedLevelState st;
+    LevelInit(&st);
+    const Output out = RunLevel(&st, in, [&](std::size_t f) {
+      const bool onset = in.speech[f] && (f == 0 || !in.speech[f - 1]);
+      return LevelCues{onset ? 1.0f : 0.1f, false, false};
+    });
+    levels.push_back(LevelOver(out.pcm, in.speech, 0.5, 4.5, true));
+    EXPECT_NEAR(levels.back(), -26.0, 2.0);
+  }
+  EXPECT_LT(*std::max_element(levels.begin(), levels.end()) - *std::min_element(levels.begin(), levels.end()), 3.0);
+}
+
 TEST(LevelControl, CatchesUpWithATwentyDecibelJumpWithinTwoSeconds) {
   for (double step : {20.0, -20.0}) {
     SCOPED_TRACE(step);

@@ -1,30 +1,36 @@
 // Level control of the enhanced profile.
 //
-// Near speech is a frame the speech presence gives to the near talker, with
-// the loudspeaker not playing alone (nor for 320 ms after it last played,
-// while its echo still rings in the room and in the canceller's residue),
-// that stands 10 dB above the noise floor
-// (the quietest frame of the last 1.5 s): a presence estimate that also
-// fires on the suppressor's residual noise then cannot lift that noise. The
-// first quarter second, while the chain before it settles, is not judged.
+// The talker speaks from a frame the speech presence gives to the near
+// talker until 192 ms after it last did, with the loudspeaker not playing
+// alone (nor for 320 ms after it last played, while its echo still rings in
+// the room and in the canceller's residue). Near speech is a frame within
+// that stretch that stands 10 dB above the noise floor (the quietest frame
+// of the last 1.5 s): a presence estimate that also fires on the
+// suppressor's residual noise then cannot lift that noise. The stretch,
+// rather than the presence of each frame, decides because the presence is
+// least sure of itself on the loudest frames of a talker it has only just
+// begun to hear, and surest on the rising edges of syllables: judged frame
+// by frame, the first seconds of a loud talker would be measured on their
+// quiet edges alone. The first quarter second, while the chain before the
+// level control settles, is not judged.
 //
 // The talker's active speech level is the mean power of the most recent near
-// speech frames that lie within 10 dB of the level itself (the quieter frames
-// at the edges of syllables and words stay out, as they do from an
-// active-level measurement): a fixed window of them, so that a level change is fully measured after one
-// window however large it is, while a steady talker gives a steady figure.
-// When the talker drops by more than that margin, the frames stay out only
-// until a run of them shows the drop is real, then the window starts again.
-// The speech gain brings the level to the target and follows it with a
-// smoothing of about 160 ms; differences of more than 6 dB (a new talker, a
-// jump) are closed within a few frames.
+// speech frames, counting only those within 10 dB of that mean (the quiet
+// edges of syllables and words stay out, as they do from an active-level
+// measurement): a fixed window of them, so that a level change is fully
+// measured after one window however large it is, while a steady talker gives
+// a steady figure. A frame more than 16 dB below the level stays out of the
+// window until a run of them shows the talker has dropped; then the window
+// starts again. The speech gain brings the level to the target and follows
+// it with a smoothing of about 160 ms; differences of more than 6 dB (a new
+// talker, a jump) are closed within a few frames.
 //
-// The speech gain applies while the talker speaks and for a short hold after,
-// which bridges the gaps between syllables and words. In pauses, and while
-// only the loudspeaker's echo is there, the gain returns to at most unity
-// within a fifth of a second: the noise floor and any echo residue stay where
-// the suppressor and the canceller left them instead of being lifted by the
-// talker's gain.
+// The speech gain applies while the talker speaks and for a short hold after
+// the last near speech frame, which bridges the gaps between syllables and
+// words. In pauses, and while only the loudspeaker's echo is there, the gain
+// returns to at most unity within a fifth of a second: the noise floor and
+// any echo residue stay where the suppressor and the canceller left them
+// instead of being lifted by the talker's gain.
 //
 // A peak limiter runs on sub-blocks of 16 samples with the whole frame in
 // view: its gain at each sub-block boundary is no more than both neighbouring
@@ -47,7 +53,8 @@ constexpr float kCeiling = 29205.0f;          // -1 dBFS
 constexpr float kLimiterRelease = 1.0115795f;  // 0.1 dB per sub-block
 constexpr float kNearSpeech = 0.5f;
 constexpr float kAboveFloorDb = 10.0f;
-constexpr float kBelowLevelDb = 10.0f;
+constexpr float kBelowLevelDb = 16.0f;  // a frame this far below the level waits to be let in
+constexpr float kActiveMargin = 0.1f;    // -10 dB (power): the active level counts frames above it
 constexpr int kWarmupFrames = 16;  // the chain before the level control settles in 0.25 s
 constexpr int kLevelChangeFrames = 20;  // near-speech frames below the margin that restart the level
 constexpr int kMinLevelFrames = 8;      // frames of speech before the level is trusted
@@ -69,11 +76,23 @@ float FramePower(const short* x) {
   return sum / kFrame;
 }
 
+// The window's active level: the mean power of its frames, then again of
+// those that lie within 10 dB of that mean, so that the quiet edges of
+// syllables (and a talker's first frames, taken in before the level was
+// known) do not pull it down.
 float WindowDbfs(const EnhancedLevelState* st) {
   if (st->window_fill == 0) return kSilentDbfs;
   float sum = 0.0f;
   for (int i = 0; i < st->window_fill; ++i) sum += st->frame_power[i];
-  return PowerDbfs(sum / static_cast<float>(st->window_fill));
+  const float threshold = sum / static_cast<float>(st->window_fill) * kActiveMargin;
+  float active = 0.0f;
+  int count = 0;
+  for (int i = 0; i < st->window_fill; ++i) {
+    if (st->frame_power[i] < threshold) continue;
+    active += st->frame_power[i];
+    ++count;
+  }
+  return PowerDbfs(active / static_cast<float>(count));
 }
 
 float Clamp(float x, float lo, float hi) { return x < lo ? lo : x > hi ? hi : x; }
@@ -105,13 +124,11 @@ void MeasureLevel(EnhancedLevelState* st, float power, float level) {
 }
 
 // The gain in force at the end of this frame, in dB.
-float NextGainDb(EnhancedLevelState* st, bool near_speech) {
+float NextGainDb(EnhancedLevelState* st) {
   float speech_gain = 0.0f;
   if (st->window_fill >= kMinLevelFrames)
     speech_gain = Clamp(st->target_dbfs - WindowDbfs(st), kMinGainDb, kMaxGainDb);
-  if (near_speech) st->hold_frames = kHoldFrames;
   const bool speaking = st->hold_frames > 0;
-  if (!near_speech && st->hold_frames > 0) --st->hold_frames;
 
   float gain = st->gain_db;
   if (speaking) {
@@ -196,11 +213,22 @@ void LevelProc(EnhancedLevelState* st, const LevelCues& cues, const short* in, s
     ++st->warmup_frames;
   } else {
     const float floor = FloorUpdate(st, level);
-    near_speech = cues.presence >= kNearSpeech && !echo_only && level >= floor + kAboveFloorDb;
+    const bool clear = !echo_only && level >= floor + kAboveFloorDb;
+    if (clear && cues.presence >= kNearSpeech) {
+      st->talk_frames = kHoldFrames;
+    } else if (st->talk_frames > 0) {
+      --st->talk_frames;
+    }
+    near_speech = clear && st->talk_frames > 0;
+  }
+  if (near_speech) {
+    st->hold_frames = kHoldFrames;
+  } else if (st->hold_frames > 0) {
+    --st->hold_frames;
   }
   if (near_speech) MeasureLevel(st, power, level);
   const float from_db = st->gain_db;
-  st->gain_db = NextGainDb(st, near_speech);
+  st->gain_db = NextGainDb(st);
   ApplyLimited(st, in, out, std::pow(10.0f, from_db / 20.0f), std::pow(10.0f, st->gain_db / 20.0f));
 }
 

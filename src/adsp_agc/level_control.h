@@ -31,6 +31,7 @@ struct EnhancedLevelState {
   float gain_db;         // gain in force at the end of the last frame
   float limiter;         // peak limiter's gain at the end of the last frame (<= 1)
   int32_t hold_frames;   // frames the speech gain is still held after near speech
+  int32_t talk_frames;   // frames the talker is still taken to speak after the presence last said so
   int32_t warmup_frames; // frames seen, up to the warm-up
   int32_t echo_frames;   // frames the loudspeaker's echo may still sound
 };

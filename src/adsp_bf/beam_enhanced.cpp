@@ -23,8 +23,10 @@
 // moving blend does not make the noise flutter.
 //
 // A new look direction (the tracker moved, another sector took over, a
-// microphone failed) is designed into the second slot and the output fades
-// from the old beam to the new one over one hop, so nothing clicks.
+// microphone came back) is designed into the second slot and the output
+// fades from the old beam to the new one over one hop, so nothing clicks. A
+// microphone that fails is dropped at once instead: its fault would sound
+// through the old beam for that hop.
 #include "adsp_bf/beam_enhanced.h"
 
 #include <cmath>
@@ -259,7 +261,10 @@ void EnhancedBeamProc(EnhancedBeamState* st, const BeamRequest& rq, const float*
     st->slot[0].design = wanted;
     DesignBeam(wanted, &st->slot[0].weights);
   } else if (NeedsResteer(st->slot[st->active].design, wanted, following, st->frames_since_steer)) {
-    faded_from = st->active;
+    // A microphone that has just failed is not faded out: the old beam would
+    // carry its fault for another hop.
+    const bool lost_mic = (st->slot[st->active].design.live_mask & ~wanted.live_mask) != 0;
+    faded_from = lost_mic ? -1 : st->active;
     st->active = 1 - st->active;
     st->slot[st->active].design = wanted;
     DesignBeam(wanted, &st->slot[st->active].weights);

@@ -9,10 +9,15 @@
 // source within a few dB of one another, so a microphone whose power
 // (smoothed over a few frames) stands 12 dB above the middle one runs hot and
 // counts as clipping, and one 20 dB below it counts as dead, although neither
-// shows in single samples. Each kind of evidence raises a score quickly and a
-// clean frame lowers it slowly, so a fault is declared within a few frames
-// and withdrawn only after about a second of good behaviour; a clipping
-// microphone that is quiet between syllables stays out meanwhile.
+// shows in single samples. Evidence raises a score quickly and a clean frame
+// lowers it slowly, so a fault is declared within a few frames and withdrawn
+// only after about a second of good behaviour; a clipping microphone that is
+// quiet between syllables stays out meanwhile. A hot microphone is declared
+// on its first frame: its noise stands far above the others' and would sound
+// through the beam for those few frames (a dead one only takes its share
+// away). Samples at the rails alone wait for the score: a talker loud enough
+// to clip the whole array hits the rails of one microphone a few samples
+// more often than another's, frame by frame.
 #include "adsp_bf/mic_health.h"
 
 #include <algorithm>
@@ -78,9 +83,9 @@ void Inspect(const float* const latest[kMics], FrameFacts facts[kMics]) {
   }
 }
 
-void Score(uint16_t& score, bool evidence) {
+void Score(uint16_t& score, bool evidence, uint16_t step) {
   if (evidence) {
-    score = static_cast<uint16_t>(score + kEvidenceStep > kScoreCeiling ? kScoreCeiling : score + kEvidenceStep);
+    score = static_cast<uint16_t>(score + step > kScoreCeiling ? kScoreCeiling : score + step);
   } else if (score > 0) {
     --score;
   }
@@ -150,9 +155,10 @@ void MicHealthUpdate(MicHealth* health, const float* const latest[3]) {
     const bool others_clean = unclipped - !facts[m].clipped > 0;
     // One LSB squared keeps a silent array from judging rounding noise.
     const bool dead = (facts[m].constant && others_vary) || power[m] + 1.0f < kQuietRatio * (middle + 1.0f);
-    const bool clipped = (facts[m].clipped && others_clean) || power[m] + 1.0f > kHotRatio * (middle + 1.0f);
-    Score(health->dead_score[m], dead);
-    Score(health->clipped_score[m], clipped);
+    const bool at_rails = facts[m].clipped && others_clean;
+    const bool hot = power[m] + 1.0f > kHotRatio * (middle + 1.0f);
+    Score(health->dead_score[m], dead, kEvidenceStep);
+    Score(health->clipped_score[m], at_rails || hot, hot ? kFaultScore : kEvidenceStep);
     Judge(health->dead_mask, m, health->dead_score[m]);
     Judge(health->clipped_mask, m, health->clipped_score[m]);
   }
