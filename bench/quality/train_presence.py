@@ -69,9 +69,8 @@ def read_data(path):
     """The scenes of a vorn_presence_data file: (cues [hops, cues], labels, lag)."""
     with open(path, "rb") as f:
         blob = f.read()
-    if blob[:4] not in (b"VPD1", b"VPD2"):
-        sys.exit(f"{path}: not a presence data file")
-    has_gates = blob[:4] == b"VPD2"
+    if blob[:4] != b"VPD2":
+        sys.exit(f"{path}: not a presence data file (run vorn_presence_data again)")
     cues, hop, fft_len, frame, count = struct.unpack_from("<5i", blob, 4)
     at = 24
     scenes = []
@@ -82,10 +81,8 @@ def read_data(path):
         at += hops * cues * 4
         labels = np.frombuffer(blob, dtype=np.uint8, count=frames, offset=at)
         at += frames
-        gates = np.zeros(hops // 2, dtype=np.uint8)
-        if has_gates:
-            gates = np.frombuffer(blob, dtype=np.uint8, count=hops // 2, offset=at)
-            at += hops // 2
+        gates = np.frombuffer(blob, dtype=np.uint8, count=hops // 2, offset=at)
+        at += hops // 2
         scenes.append((c, labels, lag, gates))
     return scenes, {"hop": hop, "fft_len": fft_len, "frame": frame}
 
