@@ -184,33 +184,30 @@ TEST(EnhancedSpeech, SuppressesNoiseAndKeepsTheTalker) {
 }
 
 // The flag rises only above the onset threshold, stays up down to the lower
-// one, and echo alone either closes it (echo explains most of the frame) or
-// asks for the echo threshold.
+// one, and echo alone closes it whatever the presence says.
 TEST(EnhancedSpeech, FlagRisesAtTheOnsetAndHoldsAtTheLowerThreshold) {
   ASSERT_LT(kFlagThreshold, kFlagOnsetThreshold);
   const float between = 0.5f * (kFlagThreshold + kFlagOnsetThreshold);
-  const float sure = std::max(kFlagOnsetThreshold, kFlagEchoThreshold) + 0.01f;
   struct Step {
     float prob;
     bool echo_alone;
-    float echo_share;
     int flag;
   };
   const Step steps[] = {
-      {between, false, 0.0f, 0},                     // not enough to raise it
-      {kFlagOnsetThreshold + 0.01f, false, 0.0f, 1},  // raised
-      {between, false, 0.0f, 1},                     // held
-      {kFlagThreshold - 0.01f, false, 0.0f, 0},       // dropped
-      {between, false, 0.0f, 0},                     // not raised again on the lower bar
-      {sure, true, 0.9f, 0},                         // echo that explains the frame is no talker
-      {sure, true, 0.1f, 1},                         // a sure talker beside the echo is
-      {kFlagEchoThreshold - 0.01f, true, 0.1f, 0},    // an unsure one is not
+      {between, false, 0},                      // not enough to raise it
+      {kFlagOnsetThreshold + 0.01f, false, 1},  // raised
+      {between, false, 1},                      // held
+      {kFlagThreshold - 0.01f, false, 0},       // dropped
+      {between, false, 0},                      // not raised again on the lower bar
+      {1.0f, false, 1},                         // raised
+      {1.0f, true, 0},                          // echo alone is no talker
+      {between, false, 0},                      // and leaves the flag down
   };
   EnhancedVadState st;
   EnhancedVadInit(&st);
   for (std::size_t i = 0; i < std::size(steps); ++i) {
     SCOPED_TRACE(i);
-    EXPECT_EQ(EnhancedVadDecide(&st, steps[i].prob, steps[i].echo_alone, steps[i].echo_share), steps[i].flag);
+    EXPECT_EQ(EnhancedVadDecide(&st, steps[i].prob, steps[i].echo_alone), steps[i].flag);
   }
 }
 

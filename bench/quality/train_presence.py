@@ -30,16 +30,14 @@ Assumptions, written here because the weights have no closed rule:
    deterministic kernels and fixed seeds make every run give the same bits.
  - The library calls a frame speech when the flag network's output, capped by
    the largest presence of the five hops the flag network read, is above a
-   threshold: a higher one to raise the flag than to keep it, and another
-   while the canceller hears echo alone (it says so in double talk too, so
-   that only closes the gate where the echo explains most of the frame, and
-   otherwise sets its own bar). The three, from 0.20, 0.25, ..., 0.95, are
-   those with the best pooled F1 over the training scenes that flag at most
-   3 % of the frames where the far end plays alone, computed as the library
-   computes (float32). The onset stands at least 0.15 above the threshold
-   that keeps the flag: over long stretches of noise alone (a minute, not
-   the seconds of noise the training scenes begin with) the output wanders
-   by about that much, and a lone frame of noise must not start a flag.
+   threshold, a higher one to raise the flag than to keep it, and never while
+   the canceller hears echo alone. The pair, from 0.20, 0.25, ..., 0.95, is
+   the one with the best pooled F1 over the training scenes, computed as the
+   library computes (float32). The onset stands at least 0.15 above the
+   threshold that keeps the flag: over long stretches of noise alone (a
+   minute, not the seconds of noise the training scenes begin with) the
+   output wanders by about that much, and a lone frame of noise must not
+   start a flag.
 """
 import argparse
 import os
@@ -50,7 +48,6 @@ import numpy as np
 import torch
 
 HIDDEN = 20
-ECHO_CUE = 6  # kCueEcho
 PRESENCE_CONTEXT = 3
 FLAG_CONTEXT = 5
 FIRST_HOP = 40
@@ -60,9 +57,7 @@ STEPS = 1000
 LEARNING_RATE = 0.01
 WEIGHT_DECAY = 1e-4
 SEED = 1
-ECHO_EXPLAINED = 0.5  # kEchoExplained in src/adsp_ns/vad_enhanced.cpp
 MIN_ONSET_MARGIN = 0.15
-ECHO_ALONE_BUDGET = 0.03
 
 
 def read_data(path):
@@ -156,11 +151,10 @@ def sigmoid(z):
     return (1.0 / (1.0 + np.exp(-z.astype(np.float32)))).astype(np.float32)
 
 
-def decide(out, gated, bounds, threshold, onset, echo_threshold):
+def decide(out, bounds, threshold, onset):
     """The library's flags for the outputs of scenes laid end to end."""
     flags = np.zeros(len(out), dtype=bool)
-    start = out > np.where(gated, echo_threshold, onset)
-    keep = out > np.where(gated, echo_threshold, threshold)
+    start, keep = out > onset, out > threshold
     for begin, end in zip(bounds[:-1], bounds[1:]):
         speaking = False
         for i in range(begin, end):
@@ -170,10 +164,9 @@ def decide(out, gated, bounds, threshold, onset, echo_threshold):
 
 
 def choose_thresholds(scenes, presence, flag):
-    """The flag's thresholds, for frames the canceller calls echo alone and for
-    the others: the pair with the best pooled F1 over the scenes that flags
-    at most ECHO_ALONE_BUDGET of the frames where the far end plays alone."""
-    outputs, gated, far, labels = [], [], [], []
+    """The flag's thresholds, to keep it and to raise it: the pair with the
+    best pooled F1 over the scenes."""
+    outputs, labels = [], []
     for cues, scene_labels, _, gates in scenes:
         hop_prob = np.zeros(len(cues), dtype=np.float32)
         hop_prob[PRESENCE_CONTEXT - 1:] = sigmoid(
@@ -181,31 +174,21 @@ def choose_thresholds(scenes, presence, flag):
         f = flag_frames(cues, scene_labels)
         recent = np.max(np.stack([hop_prob[2 * f - back] for back in range(FLAG_CONTEXT)]), axis=0)
         out = np.minimum(sigmoid(logits(flag, stack(cues, 2 * f, FLAG_CONTEXT))), recent)
-        # The frame's echo share is the mean of its two hops' echo cue.
-        echo_share = np.float32(0.5) * (cues[2 * f, ECHO_CUE] + cues[2 * f + 1, ECHO_CUE])
-        out[((gates[f] & 1) != 0) & (echo_share > np.float32(ECHO_EXPLAINED))] = 0.0
+        out[(gates[f] & 1) != 0] = 0.0  # echo alone is never speech
         outputs.append(out)
-        gated.append((gates[f] & 1) != 0)
-        far.append((gates[f] & 2) != 0)
         labels.append(scene_labels[f - FLAG_LAG] != 0)
-    out, gated, far, labels = (np.concatenate(a) for a in (outputs, gated, far, labels))
-    echo_alone = far & ~labels
     bounds = np.cumsum([0] + [len(o) for o in outputs])
+    out, labels = np.concatenate(outputs), np.concatenate(labels)
     steps = [np.float32(0.2 + 0.05 * i) for i in range(16)]
-    best = (0.0, steps[0], steps[0], steps[0])
+    best = (0.0, steps[0], steps[0])
     for threshold in steps:
         for onset in (t for t in steps if t >= threshold + MIN_ONSET_MARGIN - 1e-6):
-            for echo_threshold in (t for t in steps if t >= threshold):
-                flags = decide(out, gated, bounds, threshold, onset, echo_threshold)
-                tp = np.sum(flags & labels)
-                f1 = 2 * tp / max(2 * tp + np.sum(flags & ~labels) + np.sum(~flags & labels), 1)
-                stray = np.mean(flags[echo_alone]) if echo_alone.any() else 0.0
-                if stray <= ECHO_ALONE_BUDGET and f1 > best[0]:
-                    best = (f1, threshold, onset, echo_threshold)
-    f1, threshold, onset, echo_threshold = best
-    flags = decide(out, gated, bounds, threshold, onset, echo_threshold)
-    print(f"thresholds {threshold:.2f}, onset {onset:.2f}, echo alone {echo_threshold:.2f}: F1 {f1:.3f}, "
-          f"far end alone flagged {np.mean(flags[echo_alone]) * 100:.1f} %", file=sys.stderr)
+            flags = decide(out, bounds, threshold, onset)
+            tp = np.sum(flags & labels)
+            f1 = 2 * tp / max(2 * tp + np.sum(flags & ~labels) + np.sum(~flags & labels), 1)
+            if f1 > best[0]:
+                best = (f1, threshold, onset)
+    print(f"thresholds {best[1]:.2f}, onset {best[2]:.2f}: F1 {best[0]:.3f}", file=sys.stderr)
     return best
 
 
@@ -243,7 +226,7 @@ def main():
         if args.nets:
             np.savez(args.nets, **{f"presence_{k}": v for k, v in presence.items()},
                      **{f"flag_{k}": v for k, v in flag.items()})
-    f1, threshold, onset, echo_threshold = choose_thresholds(scenes, presence, flag)
+    f1, threshold, onset = choose_thresholds(scenes, presence, flag)
 
     text = ("// Generated by bench/quality/train_presence.py (its header gives the command and the\n"
             f"// assumptions); do not edit. {len(x)} training hops from {len(scenes)} scenes; the speech flag's\n"
@@ -253,11 +236,10 @@ def main():
     text += net_text("NetTable<kFlagInputs>", "kFlagNet", flag)
     text += f"const float kFlagThreshold = {float(threshold):#.9g}f;\n"
     text += f"const float kFlagOnsetThreshold = {float(onset):#.9g}f;\n"
-    text += f"const float kFlagEchoThreshold = {float(echo_threshold):#.9g}f;\n// clang-format on\n\n}}  // namespace vorn\n"
+    text += "// clang-format on\n\n}  // namespace vorn\n"
     with open(args.table, "w") as f:
         f.write(text)
-    print(f"wrote {args.table}: flag F1 {f1:.3f} at thresholds {float(threshold):.2f} / {float(onset):.2f} / "
-          f"{float(echo_threshold):.2f}"
+    print(f"wrote {args.table}: flag F1 {f1:.3f} at thresholds {float(threshold):.2f} / {float(onset):.2f}"
           " over the training scenes")
 
 

@@ -160,10 +160,7 @@ void EnhancedVadInit(EnhancedVadState* st);
 // the frame just analysed), from the presence state's last five hops.
 float EnhancedOutputPresence(const EnhancedPresenceState& st);
 // The speech flag of that frame. `echo_alone`: the canceller hears the far
-// end's echo and no near talker beside it, which it also says now and then
-// in double talk; `echo_share` (0..1): how much of the frame the far end's
-// echo explains. Echo alone that explains most of the frame is never speech;
-// otherwise echo alone asks for a surer presence.
-int EnhancedVadDecide(EnhancedVadState* st, float output_prob, bool echo_alone, float echo_share);
+// end's echo and no near talker beside it; echo alone is never speech.
+int EnhancedVadDecide(EnhancedVadState* st, float output_prob, bool echo_alone);
 
 }  // namespace vorn

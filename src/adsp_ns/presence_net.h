@@ -30,12 +30,10 @@ struct NetTable {
 
 extern const NetTable<kNetInputs> kPresenceNet;
 extern const NetTable<kFlagInputs> kFlagNet;
-// The speech flag's thresholds: it stays 1 above kFlagThreshold, rises
-// above kFlagOnsetThreshold, and needs kFlagEchoThreshold while the
-// canceller hears echo alone.
+// The speech flag's thresholds: it stays 1 above kFlagThreshold and rises
+// above kFlagOnsetThreshold.
 extern const float kFlagThreshold;
 extern const float kFlagOnsetThreshold;
-extern const float kFlagEchoThreshold;
 
 // The output's logit for one set of inputs (plain float arithmetic in a
 // fixed order: the same inputs give the same bits everywhere).

@@ -8,22 +8,18 @@ namespace vorn {
 namespace {
 
 constexpr int kFramesMax = 1 << 30;
-// Above this share of the frame explained by the far end's echo, a frame
-// the canceller calls echo alone is no speech (bench/quality/train_presence.py
-// chooses the thresholds with the same figure).
-constexpr float kEchoExplained = 0.5f;
 
 }  // namespace
 
 void EnhancedVadInit(EnhancedVadState* st) { *st = EnhancedVadState{}; }
 
-int EnhancedVadDecide(EnhancedVadState* st, float output_prob, bool echo_alone, float echo_share) {
+int EnhancedVadDecide(EnhancedVadState* st, float output_prob, bool echo_alone) {
   if (st->frames < kFramesMax) ++st->frames;
-  if (echo_alone && echo_share > kEchoExplained) output_prob = 0.0f;
+  if (echo_alone) output_prob = 0.0f;
   // A talker already flagged keeps the flag at a lower presence than one
   // must reach to raise it: a lone frame of noise that looks a little like
   // speech does not start a flag.
-  const float bar = echo_alone ? kFlagEchoThreshold : st->speaking != 0 ? kFlagThreshold : kFlagOnsetThreshold;
+  const float bar = st->speaking != 0 ? kFlagThreshold : kFlagOnsetThreshold;
   st->speaking = output_prob > bar ? 1 : 0;
   return st->speaking;
 }

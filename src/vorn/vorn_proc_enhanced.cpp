@@ -100,7 +100,7 @@ int32_t SuppressStage(T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
 
 void VadStage(T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
   EnhancedSpeechRecords& speech = EnhancedStateOf(st)->modules.speech;
-  pm->vad_flag = EnhancedVadDecide(&speech.vad, fr.presence.output_prob, fr.echo.echo_only, fr.presence.echo);
+  pm->vad_flag = EnhancedVadDecide(&speech.vad, fr.presence.output_prob, fr.echo.echo_only);
 }
 
 void LevelStage(const T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
