@@ -283,7 +283,14 @@ bool RenderScene(const Scene& scene, RenderedScene* out, std::string* error) {
   const PlacedSource far = Place(scene.far_end, n, Samples(scene.far_begin_s), Samples(scene.far_end_s),
                                  SubSeed(scene.seed, 2), far_voice);
   Signal drive = far.samples;
-  if (const double ms = MaskedMeanSquare(drive, far.active, 1); ms > 0.0)
+  // Levels are set over the far end's syllables; a far end that never
+  // pauses (music) has none the detector finds, and is levelled over its
+  // whole window instead, or it would play at whatever level it came with.
+  std::vector<std::uint8_t> far_level_mask = far.active;
+  if (std::find(far_level_mask.begin(), far_level_mask.end(), 1) == far_level_mask.end())
+    std::fill(far_level_mask.begin() + static_cast<long>(std::min(n, Samples(scene.far_begin_s))),
+              far_level_mask.begin() + static_cast<long>(std::min(n, Samples(scene.far_end_s))), 1);
+  if (const double ms = MaskedMeanSquare(drive, far_level_mask, 1); ms > 0.0)
     Scale(drive, std::sqrt(DbfsToMeanSquare(scene.far_level_dbfs) / ms));
   out->reference = ToPcm(drive);
   double peak = 0.0;
@@ -302,7 +309,9 @@ bool RenderScene(const Scene& scene, RenderedScene* out, std::string* error) {
                              scene.array_centre.z + offset.z};
   const std::vector<std::uint8_t> far_active = Delayed(far.active, DirectDelay(loudspeaker_at, mic0) + echo_delay);
   ThreeMics echo = ThroughRoom(scene, loudspeaker_at, drive);
-  if (const double ms = MaskedMeanSquare(echo[0], far_active, 1); ms > 0.0)
+  if (const double ms =
+          MaskedMeanSquare(echo[0], Delayed(far_level_mask, DirectDelay(loudspeaker_at, mic0) + echo_delay), 1);
+      ms > 0.0)
     Scale(echo, std::sqrt(DbfsToMeanSquare(scene.echo_level_dbfs) / ms));
   AddInto(capture, echo);
 

@@ -245,6 +245,15 @@ TEST(Simulator, UserTalkerOverEchoSpansLevelLagClippingErleAndFiles) {
   EXPECT_EQ(FindLatency(ToSignal(lagged.reference), Channel(lagged.mics, 0), 1024), base_lag + 320);
   const double si_sdr = SiSdrDb(Channel(hard.mics, 0), mic0);  // no longer a scaled copy of the clean echo
   EXPECT_TRUE(si_sdr > 3.0 && si_sdr < 20.0) << si_sdr;
+  // A far end that never pauses (a quiet held tone) has no syllables to be
+  // levelled by; its echo still lands at the level asked for.
+  Scene held = scene;
+  held.far_end.resize(static_cast<std::size_t>(2.0 * kSampleRate));
+  for (std::size_t i = 0; i < held.far_end.size(); ++i)
+    held.far_end[i] = static_cast<float>(300.0 * std::sin(2.0 * std::numbers::pi * 440.0 * i / kSampleRate));
+  const Signal held_mic0 = Channel(Render(held).mics, 0);
+  const Signal before_talker(held_mic0.begin() + kSampleRate / 5, held_mic0.begin() + kSampleRate);
+  EXPECT_NEAR(RmsDbfs(before_talker), -22.0, 1.5);
 }
 
 TEST(Simulator, VadAndDoaScores) {

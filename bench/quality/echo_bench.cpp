@@ -398,7 +398,8 @@ std::string Markdown(const Results& r) {
 
 }  // namespace
 
-bool RunEchoBench(const std::filesystem::path& dir, const std::string& match, std::string* error) {
+bool RunEchoBench(const std::filesystem::path& dir, const std::string& match, const std::string& system_match,
+                  std::string* error) {
   Results results;
   const std::vector<System> systems = Systems();
   for (const EchoScene& echo : EchoGrid()) {
@@ -410,12 +411,17 @@ bool RunEchoBench(const std::filesystem::path& dir, const std::string& match, st
       return false;
     }
     for (const System& system : systems) {
+      const std::string label = ChainConfig(system.chain, VORN_PROFILE_CLASSIC).name + "/" + system.name;
+      if (!system_match.empty() && label.find(system_match) == std::string::npos) continue;
       SystemRun run;
       if (!system.run(echo, rendered, &run, error)) {
         *error = system.name + " on " + echo.name + ": " + *error;
         return false;
       }
-      results.by_scene[echo.name][system.chain][system.name] = Score(echo, rendered, run);
+      const EchoScore& score = results.by_scene[echo.name][system.chain][system.name] = Score(echo, rendered, run);
+      if (!system_match.empty())
+        std::fprintf(stderr, "  %s: SI-SDR %.1f dB, ERLE converged %.1f dB, whole %.1f dB\n", label.c_str(),
+                     score.double_talk_si_sdr, score.erle_converged, score.erle_whole);
     }
     std::fprintf(stderr, "scored %s\n", echo.name.c_str());
   }

@@ -615,20 +615,22 @@ int main(int argc, char** argv) {
   // --only TOPIC runs one section alone (direction, noise_vad, beam, level
   // or echo; beam and level go to OUT_DIR/sections, which the report
   // links); --match TEXT keeps the direction or echo section's scenes whose
-  // name contains TEXT (a quicker look while developing).
-  std::string only, match;
+  // name contains TEXT (a quicker look while developing); --system TEXT
+  // keeps the echo section's systems whose "chain/system" label contains
+  // TEXT and prints their figures per scene.
+  std::string only, match, system_match;
   std::vector<std::string> rest;
   for (int i = 1; i < argc; ++i) {
     const std::string arg = argv[i];
-    if ((arg == "--only" || arg == "--match") && i + 1 < argc)
-      (arg == "--only" ? only : match) = argv[++i];
+    if ((arg == "--only" || arg == "--match" || arg == "--system") && i + 1 < argc)
+      (arg == "--only" ? only : arg == "--match" ? match : system_match) = argv[++i];
     else
       rest.push_back(arg);
   }
   const bool known = only.empty() || only == "direction" || only == "noise_vad" || only == "beam" || only == "level" ||
                      only == "echo";
   if (rest.size() != 1 || !known) {
-    std::fprintf(stderr, "usage: vorn_bench_quality OUT_DIR [--only direction|noise_vad|beam|level|echo] [--match TEXT]\n");
+    std::fprintf(stderr, "usage: vorn_bench_quality OUT_DIR [--only direction|noise_vad|beam|level|echo] [--match TEXT] [--system TEXT]\n");
     return 2;
   }
   const std::filesystem::path dir = rest[0];
@@ -637,7 +639,7 @@ int main(int argc, char** argv) {
   if (only == "noise_vad") return vorn::bench::RunNoiseVadSection(dir);
   std::string echo_error;
   if (only == "echo") {
-    if (RunEchoBench(dir, match, &echo_error)) return 0;
+    if (RunEchoBench(dir, match, system_match, &echo_error)) return 0;
     std::fprintf(stderr, "%s\n", echo_error.c_str());
     return 1;
   }
@@ -705,7 +707,7 @@ int main(int argc, char** argv) {
   }
   std::printf("%s", md.c_str());
   if (const int rc = RunDirectionBench(dir); rc != 0) return rc;
-  if (!RunEchoBench(dir, "", &echo_error)) {
+  if (!RunEchoBench(dir, "", "", &echo_error)) {
     std::fprintf(stderr, "%s\n", echo_error.c_str());
     return 1;
   }

@@ -179,12 +179,15 @@ void GccCrossToLags(const GccCross& cross, GccLags lags) {
   }
 }
 
+float GccAgreement(float score, float weight) {
+  if (!(weight > 0.0f)) return 0.0f;
+  const float c = (score / (kGccPairs * weight) - 0.05f) / 0.35f;
+  return c < 0.0f ? 0.0f : c > 1.0f ? 1.0f : c;
+}
+
 float GccConfidence(float score, float weight) {
   if (!(weight > 0.0f)) return 0.0f;
-  const float agreement = score / (kGccPairs * weight);
-  float c = (agreement - 0.05f) / 0.35f;
-  c = c < 0.0f ? 0.0f : c > 1.0f ? 1.0f : c;
-  return c * (1.0f - std::exp(-weight / kConfidentWeight));
+  return GccAgreement(score, weight) * (1.0f - std::exp(-weight / kConfidentWeight));
 }
 
 float GccScore(const GccLags lags, int azimuth_deg, int elevation_deg) {

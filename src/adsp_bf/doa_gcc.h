@@ -101,8 +101,10 @@ GccPeak GccSearch(const GccLags lags, int elevation_step_deg);
 
 // How much pooled evidence agrees on its peak (0..1): the peak's score
 // against the largest it could reach (every weighted bin of every pair in
-// phase, `weight` being the bin weights pooled), scaled down while little
-// evidence has been pooled.
+// phase, `weight` being the bin weights pooled).
+float GccAgreement(float score, float weight);
+
+// The agreement, scaled down while little evidence has been pooled.
 float GccConfidence(float score, float weight);
 
 // The summed correlations at one direction (integer degrees).

@@ -18,7 +18,10 @@
 // The fast one holds less and also forgets with time, about a quarter
 // second of speech; when it keeps pointing elsewhere the slow one restarts
 // from it, so a talker who walks is followed, within a second where the
-// onsets come often enough.
+// onsets come often enough. A restart finds the talker mid-walk, so for
+// about a second of speech after it the slow pool keeps the fast one's
+// short memory: where the walk ends the direction settles on the new place
+// instead of averaging in the path that led there.
 #include "adsp_bf/doa_tracker_enhanced.h"
 
 #include <cmath>
@@ -35,11 +38,17 @@ constexpr float kSlowEvidence = 150.0f;
 constexpr float kFastEvidence = 40.0f;
 // The fast pool also forgets with time: a quarter second of speech.
 constexpr float kFastSpeechHops = 16.0f;
-// The fast pool must disagree by this much, with this confidence, for this
-// much evidence, before the slow one restarts from it.
+// The fast pool must disagree by this much, with its evidence this much in
+// agreement, for this much evidence, before the slow one restarts from it.
+// The agreement is judged whatever the amount of evidence the fast pool
+// holds: in noise it holds little, and a talker who walks there must still
+// be followed.
 constexpr float kMovedDeg = 20.0f;
-constexpr float kMoveConfidence = 0.1f;
+constexpr float kMoveAgreement = 0.3f;
 constexpr float kMoveEvidence = 5.0f;
+// Hops with evidence, after a restart, over which the slow pool forgets as
+// the fast one does: about a second of speech.
+constexpr int kMovingHops = 40;
 constexpr int kEchoTailHops = 16;        // 256 ms, a room's echo tail
 constexpr int kTrackElevationStep = 20;  // heights 0, 20 and 40 degrees
 constexpr int kPooledElevationStep = 5;
@@ -124,14 +133,17 @@ DoaTrack DoaTrackerHop(TDoaTrackerEnhanced* t, const float spectra[kBfChannels][
     GccAddCross(band, weight, hop_gate, &cross);
     GccLags hop;
     GccCrossToLags(cross, hop);
-    Pool(t->slow, &t->slow_weight, hop, evidence, kSlowEvidence / (kSlowEvidence + evidence));
-    Pool(t->fast, &t->fast_weight, hop, evidence, FastKeep(evidence, hop_gate));
+    const float fast_keep = FastKeep(evidence, hop_gate);
+    const bool moving = t->moving_hops > 0;
+    if (moving) --t->moving_hops;
+    Pool(t->slow, &t->slow_weight, hop, evidence, moving ? fast_keep : kSlowEvidence / (kSlowEvidence + evidence));
+    Pool(t->fast, &t->fast_weight, hop, evidence, fast_keep);
     Pool(t->since_asked, &t->since_asked_weight, hop, evidence, 1.0f);
 
     GccPeak slow = GccSearch(t->slow, kTrackElevationStep);
     const GccPeak fast = GccSearch(t->fast, kTrackElevationStep);
-    const float fast_confidence = GccConfidence(fast.score, t->fast_weight);
-    if (AngleBetween(fast.azimuth_deg, slow.azimuth_deg) > kMovedDeg && fast_confidence > kMoveConfidence) {
+    if (AngleBetween(fast.azimuth_deg, slow.azimuth_deg) > kMovedDeg &&
+        GccAgreement(fast.score, t->fast_weight) > kMoveAgreement) {
       t->move_votes += evidence;
     } else {
       t->move_votes = t->move_votes > evidence ? t->move_votes - evidence : 0.0f;
@@ -141,6 +153,7 @@ DoaTrack DoaTrackerHop(TDoaTrackerEnhanced* t, const float spectra[kBfChannels][
       t->slow_weight = t->fast_weight;
       slow = fast;
       t->move_votes = 0.0f;
+      t->moving_hops = kMovingHops;
     }
     t->azimuth_deg = slow.azimuth_deg;
     t->elevation_deg = slow.elevation_deg;

@@ -21,6 +21,7 @@ struct TDoaTrackerEnhanced {
   float far_hold;                                      // the far end's activity, held over its echo in the room
   int far_tail_hops;                                   // hops left to hold it
   float move_votes;                                    // evidence that the fast pool points elsewhere
+  int moving_hops;                                     // evidence hops of short memory left after a restart
   float azimuth_deg, elevation_deg, confidence;
   float reported_confidence;  // of the azimuth last written by VornProc or VornDoa
   int hops;                   // hops analysed, saturating
