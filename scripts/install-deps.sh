@@ -27,7 +27,8 @@ if [ "${1:-}" != "--tools" ]; then
   command -v dpkg-shlibdeps >/dev/null || need+=(dpkg-dev)
   # The Python module and its tests, built against the distribution's
   # interpreter; pip and setuptools for `pip install --no-build-isolation .`;
-  # Dask distributed for the cluster batch and its test.
+  # Dask distributed for the cluster batch and its test. (PyTorch, which
+  # retrains the speech presence, is a development tool: not installed here.)
   [ -f /usr/include/pybind11/pybind11.h ] || need+=(pybind11-dev)
   [ -x /usr/bin/python3-config ] || need+=(python3-dev)
   for module in numpy:python3-numpy pytest:python3-pytest pybind11:python3-pybind11 pip:python3-pip \

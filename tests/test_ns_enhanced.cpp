@@ -1,6 +1,7 @@
 // The enhanced profile's speech presence, suppressor and speech flag, driven
 // through the public calls as a device drives them: what they do with
-// speech, noise, echo and hostile input, and the presence getter.
+// speech, noise, echo and hostile input, and the presence getter; and the
+// speech flag's decision rule on its own.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -9,6 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "adsp_ns/ns_enhanced.h"
+#include "adsp_ns/presence_net.h"
 #include "sim/front_end_param.h"
 #include "sim/signals.h"
 #include "vorn_proc.h"
@@ -177,6 +180,34 @@ TEST(EnhancedSpeech, SuppressesNoiseAndKeepsTheTalker) {
     const double talker_change = 20.0 * std::log10(RmsOf(run.out, 5 * kRate + 384, n - 384) /
                                                    RmsOf(talker.samples, 5 * kRate, n - 768));
     EXPECT_NEAR(talker_change, 0.0, 2.0);
+  }
+}
+
+// The flag rises only above the onset threshold, stays up down to the lower
+// one, and echo alone closes it whatever the presence says.
+TEST(EnhancedSpeech, FlagRisesAtTheOnsetAndHoldsAtTheLowerThreshold) {
+  ASSERT_LT(kFlagThreshold, kFlagOnsetThreshold);
+  const float between = 0.5f * (kFlagThreshold + kFlagOnsetThreshold);
+  struct Step {
+    float prob;
+    bool echo_alone;
+    int flag;
+  };
+  const Step steps[] = {
+      {between, false, 0},                      // not enough to raise it
+      {kFlagOnsetThreshold + 0.01f, false, 1},  // raised
+      {between, false, 1},                      // held
+      {kFlagThreshold - 0.01f, false, 0},       // dropped
+      {between, false, 0},                      // not raised again on the lower bar
+      {1.0f, false, 1},                         // raised
+      {1.0f, true, 0},                          // echo alone is no talker
+      {between, false, 0},                      // and leaves the flag down
+  };
+  EnhancedVadState st;
+  EnhancedVadInit(&st);
+  for (std::size_t i = 0; i < std::size(steps); ++i) {
+    SCOPED_TRACE(i);
+    EXPECT_EQ(EnhancedVadDecide(&st, steps[i].prob, steps[i].echo_alone), steps[i].flag);
   }
 }
 

@@ -130,7 +130,8 @@ struct EnhancedSuppressorState {
 };
 
 struct EnhancedVadState {
-  int32_t frames;  // frames decided, saturating
+  int32_t frames;    // frames decided, saturating
+  int32_t speaking;  // the last frame's flag
 };
 
 // The three records as the enhanced region holds them.
@@ -158,7 +159,8 @@ void EnhancedVadInit(EnhancedVadState* st);
 // The presence of the frame leaving the suppressor now (384 samples behind
 // the frame just analysed), from the presence state's last five hops.
 float EnhancedOutputPresence(const EnhancedPresenceState& st);
-// The speech flag of that frame.
-int EnhancedVadDecide(EnhancedVadState* st, float output_prob);
+// The speech flag of that frame. `echo_alone`: the canceller hears the far
+// end's echo and no near talker beside it; echo alone is never speech.
+int EnhancedVadDecide(EnhancedVadState* st, float output_prob, bool echo_alone);
 
 }  // namespace vorn

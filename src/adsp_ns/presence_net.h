@@ -6,8 +6,8 @@
 // older), from the cues of the five hops around it, two of which came after
 // it; the speech flag reads it. Both normalise each input by the mean and
 // spread seen in training, have one hidden layer of kNetHidden tanh units and
-// a logistic output. Their weights are designed by
-// bench/quality/fit_presence.cpp, which writes presence_net_table.cpp.
+// a logistic output. Their weights are trained by
+// bench/quality/train_presence.py, which writes presence_net_table.cpp.
 #pragma once
 
 #include <cmath>
@@ -30,7 +30,10 @@ struct NetTable {
 
 extern const NetTable<kNetInputs> kPresenceNet;
 extern const NetTable<kFlagInputs> kFlagNet;
-extern const float kFlagThreshold;  // the speech flag is 1 above it
+// The speech flag's thresholds: it stays 1 above kFlagThreshold and rises
+// above kFlagOnsetThreshold.
+extern const float kFlagThreshold;
+extern const float kFlagOnsetThreshold;
 
 // The output's logit for one set of inputs (plain float arithmetic in a
 // fixed order: the same inputs give the same bits everywhere).

@@ -1,5 +1,5 @@
 // The enhanced profile's speech flag: the flag network's judgement of the
-// frame leaving the suppressor, against the threshold designed with it. The
+// frame leaving the suppressor, against the thresholds designed with it. The
 // flag and the audio it labels arrive together.
 #include "adsp_ns/ns_enhanced.h"
 #include "adsp_ns/presence_net.h"
@@ -13,9 +13,15 @@ constexpr int kFramesMax = 1 << 30;
 
 void EnhancedVadInit(EnhancedVadState* st) { *st = EnhancedVadState{}; }
 
-int EnhancedVadDecide(EnhancedVadState* st, float output_prob) {
+int EnhancedVadDecide(EnhancedVadState* st, float output_prob, bool echo_alone) {
   if (st->frames < kFramesMax) ++st->frames;
-  return output_prob > kFlagThreshold ? 1 : 0;
+  if (echo_alone) output_prob = 0.0f;
+  // A talker already flagged keeps the flag at a lower presence than one
+  // must reach to raise it: a lone frame of noise that looks a little like
+  // speech does not start a flag.
+  const float bar = st->speaking != 0 ? kFlagThreshold : kFlagOnsetThreshold;
+  st->speaking = output_prob > bar ? 1 : 0;
+  return st->speaking;
 }
 
 }  // namespace vorn

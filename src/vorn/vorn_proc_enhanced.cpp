@@ -100,9 +100,7 @@ int32_t SuppressStage(T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
 
 void VadStage(T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
   EnhancedSpeechRecords& speech = EnhancedStateOf(st)->modules.speech;
-  // Echo alone is never speech: the canceller hears no near talker beside
-  // it, so the decision sees no presence on those frames.
-  pm->vad_flag = EnhancedVadDecide(&speech.vad, fr.echo.echo_only ? 0.0f : fr.presence.output_prob);
+  pm->vad_flag = EnhancedVadDecide(&speech.vad, fr.presence.output_prob, fr.echo.echo_only);
 }
 
 void LevelStage(const T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {

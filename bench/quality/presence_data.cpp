@@ -1,0 +1,244 @@
+// vorn_presence_data SCENES OUT.bin: renders the training scenes of the
+// enhanced speech presence's two networks (src/adsp_ns/presence_net.h) and
+// writes, per scene, the cues the library computes for every hop and the
+// talker's frame labels. bench/quality/train_presence.py trains the networks
+// on that file and writes src/adsp_ns/presence_net_table.cpp; its header
+// gives the command and the assumptions about training.
+//
+// Assumptions about the data, written here because the weights have no
+// closed rule:
+//  - Training scenes come from the bench's room simulator with seeds from
+//    9000 on, so none is one of the bench's own evaluation scenes (those use
+//    seeds below 1000). Each has a speech-like talker of its own (pitch
+//    90-250 Hz, 3-6 syllables a second, 45-75 % voiced), a level of -50 to
+//    -10 dBFS, a room of RT60 0.2-0.7 s, and one of the five noises of the
+//    bench (white, pink, speech-shaped, babble, a point source) at 0-20 dB.
+//    Every third scene has a far end as well (from the start for 5-9 s, its
+//    echo at -35 to -15 dBFS, the talker from 2-5 s on); half of those far
+//    ends are a speech-like talker, half music (the echo bench's generator).
+//  - Every scene goes through the chain the bench scores the speech flag in
+//    (enhanced profile, canceller on, suppressor, vad_mode 2), and the cues
+//    are read from the presence's record as the library computed them, so
+//    the networks learn from exactly what they will see.
+//  - Labels are the talker's syllable activity per 256-sample frame on the
+//    microphones' time line; the file also gives, per scene, the samples by
+//    which the heard signal lags the microphone (the canceller's 64), so the
+//    trainer can label each hop at the middle of its analysis window.
+//
+// File layout (native little-endian): "VPD2", then int32 cues per hop, hop
+// length, analysis length, frame length and scene count; per scene int32
+// seed, lag, hops and frames, float32 cues[hops][cues], uint8 labels[frames],
+// uint8 gates[hops / 2] (per processed frame: bit 0 the canceller called it
+// echo alone, bit 1 the far end plays or its echo still rings).
+// About five minutes on one core, most of it rendering the scenes
+// (VORN_FIT_CACHE=DIR keeps rendered scenes between runs).
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "adsp_ns/ns_enhanced.h"
+#include "quality/echo_grid.h"
+#include "sim/metrics.h"
+#include "sim/front_end_param.h"
+#include "vorn/vorn_echo_stage.h"
+#include "vorn/vorn_enhanced_state.h"
+#include "vorn/vorn_state.h"
+#include "vorn_proc.h"
+
+namespace {
+
+using namespace vorn;
+using namespace vorn::sim;
+
+constexpr std::uint32_t kFirstSeed = 9000;
+constexpr std::size_t kAecBlock = 64;
+constexpr double kEchoTailS = 0.3;  // the room still rings with the far end this long after it stops
+
+bool HasFarEnd(std::uint32_t seed) { return seed % 3 == 0; }
+
+// The scene and its talker's syllable activity per sample (from the start
+// of the talker's window).
+Scene TrainingScene(std::uint32_t seed, std::vector<std::uint8_t>* talker_active) {
+  std::mt19937 rng(seed);
+  std::uniform_real_distribution<double> u(0.0, 1.0);
+  Scene s;
+  s.seed = seed;
+  s.room.rt60_s = 0.2 + 0.5 * u(rng);
+  s.far_begin_s = s.far_end_s = 0.0;
+  s.talker_begin_s = 1.0 + 2.0 * u(rng);
+  if (HasFarEnd(seed)) {
+    s.far_end_s = 5.0 + 4.0 * u(rng);
+    s.echo_level_dbfs = -35.0 + 20.0 * u(rng);
+    s.talker_begin_s = 2.0 + 3.0 * u(rng);
+    // Every other far end plays music, which never pauses for the talker.
+    if (seed % 2 == 1)
+      s.far_end = bench::MakeMusicLike(static_cast<std::size_t>(s.far_end_s * sim::kSampleRate), 3000.0, seed * 5u + 1u);
+  }
+  s.talker_end_s = 12.0;
+  s.azimuth_deg = 360.0 * u(rng);
+  s.talker_level_dbfs = -50.0 + 40.0 * u(rng);
+  sim::SpeechLikeOptions voice;
+  voice.f0_hz = 90.0 + 160.0 * u(rng);
+  voice.syllable_hz = 3.0 + 3.0 * u(rng);
+  voice.duty = 0.45 + 0.3 * u(rng);
+  voice.lead_silence_s = 0.3 * u(rng);
+  const std::size_t samples = static_cast<std::size_t>((s.talker_end_s - s.talker_begin_s) * sim::kSampleRate);
+  sim::SpeechLike talker = sim::MakeSpeechLike(samples, seed * 7u + 3u, voice);
+  s.talker = std::move(talker.samples);
+  *talker_active = std::move(talker.active);
+  NoiseSource noise;
+  noise.snr_db = 20.0 * u(rng);
+  switch (seed % 5) {
+    case 0: noise.kind = NoiseKind::kSensor, noise.colour = NoiseColour::kWhite; break;
+    case 1: noise.kind = NoiseKind::kDiffuse, noise.colour = NoiseColour::kPink; break;
+    case 2: noise.kind = NoiseKind::kDiffuse, noise.colour = NoiseColour::kSpeechShaped; break;
+    case 3: noise.kind = NoiseKind::kBabble; break;
+    default:
+      noise.kind = NoiseKind::kInterferer, noise.colour = NoiseColour::kPink;
+      noise.azimuth_deg = 360.0 * u(rng);
+      noise.distance_m = 1.0 + u(rng);
+  }
+  s.noises.push_back(noise);
+  s.noises.push_back({NoiseKind::kSensor, NoiseColour::kWhite, 45.0});
+  return s;
+}
+
+template <class T>
+void Put(std::ofstream& o, const std::vector<T>& v) {
+  const std::size_t n = v.size();
+  o.write(reinterpret_cast<const char*>(&n), sizeof n);
+  o.write(reinterpret_cast<const char*>(v.data()), static_cast<std::streamsize>(n * sizeof(T)));
+}
+template <class T>
+void Get(std::ifstream& i, std::vector<T>& v) {
+  std::size_t n = 0;
+  i.read(reinterpret_cast<char*>(&n), sizeof n);
+  v.resize(n);
+  i.read(reinterpret_cast<char*>(v.data()), static_cast<std::streamsize>(n * sizeof(T)));
+}
+
+// Microphone 0 and the frame labels of a training scene, rendered or read back.
+bool Load(std::uint32_t seed, std::vector<std::int16_t>* mics, std::vector<std::int16_t>* reference,
+          std::vector<std::uint8_t>* labels) {
+  const char* cache = std::getenv("VORN_FIT_CACHE");
+  const std::string path = cache ? std::string(cache) + "/fit_" + std::to_string(seed) + ".bin" : "";
+  if (!path.empty() && std::filesystem::exists(path)) {
+    std::ifstream in(path, std::ios::binary);
+    Get(in, *mics);
+    Get(in, *reference);
+    Get(in, *labels);
+    return true;
+  }
+  RenderedScene r;
+  std::string error;
+  std::vector<std::uint8_t> talker_active;
+  const Scene scene = TrainingScene(seed, &talker_active);
+  if (!RenderScene(scene, &r, &error)) {
+    std::fprintf(stderr, "scene %u left out: %s\n", seed, error.c_str());
+    return false;
+  }
+  // Labels as the bench's own talkers get them: syllable activity, moved to
+  // the microphones' time line by the direct path (the simulator labels a
+  // talker it is handed by its energy instead, which runs a frame wider).
+  std::vector<std::uint8_t> active(r.mics.size() / kMics, 0);
+  const std::size_t begin = static_cast<std::size_t>(scene.talker_begin_s * sim::kSampleRate) + r.truth.talker_delay;
+  for (std::size_t i = 0; i < talker_active.size() && begin + i < active.size(); ++i) active[begin + i] = talker_active[i];
+  r.truth.speech = sim::FrameLabels(active);
+  *mics = r.mics;
+  *reference = r.reference;
+  *labels = r.truth.speech;
+  if (!path.empty()) {
+    std::ofstream out(path, std::ios::binary);
+    Put(out, *mics);
+    Put(out, *reference);
+    Put(out, *labels);
+  }
+  return true;
+}
+
+using Cues = std::array<float, kPresenceCues>;
+
+struct SceneCues {
+  std::vector<Cues> hops;            // per hop, as the library computes them
+  std::vector<std::uint8_t> labels;  // per frame
+  std::vector<std::uint8_t> gates;   // per frame: 1 echo alone (the canceller's picture), 2 far end playing
+  std::size_t delay = 0;             // samples the heard signal lags the microphone
+};
+
+// The cues of every hop as the library computes them in the bench's speech
+// chain (enhanced profile, canceller, suppressor; vad_mode 2), read from the
+// presence's record after each frame: the frame's two hops are its newest.
+SceneCues Analyse(const std::vector<std::int16_t>& mics, const std::vector<std::int16_t>& reference,
+                  const std::vector<std::uint8_t>& labels, double far_begin_s, double far_end_s) {
+  SceneCues sc;
+  sc.labels = labels;
+  sc.delay = kAecBlock;
+  const std::size_t frames = std::min(mics.size() / (kMics * kFrame), reference.size() / kFrame);
+  std::vector<unsigned char> state(static_cast<std::size_t>(VornGetBuffSize()) + 1000000);
+  const sim::Switches switches{.aec = 1, .ns = 1, .vad_mode = 2};
+  T_VornParam pm = sim::ParamKeeping(state.data(), switches, 0);
+  if (VornInit(&pm, nullptr) != 0 || VornSetProfile(&pm, VORN_PROFILE_ENHANCED) != 0) return sc;
+  const EnhancedPresenceState& presence = EnhancedStateOf(VornStateOf(&pm))->modules.speech.presence;
+  short order[3] = {0, 1, 2}, out[kFrame];
+  for (std::size_t f = 0; f < frames; ++f) {
+    if (VornProc(&pm, &mics[f * kMics * kFrame], &reference[f * kFrame], out, order) != 0) break;
+    for (int back = 1; back >= 0; --back) {
+      Cues c;
+      std::copy(presence.recent_cues[back], presence.recent_cues[back] + kPresenceCues, c.begin());
+      sc.hops.push_back(c);
+    }
+    const double t = static_cast<double>(f * kFrame) / sim::kSampleRate;
+    sc.gates.push_back(static_cast<std::uint8_t>((EchoStageOf(VornStateOf(&pm))->picture.echo_only ? 1 : 0) |
+                                                 (t >= far_begin_s && t < far_end_s + kEchoTailS ? 2 : 0)));
+  }
+  return sc;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc != 3) {
+    std::fprintf(stderr, "usage: vorn_presence_data SCENES OUT.bin\n");
+    return 2;
+  }
+  const int scenes = std::atoi(argv[1]);
+  std::ofstream out(argv[2], std::ios::binary);
+  if (!out) {
+    std::fprintf(stderr, "cannot write %s\n", argv[2]);
+    return 1;
+  }
+  const auto put = [&out](std::int32_t v) { out.write(reinterpret_cast<const char*>(&v), sizeof v); };
+  out.write("VPD2", 4);
+  put(kPresenceCues), put(static_cast<std::int32_t>(kNsHop)), put(static_cast<std::int32_t>(kNsFftLen));
+  put(static_cast<std::int32_t>(kFrame)), put(scenes);
+  int written = 0;
+  for (int i = 0; i < scenes; ++i) {
+    const std::uint32_t seed = kFirstSeed + static_cast<std::uint32_t>(i);
+    std::vector<std::int16_t> mics, reference;
+    std::vector<std::uint8_t> labels;
+    if (!Load(seed, &mics, &reference, &labels)) continue;
+    std::vector<std::uint8_t> talker_active;
+    const Scene scene = TrainingScene(seed, &talker_active);
+    const SceneCues sc = Analyse(mics, reference, labels, scene.far_begin_s, scene.far_end_s);
+    put(static_cast<std::int32_t>(seed)), put(static_cast<std::int32_t>(sc.delay));
+    put(static_cast<std::int32_t>(sc.hops.size())), put(static_cast<std::int32_t>(sc.labels.size()));
+    for (const Cues& c : sc.hops) out.write(reinterpret_cast<const char*>(c.data()), sizeof c);
+    out.write(reinterpret_cast<const char*>(sc.labels.data()), static_cast<std::streamsize>(sc.labels.size()));
+    out.write(reinterpret_cast<const char*>(sc.gates.data()), static_cast<std::streamsize>(sc.gates.size()));
+    ++written;
+    std::fprintf(stderr, "scene %d ready\n", i);
+  }
+  if (written != scenes) {
+    std::fprintf(stderr, "%d of %d scenes could not be rendered\n", scenes - written, scenes);
+    return 1;
+  }
+  std::printf("wrote %s: %d scenes\n", argv[2], written);
+  return out ? 0 : 1;
+}

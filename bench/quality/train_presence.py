@@ -1,0 +1,247 @@
+#!/usr/bin/env python3
+"""Trains the enhanced speech presence's two networks and writes their table.
+
+    cmake --build build/rel --target vorn_presence_data
+    mkdir -p build/fit-cache
+    VORN_FIT_CACHE=build/fit-cache build/rel/bench/quality/vorn_presence_data 90 build/presence_data.bin
+    /usr/bin/python3 bench/quality/train_presence.py build/presence_data.bin src/adsp_ns/presence_net_table.cpp
+
+The data tool (bench/quality/presence_data.cpp) renders the training scenes
+and computes the library's own cues for every hop; this script only learns
+from them. Needs the distribution's PyTorch and NumPy (python3-torch,
+python3-numpy); a development step, never part of the build: the build
+compiles the table this writes. Three to four minutes of one core (--nets
+keeps the trained networks, to try threshold choices without training again).
+
+Assumptions, written here because the weights have no closed rule:
+ - The networks are those of src/adsp_ns/presence_net.h: inputs normalised by
+   their training mean and spread, one hidden layer of 20 tanh units, a
+   logistic output. The presence network reads the cues of a hop and the two
+   before it; the flag network the five hops ending at the first hop of the
+   frame it judges.
+ - A hop is labelled speech when the talker is in a syllable at the middle of
+   its analysis window. The frame leaving the suppressor takes the label of
+   the input frame two frames back (it lags by 1.5 frames, or 1.75 behind the
+   canceller; the bench rounds both to 2). The first 40 hops (20 frames) of a
+   scene are left out while the noise estimate settles.
+ - Each network is trained by full-batch Adam (learning rate 0.01, 1000 steps)
+   on the cross-entropy of its labels, with a weight decay of 1e-4 on the
+   weights, from uniform initial weights within 1/sqrt(inputs); one thread,
+   deterministic kernels and fixed seeds make every run give the same bits.
+ - The library calls a frame speech when the flag network's output, capped by
+   the largest presence of the five hops the flag network read, is above a
+   threshold, a higher one to raise the flag than to keep it, and never while
+   the canceller hears echo alone. The pair, from 0.20, 0.25, ..., 0.95, is
+   the one with the best pooled F1 over the training scenes, computed as the
+   library computes (float32). The onset stands at least 0.15 above the
+   threshold that keeps the flag: over long stretches of noise alone (a
+   minute, not the seconds of noise the training scenes begin with) the
+   output wanders by about that much, and a lone frame of noise must not
+   start a flag.
+"""
+import argparse
+import os
+import struct
+import sys
+
+import numpy as np
+import torch
+
+HIDDEN = 20
+PRESENCE_CONTEXT = 3
+FLAG_CONTEXT = 5
+FIRST_HOP = 40
+FIRST_FRAME = 20
+FLAG_LAG = 2
+STEPS = 1000
+LEARNING_RATE = 0.01
+WEIGHT_DECAY = 1e-4
+SEED = 1
+MIN_ONSET_MARGIN = 0.15
+
+
+def read_data(path):
+    """The scenes of a vorn_presence_data file: (cues [hops, cues], labels, lag)."""
+    with open(path, "rb") as f:
+        blob = f.read()
+    if blob[:4] != b"VPD2":
+        sys.exit(f"{path}: not a presence data file (run vorn_presence_data again)")
+    cues, hop, fft_len, frame, count = struct.unpack_from("<5i", blob, 4)
+    at = 24
+    scenes = []
+    for _ in range(count):
+        _seed, lag, hops, frames = struct.unpack_from("<4i", blob, at)
+        at += 16
+        c = np.frombuffer(blob, dtype="<f4", count=hops * cues, offset=at).reshape(hops, cues)
+        at += hops * cues * 4
+        labels = np.frombuffer(blob, dtype=np.uint8, count=frames, offset=at)
+        at += frames
+        gates = np.frombuffer(blob, dtype=np.uint8, count=hops // 2, offset=at)
+        at += hops // 2
+        scenes.append((c, labels, lag, gates))
+    return scenes, {"hop": hop, "fft_len": fft_len, "frame": frame}
+
+
+def stack(cues, last, context):
+    """Cues of `context` hops ending at each hop of `last`, newest first."""
+    return np.concatenate([cues[last - back] for back in range(context)], axis=1)
+
+
+def presence_set(scenes, geometry):
+    xs, ys = [], []
+    for cues, labels, lag, _ in scenes:
+        h = np.arange(FIRST_HOP, len(cues))
+        xs.append(stack(cues, h, PRESENCE_CONTEXT))
+        at = ((h + 1) * geometry["hop"] - geometry["fft_len"] // 2 - lag) // geometry["frame"]
+        ys.append(labels[at])
+    return np.concatenate(xs), np.concatenate(ys)
+
+
+def flag_frames(cues, labels):
+    """Frames a flag is judged for: each has its first hop and the one after."""
+    return np.arange(FIRST_FRAME, min(len(labels), len(cues) // 2))
+
+
+def flag_set(scenes):
+    xs, ys = [], []
+    for cues, labels, _, _ in scenes:
+        f = flag_frames(cues, labels)
+        xs.append(stack(cues, 2 * f, FLAG_CONTEXT))
+        ys.append(labels[f - FLAG_LAG])
+    return np.concatenate(xs), np.concatenate(ys)
+
+
+def train(x, y, name):
+    """A network trained on inputs x and 0/1 labels y, as float64 arrays."""
+    x = torch.from_numpy(x.astype(np.float64))
+    y = torch.from_numpy(y.astype(np.float64))
+    mean = x.mean(dim=0)
+    scale = 1.0 / torch.sqrt(((x - mean) ** 2).mean(dim=0) + 1e-6)
+    xs = (x - mean) * scale
+    inputs = x.shape[1]
+    generator = torch.Generator().manual_seed(SEED)
+    bound = 1.0 / np.sqrt(inputs)
+    w1 = ((torch.rand(HIDDEN, inputs, generator=generator, dtype=torch.float64) * 2 - 1) * bound).requires_grad_()
+    b1 = torch.zeros(HIDDEN, dtype=torch.float64, requires_grad=True)
+    w2 = ((torch.rand(HIDDEN, generator=generator, dtype=torch.float64) * 2 - 1) * bound).requires_grad_()
+    b2 = torch.zeros((), dtype=torch.float64, requires_grad=True)
+    optimiser = torch.optim.Adam(
+        [{"params": [w1, w2], "weight_decay": WEIGHT_DECAY}, {"params": [b1, b2], "weight_decay": 0.0}],
+        lr=LEARNING_RATE)
+    for step in range(1, STEPS + 1):
+        optimiser.zero_grad()
+        logit = torch.tanh(xs @ w1.T + b1) @ w2 + b2
+        loss = torch.nn.functional.binary_cross_entropy_with_logits(logit, y)
+        loss.backward()
+        optimiser.step()
+        if step % 100 == 0:
+            print(f"{name}, step {step}: cross-entropy {loss.item():.4f}", file=sys.stderr)
+    as32 = lambda t: t.detach().numpy().astype(np.float32)
+    return {"mean": as32(mean), "scale": as32(scale), "w1": as32(w1), "b1": as32(b1), "w2": as32(w2),
+            "b2": np.float32(b2.item())}
+
+
+def logits(net, x):
+    """The network's output logits for the rows of x, in float32 as the library computes them."""
+    xs = (x.astype(np.float32) - net["mean"]) * net["scale"]
+    return np.tanh(xs @ net["w1"].T + net["b1"]) @ net["w2"] + net["b2"]
+
+
+def sigmoid(z):
+    return (1.0 / (1.0 + np.exp(-z.astype(np.float32)))).astype(np.float32)
+
+
+def decide(out, bounds, threshold, onset):
+    """The library's flags for the outputs of scenes laid end to end."""
+    flags = np.zeros(len(out), dtype=bool)
+    start, keep = out > onset, out > threshold
+    for begin, end in zip(bounds[:-1], bounds[1:]):
+        speaking = False
+        for i in range(begin, end):
+            speaking = bool(keep[i]) if speaking else bool(start[i])
+            flags[i] = speaking
+    return flags
+
+
+def choose_thresholds(scenes, presence, flag):
+    """The flag's thresholds, to keep it and to raise it: the pair with the
+    best pooled F1 over the scenes."""
+    outputs, labels = [], []
+    for cues, scene_labels, _, gates in scenes:
+        hop_prob = np.zeros(len(cues), dtype=np.float32)
+        hop_prob[PRESENCE_CONTEXT - 1:] = sigmoid(
+            logits(presence, stack(cues, np.arange(PRESENCE_CONTEXT - 1, len(cues)), PRESENCE_CONTEXT)))
+        f = flag_frames(cues, scene_labels)
+        recent = np.max(np.stack([hop_prob[2 * f - back] for back in range(FLAG_CONTEXT)]), axis=0)
+        out = np.minimum(sigmoid(logits(flag, stack(cues, 2 * f, FLAG_CONTEXT))), recent)
+        out[(gates[f] & 1) != 0] = 0.0  # echo alone is never speech
+        outputs.append(out)
+        labels.append(scene_labels[f - FLAG_LAG] != 0)
+    bounds = np.cumsum([0] + [len(o) for o in outputs])
+    out, labels = np.concatenate(outputs), np.concatenate(labels)
+    steps = [np.float32(0.2 + 0.05 * i) for i in range(16)]
+    best = (0.0, steps[0], steps[0])
+    for threshold in steps:
+        for onset in (t for t in steps if t >= threshold + MIN_ONSET_MARGIN - 1e-6):
+            flags = decide(out, bounds, threshold, onset)
+            tp = np.sum(flags & labels)
+            f1 = 2 * tp / max(2 * tp + np.sum(flags & ~labels) + np.sum(~flags & labels), 1)
+            if f1 > best[0]:
+                best = (f1, threshold, onset)
+    print(f"thresholds {best[1]:.2f}, onset {best[2]:.2f}: F1 {best[0]:.3f}", file=sys.stderr)
+    return best
+
+
+def row(values):
+    return "{" + ", ".join(f"{float(v):#.9g}f" for v in np.atleast_1d(values)) + "}"
+
+
+def net_text(kind, name, net):
+    lines = [f"const {kind} {name} = {{", f"  {row(net['mean'])},", f"  {row(net['scale'])},", "  {"]
+    lines += [f"    {row(r)}," for r in net["w1"]]
+    lines += ["  },", f"  {row(net['b1'])},", f"  {row(net['w2'])},", f"  {float(net['b2']):#.9g}f,", "};", ""]
+    return "\n".join(lines) + "\n"
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    parser.add_argument("data", help="file written by vorn_presence_data")
+    parser.add_argument("table", help="the C++ table to write")
+    parser.add_argument("--nets", help="keep the trained networks in this .npz and, when it exists, reuse them "
+                        "(to try threshold choices without training again)")
+    args = parser.parse_args()
+    torch.manual_seed(SEED)
+    torch.set_num_threads(1)
+    torch.use_deterministic_algorithms(True)
+
+    scenes, geometry = read_data(args.data)
+    x, y = presence_set(scenes, geometry)
+    if args.nets and os.path.exists(args.nets):
+        kept = np.load(args.nets)
+        presence, flag = ({k: kept[f"{name}_{k}"] for k in ("mean", "scale", "w1", "b1", "w2", "b2")}
+                          for name in ("presence", "flag"))
+    else:
+        presence = train(x, y, "presence")
+        flag = train(*flag_set(scenes), "flag")
+        if args.nets:
+            np.savez(args.nets, **{f"presence_{k}": v for k, v in presence.items()},
+                     **{f"flag_{k}": v for k, v in flag.items()})
+    f1, threshold, onset = choose_thresholds(scenes, presence, flag)
+
+    text = ("// Generated by bench/quality/train_presence.py (its header gives the command and the\n"
+            f"// assumptions); do not edit. {len(x)} training hops from {len(scenes)} scenes; the speech flag's\n"
+            f"// F1 over them is {f1:.3f} at the thresholds below.\n"
+            "#include \"adsp_ns/presence_net.h\"\n\nnamespace vorn {\n\n// clang-format off\n")
+    text += net_text("NetTable<kNetInputs>", "kPresenceNet", presence)
+    text += net_text("NetTable<kFlagInputs>", "kFlagNet", flag)
+    text += f"const float kFlagThreshold = {float(threshold):#.9g}f;\n"
+    text += f"const float kFlagOnsetThreshold = {float(onset):#.9g}f;\n"
+    text += "// clang-format on\n\n}  // namespace vorn\n"
+    with open(args.table, "w") as f:
+        f.write(text)
+    print(f"wrote {args.table}: flag F1 {f1:.3f} at thresholds {float(threshold):.2f} / {float(onset):.2f}"
+          " over the training scenes")
+
+
+if __name__ == "__main__":
+    main()
