@@ -45,9 +45,10 @@ std::vector<short> Process(int32_t profile) {
 }
 
 // Until told to stop: initialise an instance (the echo canceller with it),
-// run a few frames, restart it, through both interfaces in turn. Returns the
-// number of rounds, or -1 after a failed call.
-int Churn(const std::atomic<bool>& stop) {
+// run a few frames, restart it, through both interfaces in turn, counting
+// finished rounds in `done`. Returns the number of rounds, or -1 after a
+// failed call.
+int Churn(const std::atomic<bool>& stop, std::atomic<int>& done) {
   std::vector<unsigned char> buffer(VORN_MIN_BUFF_SIZE);
   std::vector<unsigned char> memory(vorn_state_size());
   auto* st = reinterpret_cast<VornState*>(memory.data());
@@ -66,6 +67,7 @@ int Churn(const std::atomic<bool>& stop) {
       if (vorn_process(st, Capture().Mics(f), Capture().Ref(f), out, nullptr) != VORN_OK) return -1;
     }
     if (vorn_reset(st) != VORN_OK) return -1;
+    done.fetch_add(1);
   }
   return rounds;
 }
@@ -77,8 +79,17 @@ TEST(Threads, AnInstanceIsUntouchedByAnotherBeingReinitialised) {
     ASSERT_GT(alone.size(), 1u);
     for (int run = 0; run < 2; ++run) {
       std::atomic<bool> stop{false};
+      std::atomic<int> done{0};
+      std::atomic<bool> returned{false};
       int rounds = 0;
-      std::thread churner([&] { rounds = Churn(stop); });
+      std::thread churner([&] {
+        rounds = Churn(stop, done);
+        returned = true;
+      });
+      // On a loaded machine the other thread may not be scheduled at once:
+      // let it finish a round first, so that it is churning while this
+      // instance runs rather than only after.
+      while (done.load() == 0 && !returned.load()) std::this_thread::yield();
       const std::vector<short> beside = Process(profile);
       stop = true;
       churner.join();
