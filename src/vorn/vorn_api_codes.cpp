@@ -1,15 +1,11 @@
 // The modern interface's codes: their text, and the translation from the
 // designed interface's codes that the shared processing returns.
 #include "vorn/vorn_api_state.h"
+#include "vorn/vorn_code_text.h"
 #include "vorn/vorn_param.h"
 
 namespace vorn {
 namespace {
-
-struct CodeText {
-  int code;
-  const char* text;
-};
 
 constexpr CodeText kCodeTexts[] = {
     {VORN_OK, "success"},
@@ -108,8 +104,5 @@ int CheckSwitches(const VornSwitches& switches) {
 }  // namespace vorn
 
 extern "C" const char* vorn_error_string(int code) {
-  for (const vorn::CodeText& entry : vorn::kCodeTexts) {
-    if (entry.code == code) return entry.text;
-  }
-  return "not a code of this interface";
+  return vorn::TextOfCode(vorn::kCodeTexts, code, "not a code of this interface");
 }

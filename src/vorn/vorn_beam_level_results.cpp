@@ -1,27 +1,24 @@
 // The enhanced beam's microphone warnings and the level control's target,
 // read and set through the caller's record like the profile. The getters
-// only read, from wherever the record lies (see vorn_enhanced_results.cpp).
+// only read, from wherever the record lies (see vorn_result_read.h).
 #include "adsp_agc/level_control.h"
 #include "adsp_bf/beam_enhanced.h"
-#include "vorn/vorn_enhanced_state.h"
-#include "vorn/vorn_housekeeping.h"
 #include "vorn/vorn_param.h"
+#include "vorn/vorn_result_read.h"
 
 using namespace vorn;
 
 extern "C" int32_t VornGetWarnings(const T_VornParam* pm, uint32_t* warnings) {
   const unsigned char* record = nullptr;
-  const int32_t rc = CheckPrepared(pm, &record);
+  const int32_t rc = CheckGetter(pm, warnings, &record);
   if (rc != VORN_OK) return rc;
-  if (warnings == nullptr) return VORN_ERR_NULL;
-  constexpr std::size_t kHealth = kEnhancedRegionOffset + offsetof(TVornEnhancedState, modules.beam.health);
+  constexpr std::size_t kHealth = offsetof(TVornEnhancedState, modules.beam.health);
   EnhancedBeamState beam{};
-  beam.health.dead_mask = ReadRecord<decltype(beam.health.dead_mask)>(
+  beam.health.dead_mask = ReadEnhanced<decltype(beam.health.dead_mask)>(
       record, kHealth + offsetof(decltype(beam.health), dead_mask));
-  beam.health.clipped_mask = ReadRecord<decltype(beam.health.clipped_mask)>(
+  beam.health.clipped_mask = ReadEnhanced<decltype(beam.health.clipped_mask)>(
       record, kHealth + offsetof(decltype(beam.health), clipped_mask));
-  const int32_t profile = ReadRecord<int32_t>(record, kEnhancedRegionOffset + offsetof(TVornEnhancedState, profile));
-  *warnings = profile == kProfileEnhanced ? EnhancedBeamWarnings(&beam) : 0u;
+  *warnings = RunsEnhanced(record) ? EnhancedBeamWarnings(&beam) : 0u;
   return VORN_OK;
 }
 
@@ -35,10 +32,8 @@ extern "C" int32_t VornSetAgcTarget(T_VornParam* pm, float target_dbfs) {
 
 extern "C" int32_t VornGetAgcTarget(const T_VornParam* pm, float* target_dbfs) {
   const unsigned char* record = nullptr;
-  const int32_t rc = CheckPrepared(pm, &record);
+  const int32_t rc = CheckGetter(pm, target_dbfs, &record);
   if (rc != VORN_OK) return rc;
-  if (target_dbfs == nullptr) return VORN_ERR_NULL;
-  *target_dbfs =
-      ReadRecord<float>(record, kEnhancedRegionOffset + offsetof(TVornEnhancedState, modules.level.target_dbfs));
+  *target_dbfs = ReadEnhanced<float>(record, offsetof(TVornEnhancedState, modules.level.target_dbfs));
   return VORN_OK;
 }

@@ -1,7 +1,6 @@
 // Getters of the enhanced echo picture.
 #include "vorn/vorn_echo_stage.h"
-#include "vorn/vorn_enhanced_state.h"
-#include "vorn/vorn_housekeeping.h"
+#include "vorn/vorn_result_read.h"
 #include "vorn_proc.h"
 
 using namespace vorn;
@@ -19,14 +18,10 @@ const EchoPicture kNoPicture = [] {
 // in the caller's buffer), or a nonzero result for the caller.
 int32_t LastEchoPicture(const T_VornParam* pm, const float* value, EchoPicture* picture) {
   const unsigned char* record = nullptr;
-  const int32_t rc = CheckPrepared(pm, &record);
+  const int32_t rc = CheckGetter(pm, value, &record);
   if (rc != VORN_OK) return rc;
-  if (value == nullptr) return VORN_ERR_NULL;
-  const int32_t profile = ReadRecord<int32_t>(record, kEnhancedRegionOffset + offsetof(TVornEnhancedState, profile));
-  *picture = profile == kProfileEnhanced
-                 ? ReadRecord<EchoPicture>(record, kEnhancedRegionOffset +
-                                                       offsetof(TVornEnhancedState, modules.echo.picture))
-                 : kNoPicture;
+  *picture = RunsEnhanced(record) ? ReadEnhanced<EchoPicture>(record, offsetof(TVornEnhancedState, modules.echo.picture))
+                                  : kNoPicture;
   return VORN_OK;
 }
 

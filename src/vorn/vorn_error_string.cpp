@@ -1,12 +1,10 @@
 // The designed interface's return codes as text (the table in vorn_proc.h).
+#include "vorn/vorn_code_text.h"
 #include "vorn_proc.h"
 
 namespace {
 
-struct CodeText {
-  int32_t code;
-  const char* text;
-};
+using vorn::CodeText;
 
 constexpr CodeText kCodeTexts[] = {
     {VORN_OK, "success"},
@@ -36,8 +34,5 @@ constexpr CodeText kCodeTexts[] = {
 }  // namespace
 
 extern "C" const char* VornErrorString(int32_t code) {
-  for (const CodeText& entry : kCodeTexts) {
-    if (entry.code == code) return entry.text;
-  }
-  return "a processing module failed inside the library (its own code)";
+  return vorn::TextOfCode(kCodeTexts, code, "a processing module failed inside the library (its own code)");
 }
