@@ -141,43 +141,55 @@ void Accumulate(float* r, const float re[kBfChannels], const float im[kBfChannel
   }
 }
 
-// The talker's relative transfer function in one band, or the free-field
-// steering d where the talker left no trace.
-Vector3 TalkerTransfer(const Matrix3& rn, const Matrix3& rn_inv, const Matrix3& rs, const Vector3& d) {
+// The talker's relative transfer function in one band into *rtf; false,
+// with the free-field steering d there instead, where the talker left no
+// trace above the noise.
+bool TalkerTransfer(const Matrix3& rn, const Matrix3& rn_inv, const Matrix3& rs, const Vector3& d, Vector3* rtf) {
+  *rtf = d;
   Vector3 v = Times(rn_inv, d);
   for (int step = 0; step < kPowerSteps; ++step) {
     v = Times(rn_inv, Times(rs, v));
     const double norm = std::sqrt(Norm2(v));
-    if (!(norm > 0.0)) return d;
+    if (!(norm > 0.0)) return false;
     for (Complex& e : v.v) e /= norm;
   }
   const double talker = Dot(v, Times(rs, v)).real();
   const Vector3 h = Times(rn, v);
   const double noise = Dot(v, h).real();
-  if (!(talker > kMinTalker * noise) || !(std::norm(h.v[0]) > 1e-12 * Norm2(h))) return d;
-  Vector3 rtf;
+  if (!(talker > kMinTalker * noise) || !(std::norm(h.v[0]) > 1e-12 * Norm2(h))) return false;
   const Complex to_unit = std::conj(h.v[0]) / std::norm(h.v[0]);  // 1 / h_0 without a complex division
-  for (int m = 0; m < kBfChannels; ++m) rtf.v[m] = h.v[m] * to_unit;
-  return rtf;
+  for (int m = 0; m < kBfChannels; ++m) rtf->v[m] = h.v[m] * to_unit;
+  return true;
 }
 
 double Match(const Vector3& h, const Vector3& d) { return std::norm(Dot(d, h)) / (Norm2(h) * Norm2(d)); }
 
 constexpr int kMatchBins = (kMatchToBin - kMatchFromBin) / kMatchStepBins + 1;
+constexpr int kMatchFirstBand = kMatchFromBin / kNoisyBandBins;
+constexpr int kMatchBandStep = kMatchStepBins / kNoisyBandBins;
 
-double MatchOver1To4kHz(const Vector3 rtf[kNoisyBands], float azimuth_deg) {
+// Over the bands where the talker was heard.
+double MatchOver1To4kHz(const Vector3 rtf[kNoisyBands], const bool heard[kNoisyBands], float azimuth_deg) {
   Vector3 d[kMatchBins];
-  const int first_band = kMatchFromBin / kNoisyBandBins;
-  Steering(azimuth_deg, BandCentre(first_band), kMatchStepBins, kMatchBins, d);
+  Steering(azimuth_deg, BandCentre(kMatchFirstBand), kMatchStepBins, kMatchBins, d);
   double sum = 0.0;
-  for (int i = 0; i < kMatchBins; ++i) sum += Match(rtf[first_band + i * kMatchStepBins / kNoisyBandBins], d[i]);
+  for (int i = 0; i < kMatchBins; ++i) {
+    const int b = kMatchFirstBand + i * kMatchBandStep;
+    if (heard[b]) sum += Match(rtf[b], d[i]);
+  }
   return sum;
 }
 
-bool TalkerInLook(const Vector3 rtf[kNoisyBands], float azimuth_deg) {
-  const double look = MatchOver1To4kHz(rtf, azimuth_deg);
+// Bands where the talker was not heard hold the look direction's own
+// steering and would vote for it; they do not count, and a talker heard in
+// fewer than half of the bands is not taken as found.
+bool TalkerInLook(const Vector3 rtf[kNoisyBands], const bool heard[kNoisyBands], float azimuth_deg) {
+  int count = 0;
+  for (int i = 0; i < kMatchBins; ++i) count += heard[kMatchFirstBand + i * kMatchBandStep] ? 1 : 0;
+  if (2 * count < kMatchBins) return false;
+  const double look = MatchOver1To4kHz(rtf, heard, azimuth_deg);
   for (float off = kOtherDeg; off <= 360.0f - kOtherDeg; off += kOtherStepDeg)
-    if (MatchOver1To4kHz(rtf, azimuth_deg + off) > look) return false;
+    if (MatchOver1To4kHz(rtf, heard, azimuth_deg + off) > look) return false;
   return true;
 }
 
@@ -261,6 +273,7 @@ void LearnedBeamDesign(const LearnedBeam* lb, float azimuth_deg, BeamWeights* we
     loaded_inv[b] = Inverse(loaded[b]);
   }
   Vector3 rtf[kNoisyBands], look[kNoisyBands];
+  bool heard[kNoisyBands];
   LookSteering(azimuth_deg, look);
   for (int b = 0; b < kNoisyBands; ++b) {
     const int nb = kNoisyBandBins * b / kNoiseBandBins;
@@ -269,9 +282,9 @@ void LearnedBeamDesign(const LearnedBeam* lb, float azimuth_deg, BeamWeights* we
     Matrix3 rs;
     for (int i = 0; i < 3; ++i)
       for (int j = 0; j < 3; ++j) rs.a[i][j] = rx.a[i][j] - rn.a[i][j];
-    rtf[b] = TalkerTransfer(loaded[nb], loaded_inv[nb], rs, look[b]);
+    heard[b] = TalkerTransfer(loaded[nb], loaded_inv[nb], rs, look[b], &rtf[b]);
   }
-  const bool talker_in_look = TalkerInLook(rtf, azimuth_deg);
+  const bool talker_in_look = TalkerInLook(rtf, heard, azimuth_deg);
   for (int b = 0; b < kNoisyBands; ++b) {
     const Vector3& h = talker_in_look ? rtf[b] : look[b];
     Complex sum = 0.0;
