@@ -3,8 +3,8 @@
 // where the talker speaks) give the talker's transfer function relative to
 // microphone 0 as it really reaches the array, reverberation included, and
 // the noise field as it really is. The beam designed from them passes
-// microphone 0's own image of the talker unchanged and takes the least
-// diffuse noise power that allows.
+// microphone 0's own image of the talker unchanged and takes the least noise
+// power that allows.
 #pragma once
 
 #include <cstdint>
@@ -46,10 +46,11 @@ void LearnedBeamForgetTalker(LearnedBeam* lb);
 bool LearnedBeamReady(const LearnedBeam* lb);
 
 // Designs the beam into `weights`, in phase with microphone 0's image and
-// delayed by kBeamDelay like the designed beams. Bands where the talker
-// has left no trace above the noise, and every band when the learned talker
-// is not in the look direction `azimuth_deg`, take the look direction's
-// free-field steering instead.
+// delayed by kBeamDelay like the designed beams. Bands where the talker has
+// left no trace above the noise take the look direction's free-field
+// steering against the learned noise; when the learned talker is not in the
+// look direction `azimuth_deg` (or was heard in too few bands to tell) the
+// weights are the free-field MVDR design (DesignBeam) whole.
 void LearnedBeamDesign(const LearnedBeam* lb, float azimuth_deg, BeamWeights* weights);
 
 }  // namespace vorn

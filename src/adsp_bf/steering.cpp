@@ -44,13 +44,13 @@ Complex SteeringStep(int m, double azimuth_deg) {
   return std::polar(1.0, 2.0 * kPi * MicLeadSamples(m, azimuth_deg) / kBfFftLen);
 }
 
-}  // namespace
-
 double DiffuseCoherence(int k) {
   const double hz = k * static_cast<double>(VORN_SAMPLE_RATE_HZ) / kBfFftLen;
   const double x = 2.0 * kPi * hz * kChordM / VORN_SPEED_OF_SOUND_M_S;
   return x == 0.0 ? 1.0 : std::sin(x) / x;
 }
+
+}  // namespace
 
 double MicLeadSamples(int m, double azimuth_deg) {
   return kRadiusSamples * std::cos((azimuth_deg - VORN_MIC_AZIMUTH_DEG(m)) * kPi / 180.0);

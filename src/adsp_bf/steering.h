@@ -42,10 +42,6 @@ struct BeamWeights {
 // the array plane at azimuth_deg.
 double MicLeadSamples(int m, double azimuth_deg);
 
-// Coherence of a spherically diffuse field between two microphones (one
-// chord apart) at bin k: sin(x)/x.
-double DiffuseCoherence(int k);
-
 // Designs `design` into `weights`; microphones outside the live mask get 0.
 // The MVDR beam assumes a spherically diffuse noise field with a diagonal
 // loading of kMvdrDiagonalLoading, as the classic MVDR tables do.
