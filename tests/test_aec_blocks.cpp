@@ -1,5 +1,6 @@
 // Tests of the echo canceller's building blocks: ring buffer, 128-point real
-// FFT (against a direct DFT in double, and vector against plain stages), random
+// FFT (against a direct DFT in double, vector against plain stages, four lanes
+// at once against one at a time), the filter kernels' vector twins, random
 // generators, resampler and skew fit, stored-filter reader, delay estimator.
 #include <gtest/gtest.h>
 
@@ -17,6 +18,7 @@
 #include <utility>
 #include <vector>
 
+#include "adsp_aec/aec_core.h"
 #include "adsp_aec/aec_filter_file.h"
 #include "adsp_aec/aec_rdft.h"
 #include "adsp_aec/aec_resampler.h"
@@ -149,6 +151,76 @@ TEST(Rdft128, VectorStagesMatchThePlainStagesAndAreCompiledIn) {
         const bool rounding = i < exact_from[stage] && std::fabs(plain[i] - vector[i]) <= 4e-7f * 4000.0f;
         ASSERT_TRUE(same_bits || rounding) << "stage " << stage << " float " << i;
       }
+    }
+  }
+}
+
+bool SameBits(float a, float b) { return std::bit_cast<uint32_t>(a) == std::bit_cast<uint32_t>(b); }
+
+// Four different inputs (noise at two scales, an impulse, signed zeros) in the
+// lanes give each transform's bits, forward and back.
+TEST(Rdft128, FourLaneTransformsGiveEachLanesBits) {
+  alignas(16) std::array<std::array<float, 128>, 4> one;
+  for (int l = 0; l < 4; ++l) {
+    const sim::Signal noise = sim::WhiteNoise(128, l == 1 ? 1.0 : 3000.0, 40 + l);
+    std::copy(noise.begin(), noise.end(), one[l].begin());
+  }
+  one[2].fill(0.0f);
+  one[2][5] = 1.0f;
+  for (int i = 0; i < 128; ++i) one[3][i] = i % 3 == 0 ? -0.0f : one[3][i];
+  for (const bool forward : {true, false}) {
+    alignas(16) simd::F4 lanes[128];
+    for (int i = 0; i < 128; ++i) lanes[i] = simd::Set(one[0][i], one[1][i], one[2][i], one[3][i]);
+    forward ? aec_rdft_forward_128_x4(lanes) : aec_rdft_inverse_128_x4(lanes);
+    for (auto& a : one) forward ? aec_rdft_forward_128(a.data()) : aec_rdft_inverse_128(a.data());
+    for (int i = 0; i < 128; ++i) {
+      alignas(16) float got[4];
+      simd::Store(got, lanes[i]);
+      for (int l = 0; l < 4; ++l) ASSERT_TRUE(SameBits(got[l], one[l][i])) << forward << " lane " << l << " " << i;
+    }
+  }
+}
+
+// The filter kernels' vector twins against the plain ones, for both filters,
+// both filter lengths and a far history that wraps at different places.
+TEST(AecFilterKernels, VectorTwinsGiveThePlainBits) {
+  struct Case {
+    int filter_flag, partitions, block_pos;
+  };
+  for (const Case& c : {Case{0, 12, 0}, Case{1, 12, 7}, Case{0, 32, 29}, Case{1, 32, 3}, Case{2, 12, 1}}) {
+    auto plain = std::make_unique<AecCore>();
+    std::mt19937 rng(static_cast<unsigned>(c.partitions * 10 + c.block_pos));
+    std::normal_distribution<float> normal(0.0f, 100.0f);
+    for (float* plane : {plain->xfBuf[0], plain->xfBuf[1], plain->wfBuf[0], plain->wfBuf[1], plain->wfBuf_main[0],
+                         plain->wfBuf_main[1]}) {
+      for (int i = 0; i < kFilterPlaneLen; ++i) plane[i] = normal(rng) * (i % 7 == 0 ? 1e-3f : 1.0f);
+    }
+    plain->filter_flag = c.filter_flag;
+    plain->num_partitions = c.partitions;
+    plain->xfBufBlockPos = c.block_pos;
+    plain->wEng = -1.0f;
+    auto vector = std::make_unique<AecCore>(*plain);
+    float yf_plain[2][kAecBins], yf_vector[2][kAecBins], ef[2][kAecBins];
+    for (int k = 0; k < kAecBins; ++k) {
+      yf_plain[0][k] = yf_vector[0][k] = normal(rng);
+      yf_plain[1][k] = yf_vector[1][k] = normal(rng);
+      ef[0][k] = normal(rng) * 1e-6f;
+      ef[1][k] = normal(rng) * 1e-6f;
+    }
+    FilterFarPlain(plain.get(), yf_plain);
+    FilterFarSimd(vector.get(), yf_vector);
+    alignas(16) float fft[kAecBlockLen2];
+    FilterAdaptationPlain(plain.get(), fft, ef);
+    FilterAdaptationSimd(vector.get(), ef);
+    EXPECT_TRUE(SameBits(plain->wEng, vector->wEng)) << c.partitions << " " << c.block_pos;
+    for (int k = 0; k < kAecBins; ++k) {
+      ASSERT_TRUE(SameBits(yf_plain[0][k], yf_vector[0][k]) && SameBits(yf_plain[1][k], yf_vector[1][k])) << k;
+    }
+    for (int i = 0; i < kFilterPlaneLen; ++i) {
+      ASSERT_TRUE(SameBits(plain->wfBuf[0][i], vector->wfBuf[0][i]) && SameBits(plain->wfBuf[1][i], vector->wfBuf[1][i]) &&
+                  SameBits(plain->wfBuf_main[0][i], vector->wfBuf_main[0][i]) &&
+                  SameBits(plain->wfBuf_main[1][i], vector->wfBuf_main[1][i]))
+          << "flag " << c.filter_flag << " partitions " << c.partitions << " at " << i;
     }
   }
 }

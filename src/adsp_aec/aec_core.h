@@ -181,6 +181,18 @@ struct AecCore {
 void FilterFar(AecCore* aec, float yf[2][kAecBins]);
 void ScaleErrorSignal(AecCore* aec, float ef[2][kAecBins]);
 void FilterAdaptation(AecCore* aec, float* fft, float ef[2][kAecBins]);
+// The filter the kernels act on (filter_flag): one plane of wfBuf or
+// wfBuf_main, or null.
+float* ActiveFilter(AecCore* aec, int plane);
+// The plain filter kernels (the reference; fft is their transform scratch) and,
+// where the build has four-lane vectors, their twins that give the same bits
+// (aec_core_filter_simd.cpp: four partitions per transform batch).
+void FilterFarPlain(AecCore* aec, float yf[2][kAecBins]);
+void FilterAdaptationPlain(AecCore* aec, float* fft, float ef[2][kAecBins]);
+#if defined(VORN_SIMD4)
+void FilterFarSimd(AecCore* aec, float yf[2][kAecBins]);
+void FilterAdaptationSimd(AecCore* aec, float ef[2][kAecBins]);
+#endif
 void OverdriveAndSuppress(AecCore* aec, float* hNl, const float hNlFb, float efw[2][kAecBins],
                           int EnableFlag);
 void ComfortNoise(AecCore* aec, float efw[2][kAecBins], complex_t* comfortNoiseHband,

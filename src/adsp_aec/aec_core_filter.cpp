@@ -20,12 +20,6 @@ namespace {
 constexpr float kMainStepDecay = 0.99908f;
 constexpr float kMainStepFloor = 0.05f;
 
-float* ActiveFilter(AecCore* aec, int plane) {
-  if (aec->filter_flag == 1) return aec->wfBuf[plane];
-  if (aec->filter_flag == 0) return aec->wfBuf_main[plane];
-  return nullptr;
-}
-
 // Block energies of the two errors, compared in dB. One dB either way counts
 // as a win; closer than that the block is a draw. Blocks without far-end
 // signal say nothing about the echo path and are draws too.
@@ -35,6 +29,12 @@ constexpr int kCopyAdaptiveToMain = 200;   // of the last 250 blocks
 constexpr int kCopyMainToAdaptive = 490;   // net blocks since the last copy
 
 }  // namespace
+
+float* ActiveFilter(AecCore* aec, int plane) {
+  if (aec->filter_flag == 1) return aec->wfBuf[plane];
+  if (aec->filter_flag == 0) return aec->wfBuf_main[plane];
+  return nullptr;
+}
 
 // Fills double_filter with this block's decision and performs the exchange.
 // count_negative is the number of adaptive-filter wins among the last 250
@@ -79,7 +79,7 @@ void UpdateDoubleFilter(AecCore* aec, float main_error_energy, float adaptive_er
   }
 }
 
-void FilterFar(AecCore* aec, float yf[2][kAecBins]) {
+void FilterFarPlain(AecCore* aec, float yf[2][kAecBins]) {
   const float* w_re = ActiveFilter(aec, 0);
   const float* w_im = ActiveFilter(aec, 1);
   if (w_re == nullptr) return;
@@ -140,7 +140,7 @@ void ScaleErrorSignal(AecCore* aec, float ef[2][kAecBins]) {
   }
 }
 
-void FilterAdaptation(AecCore* aec, float* fft, float ef[2][kAecBins]) {
+void FilterAdaptationPlain(AecCore* aec, float* fft, float ef[2][kAecBins]) {
   float* w_re = ActiveFilter(aec, 0);
   float* w_im = ActiveFilter(aec, 1);
   if (w_re == nullptr) return;
@@ -170,6 +170,23 @@ void FilterAdaptation(AecCore* aec, float* fft, float ef[2][kAecBins]) {
       w_im[wpos + k] += fft[2 * k + 1];
     }
   }
+}
+
+void FilterFar(AecCore* aec, float yf[2][kAecBins]) {
+#if defined(VORN_SIMD4)
+  FilterFarSimd(aec, yf);
+#else
+  FilterFarPlain(aec, yf);
+#endif
+}
+
+void FilterAdaptation(AecCore* aec, float* fft, float ef[2][kAecBins]) {
+#if defined(VORN_SIMD4)
+  FilterAdaptationSimd(aec, ef);
+  (void)fft;
+#else
+  FilterAdaptationPlain(aec, fft, ef);
+#endif
 }
 
 }  // namespace vorn

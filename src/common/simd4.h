@@ -70,6 +70,9 @@ inline F4 LoadTwoDoubled(const float* p) {
 inline F4 NegateEven(F4 v) { return _mm_xor_ps(v, _mm_castsi128_ps(_mm_setr_epi32(INT32_MIN, 0, INT32_MIN, 0))); }
 inline F4 NegateOdd(F4 v) { return _mm_xor_ps(v, _mm_castsi128_ps(_mm_setr_epi32(0, INT32_MIN, 0, INT32_MIN))); }
 
+// Rows r0..r3 become columns: r_i lane j moves to r_j lane i.
+inline void Transpose(F4& r0, F4& r1, F4& r2, F4& r3) { _MM_TRANSPOSE4_PS(r0, r1, r2, r3); }
+
 // Two-lane doubles, for the steps the plain code rounds through double.
 using D2 = __m128d;
 inline D2 LowToDouble(F4 v) { return _mm_cvtps_pd(v); }
@@ -128,6 +131,15 @@ inline F4 NegateEven(F4 v) {
 inline F4 NegateOdd(F4 v) {
   const uint32x4_t sign = {0u, 0x80000000u, 0u, 0x80000000u};
   return vreinterpretq_f32_u32(veorq_u32(vreinterpretq_u32_f32(v), sign));
+}
+
+inline void Transpose(F4& r0, F4& r1, F4& r2, F4& r3) {
+  const float32x4x2_t t01 = vtrnq_f32(r0, r1);  // (r0_0 r1_0 r0_2 r1_2), (r0_1 r1_1 r0_3 r1_3)
+  const float32x4x2_t t23 = vtrnq_f32(r2, r3);
+  r0 = vcombine_f32(vget_low_f32(t01.val[0]), vget_low_f32(t23.val[0]));
+  r1 = vcombine_f32(vget_low_f32(t01.val[1]), vget_low_f32(t23.val[1]));
+  r2 = vcombine_f32(vget_high_f32(t01.val[0]), vget_high_f32(t23.val[0]));
+  r3 = vcombine_f32(vget_high_f32(t01.val[1]), vget_high_f32(t23.val[1]));
 }
 
 using D2 = float64x2_t;

@@ -1,0 +1,148 @@
+// Four-lane twins of the filter kernels (common/simd4.h). Each performs the
+// plain kernel's operations per bin in its order, so gives its bits:
+// FilterFar runs four bins per vector and keeps the main filter's energy
+// sums in double in the plain order; FilterAdaptation runs the gradient
+// constraint of four partitions at once, one per lane of the batched
+// transforms, turning four bins of four partitions with one 4x4 transpose
+// on the way in and out.
+#include "adsp_aec/aec_core.h"
+
+#if defined(VORN_SIMD4)
+
+namespace vorn {
+namespace {
+
+using simd::F4;
+
+static_assert(kNormalNumPartitions % 4 == 0 && kExtendedNumPartitions % 4 == 0,
+              "the partitions are batched four at a time");
+
+int PartitionOffset(const AecCore* aec, int p) {
+  int q = aec->xfBufBlockPos + p;
+  if (q >= aec->num_partitions) q -= aec->num_partitions;
+  return q * kAecBins;
+}
+
+}  // namespace
+
+void FilterFarSimd(AecCore* aec, float yf[2][kAecBins]) {
+  const float* w_re = ActiveFilter(aec, 0);
+  const float* w_im = ActiveFilter(aec, 1);
+  if (w_re == nullptr) return;
+  const bool main_filter = aec->filter_flag == 0;
+  double out_energy = 0.0;
+  double far_energy = 0.0;
+  constexpr int kLast = kAecBins - 1;  // bin 64, after the 16 vectors
+  for (int p = 0; p < aec->num_partitions; ++p) {
+    const int xpos = PartitionOffset(aec, p);
+    const float* xr = &aec->xfBuf[0][xpos];
+    const float* xi = &aec->xfBuf[1][xpos];
+    const float* wr = w_re + p * kAecBins;
+    const float* wi = w_im + p * kAecBins;
+    alignas(16) float out_terms[kAecBins];
+    alignas(16) float far_terms[kAecBins];
+    for (int k = 0; k < kLast; k += 4) {
+      const F4 vxr = simd::Load(xr + k);
+      const F4 vxi = simd::Load(xi + k);
+      const F4 vwr = simd::Load(wr + k);
+      const F4 vwi = simd::Load(wi + k);
+      const F4 y0 = simd::Add(simd::Load(yf[0] + k), simd::Sub(simd::Mul(vxr, vwr), simd::Mul(vxi, vwi)));
+      const F4 y1 = simd::Add(simd::Load(yf[1] + k), simd::Add(simd::Mul(vxr, vwi), simd::Mul(vxi, vwr)));
+      simd::Store(yf[0] + k, y0);
+      simd::Store(yf[1] + k, y1);
+      if (main_filter) {
+        simd::Store(out_terms + k, simd::Add(simd::Mul(y0, y0), simd::Mul(y1, y1)));
+        simd::Store(far_terms + k, simd::Add(simd::Mul(vxr, vxr), simd::Mul(vxi, vxi)));
+      }
+    }
+    yf[0][kLast] += xr[kLast] * wr[kLast] - xi[kLast] * wi[kLast];
+    yf[1][kLast] += xr[kLast] * wi[kLast] + xi[kLast] * wr[kLast];
+    if (main_filter) {
+      out_terms[kLast] = yf[0][kLast] * yf[0][kLast] + yf[1][kLast] * yf[1][kLast];
+      far_terms[kLast] = xr[kLast] * xr[kLast] + xi[kLast] * xi[kLast];
+      for (int k = 0; k < kAecBins; ++k) {  // the plain kernel's order of double sums
+        out_energy += out_terms[k];
+        far_energy += far_terms[k];
+      }
+    }
+  }
+  if (main_filter) {
+    float ratio = static_cast<float>(out_energy / (far_energy + 1e-10));
+    if (ratio < 0.01f) ratio = 0.01f;
+    if (ratio > 100.0f) ratio = 100.0f;
+    aec->wEng = ratio;
+  }
+}
+
+void FilterAdaptationSimd(AecCore* aec, float ef[2][kAecBins]) {
+  float* w_re = ActiveFilter(aec, 0);
+  float* w_im = ActiveFilter(aec, 1);
+  if (w_re == nullptr) return;
+  constexpr int kLast = kAecBins - 1;
+  const F4 scale = simd::Set1(0.015625f);
+  for (int p0 = 0; p0 < aec->num_partitions; p0 += 4) {
+    const float* xr[4];
+    const float* xi[4];
+    for (int l = 0; l < 4; ++l) {
+      const int xpos = PartitionOffset(aec, p0 + l);
+      xr[l] = &aec->xfBuf[0][xpos];
+      xi[l] = &aec->xfBuf[1][xpos];
+    }
+    // a[i] holds element i of the four partitions' packed gradient spectra.
+    alignas(16) F4 a[kAecBlockLen2];
+    for (int k = 0; k < kLast; k += 4) {
+      const F4 e0 = simd::Load(ef[0] + k);
+      const F4 e1 = simd::Load(ef[1] + k);
+      F4 re[4], im[4];
+      for (int l = 0; l < 4; ++l) {
+        const F4 vxr = simd::Load(xr[l] + k);
+        const F4 vxi = simd::Load(xi[l] + k);
+        re[l] = simd::Add(simd::Mul(vxr, e0), simd::Mul(vxi, e1));
+        im[l] = simd::Sub(simd::Mul(vxr, e1), simd::Mul(vxi, e0));
+      }
+      simd::Transpose(re[0], re[1], re[2], re[3]);
+      simd::Transpose(im[0], im[1], im[2], im[3]);
+      for (int i = 0; i < 4; ++i) {
+        a[2 * (k + i)] = re[i];
+        a[2 * (k + i) + 1] = im[i];
+      }
+    }
+    // The packing puts bin 64's real part where bin 0's imaginary part was.
+    float last[4];
+    for (int l = 0; l < 4; ++l) last[l] = xr[l][kLast] * ef[0][kLast] + xi[l][kLast] * ef[1][kLast];
+    a[1] = simd::Set(last[0], last[1], last[2], last[3]);
+
+    aec_rdft_inverse_128_x4(a);
+    // Gradient constraint: only the first 64 taps of each partition move.
+    for (int i = 0; i < kAecBlockLen; ++i) {
+      a[i] = simd::Mul(a[i], scale);
+      a[kAecBlockLen + i] = simd::Zero();
+    }
+    aec_rdft_forward_128_x4(a);
+
+    for (int k = 0; k < kLast; k += 4) {
+      F4 re[4] = {a[2 * k], a[2 * k + 2], a[2 * k + 4], a[2 * k + 6]};
+      F4 im[4] = {a[2 * k + 1], a[2 * k + 3], a[2 * k + 5], a[2 * k + 7]};
+      simd::Transpose(re[0], re[1], re[2], re[3]);
+      simd::Transpose(im[0], im[1], im[2], im[3]);
+      for (int l = 0; l < 4; ++l) {
+        float* wr = w_re + (p0 + l) * kAecBins + k;
+        float* wi = w_im + (p0 + l) * kAecBins + k;
+        simd::Store(wr, simd::Add(simd::Load(wr), re[l]));
+        if (k > 0) {
+          simd::Store(wi, simd::Add(simd::Load(wi), im[l]));
+        } else {  // bin 0 has no imaginary part: its slot held bin 64
+          alignas(16) float lanes[4];
+          simd::Store(lanes, im[l]);
+          for (int i = 1; i < 4; ++i) wi[i] += lanes[i];
+        }
+      }
+    }
+    simd::Store(last, a[1]);
+    for (int l = 0; l < 4; ++l) w_re[(p0 + l) * kAecBins + kLast] += last[l];
+  }
+}
+
+}  // namespace vorn
+
+#endif  // defined(VORN_SIMD4)
