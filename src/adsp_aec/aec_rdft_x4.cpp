@@ -24,14 +24,40 @@ namespace {
 
 using simd::F4;
 
-// A complex twiddle as the vector stages apply it: re = wr * zr + ws0 * zi,
-// im = wr * zi + ws1 * zr, with (ws0, ws1) = (-sin, +sin) from the tables.
+// The twiddles of the 16 groups as the vector stages apply them: for N = 1,
+// 2, 3, re = wr * zr + ws0 * zi and im = wr * zi + ws1 * zr with wr =
+// cos(N theta), (ws0, ws1) = (-sin, +sin), taken from the lane-ordered tables
+// and spread over four lanes once, at compile time.
 struct Twiddle {
   F4 wr, ws0, ws1;
 };
 
-inline Twiddle LoadTwiddle(const std::array<float, 32>& wr, const std::array<float, 32>& wi, int group) {
-  return {simd::Set1(wr[2 * group]), simd::Set1(wi[2 * group]), simd::Set1(wi[2 * group + 1])};
+struct alignas(16) Lanes {
+  float v[4];
+};
+constexpr int kTwiddleLanes = 16 * 3 * 3;  // groups x (N = 1, 2, 3) x (wr, ws0, ws1)
+
+constexpr std::array<Lanes, kTwiddleLanes> MakeTwiddleLanes() {
+  std::array<Lanes, kTwiddleLanes> t{};
+  const std::array<float, 32>* tables[3][2] = {
+      {&rdft_wk1r, &rdft_wk1i}, {&rdft_wk2r, &rdft_wk2i}, {&rdft_wk3r, &rdft_wk3i}};
+  for (int g = 0; g < 16; ++g) {
+    for (int n = 0; n < 3; ++n) {
+      const float values[3] = {(*tables[n][0])[2 * g], (*tables[n][1])[2 * g], (*tables[n][1])[2 * g + 1]};
+      for (int f = 0; f < 3; ++f) {
+        for (float& lane : t[9 * g + 3 * n + f].v) lane = values[f];
+      }
+    }
+  }
+  return t;
+}
+
+constexpr std::array<Lanes, kTwiddleLanes> kTwiddleLanesTable = MakeTwiddleLanes();
+
+// Twiddle N (1, 2 or 3) of group `group`.
+inline Twiddle LoadTwiddle(int group, int n) {
+  const Lanes* t = &kTwiddleLanesTable[9 * group + 3 * (n - 1)];
+  return {simd::Load(t[0].v), simd::Load(t[1].v), simd::Load(t[2].v)};
 }
 
 inline void Rotate(const Twiddle& w, F4 zr, F4 zi, F4* out) {
@@ -52,12 +78,12 @@ inline void Butterfly(F4* a, int p, int d, int group) {
   const F4 d23r = simd::Sub(z2[0], z3[0]), d23i = simd::Sub(z2[1], z3[1]);
   z0[0] = simd::Add(s01r, s23r);
   z0[1] = simd::Add(s01i, s23i);
-  Rotate(LoadTwiddle(rdft_wk2r, rdft_wk2i, group), simd::Sub(s01r, s23r), simd::Sub(s01i, s23i), z2);
+  Rotate(LoadTwiddle(group, 2), simd::Sub(s01r, s23r), simd::Sub(s01i, s23i), z2);
   // d01 + i d23 and d01 - i d23, with i d23 = (-d23i, d23r) added as the
   // vector stages add it.
   const F4 neg_d23i = simd::Neg(d23i);
-  Rotate(LoadTwiddle(rdft_wk1r, rdft_wk1i, group), simd::Add(d01r, neg_d23i), simd::Add(d01i, d23r), z1);
-  Rotate(LoadTwiddle(rdft_wk3r, rdft_wk3i, group), simd::Sub(d01r, neg_d23i), simd::Sub(d01i, d23r), z3);
+  Rotate(LoadTwiddle(group, 1), simd::Add(d01r, neg_d23i), simd::Add(d01i, d23r), z1);
+  Rotate(LoadTwiddle(group, 3), simd::Sub(d01r, neg_d23i), simd::Sub(d01i, d23r), z3);
 }
 
 void BitReverse(F4* a) {
