@@ -198,7 +198,6 @@ TEST(AecFilterKernels, VectorTwinsGiveThePlainBits) {
     plain->filter_flag = c.filter_flag;
     plain->num_partitions = c.partitions;
     plain->xfBufBlockPos = c.block_pos;
-    plain->wEng = -1.0f;
     auto vector = std::make_unique<AecCore>(*plain);
     float yf_plain[2][kAecBins], yf_vector[2][kAecBins], ef[2][kAecBins];
     for (int k = 0; k < kAecBins; ++k) {
@@ -212,7 +211,6 @@ TEST(AecFilterKernels, VectorTwinsGiveThePlainBits) {
     alignas(16) float fft[kAecBlockLen2];
     FilterAdaptationPlain(plain.get(), fft, ef);
     FilterAdaptationSimd(vector.get(), ef);
-    EXPECT_TRUE(SameBits(plain->wEng, vector->wEng)) << c.partitions << " " << c.block_pos;
     for (int k = 0; k < kAecBins; ++k) {
       ASSERT_TRUE(SameBits(yf_plain[0][k], yf_vector[0][k]) && SameBits(yf_plain[1][k], yf_vector[1][k])) << k;
     }

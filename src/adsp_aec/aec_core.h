@@ -108,7 +108,6 @@ struct AecCore {
   int decay_count;
   int filter_flag;  // 1: routines act on wfBuf, 0: on wfBuf_main, else nothing
   DoubleFilter double_filter;
-  float wEng;
 
   complex_t sde[kAecBins];
   complex_t sxd[kAecBins];

@@ -79,13 +79,12 @@ void UpdateDoubleFilter(AecCore* aec, float main_error_energy, float adaptive_er
   }
 }
 
+// The echo estimate: the far history's partitions through the filter's,
+// summed into yf.
 void FilterFarPlain(AecCore* aec, float yf[2][kAecBins]) {
   const float* w_re = ActiveFilter(aec, 0);
   const float* w_im = ActiveFilter(aec, 1);
   if (w_re == nullptr) return;
-  const bool main_filter = aec->filter_flag == 0;
-  double out_energy = 0.0;
-  double far_energy = 0.0;
   for (int p = 0; p < aec->num_partitions; ++p) {
     int q = aec->xfBufBlockPos + p;
     if (q >= aec->num_partitions) q -= aec->num_partitions;
@@ -98,17 +97,7 @@ void FilterFarPlain(AecCore* aec, float yf[2][kAecBins]) {
       const float wi = w_im[wpos + k];
       yf[0][k] += xr * wr - xi * wi;
       yf[1][k] += xr * wi + xi * wr;
-      if (main_filter) {
-        out_energy += yf[0][k] * yf[0][k] + yf[1][k] * yf[1][k];
-        far_energy += xr * xr + xi * xi;
-      }
     }
-  }
-  if (main_filter) {
-    float ratio = static_cast<float>(out_energy / (far_energy + 1e-10));
-    if (ratio < 0.01f) ratio = 0.01f;
-    if (ratio > 100.0f) ratio = 100.0f;
-    aec->wEng = ratio;
   }
 }
 

@@ -1,7 +1,6 @@
 // Four-lane twins of the filter kernels (common/simd4.h). Each performs the
 // plain kernel's operations per bin in its order, so gives its bits:
-// FilterFar runs four bins per vector and keeps the main filter's energy
-// sums in double in the plain order; FilterAdaptation runs the gradient
+// FilterFar runs four bins per vector; FilterAdaptation runs the gradient
 // constraint of four partitions at once, one per lane of the batched
 // transforms, turning four bins of four partitions with one 4x4 transpose
 // on the way in and out.
@@ -29,9 +28,6 @@ void FilterFarSimd(AecCore* aec, float yf[2][kAecBins]) {
   const float* w_re = ActiveFilter(aec, 0);
   const float* w_im = ActiveFilter(aec, 1);
   if (w_re == nullptr) return;
-  const bool main_filter = aec->filter_flag == 0;
-  double out_energy = 0.0;
-  double far_energy = 0.0;
   constexpr int kLast = kAecBins - 1;  // bin 64, after the 16 vectors
   for (int p = 0; p < aec->num_partitions; ++p) {
     const int xpos = PartitionOffset(aec, p);
@@ -39,38 +35,16 @@ void FilterFarSimd(AecCore* aec, float yf[2][kAecBins]) {
     const float* xi = &aec->xfBuf[1][xpos];
     const float* wr = w_re + p * kAecBins;
     const float* wi = w_im + p * kAecBins;
-    alignas(16) float out_terms[kAecBins];
-    alignas(16) float far_terms[kAecBins];
     for (int k = 0; k < kLast; k += 4) {
       const F4 vxr = simd::Load(xr + k);
       const F4 vxi = simd::Load(xi + k);
       const F4 vwr = simd::Load(wr + k);
       const F4 vwi = simd::Load(wi + k);
-      const F4 y0 = simd::Add(simd::Load(yf[0] + k), simd::Sub(simd::Mul(vxr, vwr), simd::Mul(vxi, vwi)));
-      const F4 y1 = simd::Add(simd::Load(yf[1] + k), simd::Add(simd::Mul(vxr, vwi), simd::Mul(vxi, vwr)));
-      simd::Store(yf[0] + k, y0);
-      simd::Store(yf[1] + k, y1);
-      if (main_filter) {
-        simd::Store(out_terms + k, simd::Add(simd::Mul(y0, y0), simd::Mul(y1, y1)));
-        simd::Store(far_terms + k, simd::Add(simd::Mul(vxr, vxr), simd::Mul(vxi, vxi)));
-      }
+      simd::Store(yf[0] + k, simd::Add(simd::Load(yf[0] + k), simd::Sub(simd::Mul(vxr, vwr), simd::Mul(vxi, vwi))));
+      simd::Store(yf[1] + k, simd::Add(simd::Load(yf[1] + k), simd::Add(simd::Mul(vxr, vwi), simd::Mul(vxi, vwr))));
     }
     yf[0][kLast] += xr[kLast] * wr[kLast] - xi[kLast] * wi[kLast];
     yf[1][kLast] += xr[kLast] * wi[kLast] + xi[kLast] * wr[kLast];
-    if (main_filter) {
-      out_terms[kLast] = yf[0][kLast] * yf[0][kLast] + yf[1][kLast] * yf[1][kLast];
-      far_terms[kLast] = xr[kLast] * xr[kLast] + xi[kLast] * xi[kLast];
-      for (int k = 0; k < kAecBins; ++k) {  // the plain kernel's order of double sums
-        out_energy += out_terms[k];
-        far_energy += far_terms[k];
-      }
-    }
-  }
-  if (main_filter) {
-    float ratio = static_cast<float>(out_energy / (far_energy + 1e-10));
-    if (ratio < 0.01f) ratio = 0.01f;
-    if (ratio > 100.0f) ratio = 100.0f;
-    aec->wEng = ratio;
   }
 }
 
