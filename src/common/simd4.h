@@ -54,6 +54,8 @@ inline M4 AndNot(M4 a, M4 b) { return _mm_andnot_ps(b, a); }  // a and not b
 inline F4 Select(M4 m, F4 a, F4 b) { return _mm_or_ps(_mm_and_ps(m, a), _mm_andnot_ps(m, b)); }
 inline bool Any(M4 m) { return _mm_movemask_ps(m) != 0; }
 inline bool All(M4 m) { return _mm_movemask_ps(m) == 0xf; }
+// Bit i set where lane i of m holds.
+inline int Bits(M4 m) { return _mm_movemask_ps(m); }
 // Lanes in the opposite order.
 inline F4 Reverse(F4 v) { return _mm_shuffle_ps(v, v, _MM_SHUFFLE(0, 1, 2, 3)); }
 // Lane moves for data held as (re, im) pairs.
@@ -112,6 +114,10 @@ inline M4 AndNot(M4 a, M4 b) { return vbicq_u32(a, b); }
 inline F4 Select(M4 m, F4 a, F4 b) { return vbslq_f32(m, a, b); }
 inline bool Any(M4 m) { return vmaxvq_u32(m) != 0; }
 inline bool All(M4 m) { return vminvq_u32(m) != 0; }
+inline int Bits(M4 m) {
+  const uint32x4_t bit = {1u, 2u, 4u, 8u};
+  return static_cast<int>(vaddvq_u32(vandq_u32(m, bit)));
+}
 inline F4 Reverse(F4 v) {
   const F4 pairs = vrev64q_f32(v);  // 1 0 3 2
   return vextq_f32(pairs, pairs, 2);
