@@ -10,6 +10,7 @@
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <memory>
 #include <numbers>
@@ -206,6 +207,16 @@ TEST(AecFilterKernels, VectorTwinsGiveThePlainBits) {
       ef[0][k] = normal(rng) * 1e-6f;
       ef[1][k] = normal(rng) * 1e-6f;
     }
+    // The step normalisation, with far powers that send bins down both branches.
+    float ef_plain[2][kAecBins], ef_vector[2][kAecBins], x_pow[kAecBins];
+    for (int k = 0; k < kAecBins; ++k) {
+      ef_plain[0][k] = ef_vector[0][k] = normal(rng);
+      ef_plain[1][k] = ef_vector[1][k] = normal(rng);
+      x_pow[k] = k % 3 == 0 ? 0.0f : std::fabs(normal(rng)) * 1e3f;
+    }
+    ScaleErrorBinsPlain(x_pow, 0.5f, 0.3f, ef_plain);
+    ScaleErrorBinsSimd(x_pow, 0.5f, 0.3f, ef_vector);
+    ASSERT_EQ(std::memcmp(ef_plain, ef_vector, sizeof ef_plain), 0);
     FilterFarPlain(plain.get(), yf_plain);
     FilterFarSimd(vector.get(), yf_vector);
     alignas(16) float fft[kAecBlockLen2];

@@ -187,10 +187,16 @@ float* ActiveFilter(AecCore* aec, int plane);
 // where the build has four-lane vectors, their twins that give the same bits
 // (aec_core_filter_simd.cpp: four partitions per transform batch).
 void FilterFarPlain(AecCore* aec, float yf[2][kAecBins]);
+// The error spectrum's step normalisation: each bin divided by the far power,
+// or scaled down to the limit where that would exceed it, then times mu.
+void ScaleErrorBins(const float* x_pow, float limit, float mu, float ef[2][kAecBins]);
+void ScaleErrorBinsPlain(const float* x_pow, float limit, float mu, float ef[2][kAecBins]);
+void ScaleErrorBinAt(const float* x_pow, float limit, float mu, float ef[2][kAecBins], int k);
 void FilterAdaptationPlain(AecCore* aec, float* fft, float ef[2][kAecBins]);
 #if defined(VORN_SIMD4)
 void FilterFarSimd(AecCore* aec, float yf[2][kAecBins]);
 void FilterAdaptationSimd(AecCore* aec, float ef[2][kAecBins]);
+void ScaleErrorBinsSimd(const float* x_pow, float limit, float mu, float ef[2][kAecBins]);
 #endif
 void OverdriveAndSuppress(AecCore* aec, float* hNl, const float hNlFb, float efw[2][kAecBins],
                           int EnableFlag);

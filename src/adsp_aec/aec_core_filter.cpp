@@ -113,20 +113,25 @@ void ScaleErrorSignal(AecCore* aec, float ef[2][kAecBins]) {
     g = aec->wf_main_u > kMainStepFloor ? aec->wf_main_u : kMainStepFloor;
     if (aec->decay_count < 5000 && aec->hNlXdAvg > 0.3f) aec->decay_count += 1;
   }
-  const float limit = g * threshold;
-  for (int k = 0; k < kAecBins; ++k) {
-    const float abs_ef = std::sqrt(ef[0][k] * ef[0][k] + ef[1][k] * ef[1][k]);
-    if (abs_ef > aec->xPow[k] * limit) {
-      const float scale = limit / (abs_ef + 1e-10f);
-      ef[0][k] *= scale;
-      ef[1][k] *= scale;
-    } else {
-      ef[0][k] /= (aec->xPow[k] + 1e-10f);
-      ef[1][k] /= (aec->xPow[k] + 1e-10f);
-    }
-    ef[0][k] *= mu;
-    ef[1][k] *= mu;
+  ScaleErrorBins(aec->xPow, g * threshold, mu, ef);
+}
+
+void ScaleErrorBinAt(const float* x_pow, float limit, float mu, float ef[2][kAecBins], int k) {
+  const float abs_ef = std::sqrt(ef[0][k] * ef[0][k] + ef[1][k] * ef[1][k]);
+  if (abs_ef > x_pow[k] * limit) {
+    const float scale = limit / (abs_ef + 1e-10f);
+    ef[0][k] *= scale;
+    ef[1][k] *= scale;
+  } else {
+    ef[0][k] /= (x_pow[k] + 1e-10f);
+    ef[1][k] /= (x_pow[k] + 1e-10f);
   }
+  ef[0][k] *= mu;
+  ef[1][k] *= mu;
+}
+
+void ScaleErrorBinsPlain(const float* x_pow, float limit, float mu, float ef[2][kAecBins]) {
+  for (int k = 0; k < kAecBins; ++k) ScaleErrorBinAt(x_pow, limit, mu, ef, k);
 }
 
 void FilterAdaptationPlain(AecCore* aec, float* fft, float ef[2][kAecBins]) {
@@ -166,6 +171,14 @@ void FilterFar(AecCore* aec, float yf[2][kAecBins]) {
   FilterFarSimd(aec, yf);
 #else
   FilterFarPlain(aec, yf);
+#endif
+}
+
+void ScaleErrorBins(const float* x_pow, float limit, float mu, float ef[2][kAecBins]) {
+#if defined(VORN_SIMD4)
+  ScaleErrorBinsSimd(x_pow, limit, mu, ef);
+#else
+  ScaleErrorBinsPlain(x_pow, limit, mu, ef);
 #endif
 }
 

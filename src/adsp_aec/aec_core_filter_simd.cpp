@@ -1,6 +1,6 @@
 // Four-lane twins of the filter kernels (common/simd4.h). Each performs the
 // plain kernel's operations per bin in its order, so gives its bits:
-// FilterFar runs four bins per vector; FilterAdaptation runs the gradient
+// FilterFar and the error scaling run four bins per vector; FilterAdaptation runs the gradient
 // constraint of four partitions at once, one per lane of the batched
 // transforms, turning four bins of four partitions with one 4x4 transpose
 // on the way in and out.
@@ -46,6 +46,24 @@ void FilterFarSimd(AecCore* aec, float yf[2][kAecBins]) {
     yf[0][kLast] += xr[kLast] * wr[kLast] - xi[kLast] * wi[kLast];
     yf[1][kLast] += xr[kLast] * wi[kLast] + xi[kLast] * wr[kLast];
   }
+}
+
+// Both branches on every lane; each bin keeps its own.
+void ScaleErrorBinsSimd(const float* x_pow, float limit, float mu, float ef[2][kAecBins]) {
+  const F4 vlimit = simd::Set1(limit), vmu = simd::Set1(mu), tiny = simd::Set1(1e-10f);
+  constexpr int kLast = kAecBins - 1;
+  for (int k = 0; k < kLast; k += 4) {
+    const F4 e0 = simd::Load(ef[0] + k), e1 = simd::Load(ef[1] + k), xp = simd::Load(x_pow + k);
+    const F4 abs_ef = simd::Sqrt(simd::Add(simd::Mul(e0, e0), simd::Mul(e1, e1)));
+    const simd::M4 limited = simd::Gt(abs_ef, simd::Mul(xp, vlimit));
+    const F4 scale = simd::Div(vlimit, simd::Add(abs_ef, tiny));
+    const F4 power = simd::Add(xp, tiny);
+    const F4 r0 = simd::Select(limited, simd::Mul(e0, scale), simd::Div(e0, power));
+    const F4 r1 = simd::Select(limited, simd::Mul(e1, scale), simd::Div(e1, power));
+    simd::Store(ef[0] + k, simd::Mul(r0, vmu));
+    simd::Store(ef[1] + k, simd::Mul(r1, vmu));
+  }
+  ScaleErrorBinAt(x_pow, limit, mu, ef, kLast);
 }
 
 void FilterAdaptationSimd(AecCore* aec, float ef[2][kAecBins]) {
