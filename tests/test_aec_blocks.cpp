@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <limits>
 #include <memory>
 #include <numbers>
 #include <random>
@@ -230,6 +231,38 @@ TEST(AecFilterKernels, VectorTwinsGiveThePlainBits) {
                   SameBits(plain->wfBuf_main[0][i], vector->wfBuf_main[0][i]) &&
                   SameBits(plain->wfBuf_main[1][i], vector->wfBuf_main[1][i]))
           << "flag " << c.filter_flag << " partitions " << c.partitions << " at " << i;
+    }
+  }
+}
+
+// The far end's activity over the filter span: the same decision as the float
+// chain at and around the threshold (where the twin falls back to it), far
+// from it on both sides, and for zeros, infinities and NaN.
+TEST(AecFilterKernels, FarSpanActivityDecidesAsTheFloatSum) {
+  const float inf = std::numeric_limits<float>::infinity(), nan = std::numeric_limits<float>::quiet_NaN();
+  for (int n : {12 * kAecBins, 32 * kAecBins, 7}) {
+    std::mt19937 rng(static_cast<unsigned>(n));
+    std::normal_distribution<float> normal(0.0f, 1.0f);
+    std::vector<float> re(n), im(n);
+    for (int i = 0; i < n; ++i) re[i] = normal(rng), im[i] = normal(rng) * (i % 5 == 0 ? 30.0f : 1.0f);
+    const float divisor = static_cast<float>(n) * 128.0f;
+    double mean = 0.0;
+    for (int i = 0; i < n; ++i) mean += double{re[i]} * re[i] + double{im[i]} * im[i];
+    mean /= divisor;
+    for (double offset : {0.0, 1e-9, -1e-9, 1e-5, -1e-5, 4e-4, -4e-4, 2e-3, -2e-3, 0.5, -0.5, -1.0}) {
+      const float scale = static_cast<float>(std::sqrt(100.0 * (1.0 + offset) / mean));
+      std::vector<float> r = re, m = im;
+      for (int i = 0; i < n; ++i) r[i] *= scale, m[i] *= scale;
+      EXPECT_EQ(FarSpanAbovePlain(r.data(), m.data(), n, divisor, 100.0f),
+                FarSpanAboveSimd(r.data(), m.data(), n, divisor, 100.0f))
+          << n << " bins, offset " << offset;
+    }
+    for (float special : {inf, nan, 3e38f}) {
+      std::vector<float> r = re;
+      r[n / 2] = special;
+      EXPECT_EQ(FarSpanAbovePlain(r.data(), im.data(), n, divisor, 100.0f),
+                FarSpanAboveSimd(r.data(), im.data(), n, divisor, 100.0f))
+          << n << " bins, " << special;
     }
   }
 }

@@ -174,6 +174,20 @@ void FilterFar(AecCore* aec, float yf[2][kAecBins]) {
 #endif
 }
 
+bool FarSpanAbovePlain(const float* x_re, const float* x_im, int n, float divisor, float threshold) {
+  float sum = 0.0f;
+  for (int i = 0; i < n; ++i) sum += x_re[i] * x_re[i] + x_im[i] * x_im[i];
+  return sum / divisor > threshold;
+}
+
+bool FarSpanAbove(const float* x_re, const float* x_im, int n, float divisor, float threshold) {
+#if defined(VORN_SIMD4)
+  return FarSpanAboveSimd(x_re, x_im, n, divisor, threshold);
+#else
+  return FarSpanAbovePlain(x_re, x_im, n, divisor, threshold);
+#endif
+}
+
 void ScaleErrorBins(const float* x_pow, float limit, float mu, float ef[2][kAecBins]) {
 #if defined(VORN_SIMD4)
   ScaleErrorBinsSimd(x_pow, limit, mu, ef);

@@ -66,6 +66,25 @@ void ScaleErrorBinsSimd(const float* x_pow, float limit, float mu, float ef[2][k
   ScaleErrorBinAt(x_pow, limit, mu, ef, kLast);
 }
 
+bool FarSpanAboveSimd(const float* x_re, const float* x_im, int n, float divisor, float threshold) {
+  simd::D2 even = simd::Set1D(0.0), odd = simd::Set1D(0.0);
+  int i = 0;
+  for (; i + 4 <= n; i += 4) {
+    const F4 re = simd::Load(x_re + i), im = simd::Load(x_im + i);
+    const F4 power = simd::Add(simd::Mul(re, re), simd::Mul(im, im));
+    even = simd::AddD(even, simd::LowToDouble(power));
+    odd = simd::AddD(odd, simd::HighToDouble(power));
+  }
+  double lanes[2];
+  simd::StoreD(lanes, simd::AddD(even, odd));
+  double sum = lanes[0] + lanes[1];
+  for (; i < n; ++i) sum += static_cast<double>(x_re[i] * x_re[i] + x_im[i] * x_im[i]);
+  const double mean = sum / static_cast<double>(divisor);
+  if (mean > static_cast<double>(threshold) * (1.0 + 1e-3)) return true;
+  if (mean < static_cast<double>(threshold) * (1.0 - 1e-3)) return false;  // NaN falls through
+  return FarSpanAbovePlain(x_re, x_im, n, divisor, threshold);
+}
+
 void FilterAdaptationSimd(AecCore* aec, float ef[2][kAecBins]) {
   float* w_re = ActiveFilter(aec, 0);
   float* w_im = ActiveFilter(aec, 1);

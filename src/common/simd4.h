@@ -83,6 +83,8 @@ inline F4 ToFloat(D2 lo, D2 hi) { return _mm_movelh_ps(_mm_cvtpd_ps(lo), _mm_cvt
 inline D2 Set1D(double x) { return _mm_set1_pd(x); }
 inline D2 DivD(D2 a, D2 b) { return _mm_div_pd(a, b); }
 inline D2 SqrtD(D2 a) { return _mm_sqrt_pd(a); }
+inline D2 AddD(D2 a, D2 b) { return _mm_add_pd(a, b); }
+inline void StoreD(double* p, D2 v) { _mm_storeu_pd(p, v); }
 
 #else  // NEON
 
@@ -155,6 +157,8 @@ inline F4 ToFloat(D2 lo, D2 hi) { return vcvt_high_f32_f64(vcvt_f32_f64(lo), hi)
 inline D2 Set1D(double x) { return vdupq_n_f64(x); }
 inline D2 DivD(D2 a, D2 b) { return vdivq_f64(a, b); }
 inline D2 SqrtD(D2 a) { return vsqrtq_f64(a); }
+inline D2 AddD(D2 a, D2 b) { return vaddq_f64(a, b); }
+inline void StoreD(double* p, D2 v) { vst1q_f64(p, v); }
 
 #endif
 
