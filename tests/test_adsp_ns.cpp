@@ -221,6 +221,14 @@ TEST(NsKernels, VectorTwinsGiveThePlainBits) {
     NsPresenceSimd(ratio_g.data(), ratio_z.data(), v.data(), eta.data(), b[0].data(), exp_b.data(), len);
     EXPECT_EQ(std::memcmp(a[0].data(), b[0].data(), len * sizeof(float)), 0) << "presence";
     EXPECT_EQ(std::memcmp(exp_a.data(), exp_b.data(), len * sizeof(double)), 0) << "exp(-v)";
+    // The gain rule's presence, with exponentials formed (those just made, and
+    // some not: -1) and absence probabilities around 0.9.
+    std::vector<float> absence = input(15, len);
+    for (int k = 0; k < len; ++k) absence[k] = k % 4 == 1 ? 0.9f : std::fmod(absence[k], 1.0f);
+    for (int k = 0; k < len; k += 6) exp_a[k] = -1.0;
+    NsGainPresencePlain(absence.data(), eta.data(), v.data(), exp_a.data(), a[1].data(), len);
+    NsGainPresenceSimd(absence.data(), eta.data(), v.data(), exp_a.data(), b[1].data(), len);
+    EXPECT_EQ(std::memcmp(a[1].data(), b[1].data(), len * sizeof(float)), 0) << "gain presence";
   }
 #else
   GTEST_SKIP() << "no four-lane vectors in this build";

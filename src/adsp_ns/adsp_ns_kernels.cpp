@@ -83,6 +83,15 @@ void PresenceAt(const float *gamma_min, const float *zeta, const float *v, const
   if (SurelySpeech(gamma_min[k], zeta[k])) presence[k] = 1.0f;
 }
 
+constexpr float kGainAbsenceMax = 0.9f;  // at or above it the gain rule takes the floor alone
+
+float GainPresenceAt(const float *q, const float *eta, const float *v, const double *exp_neg_v, int k) {
+  if (!(q[k] < kGainAbsenceMax)) return 0.0f;
+  const double absence = q[k];
+  const double e = exp_neg_v[k] >= 0.0 ? exp_neg_v[k] : std::exp(-static_cast<double>(v[k]));
+  return static_cast<float>(1.0 / (1.0 + (absence / (1.0 - absence)) * (1.0 + static_cast<double>(eta[k])) * e));
+}
+
 float LsaGainAt(float v, float eta) {
   if (v > 5.0f) return eta / (eta + 1.0f);
   if (v > 0.0f) return ExpExpint(v) * eta / (eta + 1.0f);
@@ -123,6 +132,11 @@ void NsSnrTermsPlain(const NsSnrIn &in, const NsSnrOut &out, int len) {
   for (int k = 0; k < len; ++k) SnrTermsAt(in, out, k);
 }
 
+void NsGainPresencePlain(const float *q, const float *eta, const float *v, const double *exp_neg_v, float *presence,
+                         int len) {
+  for (int k = 0; k < len; ++k) presence[k] = GainPresenceAt(q, eta, v, exp_neg_v, k);
+}
+
 void NsNoiseIndicatorPlain(const float *psd, const float *smoothed, const float *minimum, float *indicator,
                            int len) {
   for (int k = 0; k < len; ++k) indicator[k] = NoiseIndicatorAt(psd[k], smoothed[k], minimum[k]);
@@ -152,6 +166,32 @@ void NsRampOfRatioPlain(const float *ratio, float *likelihood, int len) {
 }
 
 #if defined(VORN_SIMD4)
+
+// Two bins per double vector; a group of four with a bin that needs its
+// exponential computed takes the plain step.
+void NsGainPresenceSimd(const float *q, const float *eta, const float *v, const double *exp_neg_v, float *presence,
+                        int len) {
+  using namespace simd;
+  const D2 one = Set1D(1.0);
+  int k = 0;
+  for (; k + 4 <= len; k += 4) {
+    const F4 absence = Load(q + k);
+    const M4 open = Lt(absence, Set1(kGainAbsenceMax));
+    const M4 formed = Ge(ToFloat(LoadD(exp_neg_v + k), LoadD(exp_neg_v + k + 2)), Zero());
+    if (Any(AndNot(open, formed))) {
+      for (int i = k; i < k + 4; ++i) presence[i] = GainPresenceAt(q, eta, v, exp_neg_v, i);
+      continue;
+    }
+    const F4 e = Load(eta + k);
+    const auto half = [&](D2 a, D2 eta_d, D2 exp_d) {
+      return DivD(one, AddD(one, MulD(MulD(DivD(a, SubD(one, a)), AddD(one, eta_d)), exp_d)));
+    };
+    const D2 lo = half(LowToDouble(absence), LowToDouble(e), LoadD(exp_neg_v + k));
+    const D2 hi = half(HighToDouble(absence), HighToDouble(e), LoadD(exp_neg_v + k + 2));
+    Store(presence + k, Select(open, ToFloat(lo, hi), Zero()));
+  }
+  for (; k < len; ++k) presence[k] = GainPresenceAt(q, eta, v, exp_neg_v, k);
+}
 
 void NsNoiseIndicatorSimd(const float *psd, const float *smoothed, const float *minimum, float *indicator, int len) {
   using namespace simd;
@@ -304,6 +344,15 @@ void NsRampOfRatioSimd(const float *ratio, float *likelihood, int len) {
 }
 
 #endif
+
+void NsGainPresence(const float *q, const float *eta, const float *v, const double *exp_neg_v, float *presence,
+                    int len) {
+#if defined(VORN_SIMD4)
+  NsGainPresenceSimd(q, eta, v, exp_neg_v, presence, len);
+#else
+  NsGainPresencePlain(q, eta, v, exp_neg_v, presence, len);
+#endif
+}
 
 void NsNoiseIndicator(const float *psd, const float *smoothed, const float *minimum, float *indicator, int len) {
 #if defined(VORN_SIMD4)

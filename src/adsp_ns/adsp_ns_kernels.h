@@ -72,7 +72,18 @@ void NsPresence(const float *gamma_min, const float *zeta, const float *v, const
 void NsPresencePlain(const float *gamma_min, const float *zeta, const float *v, const float *eta, float *presence,
                      double *exp_neg_v, int len);
 
+// The gain rule's speech-presence probability from the absence probability
+// q: 1 / (1 + q / (1 - q) * (1 + eta) * exp(-v)) in double where q < 0.9,
+// else 0; exp(-v) is taken from exp_neg_v where the noise estimate formed it
+// (not negative) and computed otherwise.
+void NsGainPresence(const float *q, const float *eta, const float *v, const double *exp_neg_v, float *presence,
+                    int len);
+void NsGainPresencePlain(const float *q, const float *eta, const float *v, const double *exp_neg_v, float *presence,
+                         int len);
+
 #if defined(VORN_SIMD4)
+void NsGainPresenceSimd(const float *q, const float *eta, const float *v, const double *exp_neg_v, float *presence,
+                        int len);
 void NsNoiseIndicatorSimd(const float *psd, const float *smoothed, const float *minimum, float *indicator, int len);
 void NsHeldRatioSimd(const float *sum, const float *weight, const float *held, float *out, int len);
 void NsPresenceSimd(const float *gamma_min, const float *zeta, const float *v, const float *eta, float *presence,

@@ -84,6 +84,9 @@ inline D2 Set1D(double x) { return _mm_set1_pd(x); }
 inline D2 DivD(D2 a, D2 b) { return _mm_div_pd(a, b); }
 inline D2 SqrtD(D2 a) { return _mm_sqrt_pd(a); }
 inline D2 AddD(D2 a, D2 b) { return _mm_add_pd(a, b); }
+inline D2 SubD(D2 a, D2 b) { return _mm_sub_pd(a, b); }
+inline D2 MulD(D2 a, D2 b) { return _mm_mul_pd(a, b); }
+inline D2 LoadD(const double* p) { return _mm_loadu_pd(p); }
 inline void StoreD(double* p, D2 v) { _mm_storeu_pd(p, v); }
 
 #else  // NEON
@@ -158,6 +161,9 @@ inline D2 Set1D(double x) { return vdupq_n_f64(x); }
 inline D2 DivD(D2 a, D2 b) { return vdivq_f64(a, b); }
 inline D2 SqrtD(D2 a) { return vsqrtq_f64(a); }
 inline D2 AddD(D2 a, D2 b) { return vaddq_f64(a, b); }
+inline D2 SubD(D2 a, D2 b) { return vsubq_f64(a, b); }
+inline D2 MulD(D2 a, D2 b) { return vmulq_f64(a, b); }
+inline D2 LoadD(const double* p) { return vld1q_f64(p); }
 inline void StoreD(double* p, D2 v) { vst1q_f64(p, v); }
 
 #endif
