@@ -423,6 +423,15 @@ constexpr int kLookahead = 15;  // blocks, as the canceller sets it
 
 // Bit k - 12 of a word is set when band k is above its running mean; a band
 // never positive has no mean and no bit, and bands outside 12..43 play no part.
+TEST(DelayEstimator, BitCountIsThePopulationCount) {
+  std::mt19937 rng(5);
+  for (uint32_t x : {0u, 1u, 0x80000000u, 0xffffffffu, 0x55555555u, 0xaaaaaaaau}) EXPECT_EQ(BitCount(x), std::popcount(x));
+  for (int i = 0; i < 100000; ++i) {
+    const uint32_t x = static_cast<uint32_t>(rng());
+    ASSERT_EQ(BitCount(x), std::popcount(x)) << x;
+  }
+}
+
 TEST(DelayEstimator, BinarySpectraMarkBandsAboveTheirMeanAndShiftOnACorrection) {
   DelayEstimatorFarend far_buf;
   DelayEstimator near_buf;
