@@ -245,8 +245,10 @@ void BlendToTime(const float share[kBlendBands], const float* reference, float* 
 
 // The MVDR beam without the adaptive canceller learns from the room while
 // all three microphones work; anything else starts the learning afresh.
-bool Learns(const BeamDesign& wanted, bool adaptive) {
-  return wanted.kind == kBeamMvdr && !adaptive && wanted.live_mask == kAllMics;
+// Nor does it learn in front of the echo canceller: every redesign would
+// change the echo path the canceller has converged on.
+bool Learns(const BeamDesign& wanted, bool adaptive, bool echo_follows) {
+  return wanted.kind == kBeamMvdr && !adaptive && !echo_follows && wanted.live_mask == kAllMics;
 }
 
 void LearnHop(EnhancedBeamState* st, const BeamDesign& wanted, bool learns, float spectrum[kBfChannels][kBfFftLen],
@@ -296,7 +298,7 @@ void EnhancedBeamProc(EnhancedBeamState* st, const BeamRequest& rq, const float*
   const BeamDesign wanted = WantedDesign(st, rq, live, spectrum, &following);
   st->frames_since_steer = st->frames_since_steer < kMinSteerFrames ? st->frames_since_steer + 1 : kMinSteerFrames;
   const bool adaptive = IsAdaptive(rq.bf_flag);
-  const bool learns = Learns(wanted, adaptive);
+  const bool learns = Learns(wanted, adaptive, rq.echo_follows != 0);
   LearnHop(st, wanted, learns, spectrum, rq.talker_presence);
   const bool learned = learns && LearnedBeamReady(&st->learned);
   st->hops_since_learned = st->hops_since_learned < kLearnHops ? st->hops_since_learned + 1 : kLearnHops;

@@ -66,6 +66,7 @@ struct BeamRequest {
   float talker_presence;    // 0..1, the previous frame's near-talker presence
   float tracked_azimuth;    // degrees, the tracker's last direction ...
   float tracked_confidence; // ... and how sure it is (0..1)
+  int32_t echo_follows;     // 1: the echo canceller works on the beam's output
 };
 
 // The tracker's direction is followed once it is at least this sure of it.

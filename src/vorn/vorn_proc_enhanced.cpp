@@ -40,7 +40,8 @@ int32_t BeamStage(const T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
   fr.mic_spectra_ready = pm->doa_flag == 1;
   const TVornEnhancedState* enhanced = EnhancedStateOf(st);
   const BeamRequest request{pm->bf_flag, pm->bf_azimuth, pm->doa_flag, enhanced->last_presence.frame_prob,
-                            enhanced->last_direction.azimuth_deg, enhanced->last_direction.confidence};
+                            enhanced->last_direction.azimuth_deg, enhanced->last_direction.confidence,
+                            pm->aec_flag != 0 ? 1 : 0};
   const auto* analysis = static_cast<const T_AudioDspState*>(st->bf_pm.p_data);
   const float* const latest[kBfChannels] = {analysis->au[0] + kBfHop, analysis->au[1] + kBfHop,
                                             analysis->au[2] + kBfHop};
