@@ -161,8 +161,8 @@ void EnhancedVadInit(EnhancedVadState* st);
 // the frame just analysed), from the presence state's last five hops.
 float EnhancedOutputPresence(const EnhancedPresenceState& st);
 // The speech flag of that frame. `echo_alone`: the canceller hears the far
-// end's echo and no near talker beside it; the presence must then clear the
-// echo bar (kFlagEchoThreshold).
+// end's echo and no near talker beside it; the flag then does not rise, and
+// stays only above the echo bar (kFlagEchoThreshold).
 int EnhancedVadDecide(EnhancedVadState* st, float output_prob, bool echo_alone);
 
 }  // namespace vorn
