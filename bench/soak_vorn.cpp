@@ -234,7 +234,6 @@ void AddCanceller(std::vector<FloatSpan>* spans, const Aec& a) {
   spans->push_back(Floats(c.xPow, c.dInitMinPow));
   spans->push_back(Floats(c.xfBuf, c.wf_main_u));
   spans->push_back(Floats(c.double_filter.delta_e_power_sum, c.double_filter.delta_e_power_mean));
-  spans->push_back(Floats(c.wEng, c.wEng));
   spans->push_back(Floats(c.sde, c.xfwBuf));
   spans->push_back(Floats(c.sx, c.hNlXdAvgMin));
   spans->push_back(Floats(c.overDrive, c.overDriveSm));

@@ -83,7 +83,7 @@ TEST(DoaHelpers, BinWeightsPowerSlotsAngleMeansAndSelectSort) {
 // The vector scoring over the transposed family gives the plain loop's bits
 // over the sets themselves, on random bins and weights and on silence (all
 // zero, the search's floor), which also proves the transposed copy holds the
-// sets' own floats.
+// sets' own floats. The eight-lane twin too, where the processor has it.
 TEST(DoaSteeredPower, VectorSearchMatchesThePlainLoopBitForBit) {
 #if defined(VORN_SIMD4)
   const sim::Signal noise = sim::WhiteNoise(kDoaBandBins * 6 + 256, 0.5, 17);
@@ -97,6 +97,12 @@ TEST(DoaSteeredPower, VectorSearchMatchesThePlainLoopBitForBit) {
       DoaSteeredPowerPlain(doa_ele_azi_tab[e], kBfDirections, unit, w.data(), plain.data());
       DoaSteeredPowerSimd(doa_ele_azi_search_tab[e], unit, w.data(), fast.data());
       EXPECT_EQ(std::memcmp(plain.data(), fast.data(), plain.size() * sizeof(float)), 0) << "family " << e;
+#if defined(VORN_AVX2)
+      if (CpuHasAvx2()) {
+        DoaSteeredPowerAvx2(doa_ele_azi_search_tab[e], unit, w.data(), fast.data());
+        EXPECT_EQ(std::memcmp(plain.data(), fast.data(), plain.size() * sizeof(float)), 0) << "eight lanes " << e;
+      }
+#endif
     }
   }
 #else

@@ -208,6 +208,27 @@ TEST(NsKernels, VectorTwinsGiveThePlainBits) {
     NsRampOfRatioPlain(v.data(), a[2].data(), len);
     NsRampOfRatioSimd(v.data(), b[2].data(), len);
     EXPECT_EQ(std::memcmp(a[2].data(), b[2].data(), len * sizeof(float)), 0) << "ramp";
+    // The noise estimate's indicator, held ratio and presence probability.
+    NsNoiseIndicatorPlain(psd.data(), smoothed.data(), minimum.data(), a[3].data(), len);
+    NsNoiseIndicatorSimd(psd.data(), smoothed.data(), minimum.data(), b[3].data(), len);
+    EXPECT_EQ(std::memcmp(a[3].data(), b[3].data(), len * sizeof(float)), 0) << "indicator";
+    NsHeldRatioPlain(noise.data(), v.data(), memory.data(), a[4].data(), len);
+    NsHeldRatioSimd(noise.data(), v.data(), memory.data(), b[4].data(), len);
+    EXPECT_EQ(std::memcmp(a[4].data(), b[4].data(), len * sizeof(float)), 0) << "held ratio";
+    std::vector<double> exp_a(len), exp_b(len);
+    const std::vector<float> ratio_g = input(13, len), ratio_z = input(14, len);
+    NsPresencePlain(ratio_g.data(), ratio_z.data(), v.data(), eta.data(), a[0].data(), exp_a.data(), len);
+    NsPresenceSimd(ratio_g.data(), ratio_z.data(), v.data(), eta.data(), b[0].data(), exp_b.data(), len);
+    EXPECT_EQ(std::memcmp(a[0].data(), b[0].data(), len * sizeof(float)), 0) << "presence";
+    EXPECT_EQ(std::memcmp(exp_a.data(), exp_b.data(), len * sizeof(double)), 0) << "exp(-v)";
+    // The gain rule's presence, with exponentials formed (those just made, and
+    // some not: -1) and absence probabilities around 0.9.
+    std::vector<float> absence = input(15, len);
+    for (int k = 0; k < len; ++k) absence[k] = k % 4 == 1 ? 0.9f : std::fmod(absence[k], 1.0f);
+    for (int k = 0; k < len; k += 6) exp_a[k] = -1.0;
+    NsGainPresencePlain(absence.data(), eta.data(), v.data(), exp_a.data(), a[1].data(), len);
+    NsGainPresenceSimd(absence.data(), eta.data(), v.data(), exp_a.data(), b[1].data(), len);
+    EXPECT_EQ(std::memcmp(a[1].data(), b[1].data(), len * sizeof(float)), 0) << "gain presence";
   }
 #else
   GTEST_SKIP() << "no four-lane vectors in this build";

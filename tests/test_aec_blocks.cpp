@@ -1,5 +1,6 @@
 // Tests of the echo canceller's building blocks: ring buffer, 128-point real
-// FFT (against a direct DFT in double, and vector against plain stages), random
+// FFT (against a direct DFT in double, vector against plain stages, four lanes
+// at once against one at a time), the filter kernels' vector twins, random
 // generators, resampler and skew fit, stored-filter reader, delay estimator.
 #include <gtest/gtest.h>
 
@@ -9,7 +10,9 @@
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
+#include <limits>
 #include <memory>
 #include <numbers>
 #include <random>
@@ -17,6 +20,7 @@
 #include <utility>
 #include <vector>
 
+#include "adsp_aec/aec_core.h"
 #include "adsp_aec/aec_filter_file.h"
 #include "adsp_aec/aec_rdft.h"
 #include "adsp_aec/aec_resampler.h"
@@ -149,6 +153,116 @@ TEST(Rdft128, VectorStagesMatchThePlainStagesAndAreCompiledIn) {
         const bool rounding = i < exact_from[stage] && std::fabs(plain[i] - vector[i]) <= 4e-7f * 4000.0f;
         ASSERT_TRUE(same_bits || rounding) << "stage " << stage << " float " << i;
       }
+    }
+  }
+}
+
+bool SameBits(float a, float b) { return std::bit_cast<uint32_t>(a) == std::bit_cast<uint32_t>(b); }
+
+// Four different inputs (noise at two scales, an impulse, signed zeros) in the
+// lanes give each transform's bits, forward and back.
+TEST(Rdft128, FourLaneTransformsGiveEachLanesBits) {
+  alignas(16) std::array<std::array<float, 128>, 4> one;
+  for (int l = 0; l < 4; ++l) {
+    const sim::Signal noise = sim::WhiteNoise(128, l == 1 ? 1.0 : 3000.0, 40 + l);
+    std::copy(noise.begin(), noise.end(), one[l].begin());
+  }
+  one[2].fill(0.0f);
+  one[2][5] = 1.0f;
+  for (int i = 0; i < 128; ++i) one[3][i] = i % 3 == 0 ? -0.0f : one[3][i];
+  for (const bool forward : {true, false}) {
+    alignas(16) simd::F4 lanes[128];
+    for (int i = 0; i < 128; ++i) lanes[i] = simd::Set(one[0][i], one[1][i], one[2][i], one[3][i]);
+    forward ? aec_rdft_forward_128_x4(lanes) : aec_rdft_inverse_128_x4(lanes);
+    for (auto& a : one) forward ? aec_rdft_forward_128(a.data()) : aec_rdft_inverse_128(a.data());
+    for (int i = 0; i < 128; ++i) {
+      alignas(16) float got[4];
+      simd::Store(got, lanes[i]);
+      for (int l = 0; l < 4; ++l) ASSERT_TRUE(SameBits(got[l], one[l][i])) << forward << " lane " << l << " " << i;
+    }
+  }
+}
+
+// The filter kernels' vector twins against the plain ones, for both filters,
+// both filter lengths and a far history that wraps at different places.
+TEST(AecFilterKernels, VectorTwinsGiveThePlainBits) {
+  struct Case {
+    int filter_flag, partitions, block_pos;
+  };
+  for (const Case& c : {Case{0, 12, 0}, Case{1, 12, 7}, Case{0, 32, 29}, Case{1, 32, 3}, Case{2, 12, 1}}) {
+    auto plain = std::make_unique<AecCore>();
+    std::mt19937 rng(static_cast<unsigned>(c.partitions * 10 + c.block_pos));
+    std::normal_distribution<float> normal(0.0f, 100.0f);
+    for (float* plane : {plain->xfBuf[0], plain->xfBuf[1], plain->wfBuf[0], plain->wfBuf[1], plain->wfBuf_main[0],
+                         plain->wfBuf_main[1]}) {
+      for (int i = 0; i < kFilterPlaneLen; ++i) plane[i] = normal(rng) * (i % 7 == 0 ? 1e-3f : 1.0f);
+    }
+    plain->filter_flag = c.filter_flag;
+    plain->num_partitions = c.partitions;
+    plain->xfBufBlockPos = c.block_pos;
+    auto vector = std::make_unique<AecCore>(*plain);
+    float yf_plain[2][kAecBins], yf_vector[2][kAecBins], ef[2][kAecBins];
+    for (int k = 0; k < kAecBins; ++k) {
+      yf_plain[0][k] = yf_vector[0][k] = normal(rng);
+      yf_plain[1][k] = yf_vector[1][k] = normal(rng);
+      ef[0][k] = normal(rng) * 1e-6f;
+      ef[1][k] = normal(rng) * 1e-6f;
+    }
+    // The step normalisation, with far powers that send bins down both branches.
+    float ef_plain[2][kAecBins], ef_vector[2][kAecBins], x_pow[kAecBins];
+    for (int k = 0; k < kAecBins; ++k) {
+      ef_plain[0][k] = ef_vector[0][k] = normal(rng);
+      ef_plain[1][k] = ef_vector[1][k] = normal(rng);
+      x_pow[k] = k % 3 == 0 ? 0.0f : std::fabs(normal(rng)) * 1e3f;
+    }
+    ScaleErrorBinsPlain(x_pow, 0.5f, 0.3f, ef_plain);
+    ScaleErrorBinsSimd(x_pow, 0.5f, 0.3f, ef_vector);
+    ASSERT_EQ(std::memcmp(ef_plain, ef_vector, sizeof ef_plain), 0);
+    FilterFarPlain(plain.get(), yf_plain);
+    FilterFarSimd(vector.get(), yf_vector);
+    alignas(16) float fft[kAecBlockLen2];
+    FilterAdaptationPlain(plain.get(), fft, ef);
+    FilterAdaptationSimd(vector.get(), ef);
+    for (int k = 0; k < kAecBins; ++k) {
+      ASSERT_TRUE(SameBits(yf_plain[0][k], yf_vector[0][k]) && SameBits(yf_plain[1][k], yf_vector[1][k])) << k;
+    }
+    for (int i = 0; i < kFilterPlaneLen; ++i) {
+      ASSERT_TRUE(SameBits(plain->wfBuf[0][i], vector->wfBuf[0][i]) && SameBits(plain->wfBuf[1][i], vector->wfBuf[1][i]) &&
+                  SameBits(plain->wfBuf_main[0][i], vector->wfBuf_main[0][i]) &&
+                  SameBits(plain->wfBuf_main[1][i], vector->wfBuf_main[1][i]))
+          << "flag " << c.filter_flag << " partitions " << c.partitions << " at " << i;
+    }
+  }
+}
+
+// The far end's activity over the filter span: the same decision as the float
+// chain at and around the threshold (where the twin falls back to it), far
+// from it on both sides, and for zeros, infinities and NaN.
+TEST(AecFilterKernels, FarSpanActivityDecidesAsTheFloatSum) {
+  const float inf = std::numeric_limits<float>::infinity(), nan = std::numeric_limits<float>::quiet_NaN();
+  for (int n : {12 * kAecBins, 32 * kAecBins, 7}) {
+    std::mt19937 rng(static_cast<unsigned>(n));
+    std::normal_distribution<float> normal(0.0f, 1.0f);
+    std::vector<float> re(n), im(n);
+    for (int i = 0; i < n; ++i) re[i] = normal(rng), im[i] = normal(rng) * (i % 5 == 0 ? 30.0f : 1.0f);
+    const float divisor = static_cast<float>(n) * 128.0f;
+    double mean = 0.0;
+    for (int i = 0; i < n; ++i) mean += double{re[i]} * re[i] + double{im[i]} * im[i];
+    mean /= divisor;
+    for (double offset : {0.0, 1e-9, -1e-9, 1e-5, -1e-5, 4e-4, -4e-4, 2e-3, -2e-3, 0.5, -0.5, -1.0}) {
+      const float scale = static_cast<float>(std::sqrt(100.0 * (1.0 + offset) / mean));
+      std::vector<float> r = re, m = im;
+      for (int i = 0; i < n; ++i) r[i] *= scale, m[i] *= scale;
+      EXPECT_EQ(FarSpanAbovePlain(r.data(), m.data(), n, divisor, 100.0f),
+                FarSpanAboveSimd(r.data(), m.data(), n, divisor, 100.0f))
+          << n << " bins, offset " << offset;
+    }
+    for (float special : {inf, nan, 3e38f}) {
+      std::vector<float> r = re;
+      r[n / 2] = special;
+      EXPECT_EQ(FarSpanAbovePlain(r.data(), im.data(), n, divisor, 100.0f),
+                FarSpanAboveSimd(r.data(), im.data(), n, divisor, 100.0f))
+          << n << " bins, " << special;
     }
   }
 }
@@ -309,6 +423,15 @@ constexpr int kLookahead = 15;  // blocks, as the canceller sets it
 
 // Bit k - 12 of a word is set when band k is above its running mean; a band
 // never positive has no mean and no bit, and bands outside 12..43 play no part.
+TEST(DelayEstimator, BitCountIsThePopulationCount) {
+  std::mt19937 rng(5);
+  for (uint32_t x : {0u, 1u, 0x80000000u, 0xffffffffu, 0x55555555u, 0xaaaaaaaau}) EXPECT_EQ(BitCount(x), std::popcount(x));
+  for (int i = 0; i < 100000; ++i) {
+    const uint32_t x = static_cast<uint32_t>(rng());
+    ASSERT_EQ(BitCount(x), std::popcount(x)) << x;
+  }
+}
+
 TEST(DelayEstimator, BinarySpectraMarkBandsAboveTheirMeanAndShiftOnACorrection) {
   DelayEstimatorFarend far_buf;
   DelayEstimator near_buf;

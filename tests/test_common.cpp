@@ -226,7 +226,8 @@ TEST(CommonUtil, ConvIsCentredAndDropsTermsBeyondBothEdges) {
       ASSERT_NEAR(out[o], want, 1e-5) << "output " << o;
     }
   }
-  // A range gives the same bits as the whole, plain and vector alike, and
+  // A range gives the same bits as the whole, plain and vector (four and eight
+  // lanes) alike, and
   // writes nothing outside it.
   {
     Floats xi = sim::WhiteNoise(257, 1.0, 21u), kernel = sim::WhiteNoise(31, 1.0, 22u), whole(257);
@@ -234,7 +235,14 @@ TEST(CommonUtil, ConvIsCentredAndDropsTermsBeyondBothEdges) {
     const int ranges[][2] = {{6, 151}, {0, 257}, {0, 3}, {250, 300}, {-4, 20}, {100, 100}, {140, 139}};
     for (const auto& r : ranges) {
       SCOPED_TRACE(testing::Message() << "outputs " << r[0] << ".." << r[1]);
-      for (auto* conv : {&ConvRange, &ConvRangePlain}) {
+      std::vector<decltype(&ConvRange)> convs = {&ConvRange, &ConvRangePlain};
+#if defined(VORN_SIMD4)
+      convs.push_back(&ConvRangeSimd);
+#endif
+#if defined(VORN_AVX2)
+      if (CpuHasAvx2()) convs.push_back(&ConvRangeAvx2);
+#endif
+      for (auto* conv : convs) {
         Floats out(257, -7.0f);
         conv(kernel.data(), 31, xi.data(), 257, r[0], r[1], out.data());
         for (int o = 0; o < 257; ++o)

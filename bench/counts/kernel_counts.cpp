@@ -15,9 +15,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <string>
 #include <vector>
 
+#include "adsp_aec/aec_core.h"
 #include "adsp_aec/aec_rdft.h"
 #include "adsp_bf/adsp_doa.h"
 #include "adsp_bf/weight_tables.h"
@@ -72,6 +74,19 @@ struct Inputs {
                                std::vector<float>(1024), std::vector<float>(1024)};
   std::vector<float> dav = r.Powers(kNsBins), dav_long = r.Powers(kNsBins);
   std::vector<float> work = std::vector<float>(512);
+  // A canceller with 12 partitions of far history and both filters filled.
+  std::unique_ptr<AecCore> aec = [this] {
+    auto core = std::make_unique<AecCore>();
+    core->num_partitions = kNormalNumPartitions;
+    core->xfBufBlockPos = 5;
+    core->filter_flag = 1;
+    for (float* plane : {core->xfBuf[0], core->xfBuf[1], core->wfBuf[0], core->wfBuf[1]}) {
+      const std::vector<float> values = r.Uniform(kFilterPlaneLen, -1, 1);
+      std::copy(values.begin(), values.end(), plane);
+    }
+    return core;
+  }();
+  std::vector<float> error = r.Uniform(2 * kAecBins, -1e-3f, 1e-3f);
 };
 
 using Call = void (*)(Inputs&);
@@ -148,6 +163,21 @@ void Rdft128(Inputs& in) {
   (kInverse ? aec_rdft_inverse_128_with : aec_rdft_forward_128_with)(stages, in.work.data());
 }
 
+template <bool kVector>
+void FilterOutput(Inputs& in) {
+  float yf[2][kAecBins] = {};
+  if constexpr (kVector) FilterFarSimd(in.aec.get(), yf);
+  else FilterFarPlain(in.aec.get(), yf);
+  in.out[0][0] = yf[0][0];
+}
+
+template <bool kVector>
+void FilterConstraint(Inputs& in) {
+  auto* ef = reinterpret_cast<float(*)[kAecBins]>(in.error.data());
+  if constexpr (kVector) FilterAdaptationSimd(in.aec.get(), ef);
+  else FilterAdaptationPlain(in.aec.get(), in.work.data(), ef);
+}
+
 void Copy512(Inputs& in) { std::memcpy(in.work.data(), in.frame.data(), 512 * sizeof(float)); }
 void Copy128(Inputs& in) { std::memcpy(in.work.data(), in.block.data(), 128 * sizeof(float)); }
 
@@ -167,6 +197,9 @@ const Kernel kKernels[] = {
     {"aec_rftbsub", "canceller transform, inverse real split", RdftStage<false, 3>, RdftStage<true, 3>},
     {"aec_rdft_fwd", "canceller 128-point forward transform", Rdft128<false, false>, Rdft128<true, false>},
     {"aec_rdft_inv", "canceller 128-point inverse transform", Rdft128<false, true>, Rdft128<true, true>},
+    {"canceller_filter_out", "canceller filter output, 12 partitions", FilterOutput<false>, FilterOutput<true>},
+    {"canceller_adaptation", "canceller adaptation, 12 partitions (plain: one transform pair per partition)", FilterConstraint<false>,
+     FilterConstraint<true>},
     // The input copy the transforms above include, to subtract.
     {"copy_512", "the 512-float input copy alone", Copy512, Copy512},
     {"copy_128", "the 128-float input copy alone", Copy128, Copy128},

@@ -304,7 +304,6 @@ int AdspAec_InitAec(AecCore* aec, int sampFreq) {
   aec->wf_main_u = 1.0f;
   aec->decay_count = 1;
   aec->filter_flag = 0;
-  aec->wEng = 1.0f;
   ResetDoubleFilter(&aec->double_filter);
 
   std::memset(aec->sde, 0, sizeof(aec->sde));

@@ -108,7 +108,6 @@ struct AecCore {
   int decay_count;
   int filter_flag;  // 1: routines act on wfBuf, 0: on wfBuf_main, else nothing
   DoubleFilter double_filter;
-  float wEng;
 
   complex_t sde[kAecBins];
   complex_t sxd[kAecBins];
@@ -181,6 +180,34 @@ struct AecCore {
 void FilterFar(AecCore* aec, float yf[2][kAecBins]);
 void ScaleErrorSignal(AecCore* aec, float ef[2][kAecBins]);
 void FilterAdaptation(AecCore* aec, float* fft, float ef[2][kAecBins]);
+// The filter the kernels act on (filter_flag): one plane of wfBuf or
+// wfBuf_main, or null.
+float* ActiveFilter(AecCore* aec, int plane);
+// The plain filter kernels (the reference; fft is their transform scratch) and,
+// where the build has four-lane vectors, their twins that give the same bits
+// (aec_core_filter_simd.cpp: four partitions per transform batch).
+void FilterFarPlain(AecCore* aec, float yf[2][kAecBins]);
+// The error spectrum's step normalisation: each bin divided by the far power,
+// or scaled down to the limit where that would exceed it, then times mu.
+void ScaleErrorBins(const float* x_pow, float limit, float mu, float ef[2][kAecBins]);
+void ScaleErrorBinsPlain(const float* x_pow, float limit, float mu, float ef[2][kAecBins]);
+void ScaleErrorBinAt(const float* x_pow, float limit, float mu, float ef[2][kAecBins], int k);
+// Whether the far end's mean square over the filter's span (the float sum of
+// the bin powers of the n bins in memory order, over divisor) exceeds a
+// positive threshold. The sum is a chain of n dependent additions; the vector
+// twin sums the same float terms in double, four at a time, and forms the
+// float chain only when that mean lies within 1e-3 of the threshold (or is
+// not finite): elsewhere the chain's rounding, below 2.5e-4 of the sum for
+// the longest filter's 2080 bins, cannot carry it across.
+bool FarSpanAbove(const float* x_re, const float* x_im, int n, float divisor, float threshold);
+bool FarSpanAbovePlain(const float* x_re, const float* x_im, int n, float divisor, float threshold);
+void FilterAdaptationPlain(AecCore* aec, float* fft, float ef[2][kAecBins]);
+#if defined(VORN_SIMD4)
+void FilterFarSimd(AecCore* aec, float yf[2][kAecBins]);
+void FilterAdaptationSimd(AecCore* aec, float ef[2][kAecBins]);
+void ScaleErrorBinsSimd(const float* x_pow, float limit, float mu, float ef[2][kAecBins]);
+bool FarSpanAboveSimd(const float* x_re, const float* x_im, int n, float divisor, float threshold);
+#endif
 void OverdriveAndSuppress(AecCore* aec, float* hNl, const float hNlFb, float efw[2][kAecBins],
                           int EnableFlag);
 void ComfortNoise(AecCore* aec, float efw[2][kAecBins], complex_t* comfortNoiseHband,

@@ -20,12 +20,6 @@ namespace {
 constexpr float kMainStepDecay = 0.99908f;
 constexpr float kMainStepFloor = 0.05f;
 
-float* ActiveFilter(AecCore* aec, int plane) {
-  if (aec->filter_flag == 1) return aec->wfBuf[plane];
-  if (aec->filter_flag == 0) return aec->wfBuf_main[plane];
-  return nullptr;
-}
-
 // Block energies of the two errors, compared in dB. One dB either way counts
 // as a win; closer than that the block is a draw. Blocks without far-end
 // signal say nothing about the echo path and are draws too.
@@ -35,6 +29,12 @@ constexpr int kCopyAdaptiveToMain = 200;   // of the last 250 blocks
 constexpr int kCopyMainToAdaptive = 490;   // net blocks since the last copy
 
 }  // namespace
+
+float* ActiveFilter(AecCore* aec, int plane) {
+  if (aec->filter_flag == 1) return aec->wfBuf[plane];
+  if (aec->filter_flag == 0) return aec->wfBuf_main[plane];
+  return nullptr;
+}
 
 // Fills double_filter with this block's decision and performs the exchange.
 // count_negative is the number of adaptive-filter wins among the last 250
@@ -79,13 +79,12 @@ void UpdateDoubleFilter(AecCore* aec, float main_error_energy, float adaptive_er
   }
 }
 
-void FilterFar(AecCore* aec, float yf[2][kAecBins]) {
+// The echo estimate: the far history's partitions through the filter's,
+// summed into yf.
+void FilterFarPlain(AecCore* aec, float yf[2][kAecBins]) {
   const float* w_re = ActiveFilter(aec, 0);
   const float* w_im = ActiveFilter(aec, 1);
   if (w_re == nullptr) return;
-  const bool main_filter = aec->filter_flag == 0;
-  double out_energy = 0.0;
-  double far_energy = 0.0;
   for (int p = 0; p < aec->num_partitions; ++p) {
     int q = aec->xfBufBlockPos + p;
     if (q >= aec->num_partitions) q -= aec->num_partitions;
@@ -98,17 +97,7 @@ void FilterFar(AecCore* aec, float yf[2][kAecBins]) {
       const float wi = w_im[wpos + k];
       yf[0][k] += xr * wr - xi * wi;
       yf[1][k] += xr * wi + xi * wr;
-      if (main_filter) {
-        out_energy += yf[0][k] * yf[0][k] + yf[1][k] * yf[1][k];
-        far_energy += xr * xr + xi * xi;
-      }
     }
-  }
-  if (main_filter) {
-    float ratio = static_cast<float>(out_energy / (far_energy + 1e-10));
-    if (ratio < 0.01f) ratio = 0.01f;
-    if (ratio > 100.0f) ratio = 100.0f;
-    aec->wEng = ratio;
   }
 }
 
@@ -124,23 +113,28 @@ void ScaleErrorSignal(AecCore* aec, float ef[2][kAecBins]) {
     g = aec->wf_main_u > kMainStepFloor ? aec->wf_main_u : kMainStepFloor;
     if (aec->decay_count < 5000 && aec->hNlXdAvg > 0.3f) aec->decay_count += 1;
   }
-  const float limit = g * threshold;
-  for (int k = 0; k < kAecBins; ++k) {
-    const float abs_ef = std::sqrt(ef[0][k] * ef[0][k] + ef[1][k] * ef[1][k]);
-    if (abs_ef > aec->xPow[k] * limit) {
-      const float scale = limit / (abs_ef + 1e-10f);
-      ef[0][k] *= scale;
-      ef[1][k] *= scale;
-    } else {
-      ef[0][k] /= (aec->xPow[k] + 1e-10f);
-      ef[1][k] /= (aec->xPow[k] + 1e-10f);
-    }
-    ef[0][k] *= mu;
-    ef[1][k] *= mu;
-  }
+  ScaleErrorBins(aec->xPow, g * threshold, mu, ef);
 }
 
-void FilterAdaptation(AecCore* aec, float* fft, float ef[2][kAecBins]) {
+void ScaleErrorBinAt(const float* x_pow, float limit, float mu, float ef[2][kAecBins], int k) {
+  const float abs_ef = std::sqrt(ef[0][k] * ef[0][k] + ef[1][k] * ef[1][k]);
+  if (abs_ef > x_pow[k] * limit) {
+    const float scale = limit / (abs_ef + 1e-10f);
+    ef[0][k] *= scale;
+    ef[1][k] *= scale;
+  } else {
+    ef[0][k] /= (x_pow[k] + 1e-10f);
+    ef[1][k] /= (x_pow[k] + 1e-10f);
+  }
+  ef[0][k] *= mu;
+  ef[1][k] *= mu;
+}
+
+void ScaleErrorBinsPlain(const float* x_pow, float limit, float mu, float ef[2][kAecBins]) {
+  for (int k = 0; k < kAecBins; ++k) ScaleErrorBinAt(x_pow, limit, mu, ef, k);
+}
+
+void FilterAdaptationPlain(AecCore* aec, float* fft, float ef[2][kAecBins]) {
   float* w_re = ActiveFilter(aec, 0);
   float* w_im = ActiveFilter(aec, 1);
   if (w_re == nullptr) return;
@@ -170,6 +164,45 @@ void FilterAdaptation(AecCore* aec, float* fft, float ef[2][kAecBins]) {
       w_im[wpos + k] += fft[2 * k + 1];
     }
   }
+}
+
+void FilterFar(AecCore* aec, float yf[2][kAecBins]) {
+#if defined(VORN_SIMD4)
+  FilterFarSimd(aec, yf);
+#else
+  FilterFarPlain(aec, yf);
+#endif
+}
+
+bool FarSpanAbovePlain(const float* x_re, const float* x_im, int n, float divisor, float threshold) {
+  float sum = 0.0f;
+  for (int i = 0; i < n; ++i) sum += x_re[i] * x_re[i] + x_im[i] * x_im[i];
+  return sum / divisor > threshold;
+}
+
+bool FarSpanAbove(const float* x_re, const float* x_im, int n, float divisor, float threshold) {
+#if defined(VORN_SIMD4)
+  return FarSpanAboveSimd(x_re, x_im, n, divisor, threshold);
+#else
+  return FarSpanAbovePlain(x_re, x_im, n, divisor, threshold);
+#endif
+}
+
+void ScaleErrorBins(const float* x_pow, float limit, float mu, float ef[2][kAecBins]) {
+#if defined(VORN_SIMD4)
+  ScaleErrorBinsSimd(x_pow, limit, mu, ef);
+#else
+  ScaleErrorBinsPlain(x_pow, limit, mu, ef);
+#endif
+}
+
+void FilterAdaptation(AecCore* aec, float* fft, float ef[2][kAecBins]) {
+#if defined(VORN_SIMD4)
+  FilterAdaptationSimd(aec, ef);
+  (void)fft;
+#else
+  FilterAdaptationPlain(aec, fft, ef);
+#endif
 }
 
 }  // namespace vorn

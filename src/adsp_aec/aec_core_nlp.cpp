@@ -126,13 +126,8 @@ void UpdateNoiseEstimate(AecCore* aec, const float efw[2][kAecBins]) {
 // silent.
 constexpr float kFarSilentPower = 100.0f;
 
-// Mean square of the far end over the partitions the filter spans, from
-// their half spectra (Parseval over 128-sample partitions).
-float FarMeanSquareOverFilterSpan(const AecCore* aec) {
-  const int n = aec->num_partitions * kAecBins;
-  float sum = 0.0f;
-  for (int i = 0; i < n; ++i) sum += aec->xfBuf[0][i] * aec->xfBuf[0][i] + aec->xfBuf[1][i] * aec->xfBuf[1][i];
-  return sum / static_cast<float>(aec->num_partitions * kAecBlockLen * kAecBlockLen2);
+float FarSpanDivisor(const AecCore* aec) {
+  return static_cast<float>(aec->num_partitions * kAecBlockLen * kAecBlockLen2);
 }
 
 float BlockMeanSquare(const float* x) {
@@ -434,7 +429,10 @@ void ProcessNlpBlock(AecCore* aec, float far_mean_square) {
   // Echo needs a far end: when the loudspeaker has been silent for the whole
   // span of the filter, nothing in this block can be echo, and suppressing it
   // would only cut into near-end speech and noise.
-  const int suppress = FarMeanSquareOverFilterSpan(aec) > kFarSilentPower ? 1 : 0;
+  const int suppress = FarSpanAbove(aec->xfBuf[0], aec->xfBuf[1], aec->num_partitions * kAecBins,
+                                    FarSpanDivisor(aec), kFarSilentPower)
+                           ? 1
+                           : 0;
   const float upper_gain = suppress ? UpperBandGain(hNl) : 1.0f;
   if (aec->NlpPf == 3) {
     float linear[2][kAecBins];

@@ -16,34 +16,14 @@
 // bit for bit, in those groups.
 #include "adsp_aec/aec_rdft.h"
 
-#include <array>
 #include <cstdint>
 #include <cstring>
-#include <utility>
 
 #include "adsp_aec/aec_rdft_tables.h"
 
 namespace vorn {
 namespace {
 
-// Bit reversal of the 64 complex pairs is a fixed permutation: the 28 pairs of
-// indices that trade places.
-constexpr int Rev6(int i) {
-  int r = 0;
-  for (int b = 0; b < 6; ++b) r |= ((i >> b) & 1) << (5 - b);
-  return r;
-}
-
-constexpr std::array<std::pair<int, int>, 28> MakeBitReversalSwaps() {
-  std::array<std::pair<int, int>, 28> swaps{};
-  int count = 0;
-  for (int i = 0; i < 64; ++i) {
-    if (Rev6(i) > i) swaps[count++] = {2 * i, 2 * Rev6(i)};
-  }
-  return swaps;
-}
-
-constexpr auto kBitReversalSwaps = MakeBitReversalSwaps();
 
 // One radix-4 butterfly over the complex points a[j], a[j + d], a[j + 2d] and
 // a[j + 3d] (real and imaginary parts interleaved): their sums and
@@ -138,7 +118,7 @@ void StoreTwiddled(float* a, int j, int d, const Butterfly& b, const Twiddles& w
 // Each complex pair moves as one 8-byte word: half the loads and stores of
 // moving its two floats apart, and the bits are only moved, never touched.
 void bitrv2_128_C(float* a) {
-  for (const auto& [i, j] : kBitReversalSwaps) {
+  for (const auto& [i, j] : rdft_bit_reversal_swaps) {
     uint64_t first;
     uint64_t second;
     std::memcpy(&first, a + i, sizeof first);

@@ -54,6 +54,15 @@ inline constexpr const RdftStages& kRdftStages = kRdftSimdStages;
 inline constexpr const RdftStages& kRdftStages = kRdftPlainStages;
 #endif
 
+#if defined(VORN_SIMD4)
+// Four transforms at once, one per lane: a[i] holds element i of each of
+// them. Every lane performs the operations of aec_rdft_forward_128 /
+// aec_rdft_inverse_128 (with the vector stages) in their order, so it gives
+// their bits; the canceller batches its per-partition transforms with them.
+void aec_rdft_forward_128_x4(simd::F4* a);
+void aec_rdft_inverse_128_x4(simd::F4* a);
+#endif
+
 // The transforms with the compiled-in stages, and with a chosen set (tests and
 // benchmarks compare the sets).
 void aec_rdft_forward_128(float* a);

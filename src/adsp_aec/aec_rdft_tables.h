@@ -13,6 +13,7 @@
 #pragma once
 
 #include <array>
+#include <utility>
 
 namespace vorn {
 namespace rdft_detail {
@@ -107,6 +108,23 @@ constexpr std::array<float, 16> MakeWk3ri(int parity) {
   return t;
 }
 
+// Bit reversal of the 64 complex pairs is a fixed permutation: the 28 pairs
+// of float offsets that trade places.
+constexpr int Rev6(int i) {
+  int r = 0;
+  for (int b = 0; b < 6; ++b) r |= ((i >> b) & 1) << (5 - b);
+  return r;
+}
+
+constexpr std::array<std::pair<int, int>, 28> MakeBitReversalSwaps() {
+  std::array<std::pair<int, int>, 28> swaps{};
+  int count = 0;
+  for (int i = 0; i < 64; ++i) {
+    if (Rev6(i) > i) swaps[count++] = {2 * i, 2 * Rev6(i)};
+  }
+  return swaps;
+}
+
 }  // namespace rdft_detail
 
 alignas(16) inline constexpr std::array<float, 64> rdft_w = rdft_detail::MakeW();
@@ -118,5 +136,6 @@ alignas(16) inline constexpr std::array<float, 32> rdft_wk2i = rdft_detail::Make
 alignas(16) inline constexpr std::array<float, 32> rdft_wk3i = rdft_detail::MakeWki(3);
 alignas(16) inline constexpr std::array<float, 16> rdft_wk3ri_first = rdft_detail::MakeWk3ri(0);
 alignas(16) inline constexpr std::array<float, 16> rdft_wk3ri_second = rdft_detail::MakeWk3ri(1);
+inline constexpr std::array<std::pair<int, int>, 28> rdft_bit_reversal_swaps = rdft_detail::MakeBitReversalSwaps();
 
 }  // namespace vorn

@@ -30,7 +30,6 @@
 #include "adsp_aec/delay_estimator.h"
 
 #include <algorithm>
-#include <bit>
 #include <cstdlib>
 #include <cstring>
 #include <iterator>
@@ -118,7 +117,7 @@ void Adsp_AddBinaryFarSpectrum(BinaryDelayEstimatorFarend* self, uint32_t binary
   std::memmove(self->binary_far_history + 1, self->binary_far_history, kept * sizeof(uint32_t));
   std::memmove(self->far_bit_counts + 1, self->far_bit_counts, kept * sizeof(int));
   self->binary_far_history[0] = binary_far_spectrum;
-  self->far_bit_counts[0] = std::popcount(binary_far_spectrum);
+  self->far_bit_counts[0] = BitCount(binary_far_spectrum);
 }
 
 int Adsp_CreateBinaryDelayEstimator(BinaryDelayEstimator* self, BinaryDelayEstimatorFarend* farend,
@@ -170,7 +169,7 @@ int Adsp_ProcessBinarySpectrum(BinaryDelayEstimator* self, uint32_t binary_near_
 
   const BinaryDelayEstimatorFarend* farend = Adsp_BinaryFarendOf(self);
   for (int i = 0; i < self->history_size; ++i) {
-    self->bit_counts[i] = std::popcount(binary_near_spectrum ^ farend->binary_far_history[i]);
+    self->bit_counts[i] = BitCount(binary_near_spectrum ^ farend->binary_far_history[i]);
   }
   for (int i = 0; i < self->history_size; ++i) {
     if (farend->far_bit_counts[i] > 0) {

@@ -13,6 +13,19 @@ namespace vorn {
 inline constexpr int kHistorySizeBlocks = 125;  // far-end history, blocks
 inline constexpr int kMaxBitCountsQ9 = 16384;   // 32 bits in Q9
 
+// Set bits of a word, counted in pairs, nibbles and bytes: std::popcount's
+// count, in shifts and masks the compiler runs four words at a time (the
+// x86-64 baseline has no population count, and the library call it would
+// make costs more per word).
+inline constexpr int BitCount(uint32_t x) {
+  x = x - ((x >> 1) & 0x55555555u);
+  x = (x & 0x33333333u) + ((x >> 2) & 0x33333333u);
+  x = (x + (x >> 4)) & 0x0f0f0f0fu;
+  x = x + (x >> 8);
+  x = x + (x >> 16);
+  return static_cast<int>(x & 0x3fu);
+}
+
 struct BinaryDelayEstimatorFarend {
   int far_bit_counts[kHistorySizeBlocks];            // set bits of each stored far-end word
   uint32_t binary_far_history[kHistorySizeBlocks];   // newest at 0

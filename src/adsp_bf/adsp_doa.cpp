@@ -75,7 +75,12 @@ int DoaSelectBfElevationAzimuth(T_AudioDspState* st, float f[3][512], float* w) 
   EleAziStruct per_set[kBfDoaElevations];
   for (int e = 0; e < kBfDoaElevations; ++e) {
     float scores[kBfDoaDirections];
-#if defined(VORN_SIMD4)
+#if defined(VORN_AVX2)
+    if (CpuHasAvx2())
+      DoaSteeredPowerAvx2(doa_ele_azi_search_tab[e], unit, w, scores);
+    else
+      DoaSteeredPowerSimd(doa_ele_azi_search_tab[e], unit, w, scores);
+#elif defined(VORN_SIMD4)
     DoaSteeredPowerSimd(doa_ele_azi_search_tab[e], unit, w, scores);
 #else
     DoaSteeredPowerPlain(doa_ele_azi_tab[e], kBfDoaDirections, unit, w, scores);

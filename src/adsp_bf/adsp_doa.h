@@ -3,6 +3,7 @@
 #pragma once
 
 #include "adsp_bf/audio_dsp_proc.h"
+#include "common/cpu_avx2.h"
 #include "common/simd4.h"
 
 namespace vorn {
@@ -43,11 +44,15 @@ constexpr int kDoaBandBins = kDoaHighBin - kDoaLowBin + 1;
 // order, with U the unit-magnitude microphone bins (unit[k - kDoaLowBin][m]
 // = re, im). The plain loop over the sets is the reference; the vector one
 // scores the 72 directions of a transposed family (weight_tables.h) four at a
-// time with the same operations per direction and gives the same bits.
+// time with the same operations per direction and gives the same bits; its
+// AVX2 twin scores eight at a time, where the processor has it.
 void DoaSteeredPowerPlain(const float* const* sets, int num_sets, const float (*unit)[3][2], const float* w,
                           float* scores);
 #if defined(VORN_SIMD4)
 void DoaSteeredPowerSimd(const float* search_table, const float (*unit)[3][2], const float* w, float* scores);
+#endif
+#if defined(VORN_AVX2)
+void DoaSteeredPowerAvx2(const float* search_table, const float (*unit)[3][2], const float* w, float* scores);
 #endif
 
 // Position of the largest en (first on ties) and that entry's idx.

@@ -77,6 +77,7 @@ constexpr int kNoiseStartHops = 10;    // a plain mean over the first hops
 // times the noise (9 dB: a noise bin gets there about once in a thousand
 // hops) and its power at least kOnsetRise times its recent level.
 constexpr float kNoiseMargin = 8.0f;
+constexpr float kPooledNoiseMargin = 4.0f;
 constexpr float kOnsetRise = 2.0f;
 // Pooled bin weight past which the amount of evidence no longer limits the
 // confidence (a few syllable onsets' worth).
@@ -118,21 +119,41 @@ void GccFollowNoise(const float power[kGccBins], int learnt, GccNoise* noise) {
   }
 }
 
+namespace {
+
+// A bin's weight from its power, its recent level, the smoothed power the
+// noise test reads and the floor that test holds it to.
+float OnsetWeight(float power, float recent, float smoothed, float floor) {
+  const float rise = power - kOnsetRise * recent;
+  if (smoothed > floor && rise > 0.0f) return (smoothed - floor) / smoothed * (rise / power);
+  return 0.0f;
+}
+
+}  // namespace
+
 float GccBinWeights(const float power[kGccBins], const GccNoise& noise, const float recent[kGccBins],
                     float weight[kGccBins]) {
   float total = 0.0f;
   for (int b = 0; b < kGccBins; ++b) {
-    const float p = power[b];
     // The noise test looks at the power smoothed with the last hops: a
     // single hop's bin of noise swings far above its mean too often, and a
     // steady interferer's bins would then vote, sharply, at every swing.
-    const float smoothed = 0.5f * (recent[b] + p);
-    const float floor = kNoiseMargin * noise.power[b];
-    const float rise = p - kOnsetRise * recent[b];
-    float w = 0.0f;
-    if (smoothed > floor && rise > 0.0f) w = (smoothed - floor) / smoothed * (rise / p);
-    weight[b] = w;
-    total += w;
+    const float smoothed = 0.5f * (recent[b] + power[b]);
+    weight[b] = OnsetWeight(power[b], recent[b], smoothed, kNoiseMargin * noise.power[b]);
+    total += weight[b];
+  }
+  return total;
+}
+
+float GccBinWeightsPooled(const float power[kGccBins], const GccNoise& noise, const float recent[kGccBins],
+                          float weight[kGccBins]) {
+  float total = 0.0f;
+  for (int b = 0; b < kGccBins; ++b) {
+    const int first = b > 0 ? b - 1 : 0, last = b + 1 < kGccBins ? b + 1 : kGccBins - 1;
+    float smoothed = 0.0f, floor = 0.0f;
+    for (int j = first; j <= last; ++j) smoothed += 0.5f * (recent[j] + power[j]), floor += noise.power[j];
+    weight[b] = OnsetWeight(power[b], recent[b], smoothed, kPooledNoiseMargin * floor);
+    total += weight[b];
   }
   return total;
 }

@@ -78,6 +78,15 @@ void GccFollowNoise(const float power[kGccBins], int learnt, GccNoise* noise);
 float GccBinWeights(const float power[kGccBins], const GccNoise& noise, const float recent[kGccBins],
                     float weight[kGccBins]);
 
+// The same weights for a whole stretch, where evidence is scarce and a
+// wrong vote costs less (the stretch has many): the noise test looks at the
+// smoothed power summed over each bin and its two neighbours, against the
+// noise summed likewise, which averages three times as many samples of the
+// noise, so a margin of 4 (6 dB) lets through about as few noise bins as 8
+// on one bin does, and speech 3 dB weaker counts.
+float GccBinWeightsPooled(const float power[kGccBins], const GccNoise& noise, const float recent[kGccBins],
+                          float weight[kGccBins]);
+
 // cross += scale * weight * the pairs' cross-spectra reduced to unit
 // magnitude (bins where a microphone is silent add nothing).
 void GccAddCross(const GccBand& band, const float weight[kGccBins], float scale, GccCross* cross);

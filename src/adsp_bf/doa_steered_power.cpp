@@ -11,6 +11,7 @@
 // scores are the same bits.
 #include "adsp_bf/adsp_doa.h"
 #include "adsp_bf/weight_tables.h"
+#include "common/cpu_avx2.h"
 #include "common/simd4.h"
 
 namespace vorn {
@@ -67,6 +68,36 @@ void DoaSteeredPowerSimd(const float* search_table, const float (*unit)[3][2], c
     }
   }
   for (int d = 0; d < kBlocks; ++d) Store(scores + 4 * d, score[d]);
+}
+#endif
+
+#if defined(VORN_AVX2)
+// The same walk with eight directions per vector.
+VORN_TARGET_AVX2 void DoaSteeredPowerAvx2(const float* search_table, const float (*unit)[3][2], const float* w,
+                                          float* scores) {
+  static_assert(kBfDirections % 8 == 0);
+  constexpr int kBlocks = kBfDirections / 8;
+  __m256 score[kBlocks];
+  for (__m256& s : score) s = _mm256_setzero_ps();
+  for (int b = 0; b < kDoaBandBins; ++b) {
+    const float* row = search_table + b * 6 * kBfDirections;
+    const float(*x)[2] = unit[b];
+    const __m256 x_re[3] = {_mm256_set1_ps(x[0][0]), _mm256_set1_ps(x[1][0]), _mm256_set1_ps(x[2][0])};
+    const __m256 x_im[3] = {_mm256_set1_ps(x[0][1]), _mm256_set1_ps(x[1][1]), _mm256_set1_ps(x[2][1])};
+    const __m256 weight = _mm256_set1_ps(w[kDoaLowBin + b]);
+    for (int d = 0; d < kBlocks; ++d) {
+      __m256 re = _mm256_setzero_ps(), im = _mm256_setzero_ps();
+      for (int m = 0; m < 3; ++m) {
+        const __m256 w_re = _mm256_loadu_ps(row + (2 * m) * kBfDirections + 8 * d);
+        const __m256 w_im = _mm256_loadu_ps(row + (2 * m + 1) * kBfDirections + 8 * d);
+        re = _mm256_add_ps(re, _mm256_sub_ps(_mm256_mul_ps(w_re, x_re[m]), _mm256_mul_ps(w_im, x_im[m])));
+        im = _mm256_add_ps(im, _mm256_add_ps(_mm256_mul_ps(w_im, x_re[m]), _mm256_mul_ps(w_re, x_im[m])));
+      }
+      const __m256 power = _mm256_add_ps(_mm256_mul_ps(re, re), _mm256_mul_ps(im, im));
+      score[d] = _mm256_add_ps(score[d], _mm256_mul_ps(power, weight));
+    }
+  }
+  for (int d = 0; d < kBlocks; ++d) _mm256_storeu_ps(scores + 8 * d, score[d]);
 }
 #endif
 

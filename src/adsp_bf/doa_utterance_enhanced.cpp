@@ -4,15 +4,22 @@
 // The stretch is read twice. The first pass follows each bin's noise over
 // the whole stretch, so that the second weighs every hop, the first ones
 // too, against a settled estimate. The second pass pools the
-// phase-transformed pair cross-spectra of every hop, each bin weighted as
-// the tracker weights it (onsets well above the noise) and each hop by how
-// far its band stands above the noise (a speech-presence estimate of its
-// own: the caller's is not known here). Pooling the cross-spectra rather than per-hop scores
+// phase-transformed pair cross-spectra of every hop, each bin weighted by
+// its onset above the noise (as the tracker weighs it, but with the noise
+// test spread over neighbouring bins, which lets weaker speech count: a
+// stretch has many votes, and in noise the speech rarely stands 9 dB
+// clear) and each hop by how far its band stands above the noise (a
+// speech-presence estimate of its own: the caller's is not known here).
+// The same pass learns the noise's own phase-transformed cross-spectra from
+// the bins that hold noise alone; what the noise added to the counted bins
+// is then taken out, so that a steady interferer's swings above the test
+// do not pull the answer toward it. Pooling the cross-spectra rather than per-hop scores
 // gives the same steered response at the cost of one evaluation for the
 // whole stretch, and keeps memory constant: a stretch of any length is used
 // whole. The search covers elevations 0-40 degrees in 5-degree steps (a
 // planar array hears a talker 30 degrees below as one 30 degrees above) and
 // refines the azimuth between the 1-degree grid points.
+#include <algorithm>
 #include <cstring>
 
 #include "adsp_bf/doa_tracker_enhanced.h"
@@ -26,6 +33,13 @@ constexpr int kElevationStep = 5;
 // Band SNR (power over floor) at which a hop starts to count, and at which
 // it counts fully.
 constexpr float kHopSnrLow = 2.0f, kHopSnrHigh = 8.0f;
+// A bin under kNoiseLike times the noise is taken as noise alone when the
+// noise's cross-spectrum is learnt. Its part in a counted bin is removed
+// kNoiseRemoved times over: the noise's share of a counted bin's power
+// (noise over power) understates it, the bin having been counted because
+// it stood high.
+constexpr float kNoiseLike = 2.0f;
+constexpr float kNoiseRemoved = 2.0f;
 
 // The unwindowed spectra of hop h's 512-sample frame, microphone rows in order.
 void FrameBand(const short* inp, const short order[kBfChannels], int hop, GccBand* band) {
@@ -55,14 +69,15 @@ DoaTrack DoaUtteranceEnhanced(const short* inp, const short order[kBfChannels], 
     GccFollowNoise(power, h, &noise);
   }
 
-  GccCross cross{};
-  float recent[kGccBins], weight[kGccBins];
+  GccCross cross{}, noise_cross{};
+  float recent[kGccBins], weight[kGccBins], noise_like[kGccBins];
+  float noise_hops[kGccBins] = {}, noise_share[kGccBins] = {};
   float pooled_weight = 0.0f;
   for (int h = 0; h < hops; ++h) {
     FrameBand(inp, order, h, &band);
     GccBandPower(band, power);
     if (h == 0) std::memcpy(recent, power, sizeof recent);
-    const float bin_sum = GccBinWeights(power, noise, recent, weight);
+    const float bin_sum = GccBinWeightsPooled(power, noise, recent, weight);
     float band_power = 0.0f, band_floor = 0.0f;
     for (int b = 0; b < kGccBins; ++b) band_power += power[b], band_floor += noise.power[b];
     const float snr = band_floor > 0.0f ? band_power / band_floor : kHopSnrHigh;
@@ -71,10 +86,27 @@ DoaTrack DoaUtteranceEnhanced(const short* inp, const short order[kBfChannels], 
     if (hop_gate > 0.0f && bin_sum > 0.0f) {
       GccAddCross(band, weight, hop_gate, &cross);
       pooled_weight += hop_gate * bin_sum;
+      for (int b = 0; b < kGccBins; ++b)
+        if (weight[b] > 0.0f) noise_share[b] += hop_gate * weight[b] * std::min(1.0f, noise.power[b] / power[b]);
     }
+    for (int b = 0; b < kGccBins; ++b) {
+      noise_like[b] = power[b] < kNoiseLike * noise.power[b] ? 1.0f : 0.0f;
+      noise_hops[b] += noise_like[b];
+    }
+    GccAddCross(band, noise_like, 1.0f, &noise_cross);
     for (int b = 0; b < kGccBins; ++b) recent[b] = kRecentKeep * recent[b] + (1.0f - kRecentKeep) * power[b];
   }
   if (!(pooled_weight > 0.0f)) return {0.0f, 0.0f, false};
+  // What the noise put into the pooled bins: its mean phase-transformed
+  // cross-spectrum, times the share of each counted bin's power it held.
+  for (int b = 0; b < kGccBins; ++b) {
+    if (!(noise_hops[b] > 0.0f)) continue;
+    const float scale = kNoiseRemoved * noise_share[b] / noise_hops[b];
+    for (int p = 0; p < kGccPairs; ++p) {
+      cross.re[p][b] -= scale * noise_cross.re[p][b];
+      cross.im[p][b] -= scale * noise_cross.im[p][b];
+    }
+  }
   GccLags lags;
   GccCrossToLags(cross, lags);
   const GccPeak peak = GccSearch(lags, kElevationStep);

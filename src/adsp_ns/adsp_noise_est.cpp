@@ -22,11 +22,6 @@
 namespace vorn {
 namespace {
 
-constexpr float kIndicatorPsd = 7.636f;    // 1.66 * 4.6
-constexpr float kIndicatorSmooth = 2.7722f; // 1.66 * 1.67
-constexpr float kGammaMax = 3.0f;           // periodogram-to-minimum ratio that is surely speech
-constexpr float kZetaMax = 1.67f;
-constexpr float kTiny = 1e-10f;
 constexpr int kSumFirstBin = 7;             // frame figures use bins 7..149
 constexpr int kSumLastBin = 149;
 constexpr int kWarmupFrames = 15;           // minima follow the periodogram until then
@@ -62,17 +57,13 @@ void NoiseEst(T_AdspNsState *ns_st, float *psd, NsSharedTerms *terms) {
     DataMin(st.s, st.s_mact, kNsBins, st.s_mact);
   }
 
-  for (int k = 0; k < kNsBins; ++k) {
-    const bool noise_like = psd[k] < kIndicatorPsd * st.s_min[k] && st.s[k] < kIndicatorSmooth * st.s_min[k];
-    noise_indicator[k] = noise_like ? 1.0f : 0.0f;
-  }
+  NsNoiseIndicator(psd, st.s, st.s_min, noise_indicator, kNsBins);
   Conv(st.b, 3, noise_indicator, kNsBins, indicator_weight);
   DataMult(noise_indicator, psd, kNsBins, 1.0f, indicated_psd);
   Conv(st.b, 3, indicated_psd, kNsBins, indicated_sum);
   // A bin with no noise-like neighbour keeps its previous value.
   float noise_only_psd[kNsBins];
-  for (int k = 0; k < kNsBins; ++k)
-    noise_only_psd[k] = indicator_weight[k] > kTiny ? indicated_sum[k] / indicator_weight[k] : st.st[k];
+  NsHeldRatio(indicated_sum, indicator_weight, st.st, noise_only_psd, kNsBins);
 
   if (st.frame < kWarmupFrames) {
     CopyData(st.st, st.s, kNsBins);
@@ -92,20 +83,7 @@ void NoiseEst(T_AdspNsState *ns_st, float *psd, NsSharedTerms *terms) {
   NsSnrTerms({psd, st.lambda_d, st.eta_2term, st.s_min_t, st.s, st.eta_min},
              {st.gamma, st.eta, st.v, gamma_min, zeta}, kNsBins);
   float presence[kNsBins];
-  for (int k = 0; k < kNsBins; ++k) {
-    presence[k] = 0.0f;  // stays 0 where the periodogram is at or below the minimum
-    terms->exp_neg_v[k] = -1.0;
-    if (gamma_min[k] > 1.0f && gamma_min[k] < kGammaMax && zeta[k] < kZetaMax) {
-      const double absence = (3.0 - static_cast<double>(gamma_min[k])) * 0.5;
-      const double not_absent = 1.0 - absence;
-      const double exp_neg_v = std::exp(-static_cast<double>(st.v[k]));
-      terms->exp_neg_v[k] = exp_neg_v;
-      presence[k] = static_cast<float>(
-          not_absent / (not_absent + (1.0 + static_cast<double>(st.eta[k])) * absence * exp_neg_v));
-    }
-    // Surely speech: both averages hold their value.
-    if (gamma_min[k] > kGammaMax || zeta[k] > kZetaMax) presence[k] = 1.0f;
-  }
+  NsPresence(gamma_min, zeta, st.v, st.eta, presence, terms->exp_neg_v, kNsBins);
   NsNoiseUpdate(psd, gamma_min, zeta, presence, {st.lambda_dav, st.lambda_dav_long, st.lambda_d}, kNsBins);
 
   float sum_noise = 0.0f;

@@ -17,6 +17,8 @@ constexpr float kBiasAverage = 1.4685f;  // mean / minimum of the smoothed perio
 constexpr float kGammaMax = 3.0f;        // periodogram-to-minimum ratio that is surely speech
 constexpr float kZetaMax = 1.67f;
 constexpr float kMinLikelihood = 0.005f;
+constexpr float kIndicatorPsd = 7.636f;      // 1.66 * 4.6
+constexpr float kIndicatorSmooth = 2.7722f;  // 1.66 * 1.67
 // Decision-directed a priori SNR: the weight of the new term is 1 - 0.95 as a
 // float (0.050000012).
 constexpr float kNewTermWeight = 1.0f - 0.95f;
@@ -54,6 +56,40 @@ void NoiseUpdateAt(const float *psd, const float *gamma_min, const float *zeta, 
     avg.lambda_dav_long[k] = alpha_long * avg.lambda_dav_long[k] + (1.0f - alpha_long) * psd[k];
   }
   avg.lambda_d[k] = kBiasAverage * avg.lambda_dav[k];
+}
+
+float NoiseIndicatorAt(float psd, float smoothed, float minimum) {
+  return psd < kIndicatorPsd * minimum && smoothed < kIndicatorSmooth * minimum ? 1.0f : 0.0f;
+}
+
+float HeldRatioAt(float sum, float weight, float held) { return weight > kTiny ? sum / weight : held; }
+
+// Only for a bin the minimum leaves open (1 < gamma_min < 3, zeta < 1.67).
+void OpenPresenceAt(const float *gamma_min, const float *v, const float *eta, float *presence, double *exp_neg_v,
+                    int k) {
+  const double absence = (3.0 - static_cast<double>(gamma_min[k])) * 0.5;
+  const double not_absent = 1.0 - absence;
+  exp_neg_v[k] = std::exp(-static_cast<double>(v[k]));
+  presence[k] =
+      static_cast<float>(not_absent / (not_absent + (1.0 + static_cast<double>(eta[k])) * absence * exp_neg_v[k]));
+}
+
+void PresenceAt(const float *gamma_min, const float *zeta, const float *v, const float *eta, float *presence,
+                double *exp_neg_v, int k) {
+  presence[k] = 0.0f;
+  exp_neg_v[k] = -1.0;
+  if (gamma_min[k] > 1.0f && gamma_min[k] < kGammaMax && zeta[k] < kZetaMax)
+    OpenPresenceAt(gamma_min, v, eta, presence, exp_neg_v, k);
+  if (SurelySpeech(gamma_min[k], zeta[k])) presence[k] = 1.0f;
+}
+
+constexpr float kGainAbsenceMax = 0.9f;  // at or above it the gain rule takes the floor alone
+
+float GainPresenceAt(const float *q, const float *eta, const float *v, const double *exp_neg_v, int k) {
+  if (!(q[k] < kGainAbsenceMax)) return 0.0f;
+  const double absence = q[k];
+  const double e = exp_neg_v[k] >= 0.0 ? exp_neg_v[k] : std::exp(-static_cast<double>(v[k]));
+  return static_cast<float>(1.0 / (1.0 + (absence / (1.0 - absence)) * (1.0 + static_cast<double>(eta[k])) * e));
 }
 
 float LsaGainAt(float v, float eta) {
@@ -96,6 +132,25 @@ void NsSnrTermsPlain(const NsSnrIn &in, const NsSnrOut &out, int len) {
   for (int k = 0; k < len; ++k) SnrTermsAt(in, out, k);
 }
 
+void NsGainPresencePlain(const float *q, const float *eta, const float *v, const double *exp_neg_v, float *presence,
+                         int len) {
+  for (int k = 0; k < len; ++k) presence[k] = GainPresenceAt(q, eta, v, exp_neg_v, k);
+}
+
+void NsNoiseIndicatorPlain(const float *psd, const float *smoothed, const float *minimum, float *indicator,
+                           int len) {
+  for (int k = 0; k < len; ++k) indicator[k] = NoiseIndicatorAt(psd[k], smoothed[k], minimum[k]);
+}
+
+void NsHeldRatioPlain(const float *sum, const float *weight, const float *held, float *out, int len) {
+  for (int k = 0; k < len; ++k) out[k] = HeldRatioAt(sum[k], weight[k], held[k]);
+}
+
+void NsPresencePlain(const float *gamma_min, const float *zeta, const float *v, const float *eta, float *presence,
+                     double *exp_neg_v, int len) {
+  for (int k = 0; k < len; ++k) PresenceAt(gamma_min, zeta, v, eta, presence, exp_neg_v, k);
+}
+
 void NsNoiseUpdatePlain(const float *psd, const float *gamma_min, const float *zeta, const float *presence,
                         const NsNoiseAverages &avg, int len) {
   for (int k = 0; k < len; ++k) NoiseUpdateAt(psd, gamma_min, zeta, presence, avg, k);
@@ -111,6 +166,74 @@ void NsRampOfRatioPlain(const float *ratio, float *likelihood, int len) {
 }
 
 #if defined(VORN_SIMD4)
+
+// Two bins per double vector; a group of four with a bin that needs its
+// exponential computed takes the plain step.
+void NsGainPresenceSimd(const float *q, const float *eta, const float *v, const double *exp_neg_v, float *presence,
+                        int len) {
+  using namespace simd;
+  const D2 one = Set1D(1.0);
+  int k = 0;
+  for (; k + 4 <= len; k += 4) {
+    const F4 absence = Load(q + k);
+    const M4 open = Lt(absence, Set1(kGainAbsenceMax));
+    const M4 formed = Ge(ToFloat(LoadD(exp_neg_v + k), LoadD(exp_neg_v + k + 2)), Zero());
+    if (Any(AndNot(open, formed))) {
+      for (int i = k; i < k + 4; ++i) presence[i] = GainPresenceAt(q, eta, v, exp_neg_v, i);
+      continue;
+    }
+    const F4 e = Load(eta + k);
+    const auto half = [&](D2 a, D2 eta_d, D2 exp_d) {
+      return DivD(one, AddD(one, MulD(MulD(DivD(a, SubD(one, a)), AddD(one, eta_d)), exp_d)));
+    };
+    const D2 lo = half(LowToDouble(absence), LowToDouble(e), LoadD(exp_neg_v + k));
+    const D2 hi = half(HighToDouble(absence), HighToDouble(e), LoadD(exp_neg_v + k + 2));
+    Store(presence + k, Select(open, ToFloat(lo, hi), Zero()));
+  }
+  for (; k < len; ++k) presence[k] = GainPresenceAt(q, eta, v, exp_neg_v, k);
+}
+
+void NsNoiseIndicatorSimd(const float *psd, const float *smoothed, const float *minimum, float *indicator, int len) {
+  using namespace simd;
+  const F4 psd_factor = Set1(kIndicatorPsd), smooth_factor = Set1(kIndicatorSmooth);
+  int k = 0;
+  for (; k + 4 <= len; k += 4) {
+    const F4 m = Load(minimum + k);
+    const M4 noise_like = And(Lt(Load(psd + k), Mul(psd_factor, m)), Lt(Load(smoothed + k), Mul(smooth_factor, m)));
+    Store(indicator + k, Select(noise_like, Set1(1.0f), Zero()));
+  }
+  for (; k < len; ++k) indicator[k] = NoiseIndicatorAt(psd[k], smoothed[k], minimum[k]);
+}
+
+// Every lane divides; the lanes that keep their held value drop the quotient.
+void NsHeldRatioSimd(const float *sum, const float *weight, const float *held, float *out, int len) {
+  using namespace simd;
+  const F4 tiny = Set1(kTiny);
+  int k = 0;
+  for (; k + 4 <= len; k += 4) {
+    const F4 w = Load(weight + k);
+    Store(out + k, Select(Gt(w, tiny), Div(Load(sum + k), w), Load(held + k)));
+  }
+  for (; k < len; ++k) out[k] = HeldRatioAt(sum[k], weight[k], held[k]);
+}
+
+// The lanes' tests decide 0 or 1 at once; the open bins, found from the mask
+// bits, take the plain double step one by one.
+void NsPresenceSimd(const float *gamma_min, const float *zeta, const float *v, const float *eta, float *presence,
+                    double *exp_neg_v, int len) {
+  using namespace simd;
+  const F4 one = Set1(1.0f), gamma_max = Set1(kGammaMax), zeta_max = Set1(kZetaMax);
+  int k = 0;
+  for (; k + 4 <= len; k += 4) {
+    const F4 g = Load(gamma_min + k), z = Load(zeta + k);
+    const M4 sure = Or(Gt(g, gamma_max), Gt(z, zeta_max));
+    Store(presence + k, Select(sure, one, Zero()));
+    for (int i = 0; i < 4; ++i) exp_neg_v[k + i] = -1.0;
+    for (int open = Bits(And(And(Gt(g, one), Lt(g, gamma_max)), Lt(z, zeta_max))); open != 0; open &= open - 1)
+      OpenPresenceAt(gamma_min, v, eta, presence, exp_neg_v, k + __builtin_ctz(static_cast<unsigned>(open)));
+  }
+  for (; k < len; ++k) PresenceAt(gamma_min, zeta, v, eta, presence, exp_neg_v, k);
+}
 
 void NsSnrTermsSimd(const NsSnrIn &in, const NsSnrOut &out, int len) {
   using namespace simd;
@@ -221,6 +344,40 @@ void NsRampOfRatioSimd(const float *ratio, float *likelihood, int len) {
 }
 
 #endif
+
+void NsGainPresence(const float *q, const float *eta, const float *v, const double *exp_neg_v, float *presence,
+                    int len) {
+#if defined(VORN_SIMD4)
+  NsGainPresenceSimd(q, eta, v, exp_neg_v, presence, len);
+#else
+  NsGainPresencePlain(q, eta, v, exp_neg_v, presence, len);
+#endif
+}
+
+void NsNoiseIndicator(const float *psd, const float *smoothed, const float *minimum, float *indicator, int len) {
+#if defined(VORN_SIMD4)
+  NsNoiseIndicatorSimd(psd, smoothed, minimum, indicator, len);
+#else
+  NsNoiseIndicatorPlain(psd, smoothed, minimum, indicator, len);
+#endif
+}
+
+void NsHeldRatio(const float *sum, const float *weight, const float *held, float *out, int len) {
+#if defined(VORN_SIMD4)
+  NsHeldRatioSimd(sum, weight, held, out, len);
+#else
+  NsHeldRatioPlain(sum, weight, held, out, len);
+#endif
+}
+
+void NsPresence(const float *gamma_min, const float *zeta, const float *v, const float *eta, float *presence,
+                double *exp_neg_v, int len) {
+#if defined(VORN_SIMD4)
+  NsPresenceSimd(gamma_min, zeta, v, eta, presence, exp_neg_v, len);
+#else
+  NsPresencePlain(gamma_min, zeta, v, eta, presence, exp_neg_v, len);
+#endif
+}
 
 void NsSnrTerms(const NsSnrIn &in, const NsSnrOut &out, int len) {
 #if defined(VORN_SIMD4)

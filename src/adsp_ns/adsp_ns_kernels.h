@@ -52,7 +52,42 @@ void NsLsaGainPlain(const float *v, const float *eta, const float *gamma, float 
 void NsRampOfRatio(const float *ratio, float *likelihood, int len);
 void NsRampOfRatioPlain(const float *ratio, float *likelihood, int len);
 
+// The rough speech indicator of the noise estimate: 1 where the periodogram
+// and the smoothed periodogram both stay near the minimum (below 4.6 and 1.67
+// times its bias-compensated value), else 0.
+void NsNoiseIndicator(const float *psd, const float *smoothed, const float *minimum, float *indicator, int len);
+void NsNoiseIndicatorPlain(const float *psd, const float *smoothed, const float *minimum, float *indicator,
+                           int len);
+
+// sum / weight where the weight exceeds 1e-10, else the held value.
+void NsHeldRatio(const float *sum, const float *weight, const float *held, float *out, int len);
+void NsHeldRatioPlain(const float *sum, const float *weight, const float *held, float *out, int len);
+
+// The conditional speech-presence probability of the noise estimate: 0 where
+// the periodogram is at or below its minimum, 1 where the bin is surely
+// speech, and between (in double, with exp(-v), which is kept in exp_neg_v;
+// -1 elsewhere) where the minimum leaves it open.
+void NsPresence(const float *gamma_min, const float *zeta, const float *v, const float *eta, float *presence,
+                double *exp_neg_v, int len);
+void NsPresencePlain(const float *gamma_min, const float *zeta, const float *v, const float *eta, float *presence,
+                     double *exp_neg_v, int len);
+
+// The gain rule's speech-presence probability from the absence probability
+// q: 1 / (1 + q / (1 - q) * (1 + eta) * exp(-v)) in double where q < 0.9,
+// else 0; exp(-v) is taken from exp_neg_v where the noise estimate formed it
+// (not negative) and computed otherwise.
+void NsGainPresence(const float *q, const float *eta, const float *v, const double *exp_neg_v, float *presence,
+                    int len);
+void NsGainPresencePlain(const float *q, const float *eta, const float *v, const double *exp_neg_v, float *presence,
+                         int len);
+
 #if defined(VORN_SIMD4)
+void NsGainPresenceSimd(const float *q, const float *eta, const float *v, const double *exp_neg_v, float *presence,
+                        int len);
+void NsNoiseIndicatorSimd(const float *psd, const float *smoothed, const float *minimum, float *indicator, int len);
+void NsHeldRatioSimd(const float *sum, const float *weight, const float *held, float *out, int len);
+void NsPresenceSimd(const float *gamma_min, const float *zeta, const float *v, const float *eta, float *presence,
+                    double *exp_neg_v, int len);
 void NsSnrTermsSimd(const NsSnrIn &in, const NsSnrOut &out, int len);
 void NsNoiseUpdateSimd(const float *psd, const float *gamma_min, const float *zeta, const float *presence,
                        const NsNoiseAverages &avg, int len);

@@ -98,22 +98,17 @@ void EstGain(T_AdspNsState *ns_st, float *q, const NsSharedTerms &terms, float *
   const float *noise = st.lambda_d;
   const float snr_weight = 2.0f * st.long_eta / (st.long_eta + 5.0f);
   int peak_count = 0;  // the tonal-peak run starts at kPeakFirstBin, so a range starting later replays it
+  float presences[kNsBins];
+  if (last_bin >= first_bin)
+    NsGainPresence(q + first_bin, st.eta + first_bin, st.v + first_bin, terms.exp_neg_v + first_bin,
+                   presences + first_bin, last_bin - first_bin + 1);
 
   for (int k = first_bin < kPeakFirstBin ? first_bin : kPeakFirstBin; k <= last_bin; ++k) {
     if (k < first_bin) {
       if (k <= kPeakLastBin) peak_count = ldl[k + 1] > 2.07f * (ldl[k - 1] + ldl[k + 3]) ? 2 : peak_count - 1;
       continue;
     }
-    const float eta = st.eta[k];
-    const float v = st.v[k];
-
-    float presence = 0.0f;
-    if (q[k] < 0.9f) {
-      const double absence = q[k];
-      const double exp_neg_v = terms.exp_neg_v[k] >= 0.0 ? terms.exp_neg_v[k] : std::exp(-static_cast<double>(v));
-      presence = static_cast<float>(
-          1.0 / (1.0 + (absence / (1.0 - absence)) * (1.0 + static_cast<double>(eta)) * exp_neg_v));
-    }
+    const float presence = presences[k];
 
     float floor = st.g_f;
     if (k >= kPeakFirstBin && k <= kPeakLastBin) {

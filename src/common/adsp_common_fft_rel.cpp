@@ -158,8 +158,79 @@ inline void ForwardButterflies4(float *x, int i, int j, int quarter) {
 }
 #endif
 
+#if defined(VORN_SIMD4)
+// The length-4 pass and the stages of 8 and 16 points stay inside blocks of
+// 16 floats. Four neighbouring blocks, turned so that vector p holds float p
+// of each, run them with one vector operation for each plain one, in the
+// plain order; then they are turned back.
+inline void ForwardButterflyColumns(simd::F4 *c, int j, int half, int group, float cos_j, float sin_j) {
+  using namespace simd;
+  const F4 cc = Set1(cos_j), ss = Set1(sin_j), two = Set1(2.0f);
+  const int i1 = j, i2 = half - j, i3 = i1 + half, i4 = group - j;
+  const F4 t1 = Add(Mul(c[i3], cc), Mul(c[i4], ss));
+  const F4 t2 = Sub(Mul(c[i3], ss), Mul(c[i4], cc));
+  const F4 a2 = c[i2];
+  c[i4] = Sub(a2, t2);
+  c[i3] = Sub(c[i4], Mul(two, a2));
+  const F4 a1 = c[i1];
+  c[i2] = Sub(a1, t1);
+  c[i1] = Sub(Mul(two, a1), c[i2]);
+}
+
+// The first step of a stage's group at i (butterfly 0, whose twiddle is 1).
+inline void ForwardGroupStartColumns(simd::F4 *c, int i, int quarter) {
+  using namespace simd;
+  const int half = 2 * quarter;
+  const F4 t = c[i];
+  c[i + half] = Sub(t, c[i + half]);
+  c[i] = Sub(Mul(Set1(2.0f), t), c[i + half]);
+  c[i + half + quarter] = Neg(c[i + half + quarter]);
+}
+
+void ForwardFirstStagesSimd(const float *scratch, float *x, int n) {
+  using namespace simd;
+  for (int b = 0; b < n; b += 64) {
+    F4 c[16];
+    for (int q = 0; q < 4; ++q) {
+      for (int r = 0; r < 4; ++r) c[4 * q + r] = Load(scratch + b + 16 * r + 4 * q);
+      Transpose(c[4 * q], c[4 * q + 1], c[4 * q + 2], c[4 * q + 3]);
+    }
+    for (int i = 0; i < 16; i += 4) {
+      const F4 s0 = Add(c[i], c[i + 1]), d0 = Sub(c[i], c[i + 1]);
+      const F4 s1 = Add(c[i + 2], c[i + 3]), d1 = Sub(c[i + 2], c[i + 3]);
+      c[i] = Add(s0, s1);
+      c[i + 1] = d0;
+      c[i + 2] = Sub(s0, s1);
+      c[i + 3] = Neg(d1);
+    }
+    for (int i = 0; i < 16; i += 8) {  // 8 points: quarter 2
+      ForwardGroupStartColumns(c, i, 2);
+      ForwardButterflyColumns(c + i, 1, 4, 8, sincos_t_ext[kCosOffset + 128], sincos_t_ext[128]);
+    }
+    ForwardGroupStartColumns(c, 0, 4);  // 16 points: quarter 4
+    for (int j = 1; j < 4; ++j)
+      ForwardButterflyColumns(c, j, 8, 16, sincos_t_ext[kCosOffset + j * 64], sincos_t_ext[j * 64]);
+    for (int q = 0; q < 4; ++q) {
+      Transpose(c[4 * q], c[4 * q + 1], c[4 * q + 2], c[4 * q + 3]);
+      for (int r = 0; r < 4; ++r) Store(x + b + 16 * r + 4 * q, c[4 * q + r]);
+    }
+  }
+}
+#endif
+
 template <bool kVector>
 void ForwardTransform(float *x, int n, int m) {
+  int half = 2;
+  int first_stage = 3;
+#if defined(VORN_SIMD4)
+  if (kVector && HasTablePermutation(n)) {
+    float scratch[kMaxTablePoints];
+    GatherBitReversed(x, n, scratch);
+    ForwardFirstStagesSimd(scratch, x, n);
+    half = 8;
+    first_stage = 5;
+  } else
+#endif
   // Permutation fused with the length-2 butterflies, then the length-4 pass.
   if (HasTablePermutation(n)) {
     float scratch[kMaxTablePoints];
@@ -188,8 +259,7 @@ void ForwardTransform(float *x, int n, int m) {
     }
   }
 
-  int half = 2;
-  for (int stage = 3; stage <= m; ++stage) {
+  for (int stage = first_stage; stage <= m; ++stage) {
     const int quarter = half;
     half = 2 * quarter;
     const int group = 2 * half;

@@ -5,6 +5,7 @@
 // routine do nothing.
 #pragma once
 
+#include "common/cpu_avx2.h"
 #include "common/simd4.h"
 
 namespace vorn {
@@ -49,6 +50,10 @@ void ConvRange(const float *a, int alen, const float *b, int blen, int first, in
 void ConvRangePlain(const float *a, int alen, const float *b, int blen, int first, int past, float *out);
 #if defined(VORN_SIMD4)
 void ConvRangeSimd(const float *a, int alen, const float *b, int blen, int first, int past, float *out);
+#endif
+#if defined(VORN_AVX2)
+// Eight outputs per vector where the processor has AVX2 (ConvRange asks it).
+void ConvRangeAvx2(const float *a, int alen, const float *b, int blen, int first, int past, float *out);
 #endif
 
 // y[i] = alpha*y[i] + (1 - alpha)*x[i]

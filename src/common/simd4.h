@@ -54,6 +54,8 @@ inline M4 AndNot(M4 a, M4 b) { return _mm_andnot_ps(b, a); }  // a and not b
 inline F4 Select(M4 m, F4 a, F4 b) { return _mm_or_ps(_mm_and_ps(m, a), _mm_andnot_ps(m, b)); }
 inline bool Any(M4 m) { return _mm_movemask_ps(m) != 0; }
 inline bool All(M4 m) { return _mm_movemask_ps(m) == 0xf; }
+// Bit i set where lane i of m holds.
+inline int Bits(M4 m) { return _mm_movemask_ps(m); }
 // Lanes in the opposite order.
 inline F4 Reverse(F4 v) { return _mm_shuffle_ps(v, v, _MM_SHUFFLE(0, 1, 2, 3)); }
 // Lane moves for data held as (re, im) pairs.
@@ -70,6 +72,9 @@ inline F4 LoadTwoDoubled(const float* p) {
 inline F4 NegateEven(F4 v) { return _mm_xor_ps(v, _mm_castsi128_ps(_mm_setr_epi32(INT32_MIN, 0, INT32_MIN, 0))); }
 inline F4 NegateOdd(F4 v) { return _mm_xor_ps(v, _mm_castsi128_ps(_mm_setr_epi32(0, INT32_MIN, 0, INT32_MIN))); }
 
+// Rows r0..r3 become columns: r_i lane j moves to r_j lane i.
+inline void Transpose(F4& r0, F4& r1, F4& r2, F4& r3) { _MM_TRANSPOSE4_PS(r0, r1, r2, r3); }
+
 // Two-lane doubles, for the steps the plain code rounds through double.
 using D2 = __m128d;
 inline D2 LowToDouble(F4 v) { return _mm_cvtps_pd(v); }
@@ -78,6 +83,11 @@ inline F4 ToFloat(D2 lo, D2 hi) { return _mm_movelh_ps(_mm_cvtpd_ps(lo), _mm_cvt
 inline D2 Set1D(double x) { return _mm_set1_pd(x); }
 inline D2 DivD(D2 a, D2 b) { return _mm_div_pd(a, b); }
 inline D2 SqrtD(D2 a) { return _mm_sqrt_pd(a); }
+inline D2 AddD(D2 a, D2 b) { return _mm_add_pd(a, b); }
+inline D2 SubD(D2 a, D2 b) { return _mm_sub_pd(a, b); }
+inline D2 MulD(D2 a, D2 b) { return _mm_mul_pd(a, b); }
+inline D2 LoadD(const double* p) { return _mm_loadu_pd(p); }
+inline void StoreD(double* p, D2 v) { _mm_storeu_pd(p, v); }
 
 #else  // NEON
 
@@ -109,6 +119,10 @@ inline M4 AndNot(M4 a, M4 b) { return vbicq_u32(a, b); }
 inline F4 Select(M4 m, F4 a, F4 b) { return vbslq_f32(m, a, b); }
 inline bool Any(M4 m) { return vmaxvq_u32(m) != 0; }
 inline bool All(M4 m) { return vminvq_u32(m) != 0; }
+inline int Bits(M4 m) {
+  const uint32x4_t bit = {1u, 2u, 4u, 8u};
+  return static_cast<int>(vaddvq_u32(vandq_u32(m, bit)));
+}
 inline F4 Reverse(F4 v) {
   const F4 pairs = vrev64q_f32(v);  // 1 0 3 2
   return vextq_f32(pairs, pairs, 2);
@@ -130,6 +144,15 @@ inline F4 NegateOdd(F4 v) {
   return vreinterpretq_f32_u32(veorq_u32(vreinterpretq_u32_f32(v), sign));
 }
 
+inline void Transpose(F4& r0, F4& r1, F4& r2, F4& r3) {
+  const float32x4x2_t t01 = vtrnq_f32(r0, r1);  // (r0_0 r1_0 r0_2 r1_2), (r0_1 r1_1 r0_3 r1_3)
+  const float32x4x2_t t23 = vtrnq_f32(r2, r3);
+  r0 = vcombine_f32(vget_low_f32(t01.val[0]), vget_low_f32(t23.val[0]));
+  r1 = vcombine_f32(vget_low_f32(t01.val[1]), vget_low_f32(t23.val[1]));
+  r2 = vcombine_f32(vget_high_f32(t01.val[0]), vget_high_f32(t23.val[0]));
+  r3 = vcombine_f32(vget_high_f32(t01.val[1]), vget_high_f32(t23.val[1]));
+}
+
 using D2 = float64x2_t;
 inline D2 LowToDouble(F4 v) { return vcvt_f64_f32(vget_low_f32(v)); }
 inline D2 HighToDouble(F4 v) { return vcvt_high_f64_f32(v); }
@@ -137,6 +160,11 @@ inline F4 ToFloat(D2 lo, D2 hi) { return vcvt_high_f32_f64(vcvt_f32_f64(lo), hi)
 inline D2 Set1D(double x) { return vdupq_n_f64(x); }
 inline D2 DivD(D2 a, D2 b) { return vdivq_f64(a, b); }
 inline D2 SqrtD(D2 a) { return vsqrtq_f64(a); }
+inline D2 AddD(D2 a, D2 b) { return vaddq_f64(a, b); }
+inline D2 SubD(D2 a, D2 b) { return vsubq_f64(a, b); }
+inline D2 MulD(D2 a, D2 b) { return vmulq_f64(a, b); }
+inline D2 LoadD(const double* p) { return vld1q_f64(p); }
+inline void StoreD(double* p, D2 v) { vst1q_f64(p, v); }
 
 #endif
 

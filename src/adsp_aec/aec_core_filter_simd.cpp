@@ -1,0 +1,159 @@
+// Four-lane twins of the filter kernels (common/simd4.h). Each performs the
+// plain kernel's operations per bin in its order, so gives its bits:
+// FilterFar and the error scaling run four bins per vector; FilterAdaptation runs the gradient
+// constraint of four partitions at once, one per lane of the batched
+// transforms, turning four bins of four partitions with one 4x4 transpose
+// on the way in and out.
+#include "adsp_aec/aec_core.h"
+
+#if defined(VORN_SIMD4)
+
+namespace vorn {
+namespace {
+
+using simd::F4;
+
+static_assert(kNormalNumPartitions % 4 == 0 && kExtendedNumPartitions % 4 == 0,
+              "the partitions are batched four at a time");
+
+int PartitionOffset(const AecCore* aec, int p) {
+  int q = aec->xfBufBlockPos + p;
+  if (q >= aec->num_partitions) q -= aec->num_partitions;
+  return q * kAecBins;
+}
+
+}  // namespace
+
+void FilterFarSimd(AecCore* aec, float yf[2][kAecBins]) {
+  const float* w_re = ActiveFilter(aec, 0);
+  const float* w_im = ActiveFilter(aec, 1);
+  if (w_re == nullptr) return;
+  constexpr int kLast = kAecBins - 1;  // bin 64, after the 16 vectors
+  for (int p = 0; p < aec->num_partitions; ++p) {
+    const int xpos = PartitionOffset(aec, p);
+    const float* xr = &aec->xfBuf[0][xpos];
+    const float* xi = &aec->xfBuf[1][xpos];
+    const float* wr = w_re + p * kAecBins;
+    const float* wi = w_im + p * kAecBins;
+    for (int k = 0; k < kLast; k += 4) {
+      const F4 vxr = simd::Load(xr + k);
+      const F4 vxi = simd::Load(xi + k);
+      const F4 vwr = simd::Load(wr + k);
+      const F4 vwi = simd::Load(wi + k);
+      simd::Store(yf[0] + k, simd::Add(simd::Load(yf[0] + k), simd::Sub(simd::Mul(vxr, vwr), simd::Mul(vxi, vwi))));
+      simd::Store(yf[1] + k, simd::Add(simd::Load(yf[1] + k), simd::Add(simd::Mul(vxr, vwi), simd::Mul(vxi, vwr))));
+    }
+    yf[0][kLast] += xr[kLast] * wr[kLast] - xi[kLast] * wi[kLast];
+    yf[1][kLast] += xr[kLast] * wi[kLast] + xi[kLast] * wr[kLast];
+  }
+}
+
+// Both branches on every lane; each bin keeps its own.
+void ScaleErrorBinsSimd(const float* x_pow, float limit, float mu, float ef[2][kAecBins]) {
+  const F4 vlimit = simd::Set1(limit), vmu = simd::Set1(mu), tiny = simd::Set1(1e-10f);
+  constexpr int kLast = kAecBins - 1;
+  for (int k = 0; k < kLast; k += 4) {
+    const F4 e0 = simd::Load(ef[0] + k), e1 = simd::Load(ef[1] + k), xp = simd::Load(x_pow + k);
+    const F4 abs_ef = simd::Sqrt(simd::Add(simd::Mul(e0, e0), simd::Mul(e1, e1)));
+    const simd::M4 limited = simd::Gt(abs_ef, simd::Mul(xp, vlimit));
+    const F4 scale = simd::Div(vlimit, simd::Add(abs_ef, tiny));
+    const F4 power = simd::Add(xp, tiny);
+    const F4 r0 = simd::Select(limited, simd::Mul(e0, scale), simd::Div(e0, power));
+    const F4 r1 = simd::Select(limited, simd::Mul(e1, scale), simd::Div(e1, power));
+    simd::Store(ef[0] + k, simd::Mul(r0, vmu));
+    simd::Store(ef[1] + k, simd::Mul(r1, vmu));
+  }
+  ScaleErrorBinAt(x_pow, limit, mu, ef, kLast);
+}
+
+bool FarSpanAboveSimd(const float* x_re, const float* x_im, int n, float divisor, float threshold) {
+  simd::D2 even = simd::Set1D(0.0), odd = simd::Set1D(0.0);
+  int i = 0;
+  for (; i + 4 <= n; i += 4) {
+    const F4 re = simd::Load(x_re + i), im = simd::Load(x_im + i);
+    const F4 power = simd::Add(simd::Mul(re, re), simd::Mul(im, im));
+    even = simd::AddD(even, simd::LowToDouble(power));
+    odd = simd::AddD(odd, simd::HighToDouble(power));
+  }
+  double lanes[2];
+  simd::StoreD(lanes, simd::AddD(even, odd));
+  double sum = lanes[0] + lanes[1];
+  for (; i < n; ++i) sum += static_cast<double>(x_re[i] * x_re[i] + x_im[i] * x_im[i]);
+  const double mean = sum / static_cast<double>(divisor);
+  if (mean > static_cast<double>(threshold) * (1.0 + 1e-3)) return true;
+  if (mean < static_cast<double>(threshold) * (1.0 - 1e-3)) return false;  // NaN falls through
+  return FarSpanAbovePlain(x_re, x_im, n, divisor, threshold);
+}
+
+void FilterAdaptationSimd(AecCore* aec, float ef[2][kAecBins]) {
+  float* w_re = ActiveFilter(aec, 0);
+  float* w_im = ActiveFilter(aec, 1);
+  if (w_re == nullptr) return;
+  constexpr int kLast = kAecBins - 1;
+  const F4 scale = simd::Set1(0.015625f);
+  for (int p0 = 0; p0 < aec->num_partitions; p0 += 4) {
+    const float* xr[4];
+    const float* xi[4];
+    for (int l = 0; l < 4; ++l) {
+      const int xpos = PartitionOffset(aec, p0 + l);
+      xr[l] = &aec->xfBuf[0][xpos];
+      xi[l] = &aec->xfBuf[1][xpos];
+    }
+    // a[i] holds element i of the four partitions' packed gradient spectra.
+    alignas(16) F4 a[kAecBlockLen2];
+    for (int k = 0; k < kLast; k += 4) {
+      const F4 e0 = simd::Load(ef[0] + k);
+      const F4 e1 = simd::Load(ef[1] + k);
+      F4 re[4], im[4];
+      for (int l = 0; l < 4; ++l) {
+        const F4 vxr = simd::Load(xr[l] + k);
+        const F4 vxi = simd::Load(xi[l] + k);
+        re[l] = simd::Add(simd::Mul(vxr, e0), simd::Mul(vxi, e1));
+        im[l] = simd::Sub(simd::Mul(vxr, e1), simd::Mul(vxi, e0));
+      }
+      simd::Transpose(re[0], re[1], re[2], re[3]);
+      simd::Transpose(im[0], im[1], im[2], im[3]);
+      for (int i = 0; i < 4; ++i) {
+        a[2 * (k + i)] = re[i];
+        a[2 * (k + i) + 1] = im[i];
+      }
+    }
+    // The packing puts bin 64's real part where bin 0's imaginary part was.
+    float last[4];
+    for (int l = 0; l < 4; ++l) last[l] = xr[l][kLast] * ef[0][kLast] + xi[l][kLast] * ef[1][kLast];
+    a[1] = simd::Set(last[0], last[1], last[2], last[3]);
+
+    aec_rdft_inverse_128_x4(a);
+    // Gradient constraint: only the first 64 taps of each partition move.
+    for (int i = 0; i < kAecBlockLen; ++i) {
+      a[i] = simd::Mul(a[i], scale);
+      a[kAecBlockLen + i] = simd::Zero();
+    }
+    aec_rdft_forward_128_x4(a);
+
+    for (int k = 0; k < kLast; k += 4) {
+      F4 re[4] = {a[2 * k], a[2 * k + 2], a[2 * k + 4], a[2 * k + 6]};
+      F4 im[4] = {a[2 * k + 1], a[2 * k + 3], a[2 * k + 5], a[2 * k + 7]};
+      simd::Transpose(re[0], re[1], re[2], re[3]);
+      simd::Transpose(im[0], im[1], im[2], im[3]);
+      for (int l = 0; l < 4; ++l) {
+        float* wr = w_re + (p0 + l) * kAecBins + k;
+        float* wi = w_im + (p0 + l) * kAecBins + k;
+        simd::Store(wr, simd::Add(simd::Load(wr), re[l]));
+        if (k > 0) {
+          simd::Store(wi, simd::Add(simd::Load(wi), im[l]));
+        } else {  // bin 0 has no imaginary part: its slot held bin 64
+          alignas(16) float lanes[4];
+          simd::Store(lanes, im[l]);
+          for (int i = 1; i < 4; ++i) wi[i] += lanes[i];
+        }
+      }
+    }
+    simd::Store(last, a[1]);
+    for (int l = 0; l < 4; ++l) w_re[(p0 + l) * kAecBins + kLast] += last[l];
+  }
+}
+
+}  // namespace vorn
+
+#endif  // defined(VORN_SIMD4)
