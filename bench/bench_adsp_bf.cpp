@@ -99,7 +99,10 @@ void BM_EnhancedBeamHop(benchmark::State& state) {
   }
   EnhancedBeamState enhanced;
   EnhancedBeamInit(&enhanced);
-  const BeamRequest request{pm.bf_flag, pm.bf_azimuth, 0, 0.0f, 0.0f, 0.0f};
+  BeamRequest request{pm.bf_flag, pm.bf_azimuth, 0, 0.0f, 0.0f, 0.0f};
+  // learn:1 alternates talker and pause every 40 hops, so that the MVDR beam
+  // learns from the room and is redesigned as it goes.
+  const bool learn = state.range(1) != 0;
   const auto* analysis = static_cast<const T_AudioDspState*>(pm.p_data);
   const float* const latest[3] = {analysis->au[0] + kBfHop, analysis->au[1] + kBfHop, analysis->au[2] + kBfHop};
   std::vector<short> pcm = Input();
@@ -108,6 +111,7 @@ void BM_EnhancedBeamHop(benchmark::State& state) {
   for (auto _ : state) {
     float spectrum[kBfChannels][kBfFftLen];
     BfAnalyse(&pm, pcm.data() + hop * 3 * kBfHop, nullptr, spectrum);
+    request.talker_presence = learn && hop % 80 < 40 ? 1.0f : 0.0f;
     EnhancedBeamProc(&enhanced, request, latest, spectrum, out);
     benchmark::DoNotOptimize(out);
     hop = hop + 1 == kHops ? 0 : hop + 1;
@@ -116,6 +120,6 @@ void BM_EnhancedBeamHop(benchmark::State& state) {
   state.counters["x_realtime"] = benchmark::Counter(static_cast<double>(state.iterations()) * 0.016,
                                                     benchmark::Counter::kIsRate);
 }
-BENCHMARK(BM_EnhancedBeamHop)->ArgName("bf")->Arg(1)->Arg(2)->Arg(4);
+BENCHMARK(BM_EnhancedBeamHop)->ArgNames({"bf", "learn"})->Args({1, 0})->Args({2, 0})->Args({2, 1})->Args({4, 0});
 
 }  // namespace

@@ -268,6 +268,21 @@ TEST(AecFilterKernels, FarSpanActivityDecidesAsTheFloatSum) {
 }
 #endif
 
+// The level sum the enhanced path uses: every element counted once, lanes
+// and tail alike, to double precision.
+TEST(FilterKernels, SquareSumCountsEveryElement) {
+  for (int n : {0, 1, 3, 4, 7, 130, 1560}) {
+    std::vector<float> v(static_cast<std::size_t>(n));
+    long double expected = 0.0L;
+    for (int i = 0; i < n; ++i) {
+      v[static_cast<std::size_t>(i)] = static_cast<float>((i % 7) - 3) * 0.37f + static_cast<float>(i) * 1e-3f;
+      expected += static_cast<long double>(v[static_cast<std::size_t>(i)]) * v[static_cast<std::size_t>(i)];
+    }
+    EXPECT_NEAR(SquareSum(v.data(), n), static_cast<double>(expected), 1e-12 * static_cast<double>(expected) + 1e-300)
+        << n << " elements";
+  }
+}
+
 // ---------------------------------------------------------- random generators
 
 // The 31-bit congruential step (69069, 1), computed in 64 bits, from the

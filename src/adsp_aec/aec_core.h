@@ -200,6 +200,10 @@ void ScaleErrorBinAt(const float* x_pow, float limit, float mu, float ef[2][kAec
 // not finite): elsewhere the chain's rounding, below 2.5e-4 of the sum for
 // the longest filter's 2080 bins, cannot carry it across.
 bool FarSpanAbove(const float* x_re, const float* x_im, int n, float divisor, float threshold);
+// Sum of the squares of n floats, formed in double: four at a time where the
+// build has vectors, in order otherwise. For level estimates that need no
+// particular rounding, only not a chain of n dependent float additions.
+double SquareSum(const float* v, int n);
 bool FarSpanAbovePlain(const float* x_re, const float* x_im, int n, float divisor, float threshold);
 void FilterAdaptationPlain(AecCore* aec, float* fft, float ef[2][kAecBins]);
 #if defined(VORN_SIMD4)

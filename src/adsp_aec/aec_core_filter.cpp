@@ -180,6 +180,25 @@ bool FarSpanAbovePlain(const float* x_re, const float* x_im, int n, float diviso
   return sum / divisor > threshold;
 }
 
+double SquareSum(const float* v, int n) {
+  double sum = 0.0;
+  int i = 0;
+#if defined(VORN_SIMD4)
+  simd::D2 even = simd::Set1D(0.0), odd = simd::Set1D(0.0);
+  for (; i + 4 <= n; i += 4) {
+    const simd::F4 x = simd::Load(v + i);
+    const simd::D2 lo = simd::LowToDouble(x), hi = simd::HighToDouble(x);
+    even = simd::AddD(even, simd::MulD(lo, lo));
+    odd = simd::AddD(odd, simd::MulD(hi, hi));
+  }
+  double lanes[2];
+  simd::StoreD(lanes, simd::AddD(even, odd));
+  sum = lanes[0] + lanes[1];
+#endif
+  for (; i < n; ++i) sum += static_cast<double>(v[i]) * static_cast<double>(v[i]);
+  return sum;
+}
+
 bool FarSpanAbove(const float* x_re, const float* x_im, int n, float divisor, float threshold) {
 #if defined(VORN_SIMD4)
   return FarSpanAboveSimd(x_re, x_im, n, divisor, threshold);

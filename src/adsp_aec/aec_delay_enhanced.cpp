@@ -127,11 +127,9 @@ int AecStrongestPartition(const AecCore* core) {
   float best = -1.0f;
   int index = 0;
   for (int p = 0; p < core->num_partitions; ++p) {
-    float energy = 0.0f;
     const int pos = p * kAecBins;
-    for (int k = 0; k < kAecBins; ++k)
-      energy += core->wfBuf_main[0][pos + k] * core->wfBuf_main[0][pos + k] +
-                core->wfBuf_main[1][pos + k] * core->wfBuf_main[1][pos + k];
+    const auto energy = static_cast<float>(SquareSum(&core->wfBuf_main[0][pos], kAecBins) +
+                                           SquareSum(&core->wfBuf_main[1][pos], kAecBins));
     if (energy > best) {
       best = energy;
       index = p;

@@ -35,6 +35,7 @@
 #include "adsp_aec/aec_enhanced.h"
 #include "adsp_aec/aec_rdft.h"
 #include "adsp_aec/randomization_functions.h"
+#include "common/constexpr_trig.h"
 
 namespace vorn {
 namespace {
@@ -92,6 +93,25 @@ constexpr float kPriorKeep = 0.5f;       // decision-directed smoothing
 // its own floor (a reference that carries hiss).
 constexpr float kFarSilentMeanSquare = 10.0f;
 constexpr float kFarFloorRise = 1.002f;
+
+// Comfort-noise phases: the uniform draws (0..32767) on 1024 steps of a
+// turn. Random phase needs no finer steps than that, and a table lookup
+// costs a fraction of a sine and cosine per bin.
+constexpr int kPhaseSteps = 1024;
+constexpr int kPhaseShift = 5;  // 32768 draws / 1024 steps
+struct PhaseTable {
+  float cos[kPhaseSteps];
+  float sin[kPhaseSteps];
+};
+constexpr PhaseTable MakePhaseTable() {
+  PhaseTable t{};
+  for (int i = 0; i < kPhaseSteps; ++i) {
+    t.cos[i] = static_cast<float>(ct::CosTurn(i, kPhaseSteps));
+    t.sin[i] = static_cast<float>(ct::SinTurn(i, kPhaseSteps));
+  }
+  return t;
+}
+constexpr PhaseTable kPhase = MakePhaseTable();
 
 void WindowAndTransform(const float* block, Spectrum& spectrum) {
   alignas(16) float fft[kAecBlockLen2];
@@ -221,9 +241,8 @@ void Analyse(AecResidualState* res, const AecCore* core, int echo_partition, flo
   if (error_sum > kDivergedRatio * v->near_sum) std::memcpy(v->e, v->d, sizeof(v->e));
 
   // Echo can come from any far block the filters span, not only this one.
-  float span_sum = 0.0f;
-  for (int i = 0; i < core->num_partitions * kAecBins; ++i)
-    span_sum += core->xfwBuf[i][0] * core->xfwBuf[i][0] + core->xfwBuf[i][1] * core->xfwBuf[i][1];
+  const auto span_sum =
+      static_cast<float>(SquareSum(&core->xfwBuf[0][0], 2 * core->num_partitions * kAecBins));
   const float span_power = span_sum * kSpectrumToMeanSquare / static_cast<float>(core->num_partitions);
   res->far_floor = std::min(std::max(span_power, kFarSilentMeanSquare), res->far_floor * kFarFloorRise);
   v->far_active = span_power > std::max(kFarSilentMeanSquare, 4.0f * res->far_floor);
@@ -372,9 +391,9 @@ void AecResidualProcess(AecResidualState* res, const AecCore* core, int echo_par
     residual_sum += v.residual[k];
     left_sum += gain * gain * v.residual[k];
     const float fill = std::sqrt(std::max(1.0f - gain * gain, 0.0f) * v.noise[k]);
-    const float phase = 6.2831853f * static_cast<float>(random[k]) / 32768.0f;
-    o[0][k] = gain * v.e[0][k] + fill * std::cos(phase);
-    o[1][k] = (k == 0 || k == kAecBlockLen) ? 0.0f : gain * v.e[1][k] + fill * std::sin(phase);
+    const int phase = random[k] >> kPhaseShift;
+    o[0][k] = gain * v.e[0][k] + fill * kPhase.cos[phase];
+    o[1][k] = (k == 0 || k == kAecBlockLen) ? 0.0f : gain * v.e[1][k] + fill * kPhase.sin[phase];
     out_sum += Power(o, k);
   }
   Synthesize(res, o, out);

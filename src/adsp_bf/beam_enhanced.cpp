@@ -22,6 +22,16 @@
 // that way. Only the noise differs between the two parts, by a few dB, so the
 // moving blend does not make the noise flutter.
 //
+// The MVDR beams without the canceller (types 2, 6, 7) learn the talker's
+// transfer function from the room while all three microphones work
+// (beam_learned.cpp) and, once they have heard enough of the talker and of
+// the noise, are designed from that rather than from the free-field model:
+// the free-field beam keeps the direct sound but bends the room's
+// reflections, which are part of what microphone 0 hears. The learned beam
+// is redesigned every 256 ms and faded in like a new look direction. A look
+// direction 30 degrees away from where the talker was learned is taken as
+// another talker, learned afresh, and the free-field beam holds until then.
+//
 // A new look direction (the tracker moved, another sector took over, a
 // microphone came back) is designed into the second slot and the output
 // fades from the old beam to the new one over one hop, so nothing clicks. A
@@ -50,6 +60,8 @@ constexpr float kShareSmoothing = 0.2f;  // per hop
 constexpr float kLookWeight = 2.0f;      // see TalkerShareUpdate
 constexpr float kTalkerPresent = 0.5f;
 constexpr float kFixedBeamAzimuth = 300.0f;  // beam type 7
+constexpr int kLearnHops = 16;               // the learned beam is redesigned every 256 ms
+constexpr float kRelearnDeg = 30.0f;         // a look direction this far off is another talker
 constexpr float kPi = 3.14159265f;
 
 float AngleApart(float a, float b) {
@@ -231,6 +243,34 @@ void BlendToTime(const float share[kBlendBands], const float* reference, float* 
   ifft_rel(y, kBfFftLen, kBfFftOrder);
 }
 
+// The MVDR beam without the adaptive canceller learns from the room while
+// all three microphones work; anything else starts the learning afresh.
+bool Learns(const BeamDesign& wanted, bool adaptive) {
+  return wanted.kind == kBeamMvdr && !adaptive && wanted.live_mask == kAllMics;
+}
+
+void LearnHop(EnhancedBeamState* st, const BeamDesign& wanted, bool learns, float spectrum[kBfChannels][kBfFftLen],
+              float presence) {
+  LearnedBeam* lb = &st->learned;
+  if (!learns) {
+    if (lb->noise_hops != 0 || lb->noisy_hops != 0) LearnedBeamReset(lb);
+    return;
+  }
+  if (lb->noisy_hops != 0 && AngleApart(lb->azimuth_deg, wanted.azimuth_deg) > kRelearnDeg)
+    LearnedBeamForgetTalker(lb);
+  if (lb->noisy_hops == 0) lb->azimuth_deg = wanted.azimuth_deg;
+  LearnedBeamObserve(lb, spectrum, presence);
+}
+
+void DesignSlot(EnhancedBeamState* st, const BeamDesign& wanted, bool learned, BeamSlot* slot) {
+  slot->design = wanted;
+  if (learned) {
+    LearnedBeamDesign(&st->learned, wanted.azimuth_deg, &slot->weights);
+  } else {
+    DesignBeam(wanted, &slot->weights);
+  }
+}
+
 }  // namespace
 
 void EnhancedBeamInit(EnhancedBeamState* st) {
@@ -255,27 +295,32 @@ void EnhancedBeamProc(EnhancedBeamState* st, const BeamRequest& rq, const float*
   bool following = false;
   const BeamDesign wanted = WantedDesign(st, rq, live, spectrum, &following);
   st->frames_since_steer = st->frames_since_steer < kMinSteerFrames ? st->frames_since_steer + 1 : kMinSteerFrames;
+  const bool adaptive = IsAdaptive(rq.bf_flag);
+  const bool learns = Learns(wanted, adaptive);
+  LearnHop(st, wanted, learns, spectrum, rq.talker_presence);
+  const bool learned = learns && LearnedBeamReady(&st->learned);
+  st->hops_since_learned = st->hops_since_learned < kLearnHops ? st->hops_since_learned + 1 : kLearnHops;
   int faded_from = -1;
   if (st->active < 0) {
     st->active = 0;
-    st->slot[0].design = wanted;
-    DesignBeam(wanted, &st->slot[0].weights);
-  } else if (NeedsResteer(st->slot[st->active].design, wanted, following, st->frames_since_steer)) {
+    DesignSlot(st, wanted, learned, &st->slot[0]);
+  } else if (const bool resteer = NeedsResteer(st->slot[st->active].design, wanted, following, st->frames_since_steer);
+             resteer || (learned && st->hops_since_learned >= kLearnHops)) {
     // A microphone that has just failed is not faded out: the old beam would
-    // carry its fault for another hop.
+    // carry its fault for another hop. Renewed learned weights fade in like
+    // a new look direction.
     const bool lost_mic = (st->slot[st->active].design.live_mask & ~wanted.live_mask) != 0;
     faded_from = lost_mic ? -1 : st->active;
+    if (resteer) st->frames_since_steer = 0;
     st->active = 1 - st->active;
-    st->slot[st->active].design = wanted;
-    DesignBeam(wanted, &st->slot[st->active].weights);
-    st->frames_since_steer = 0;
+    DesignSlot(st, wanted, learned, &st->slot[st->active]);
+    if (learned) st->hops_since_learned = 0;
   }
   const BeamSlot& slot = st->slot[st->active];
 
   float reference[kBfFftLen];
   ReferenceSpectrum(ref, slot.design.azimuth_deg, spectrum, reference);
   const bool talker = rq.talker_presence >= kTalkerPresent;
-  const bool adaptive = IsAdaptive(rq.bf_flag);
   // The canceller learns only while the talker is silent, and not while the
   // beam changes under it.
   const bool may_adapt = !talker && faded_from < 0;

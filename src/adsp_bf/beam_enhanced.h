@@ -1,5 +1,6 @@
 // The enhanced profile's beams: the same beam types as BfProc, steered at
-// run time, in phase with microphone 0, blended towards it where the talker
+// run time (the MVDR beam by the talker's transfer function learned from the
+// room), in phase with microphone 0, blended towards it where the talker
 // dominates, following the direction tracker without clicks, and falling back
 // to the working microphones when one dies or clips.
 #pragma once
@@ -7,6 +8,7 @@
 #include <cstdint>
 
 #include "adsp_bf/audio_dsp_proc.h"
+#include "adsp_bf/beam_learned.h"
 #include "adsp_bf/mic_health.h"
 #include "adsp_bf/steering.h"
 
@@ -49,7 +51,9 @@ struct EnhancedBeamState {
   int32_t sector;            // beam types 5 and 6: the sector in use ...
   int32_t sector_candidate;  // ... and the one that has been loudest lately
   int32_t sector_votes;
+  int32_t hops_since_learned;  // hops since the learned beam was last designed
   TalkerShare share;
+  LearnedBeam learned;
   GscState gsc;
   MicHealth health;
 };
