@@ -16,6 +16,13 @@
 // how much quieter the noise gets. It rises within a hop and falls over about
 // 60 ms, so pauses do not pump.
 //
+// Other voices (babble) rise and fall between their syllables, so the noise
+// estimate, which must not learn the talker, sits below them. Where the
+// talker is surely silent the suppressor keeps its own average of the
+// power, and the Wiener gain takes that as the noise while the pause lasts:
+// both weighted by the cube of (1 - the held presence), so at an onset, in
+// the talker's tail or in a hop the presence is unsure of, it is no noise.
+//
 // Synthesis is the classic suppressor's: the same window again and
 // overlap-add at hop 128, 384 samples of delay.
 #include <algorithm>
@@ -37,6 +44,7 @@ constexpr float kFloorSpeech = 0.1778f;  // -15 dB while the talker speaks
 constexpr float kFloorPause = 0.0316f;   // -30 dB in pauses
 constexpr float kFloorFall = 0.85f;      // per hop towards a lower floor
 constexpr float kFrameGate = 0.25f;      // share of the band presence kept away from the talker
+constexpr float kPauseSmoothing = 0.9f;  // per hop of certain pause: about 80 ms
 constexpr float kTalkerHoldDecay = 0.95f;  // per hop: the talker's reverberation follows it for 150 ms or so
 
 // The band each bin belongs to.
@@ -74,8 +82,11 @@ void EnhancedSuppressHop(EnhancedSuppressorState* st, const EnhancedPresenceStat
   const float gate = kFrameGate + (1.0f - kFrameGate) * st->talker_hold;
 
   float gain[kNsBins];
+  const float pause = (1.0f - st->talker_hold) * (1.0f - st->talker_hold) * (1.0f - st->talker_hold);
+  const float pause_weight = (1.0f - kPauseSmoothing) * pause;
   for (int k = 0; k < kNsBins; ++k) {
-    const float noise = std::max(presence.noise.noise[k], kNoiseFloorPower);
+    st->pause_power[k] += pause_weight * (hop->power[k] - st->pause_power[k]);
+    const float noise = std::max(std::max(presence.noise.noise[k], pause * st->pause_power[k]), kNoiseFloorPower);
     const float posterior = hop->power[k] / noise;
     const float prior = std::max(kDecisionDirected * st->clean_power[k] / noise +
                                      (1.0f - kDecisionDirected) * std::max(posterior - 1.0f, 0.0f),

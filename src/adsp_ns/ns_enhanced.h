@@ -125,6 +125,7 @@ struct EnhancedPresenceState {
 struct EnhancedSuppressorState {
   float ola[kNsFftLen];      // synthesis overlap-add buffer
   float clean_power[kNsBins];// last hop's output power per bin (decision-directed memory)
+  float pause_power[kNsBins];// power per bin of the hops without the talker (other voices' level)
   float floor_gain;          // the gain floor in force, following the presence
   float talker_hold;         // the hop presence, held as the talker's reverberation dies
 };
@@ -160,7 +161,8 @@ void EnhancedVadInit(EnhancedVadState* st);
 // the frame just analysed), from the presence state's last five hops.
 float EnhancedOutputPresence(const EnhancedPresenceState& st);
 // The speech flag of that frame. `echo_alone`: the canceller hears the far
-// end's echo and no near talker beside it; echo alone is never speech.
+// end's echo and no near talker beside it; the flag then does not rise, and
+// stays only above the echo bar (kFlagEchoThreshold).
 int EnhancedVadDecide(EnhancedVadState* st, float output_prob, bool echo_alone);
 
 }  // namespace vorn

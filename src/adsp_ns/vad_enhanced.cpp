@@ -15,11 +15,12 @@ void EnhancedVadInit(EnhancedVadState* st) { *st = EnhancedVadState{}; }
 
 int EnhancedVadDecide(EnhancedVadState* st, float output_prob, bool echo_alone) {
   if (st->frames < kFramesMax) ++st->frames;
-  if (echo_alone) output_prob = 0.0f;
   // A talker already flagged keeps the flag at a lower presence than one
   // must reach to raise it: a lone frame of noise that looks a little like
-  // speech does not start a flag.
-  const float bar = st->speaking != 0 ? kFlagThreshold : kFlagOnsetThreshold;
+  // speech does not start a flag. Where the canceller hears echo alone the
+  // flag never rises, and a flag already up stays only above the echo bar.
+  const float bar = echo_alone ? (st->speaking != 0 ? kFlagEchoThreshold : 2.0f)
+                               : st->speaking != 0 ? kFlagThreshold : kFlagOnsetThreshold;
   st->speaking = output_prob > bar ? 1 : 0;
   return st->speaking;
 }
