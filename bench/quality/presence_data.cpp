@@ -79,6 +79,25 @@ constexpr double kEchoTailS = 0.3;  // the room still rings with the far end thi
 
 bool HasFarEnd(std::uint32_t seed) { return seed % 3 == 0; }
 
+// One of the five noises, chosen by `which`, at 0-20 dB SNR, over sensor
+// noise 45 dB down.
+void AddRoomNoises(std::uint32_t which, std::mt19937& rng, std::uniform_real_distribution<double>& u, Scene* s) {
+  NoiseSource noise;
+  noise.snr_db = 20.0 * u(rng);
+  switch (which % 5) {
+    case 0: noise.kind = NoiseKind::kSensor, noise.colour = NoiseColour::kWhite; break;
+    case 1: noise.kind = NoiseKind::kDiffuse, noise.colour = NoiseColour::kPink; break;
+    case 2: noise.kind = NoiseKind::kDiffuse, noise.colour = NoiseColour::kSpeechShaped; break;
+    case 3: noise.kind = NoiseKind::kBabble; break;
+    default:
+      noise.kind = NoiseKind::kInterferer, noise.colour = NoiseColour::kPink;
+      noise.azimuth_deg = 360.0 * u(rng);
+      noise.distance_m = 1.0 + u(rng);
+  }
+  s->noises.push_back(noise);
+  s->noises.push_back({NoiseKind::kSensor, NoiseColour::kWhite, 45.0});
+}
+
 // The scene and its talker's syllable activity per sample (from the start
 // of the talker's window).
 Scene TrainingScene(std::uint32_t seed, std::vector<std::uint8_t>* talker_active) {
@@ -109,20 +128,7 @@ Scene TrainingScene(std::uint32_t seed, std::vector<std::uint8_t>* talker_active
   sim::SpeechLike talker = sim::MakeSpeechLike(samples, seed * 7u + 3u, voice);
   s.talker = std::move(talker.samples);
   *talker_active = std::move(talker.active);
-  NoiseSource noise;
-  noise.snr_db = 20.0 * u(rng);
-  switch (seed % 5) {
-    case 0: noise.kind = NoiseKind::kSensor, noise.colour = NoiseColour::kWhite; break;
-    case 1: noise.kind = NoiseKind::kDiffuse, noise.colour = NoiseColour::kPink; break;
-    case 2: noise.kind = NoiseKind::kDiffuse, noise.colour = NoiseColour::kSpeechShaped; break;
-    case 3: noise.kind = NoiseKind::kBabble; break;
-    default:
-      noise.kind = NoiseKind::kInterferer, noise.colour = NoiseColour::kPink;
-      noise.azimuth_deg = 360.0 * u(rng);
-      noise.distance_m = 1.0 + u(rng);
-  }
-  s.noises.push_back(noise);
-  s.noises.push_back({NoiseKind::kSensor, NoiseColour::kWhite, 45.0});
+  AddRoomNoises(seed, rng, u, &s);
   return s;
 }
 
@@ -177,20 +183,7 @@ Scene NoiseScene(std::uint32_t seed, std::vector<std::uint8_t>* talker_active, d
                                        3000.0, seed * 5u + 1u);
   }
   *step_db = i % 3 != 0 && i % 4 == 1 ? (u(rng) < 0.5 ? 20.0 : -20.0) : 0.0;
-  NoiseSource noise;
-  noise.snr_db = 20.0 * u(rng);
-  switch (i % 5) {
-    case 0: noise.kind = NoiseKind::kSensor, noise.colour = NoiseColour::kWhite; break;
-    case 1: noise.kind = NoiseKind::kDiffuse, noise.colour = NoiseColour::kPink; break;
-    case 2: noise.kind = NoiseKind::kDiffuse, noise.colour = NoiseColour::kSpeechShaped; break;
-    case 3: noise.kind = NoiseKind::kBabble; break;
-    default:
-      noise.kind = NoiseKind::kInterferer, noise.colour = NoiseColour::kPink;
-      noise.azimuth_deg = 360.0 * u(rng);
-      noise.distance_m = 1.0 + u(rng);
-  }
-  s.noises.push_back(noise);
-  s.noises.push_back({NoiseKind::kSensor, NoiseColour::kWhite, 45.0});
+  AddRoomNoises(i, rng, u, &s);
   return s;
 }
 
