@@ -31,6 +31,8 @@ constexpr float kCheckKeep = 0.94f;          // about a second of frames
 constexpr float kMicCopyCorrelation = 0.98f;
 constexpr float kErlKeep = 0.95f;
 constexpr int kEchoTailFrames = 16;  // 256 ms
+constexpr float kEchoGainFloor = 0.1f;     // -20 dB
+constexpr float kCapNearActivity = 0.25f;  // one block of four
 
 // Updates the miswiring check with one frame; true while the reference is a
 // copy of some microphone.
@@ -59,6 +61,16 @@ bool ReferenceIsMicrophone(ReferenceCheck* check, const short* inp, const short*
 float Db(float ratio) { return 10.0f * std::log10(ratio); }
 
 }  // namespace
+
+bool EchoGainCaps(const EnhancedFrame& fr, float caps[2][kNsBins]) {
+  if (!fr.echo.echo_present || fr.echo.near_activity > kCapNearActivity || fr.echo.reference_is_microphone)
+    return false;
+  for (int h = 0; h < 2; ++h)
+    for (int b = 0; b < kPresenceBands; ++b)
+      for (int k = kBandEdges[b]; k < kBandEdges[b + 1]; ++k)
+        caps[h][k] = std::max(fr.ns_hops[h].band_prob[b], kEchoGainFloor);
+  return true;
+}
 
 EchoStageState* EchoStageOf(TVornState* st) { return &EnhancedStateOf(st)->modules.echo; }
 

@@ -37,6 +37,15 @@ void EchoStageInit(EchoStageState* echo);
 // at once, as the classic frame does.
 int32_t RunEchoStage(const T_VornParam* pm, TVornState* st, EnhancedFrame& fr);
 
+// Gain caps per bin for each 128-sample half of the frame, for a post
+// filter that cannot tell the echo's residue from the talker: while echo is
+// present and the canceller hears a near talker in at most one of the
+// frame's four blocks, a bin keeps no more than the talker's presence in its
+// band (fr.ns_hops) allows, down to a floor. In double talk the post filter
+// is left alone: the residual suppressor has already judged the echo there.
+// Returns false (caps unset) when the frame needs none.
+bool EchoGainCaps(const EnhancedFrame& fr, float caps[2][kNsBins]);
+
 // The echo stage's record inside the enhanced region.
 EchoStageState* EchoStageOf(TVornState* st);
 

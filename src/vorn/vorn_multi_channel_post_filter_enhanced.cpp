@@ -8,6 +8,12 @@
 // window and hop: a gain below one can only take away, never bring echo
 // back. The cancelled signal trails the beams by the canceller's 64
 // samples, a twentieth of the gains' 512-sample window.
+//
+// The beams cannot tell the talker from the echo's residue when the
+// loudspeaker sits close to the talker's direction: both stand above the
+// other beams. The caller may cap the gains per bin with what the echo
+// picture knows.
+#include <algorithm>
 #include <cstring>
 
 #include "adsp_ns/adsp_ns_mcpf.h"
@@ -20,7 +26,8 @@
 
 namespace vorn {
 
-void VornMultiChannelPostFilterOnCancelled(T_VornParam* pm, const short* cancelled, float* history, short* out) {
+void VornMultiChannelPostFilterOnCancelled(T_VornParam* pm, const short* cancelled, float* history,
+                                           const float (*gain_cap)[kNsBins], short* out) {
   TVornState* st = VornStateOf(pm);
   short beams[3][256];
   VornGetMbfTimeSignalFromBf(&st->bf_pm, beams);
@@ -31,6 +38,8 @@ void VornMultiChannelPostFilterOnCancelled(T_VornParam* pm, const short* cancell
     float spectrum[kNsFftLen];
     float gain[kNsBins];
     VornMcpfGains(st->ns_pm, beams, spectrum, gain, &votes[half]);
+    if (gain_cap != nullptr)
+      for (int k = 0; k < kNsBins; ++k) gain[k] = std::min(gain[k], gain_cap[half][k]);
     SaveFrameMoveAu(history, input + half * kNsHop, kNsFftLen, kNsHop);
     AddWin(history, hanmming_win, kNsFftLen, spectrum);
     fft_rel(spectrum, kNsFftLen, kNsFftOrder);

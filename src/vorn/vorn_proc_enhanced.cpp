@@ -83,8 +83,12 @@ int32_t SuppressStage(T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
     if (fr.rtn != 0) return fr.rtn;
     // With the canceller on, the post filter's gains go onto its output: the
     // beams it reads still carry the echo.
-    if (pm->aec_flag >= 1)
-      VornMultiChannelPostFilterOnCancelled(pm, fr.echo_out, EchoStageOf(st)->post_filter_history, fr.clean);
+    if (pm->aec_flag >= 1) {
+      float caps[2][kNsBins];
+      const bool capped = EchoGainCaps(fr, caps);
+      VornMultiChannelPostFilterOnCancelled(pm, fr.echo_out, EchoStageOf(st)->post_filter_history,
+                                            capped ? caps : nullptr, fr.clean);
+    }
     else
       VornMultiChannelPostFilter(pm, fr.clean);
     if (pm->doa_update_flag == 1) VornGetNosieEstFromNsToBf(&st->ns_pm[0], &st->bf_pm);
