@@ -31,6 +31,7 @@ constexpr float kCheckKeep = 0.94f;          // about a second of frames
 constexpr float kMicCopyCorrelation = 0.98f;
 constexpr float kErlKeep = 0.95f;
 constexpr int kEchoTailFrames = 16;  // 256 ms
+static_assert(kLeadHistoryBlocks * kAecBlock + kFrameLen <= kReferenceRing, "the ring must hold the longest lead");
 constexpr float kEchoGainFloor = 0.1f;     // -20 dB
 constexpr float kCapNearActivity = 0.25f;  // one block of four
 
@@ -59,6 +60,14 @@ bool ReferenceIsMicrophone(ReferenceCheck* check, const short* inp, const short*
 }
 
 float Db(float ratio) { return 10.0f * std::log10(ratio); }
+
+// Stores the frame's reference and reads it back `delay` samples late.
+void AlignReference(EchoStageState* echo, const short* ref, int delay, short* aligned) {
+  for (int i = 0; i < kFrameLen; ++i) echo->reference_ring[(echo->reference_at + i) % kReferenceRing] = ref[i];
+  const int from = echo->reference_at - delay + kReferenceRing;
+  for (int i = 0; i < kFrameLen; ++i) aligned[i] = echo->reference_ring[(from + i) % kReferenceRing];
+  echo->reference_at = (echo->reference_at + kFrameLen) % kReferenceRing;
+}
 
 }  // namespace
 
@@ -126,6 +135,9 @@ int32_t RunEchoStage(const T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
                          ? Db(report.far_power / report.near_power)
                          : kErlKeep * echo->erl_db + (1.0f - kErlKeep) * Db(report.far_power / report.near_power);
   }
+  // The filters' window starts lag_blocks late, just ahead of the echo's
+  // main energy: the reference delayed as much is in step with its echo.
+  AlignReference(echo, fr.aec_ref, echo->canceller.lead.lag_blocks * kAecBlock, fr.aligned_ref);
   // One output serves both: the recognition path and the speech detector
   // hear the same suppressed, comfort-filled signal.
   std::memcpy(fr.vad_in, fr.echo_out, sizeof fr.vad_in);

@@ -18,6 +18,10 @@ struct ReferenceCheck {
   float ref_energy;
 };
 
+// The reference kept long enough to be delayed by any lead the canceller
+// follows (up to 71 blocks of 64 samples) plus a frame.
+constexpr int kReferenceRing = 8192;
+
 struct EchoStageState {
   AecEnhanced canceller;
   ReferenceCheck reference_check;
@@ -25,6 +29,8 @@ struct EchoStageState {
   int frames_since_echo;  // frames since echo last reached the microphones
   EchoPicture picture; // the last frame's, for the getters
   float post_filter_history[512];  // the cancelled signal the enhanced post filter analyses
+  short reference_ring[kReferenceRing];  // the reference's recent samples (circular)
+  int reference_at;                      // where the next frame's samples go
 };
 
 // Reported as the echo return loss while no echo has been measured.
@@ -33,7 +39,7 @@ constexpr float kNoEchoReturnLossDb = 99.0f;
 void EchoStageInit(EchoStageState* echo);
 
 // Runs the frame's echo control (fr.beam and fr.aec_ref in; fr.echo_out,
-// fr.vad_in, fr.subcoh and fr.echo out). Returns a nonzero canceller result
+// fr.vad_in, fr.subcoh, fr.aligned_ref and fr.echo out). Returns a nonzero canceller result
 // at once, as the classic frame does.
 int32_t RunEchoStage(const T_VornParam* pm, TVornState* st, EnhancedFrame& fr);
 

@@ -53,6 +53,7 @@ struct EnhancedFrame {
   short beam[kFrameLen];      // the beamformer's output
   short echo_out[kFrameLen];  // after the canceller (the beam when it is off)
   short vad_in[kFrameLen];    // the canceller's communication output, for aec_flag 3
+  short aligned_ref[kFrameLen];  // the reference delayed by the lead the canceller follows: in step with its echo
   short clean[kFrameLen];     // after the suppressor
   short out[kFrameLen];       // after the level control
   float subcoh[kCohLen];      // the canceller's sub-band coherence of the last block

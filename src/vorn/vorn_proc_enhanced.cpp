@@ -58,10 +58,12 @@ void PresenceStage(const T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
   TVornEnhancedState* enhanced = EnhancedStateOf(st);
   EnhancedSpeechRecords& speech = enhanced->modules.speech;
   // A reference that is a microphone's own signal predicts the talker, not
-  // an echo: it is no cue then.
+  // an echo: it is no cue then. The reference comes delayed by the lead the
+  // canceller found, so that it predicts the echo when it arrives.
   const bool far_end = pm->aec_flag >= 1 && !fr.echo.reference_is_microphone;
   for (int h = 0; h < 2; ++h) {
-    const NsEchoCues cues{far_end ? fr.aec_ref + h * kHalfLen : nullptr, far_end ? fr.beam + h * kHalfLen : nullptr};
+    const NsEchoCues cues{far_end ? fr.aligned_ref + h * kHalfLen : nullptr,
+                          far_end ? fr.beam + h * kHalfLen : nullptr};
     EnhancedPresenceHop(&speech.presence, fr.echo_out + h * kHalfLen, cues, &fr.ns_hops[h]);
   }
   SpeechPresence& p = fr.presence;
