@@ -184,7 +184,9 @@ TEST(EnhancedSpeech, SuppressesNoiseAndKeepsTheTalker) {
 }
 
 // The flag rises only above the onset threshold, stays up down to the lower
-// one, and on echo alone never rises and stays only above the echo bar.
+// one, and on echo alone never rises and stays only above the echo bar;
+// with the canceller hearing a talker beside the echo a little presence
+// raises it.
 TEST(EnhancedSpeech, FlagRisesAtTheOnsetAndHoldsAtTheLowerThreshold) {
   ASSERT_LT(kFlagThreshold, kFlagOnsetThreshold);
   ASSERT_LE(kFlagOnsetThreshold, kFlagEchoThreshold);
@@ -194,6 +196,7 @@ TEST(EnhancedSpeech, FlagRisesAtTheOnsetAndHoldsAtTheLowerThreshold) {
     float prob;
     bool echo_alone;
     int flag;
+    bool talker_beside_echo = false;
   };
   const Step steps[] = {
       {between, false, 0},                      // not enough to raise it
@@ -207,12 +210,15 @@ TEST(EnhancedSpeech, FlagRisesAtTheOnsetAndHoldsAtTheLowerThreshold) {
       {1.0f, true, 0},                          // nor does echo alone raise it
       {1.0f, false, 1},                         // raised
       {kFlagEchoThreshold, true, 0},            // the echo bar holds for a flag already up
+      {0.2f, false, 1, true},                   // the canceller hears a talker: a little presence raises it
+      {0.01f, false, 0, true},                  // but not none
+      {0.2f, true, 0},                          // and echo alone stays echo alone
   };
   EnhancedVadState st;
   EnhancedVadInit(&st);
   for (std::size_t i = 0; i < std::size(steps); ++i) {
     SCOPED_TRACE(i);
-    EXPECT_EQ(EnhancedVadDecide(&st, steps[i].prob, steps[i].echo_alone), steps[i].flag);
+    EXPECT_EQ(EnhancedVadDecide(&st, steps[i].prob, steps[i].echo_alone, steps[i].talker_beside_echo), steps[i].flag);
   }
   // Over the echo bar a talker already flagged keeps the flag.
   if (kFlagEchoThreshold < 1.0f) {

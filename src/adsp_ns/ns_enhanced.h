@@ -162,7 +162,9 @@ void EnhancedVadInit(EnhancedVadState* st);
 float EnhancedOutputPresence(const EnhancedPresenceState& st);
 // The speech flag of that frame. `echo_alone`: the canceller hears the far
 // end's echo and no near talker beside it; the flag then does not rise, and
-// stays only above the echo bar (kFlagEchoThreshold).
-int EnhancedVadDecide(EnhancedVadState* st, float output_prob, bool echo_alone);
+// stays only above the echo bar (kFlagEchoThreshold). `talker_beside_echo`:
+// the canceller hears a near talker beside the echo over the frame the flag
+// labels; a low presence then suffices.
+int EnhancedVadDecide(EnhancedVadState* st, float output_prob, bool echo_alone, bool talker_beside_echo = false);
 
 }  // namespace vorn

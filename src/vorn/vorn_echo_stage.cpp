@@ -144,6 +144,8 @@ int32_t RunEchoStage(const T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
 
   pic.far_activity = static_cast<float>(far_blocks) / kBlocks;
   pic.near_activity = static_cast<float>(near_blocks) / kBlocks;
+  pic.near_activity_held = 0.5f * (pic.near_activity + echo->last_near_activity);
+  echo->last_near_activity = pic.near_activity;
   pic.double_talk = double_talk_blocks > 0;
   // The room keeps ringing after the far end stops: echo counts as present
   // for a while after it was last heard.

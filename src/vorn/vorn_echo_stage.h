@@ -27,6 +27,7 @@ struct EchoStageState {
   ReferenceCheck reference_check;
   float erl_db;        // smoothed over blocks of echo alone; kNoEchoReturnLossDb until then
   int frames_since_echo;  // frames since echo last reached the microphones
+  float last_near_activity;  // the previous frame's picture's
   EchoPicture picture; // the last frame's, for the getters
   float post_filter_history[512];  // the cancelled signal the enhanced post filter analyses
   short reference_ring[kReferenceRing];  // the reference's recent samples (circular)

@@ -105,9 +105,16 @@ int32_t SuppressStage(T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
   return 0;
 }
 
+// Share of the canceller's blocks over two frames that must hear a near
+// talker beside the echo for the speech flag to trust it.
+constexpr float kTalkerHeardShare = 0.75f;
+
 void VadStage(T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
   EnhancedSpeechRecords& speech = EnhancedStateOf(st)->modules.speech;
-  pm->vad_flag = EnhancedVadDecide(&speech.vad, fr.presence.output_prob, fr.echo.echo_only);
+  // The flag labels a frame 1.5 frames old: the canceller's near talker over
+  // the last two frames covers it.
+  const bool talker_beside_echo = fr.echo.near_activity_held >= kTalkerHeardShare;
+  pm->vad_flag = EnhancedVadDecide(&speech.vad, fr.presence.output_prob, fr.echo.echo_only, talker_beside_echo);
 }
 
 void LevelStage(const T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
