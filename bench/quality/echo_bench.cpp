@@ -420,8 +420,12 @@ bool RunEchoBench(const std::filesystem::path& dir, const std::string& match, co
       }
       const EchoScore& score = results.by_scene[echo.name][system.chain][system.name] = Score(echo, rendered, run);
       if (!system_match.empty())
-        std::fprintf(stderr, "  %s: SI-SDR %.1f dB, ERLE converged %.1f dB, whole %.1f dB\n", label.c_str(),
-                     score.double_talk_si_sdr, score.erle_converged, score.erle_whole);
+        std::fprintf(stderr,
+                     "  %s: SI-SDR %.1f dB, ERLE converged %.1f dB, whole %.1f dB, VAD tp %zu fp %zu fn %zu, "
+                     "echo alone flagged %zu/%zu\n",
+                     label.c_str(), score.double_talk_si_sdr, score.erle_converged, score.erle_whole,
+                     score.vad.true_positive, score.vad.false_positive, score.vad.false_negative, score.alone_flagged,
+                     score.alone_frames);
     }
     std::fprintf(stderr, "scored %s\n", echo.name.c_str());
   }
