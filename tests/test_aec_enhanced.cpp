@@ -149,6 +149,16 @@ TEST(AecEnhanced, KeepsTheNearTalkerInDoubleTalk) {
   }
   EXPECT_GE(si_sdr[1], 5.0);
   EXPECT_GE(si_sdr[1], si_sdr[0] + 3.0);
+
+  // The suppressor after the canceller must not take back what the canceller
+  // let through of the talker: the presence it follows discounts all the
+  // echo the reference predicts, the talker's bins with it.
+  const ChainRun run = RunChain(mic, sim::ToPcm(far), kSuppressed, VORN_PROFILE_ENHANCED);
+  const sim::Signal y = sim::ToSignal(run.out);
+  const sim::Signal aligned = sim::Advance(y, sim::FindLatency(near.samples, y, 1024));
+  const sim::Signal part(aligned.begin() + static_cast<long>(Samples(6.0)), aligned.end());
+  EXPECT_GE(sim::SiSdrDb(part, talker), si_sdr[1] - 3.0);
+  EXPECT_GE(AttenuationDb(mic, run.out, 3.0, 6.0), 35.0);
 }
 
 // Echo alone is neither speech nor lifted by the AGC; a near talker alone is

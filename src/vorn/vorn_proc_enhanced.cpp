@@ -9,6 +9,7 @@
 // The classic frame (vorn_proc.cpp) never branches on the profile.
 #include "vorn/vorn_proc_enhanced.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 
@@ -75,10 +76,31 @@ void PresenceStage(const T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
   enhanced->last_presence = p;
 }
 
+// The presence discounts whatever the far end's echo could explain, judged
+// before the canceller; in double talk that takes the talker's bins along.
+// Where the canceller itself hears a near talker beside the echo, the
+// suppressor, which works on the cancelled signal, takes the talker as
+// present (the residual echo there is the canceller's to remove). A hop in
+// which the presence sees next to no speech stays as judged: the canceller
+// holds its verdict through the talker's pauses, and lifting those would let
+// the echo's residue through.
+constexpr float kLiftPresence = 0.2f;
+
+void LiftPresenceBesideEcho(EnhancedFrame& fr) {
+  const float heard = std::min(1.0f, 4.0f * fr.echo.near_activity_held);
+  if (heard <= 0.0f) return;
+  for (NsHopAnalysis& hop : fr.ns_hops) {
+    if (hop.prob < kLiftPresence) continue;
+    hop.prob = std::max(hop.prob, heard);
+    for (float& band : hop.band_prob) band = std::max(band, heard);
+  }
+}
+
 int32_t SuppressStage(T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
   std::memcpy(fr.clean, fr.echo_out, sizeof fr.clean);
   EnhancedSpeechRecords& speech = EnhancedStateOf(st)->modules.speech;
   if (pm->ns_flag == 1) {
+    LiftPresenceBesideEcho(fr);
     EnhancedSuppressHop(&speech.suppressor, speech.presence, &fr.ns_hops[0], fr.clean);
     EnhancedSuppressHop(&speech.suppressor, speech.presence, &fr.ns_hops[1], fr.clean + kHalfLen);
   } else if (pm->ns_flag == 2) {
