@@ -9,7 +9,6 @@
 // The classic frame (vorn_proc.cpp) never branches on the profile.
 #include "vorn/vorn_proc_enhanced.h"
 
-#include <algorithm>
 #include <cmath>
 #include <cstring>
 
@@ -80,19 +79,21 @@ void PresenceStage(const T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
 // before the canceller; in double talk that takes the talker's bins along.
 // Where the canceller itself hears a near talker beside the echo, the
 // suppressor, which works on the cancelled signal, takes the talker as
-// present (the residual echo there is the canceller's to remove). A hop in
-// which the presence sees next to no speech stays as judged: the canceller
-// holds its verdict through the talker's pauses, and lifting those would let
-// the echo's residue through.
+// present (the residual echo there is the canceller's to remove). It must
+// have heard the talker in half the blocks of this frame and the one
+// before, and a hop in which the presence sees next to no speech stays as
+// judged: the canceller holds its verdict through the talker's pauses, and
+// lifting those would let the echo's residue through (with music as the far
+// end, 13 dB of it).
+constexpr float kLiftNearShare = 0.5f;
 constexpr float kLiftPresence = 0.2f;
 
 void LiftPresenceBesideEcho(EnhancedFrame& fr) {
-  const float heard = std::min(1.0f, 4.0f * fr.echo.near_activity_held);
-  if (heard <= 0.0f) return;
+  if (fr.echo.near_activity_held < kLiftNearShare) return;
   for (NsHopAnalysis& hop : fr.ns_hops) {
     if (hop.prob < kLiftPresence) continue;
-    hop.prob = std::max(hop.prob, heard);
-    for (float& band : hop.band_prob) band = std::max(band, heard);
+    hop.prob = 1.0f;
+    for (float& band : hop.band_prob) band = 1.0f;
   }
 }
 
