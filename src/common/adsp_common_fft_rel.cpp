@@ -30,8 +30,9 @@
 // performs the plain butterfly's operations in the plain order, which gives
 // the plain transform's bits. Their twiddles come from per-stage tables built
 // by the same compile-time rule as sincos_t_ext, so the values are the same
-// floats. The first stages (fewer than eight twiddles) and the permutations
-// stay scalar in both.
+// floats. The forward transform's first stages run on four 16-float blocks
+// at once, one per lane; the inverse's groups below 64 points likewise, on
+// blocks of 32 and 16 (InverseTailColumns). The permutations stay scalar.
 #include "common/adsp_common_fft_rel.h"
 
 #include <array>
@@ -381,11 +382,189 @@ inline void InverseButterflies4(float *x, int i, int j, int n4) {
 }
 #endif
 
+#if defined(VORN_SIMD4)
+// Below group size 64 the L-shaped butterflies stay inside aligned blocks:
+// once the groups of 64 and more are done, every aligned block of 32 floats
+// is either one group of 32 (with everything below it) or two groups of 16,
+// the quarters of a group of 64. Each such block runs the same butterflies
+// wherever it lies, so four blocks of one kind, turned so that vector p holds
+// float p of each, run them with one vector operation for each plain one, in
+// the plain order, down to the length-2 butterflies and the 1/n scale.
+inline void InverseButterflyColumns(simd::F4 *c, int i, int j, int n4, const InverseTwiddles &w) {
+  using namespace simd;
+  const int i1 = i + j;
+  const int i2 = i1 + n4;
+  const int i3 = i2 + n4;
+  const int i4 = i3 + n4;
+  const int i5 = i + n4 - j;
+  const int i6 = i5 + n4;
+  const int i7 = i6 + n4;
+  const int i8 = i7 + n4;
+  F4 t1 = Sub(c[i1], c[i6]);
+  c[i1] = Add(c[i1], c[i6]);
+  F4 t2 = Sub(c[i5], c[i2]);
+  c[i5] = Add(c[i2], c[i5]);
+  const F4 t3 = Add(c[i8], c[i3]);
+  c[i6] = Sub(c[i8], c[i3]);
+  F4 t4 = Add(c[i4], c[i7]);
+  c[i2] = Sub(c[i4], c[i7]);
+  const F4 t5 = Sub(t1, t4);
+  t1 = Add(t1, t4);
+  t4 = Sub(t2, t3);
+  t2 = Add(t2, t3);
+  const F4 cc1 = Set1(w.cc1), ss1 = Set1(w.ss1), cc3 = Set1(w.cc3), ss3 = Set1(w.ss3);
+  c[i3] = Add(Mul(t5, cc1), Mul(t4, ss1));
+  c[i7] = Sub(Mul(t5, ss1), Mul(t4, cc1));
+  c[i4] = Sub(Mul(t1, cc3), Mul(t2, ss3));
+  c[i8] = Add(Mul(t2, cc3), Mul(t1, ss3));
+}
+
+// The whole inverse of a group of kN floats (16 or 32) below its own size,
+// as the plain transform runs it, on columns.
+template <int kN>
+void InverseGroupColumns(simd::F4 *c, float inv_n) {
+  using namespace simd;
+  const F4 two = Set1(2.0f), sqrt_half = Set1(kSqrtHalf);
+  int group = 2 * kN;
+  for (; group > 4;) {
+    int start = 0;
+    int stride = group;
+    group >>= 1;
+    const int n4 = group >> 2;
+    const int n8 = n4 >> 1;
+    const int step = kTwiddleTurn / group;
+    do {
+      for (int i = start; i < kN; i += stride) {
+        int i1 = i;
+        int i2 = i1 + n4;
+        int i3 = i2 + n4;
+        int i4 = i3 + n4;
+        F4 t1 = Sub(c[i1], c[i3]);
+        c[i1] = Add(c[i1], c[i3]);
+        c[i2] = Mul(two, c[i2]);
+        c[i3] = Sub(t1, Mul(two, c[i4]));
+        c[i4] = Add(t1, Mul(two, c[i4]));
+        if (n4 != 1) {
+          i1 += n8;
+          i2 += n8;
+          i3 += n8;
+          i4 += n8;
+          t1 = Mul(Sub(c[i2], c[i1]), sqrt_half);
+          const F4 t2 = Mul(Add(c[i4], c[i3]), sqrt_half);
+          c[i1] = Add(c[i1], c[i2]);
+          c[i2] = Sub(c[i4], c[i3]);
+          c[i3] = Mul(two, Sub(Neg(t2), t1));
+          c[i4] = Mul(two, Add(Neg(t2), t1));
+        }
+      }
+      start = 2 * stride - group;
+      stride = 4 * stride;
+    } while (start < kN - 1);
+    for (int j = 1; j < n8; ++j) {
+      const InverseTwiddles w = InverseTwiddlesOf(j, step);
+      start = 0;
+      stride = 2 * group;
+      do {
+        for (int i = start; i < kN; i += stride) InverseButterflyColumns(c, i, j, n4, w);
+        start = 2 * stride - group;
+        stride = 4 * stride;
+      } while (start < kN - 1);
+    }
+  }
+  int start = 0;
+  int stride = 4;
+  do {
+    for (int i = start; i < kN; i += stride) {
+      const F4 t = c[i];
+      c[i] = Add(t, c[i + 1]);
+      c[i + 1] = Sub(t, c[i + 1]);
+    }
+    start = 2 * stride - 2;
+    stride = 4 * stride;
+  } while (start < kN - 1);
+  const F4 scale = Set1(inv_n);
+  for (int p = 0; p < kN; ++p) c[p] = Mul(c[p], scale);
+}
+
+// Which aligned blocks of 32 floats of an n-point transform are groups of 32:
+// bit b of the mask stands for the block at 32 b. The plain loop's walk over
+// the groups of one size, for the size 32.
+constexpr unsigned GroupsOf32(int n) {
+  unsigned mask = 0;
+  int start = 0;
+  int stride = 64;
+  do {
+    for (int i = start; i < n; i += stride) mask |= 1u << (i / 32);
+    start = 2 * stride - 32;
+    stride = 4 * stride;
+  } while (start < n - 1);
+  return mask;
+}
+
+// Runs InverseGroupColumns<kN> on the kN-float blocks of x listed in at
+// (count of them), four at a time, writing them to out at the same places.
+// A short last batch fills its spare lanes with zeros and drops them.
+template <int kN>
+void InverseBlocksColumns(const float *x, float *out, const int *at, int count, float inv_n) {
+  using namespace simd;
+  alignas(16) static constexpr float kZeros[kN] = {};
+  float spare[kN];
+  for (int b = 0; b < count; b += 4) {
+    const float *src[4];
+    float *dst[4];
+    for (int r = 0; r < 4; ++r) {
+      src[r] = b + r < count ? x + at[b + r] : kZeros;
+      dst[r] = b + r < count ? out + at[b + r] : spare;
+    }
+    F4 c[kN];
+    for (int q = 0; q < kN / 4; ++q) {
+      for (int r = 0; r < 4; ++r) c[4 * q + r] = Load(src[r] + 4 * q);
+      Transpose(c[4 * q], c[4 * q + 1], c[4 * q + 2], c[4 * q + 3]);
+    }
+    InverseGroupColumns<kN>(c, inv_n);
+    for (int q = 0; q < kN / 4; ++q) {
+      Transpose(c[4 * q], c[4 * q + 1], c[4 * q + 2], c[4 * q + 3]);
+      for (int r = 0; r < 4; ++r) Store(dst[r] + 4 * q, c[4 * q + r]);
+    }
+  }
+}
+
+// Everything after the groups of 64 for n = 128, 256, 512: the column blocks
+// into scratch, then the permutation back into x.
+void InverseTailColumns(float *x, int n) {
+  static_assert(GroupsOf32(512) != 0, "the walk must find groups of 32");
+  const unsigned mask = n == 512 ? GroupsOf32(512) : n == 256 ? GroupsOf32(256) : GroupsOf32(128);
+  int at32[kMaxTablePoints / 32];
+  int at16[kMaxTablePoints / 16];
+  int count32 = 0, count16 = 0;
+  for (int b = 0; b < n / 32; ++b) {
+    if ((mask >> b) & 1u) {
+      at32[count32++] = 32 * b;
+    } else {
+      at16[count16++] = 32 * b;
+      at16[count16++] = 32 * b + 16;
+    }
+  }
+  const float inv_n = 1.0f / static_cast<float>(n);
+  float scratch[kMaxTablePoints];
+  InverseBlocksColumns<32>(x, scratch, at32, count32, inv_n);
+  InverseBlocksColumns<16>(x, scratch, at16, count16, inv_n);
+  GatherBitReversed(scratch, n, x);
+}
+#endif
+
 template <bool kVector>
 void InverseTransform(float *x, int n, int m) {
   // L-shaped butterflies, group length G = n down to 4.
+#if defined(VORN_SIMD4)
+  // The vector transform hands the groups below 64 to the column blocks.
+  const bool column_tail = kVector && HasTablePermutation(n);
+  const int last_k = column_tail ? m - 5 : m - 1;
+#else
+  const int last_k = m - 1;
+#endif
   int group = 2 * n;
-  for (int k = 1; k < m; ++k) {
+  for (int k = 1; k <= last_k; ++k) {
     int start = 0;
     int stride = group;
     group >>= 1;
@@ -449,6 +628,12 @@ void InverseTransform(float *x, int n, int m) {
     }
   }
 
+#if defined(VORN_SIMD4)
+  if (column_tail) {
+    InverseTailColumns(x, n);
+    return;
+  }
+#endif
   // Length-2 butterflies.
   int start = 0;
   int stride = 4;
