@@ -32,7 +32,8 @@
 // by the same compile-time rule as sincos_t_ext, so the values are the same
 // floats. The forward transform's first stages run on four 16-float blocks
 // at once, one per lane; the inverse's groups below 64 points likewise, on
-// blocks of 32 and 16 (InverseTailColumns). The permutations stay scalar.
+// blocks of 32 and 16 (InverseTailColumns). Their permutations move sixteen
+// floats at a time as 4 x 4 blocks (GatherBitReversedSimd).
 #include "common/adsp_common_fft_rel.h"
 
 #include <array>
@@ -66,6 +67,30 @@ void GatherBitReversed(const float *x, int n, float *y) {
     for (int p = 0; p < 128; ++p) y[p] = x[fft256_read_indexes[p] >> 1];
   }
 }
+
+#if defined(VORN_SIMD4)
+// The same permutation, sixteen floats at a time. Split an index of m bits
+// into its top two bits a, middle bits b and low two bits c: the reversal maps
+// (a, b, c) to (rev2 c, rev b, rev2 a). For one b, the four runs of four
+// floats at (c', rev b, 0..3) turned as a 4 x 4 block are the four runs of
+// y at (a, b, 0..3), the rows taken in reversed two-bit order.
+void GatherBitReversedSimd(const float *x, int n, float *y) {
+  using namespace simd;
+  const int quarter = n / 4;            // the stride of the top two bits
+  const int middle = n / 16;            // values of b
+  const int shift = n == 512 ? 3 : n == 256 ? 4 : 5;  // rev of b's bits from rev8
+  for (int b = 0; b < middle; ++b) {
+    const float *src = x + 4 * (fft256_read_indexes[b] >> shift);
+    F4 r0 = Load(src), r1 = Load(src + 2 * quarter), r2 = Load(src + quarter), r3 = Load(src + 3 * quarter);
+    Transpose(r0, r1, r2, r3);
+    float *dst = y + 4 * b;
+    Store(dst, r0);
+    Store(dst + 2 * quarter, r1);
+    Store(dst + quarter, r2);
+    Store(dst + 3 * quarter, r3);
+  }
+}
+#endif
 
 // Powers of two from 4 to 1024 points: the twiddle table ends there. Anything
 // else leaves the buffer untouched rather than index past it.
@@ -226,7 +251,7 @@ void ForwardTransform(float *x, int n, int m) {
 #if defined(VORN_SIMD4)
   if (kVector && HasTablePermutation(n)) {
     float scratch[kMaxTablePoints];
-    GatherBitReversed(x, n, scratch);
+    GatherBitReversedSimd(x, n, scratch);
     ForwardFirstStagesSimd(scratch, x, n);
     half = 8;
     first_stage = 5;
@@ -549,7 +574,7 @@ void InverseTailColumns(float *x, int n) {
   float scratch[kMaxTablePoints];
   InverseBlocksColumns<32>(x, scratch, at32, count32, inv_n);
   InverseBlocksColumns<16>(x, scratch, at16, count16, inv_n);
-  GatherBitReversed(scratch, n, x);
+  GatherBitReversedSimd(scratch, n, x);
 }
 #endif
 
