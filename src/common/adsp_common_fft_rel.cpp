@@ -157,7 +157,14 @@ constexpr std::array<float, kTwiddleSlots> MakeForwardTwiddles() {
 constexpr auto kForwardCos = MakeForwardTwiddles<true>();
 constexpr auto kForwardSin = MakeForwardTwiddles<false>();
 
-// Butterflies j .. j+3 of the group at i, one per lane.
+// Lanes 0..2 of a block: the butterflies 1..3 of a group go as the block at
+// j = 1 whose last lane (butterfly 4, done with its own block) keeps the
+// values it loaded.
+inline simd::M4 FirstThreeLanes() { return simd::Lt(simd::Set(0.0f, 1.0f, 2.0f, 3.0f), simd::Set1(2.5f)); }
+
+// Butterflies j .. j+3 of the group at i, one per lane; kFirstThree stores
+// only the first three (j = 1).
+template <bool kFirstThree = false>
 inline void ForwardButterflies4(float *x, int i, int j, int quarter) {
   using namespace simd;
   const int half = 2 * quarter;
@@ -174,13 +181,22 @@ inline void ForwardButterflies4(float *x, int i, int j, int quarter) {
   const F4 t1 = Add(Mul(x3, cc), Mul(x4, ss));
   const F4 t2 = Sub(Mul(x3, ss), Mul(x4, cc));
   const F4 a2 = LoadReversed(p2);
-  const F4 new4 = Sub(a2, t2);
-  StoreReversed(p4, new4);
-  Store(p3, Sub(new4, Mul(two, a2)));
   const F4 a1 = Load(p1);
-  const F4 new2 = Sub(a1, t1);
+  F4 new4 = Sub(a2, t2);
+  F4 new3 = Sub(new4, Mul(two, a2));
+  F4 new2 = Sub(a1, t1);
+  F4 new1 = Sub(Mul(two, a1), new2);
+  if constexpr (kFirstThree) {
+    const M4 keep = FirstThreeLanes();
+    new4 = Select(keep, new4, x4);
+    new3 = Select(keep, new3, x3);
+    new2 = Select(keep, new2, a2);
+    new1 = Select(keep, new1, a1);
+  }
+  StoreReversed(p4, new4);
+  Store(p3, new3);
   StoreReversed(p2, new2);
-  Store(p1, Sub(Mul(two, a1), new2));
+  Store(p1, new1);
 }
 #endif
 
@@ -295,18 +311,24 @@ void ForwardTransform(float *x, int n, int m) {
       x[i + half] = t - x[i + half];
       x[i] = 2.0f * t - x[i + half];
       x[i + half + quarter] = -x[i + half + quarter];
-      int j = 1;
 #if defined(VORN_SIMD4)
       if (kVector && quarter >= kVectorMinTwiddles) {
-        // Three plain butterflies, then blocks of four: quarter - 4 is a multiple of 4.
-        for (; j < 4; ++j)
-          ForwardButterfly(x, i, j, half, group, sincos_t_ext[kCosOffset + j * step], sincos_t_ext[j * step]);
-        for (; j < quarter; j += 4) ForwardButterflies4(x, i, j, quarter);
+        // Blocks of four from butterfly 4 on: quarter - 4 is a multiple of 4.
+        for (int j = 4; j < quarter; j += 4) ForwardButterflies4(x, i, j, quarter);
+        continue;
       }
 #endif
-      for (; j < quarter; ++j)
+      for (int j = 1; j < quarter; ++j)
         ForwardButterfly(x, i, j, half, group, sincos_t_ext[kCosOffset + j * step], sincos_t_ext[j * step]);
     }
+#if defined(VORN_SIMD4)
+    // Butterflies 1..3 of every group, once the stage's other blocks are
+    // stored: their block reads butterfly 4's values back, and a load
+    // straddling a store still in flight waits for it.
+    if (kVector && quarter >= kVectorMinTwiddles) {
+      for (int i = 0; i < n; i += group) ForwardButterflies4<true>(x, i, 1, quarter);
+    }
+#endif
   }
 }
 
@@ -372,7 +394,9 @@ constexpr auto kInverseSin1 = MakeInverseTwiddles<false, false>();
 constexpr auto kInverseCos3 = MakeInverseTwiddles<true, true>();
 constexpr auto kInverseSin3 = MakeInverseTwiddles<false, true>();
 
-// Butterflies j .. j+3 of the group at i, one per lane.
+// Butterflies j .. j+3 of the group at i, one per lane; kFirstThree stores
+// only the first three (j = 1), as the forward blocks do.
+template <bool kFirstThree = false>
 inline void InverseButterflies4(float *x, int i, int j, int n4) {
   using namespace simd;
   const std::size_t at = static_cast<std::size_t>(n4 / 2 + j);
@@ -389,21 +413,35 @@ inline void InverseButterflies4(float *x, int i, int j, int n4) {
   const F4 x1 = Load(p1), x2 = Load(p2), x3 = Load(p3), x4 = Load(p4);
   const F4 x5 = LoadReversed(p5), x6 = LoadReversed(p6), x7 = LoadReversed(p7), x8 = LoadReversed(p8);
   F4 t1 = Sub(x1, x6);
-  Store(p1, Add(x1, x6));
+  F4 y[8];
+  y[0] = Add(x1, x6);
   F4 t2 = Sub(x5, x2);
-  StoreReversed(p5, Add(x2, x5));
+  y[4] = Add(x2, x5);
   const F4 t3 = Add(x8, x3);
-  StoreReversed(p6, Sub(x8, x3));
+  y[5] = Sub(x8, x3);
   F4 t4 = Add(x4, x7);
-  Store(p2, Sub(x4, x7));
+  y[1] = Sub(x4, x7);
   const F4 t5 = Sub(t1, t4);
   t1 = Add(t1, t4);
   t4 = Sub(t2, t3);
   t2 = Add(t2, t3);
-  Store(p3, Add(Mul(t5, cc1), Mul(t4, ss1)));
-  StoreReversed(p7, Sub(Mul(t5, ss1), Mul(t4, cc1)));
-  Store(p4, Sub(Mul(t1, cc3), Mul(t2, ss3)));
-  StoreReversed(p8, Add(Mul(t2, cc3), Mul(t1, ss3)));
+  y[2] = Add(Mul(t5, cc1), Mul(t4, ss1));
+  y[6] = Sub(Mul(t5, ss1), Mul(t4, cc1));
+  y[3] = Sub(Mul(t1, cc3), Mul(t2, ss3));
+  y[7] = Add(Mul(t2, cc3), Mul(t1, ss3));
+  if constexpr (kFirstThree) {
+    const M4 keep = FirstThreeLanes();
+    const F4 old[8] = {x1, x2, x3, x4, x5, x6, x7, x8};
+    for (int r = 0; r < 8; ++r) y[r] = Select(keep, y[r], old[r]);
+  }
+  Store(p1, y[0]);
+  Store(p2, y[1]);
+  Store(p3, y[2]);
+  Store(p4, y[3]);
+  StoreReversed(p5, y[4]);
+  StoreReversed(p6, y[5]);
+  StoreReversed(p7, y[6]);
+  StoreReversed(p8, y[7]);
 }
 #endif
 
@@ -626,15 +664,21 @@ void InverseTransform(float *x, int n, int m) {
 
 #if defined(VORN_SIMD4)
     if (kVector && n8 >= kVectorMinTwiddles) {
-      // Group by group: three plain butterflies, then blocks of four.
+      // Group by group: blocks of four from butterfly 4 on.
       start = 0;
       stride = 2 * group;
       do {
         for (int i = start; i < n; i += stride) {
-          int j = 1;
-          for (; j < 4; ++j) InverseButterfly(x, i, j, n4, InverseTwiddlesOf(j, step));
-          for (; j < n8; j += 4) InverseButterflies4(x, i, j, n4);
+          for (int j = 4; j < n8; j += 4) InverseButterflies4(x, i, j, n4);
         }
+        start = 2 * stride - group;
+        stride = 4 * stride;
+      } while (start < n - 1);
+      // Butterflies 1..3 last, as in the forward stages.
+      start = 0;
+      stride = 2 * group;
+      do {
+        for (int i = start; i < n; i += stride) InverseButterflies4<true>(x, i, 1, n4);
         start = 2 * stride - group;
         stride = 4 * stride;
       } while (start < n - 1);
