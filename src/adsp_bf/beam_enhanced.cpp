@@ -28,7 +28,9 @@
 // the noise, are designed from that rather than from the free-field model:
 // the free-field beam keeps the direct sound but bends the room's
 // reflections, which are part of what microphone 0 hears. The learned beam
-// is redesigned every 256 ms and faded in like a new look direction. A look
+// is redesigned after each second of the talker's speech, or every two
+// seconds whatever, and faded in like a new look direction; a redesign
+// that again gives the free-field beam already in use changes nothing. A look
 // direction 30 degrees away from where the talker was learned is taken as
 // another talker, learned afresh, and the free-field beam holds until then.
 //
@@ -60,7 +62,11 @@ constexpr float kShareSmoothing = 0.2f;  // per hop
 constexpr float kLookWeight = 2.0f;      // see TalkerShareUpdate
 constexpr float kTalkerPresent = 0.5f;
 constexpr float kFixedBeamAzimuth = 300.0f;  // beam type 7
-constexpr int kLearnHops = 16;               // the learned beam is redesigned every 256 ms
+// The learned beam is redesigned after 32 talker hops taken in (about a
+// second of speech; the talker is averaged over three), or two seconds after
+// the last design for the noise's sake.
+constexpr int32_t kRenewTalkerHops = 32;
+constexpr int kRenewHops = 128;
 constexpr float kRelearnDeg = 30.0f;         // a look direction this far off is another talker
 constexpr float kPi = 3.14159265f;
 
@@ -266,11 +272,12 @@ void LearnHop(EnhancedBeamState* st, const BeamDesign& wanted, bool learns, floa
 
 void DesignSlot(EnhancedBeamState* st, const BeamDesign& wanted, bool learned, BeamSlot* slot) {
   slot->design = wanted;
-  if (learned) {
-    LearnedBeamDesign(&st->learned, wanted.azimuth_deg, &slot->weights);
-  } else {
-    DesignBeam(wanted, &slot->weights);
-  }
+  slot->learned = learned && LearnedBeamDesign(&st->learned, wanted.azimuth_deg, &slot->weights) ? 1 : 0;
+  if (!learned) DesignBeam(wanted, &slot->weights);
+}
+
+bool SameDesign(const BeamDesign& a, const BeamDesign& b) {
+  return a.kind == b.kind && a.live_mask == b.live_mask && a.azimuth_deg == b.azimuth_deg;
 }
 
 }  // namespace
@@ -301,22 +308,30 @@ void EnhancedBeamProc(EnhancedBeamState* st, const BeamRequest& rq, const float*
   const bool learns = Learns(wanted, adaptive, rq.echo_follows != 0);
   LearnHop(st, wanted, learns, spectrum, rq.talker_presence);
   const bool learned = learns && LearnedBeamReady(&st->learned);
-  st->hops_since_learned = st->hops_since_learned < kLearnHops ? st->hops_since_learned + 1 : kLearnHops;
+  st->hops_since_learned = st->hops_since_learned < kRenewHops ? st->hops_since_learned + 1 : kRenewHops;
+  const bool renew =
+      learned && (st->learned.fresh_talker >= kRenewTalkerHops || st->hops_since_learned >= kRenewHops);
   int faded_from = -1;
   if (st->active < 0) {
     st->active = 0;
     DesignSlot(st, wanted, learned, &st->slot[0]);
   } else if (const bool resteer = NeedsResteer(st->slot[st->active].design, wanted, following, st->frames_since_steer);
-             resteer || (learned && st->hops_since_learned >= kLearnHops)) {
+             resteer || renew) {
     // A microphone that has just failed is not faded out: the old beam would
     // carry its fault for another hop. Renewed learned weights fade in like
     // a new look direction.
     const bool lost_mic = (st->slot[st->active].design.live_mask & ~wanted.live_mask) != 0;
     faded_from = lost_mic ? -1 : st->active;
     if (resteer) st->frames_since_steer = 0;
+    const int old = st->active;
     st->active = 1 - st->active;
     DesignSlot(st, wanted, learned, &st->slot[st->active]);
     if (learned) st->hops_since_learned = 0;
+    if (!resteer && st->slot[old].learned == 0 && st->slot[st->active].learned == 0 &&
+        SameDesign(st->slot[old].design, wanted)) {
+      st->active = old;  // the same free-field weights: nothing to fade
+      faded_from = -1;
+    }
   }
   const BeamSlot& slot = st->slot[st->active];
 

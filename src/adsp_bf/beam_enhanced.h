@@ -23,6 +23,7 @@ constexpr int kGscOutputs = kBfChannels - 1;
 
 struct BeamSlot {
   BeamDesign design;
+  int32_t learned;  // 1: the weights come from the learned beam
   BeamWeights weights;
 };
 
@@ -51,7 +52,7 @@ struct EnhancedBeamState {
   int32_t sector;            // beam types 5 and 6: the sector in use ...
   int32_t sector_candidate;  // ... and the one that has been loudest lately
   int32_t sector_votes;
-  int32_t hops_since_learned;  // hops since the learned beam was last designed
+  int32_t hops_since_learned;  // hops since the learned beam was last designed, up to two seconds
   TalkerShare share;
   LearnedBeam learned;
   GscState gsc;

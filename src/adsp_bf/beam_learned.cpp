@@ -38,9 +38,12 @@ constexpr int kHalf = kBfFftLen / 2;
 constexpr double kPi = 3.14159265358979323846;
 constexpr float kNoiseBelow = 0.3f;   // presence under which a hop is noise
 constexpr float kTalkerAbove = 0.7f;  // and over which it is the talker
-constexpr int32_t kNoiseHops = 62;    // the noise is averaged over about a second
-constexpr int32_t kNoisyHops = 188;   // the talker over about three seconds of speech
-constexpr int32_t kMinHops = 31;      // half a second of each before the first design
+// Counted in hops taken in: every other hop of the talker, every fourth of
+// the noise (which needs less: it is averaged over bands of eight bins).
+constexpr int32_t kNoiseHops = 16;     // the noise is averaged over about a second
+constexpr int32_t kNoisyHops = 94;     // the talker over about three seconds of speech
+constexpr int32_t kMinNoiseHops = 8;   // half a second of each before the first design
+constexpr int32_t kMinNoisyHops = 16;
 constexpr double kLoading = 0.5;      // diagonal loading of the noise, relative to its mean power
 constexpr double kMinTalker = 0.1;    // whitened talker-to-noise ratio a band needs
 constexpr int kPowerSteps = 3;
@@ -132,14 +135,60 @@ void LookSteering(float azimuth_deg, Vector3 d[kNoisyBands]) {
   Steering(azimuth_deg, kHalf, 0.0, 1, d + kNoisyBands - 1);
 }
 
-void Accumulate(float* r, const float re[kBfChannels], const float im[kBfChannels]) {
-  for (int m = 0; m < kBfChannels; ++m) r[m] += re[m] * re[m] + im[m] * im[m];
-  static constexpr int kPairs[3][2] = {{0, 1}, {0, 2}, {1, 2}};
-  for (int p = 0; p < 3; ++p) {
-    const int i = kPairs[p][0], j = kPairs[p][1];
-    r[3 + 2 * p] += re[i] * re[j] + im[i] * im[j];
-    r[4 + 2 * p] += im[i] * re[j] - re[i] * im[j];
+// The nine entries of one hop's outer product x x^H in every bin, as
+// TalkerShare and Unpack order them: three powers, then the real and
+// imaginary parts of the pairs (0,1), (0,2), (1,2). Laid out bin by bin in
+// rows, so that each is one pass over contiguous memory.
+struct OuterProducts {
+  float e[kHermitian3][kBfNumBins];
+};
+
+void OuterProductsOf(float spectrum[kBfChannels][kBfFftLen], OuterProducts* p) {
+  float re[kBfChannels][kBfNumBins], im[kBfChannels][kBfNumBins];
+  for (int m = 0; m < kBfChannels; ++m) {
+    const float* x = spectrum[m];
+    re[m][0] = x[0];
+    im[m][0] = 0.0f;
+    re[m][kHalf] = x[kHalf];
+    im[m][kHalf] = 0.0f;
+    for (int k = 1; k < kHalf; ++k) {
+      re[m][k] = x[k];
+      im[m][k] = x[kBfFftLen - k];
+    }
   }
+  for (int m = 0; m < kBfChannels; ++m)
+    for (int k = 0; k < kBfNumBins; ++k) p->e[m][k] = re[m][k] * re[m][k] + im[m][k] * im[m][k];
+  static constexpr int kPairs[3][2] = {{0, 1}, {0, 2}, {1, 2}};
+  for (int q = 0; q < 3; ++q) {
+    const float* re_i = re[kPairs[q][0]];
+    const float* im_i = im[kPairs[q][0]];
+    const float* re_j = re[kPairs[q][1]];
+    const float* im_j = im[kPairs[q][1]];
+    float* real = p->e[3 + 2 * q];
+    float* imag = p->e[4 + 2 * q];
+    for (int k = 0; k < kBfNumBins; ++k) {
+      real[k] = re_i[k] * re_j[k] + im_i[k] * im_j[k];
+      imag[k] = im_i[k] * re_j[k] - re_i[k] * im_j[k];
+    }
+  }
+}
+
+// The mean of each entry over bands of kWidth bins and the Nyquist bin
+// alone; returns the number of bands.
+template <int kWidth>
+int BandMeans(const OuterProducts& p, float mean[kNoisyBands][kHermitian3]) {
+  constexpr int kBands = kHalf / kWidth + 1;
+  constexpr float kPerBin = 1.0f / kWidth;
+  for (int e = 0; e < kHermitian3; ++e) {
+    const float* row = p.e[e];
+    for (int b = 0; b + 1 < kBands; ++b) {
+      float sum = 0.0f;
+      for (int j = 0; j < kWidth; ++j) sum += row[kWidth * b + j];
+      mean[b][e] = kPerBin * sum;
+    }
+    mean[kBands - 1][e] = row[kHalf];
+  }
+  return kBands;
 }
 
 // The talker's relative transfer function in one band into *rtf; false,
@@ -223,48 +272,46 @@ void LimitTaps(BeamWeights* weights) {
 void LearnedBeamReset(LearnedBeam* lb) { *lb = LearnedBeam{}; }
 
 void LearnedBeamObserve(LearnedBeam* lb, float spectrum[kBfChannels][kBfFftLen], float presence) {
+  const int32_t phase = lb->hop_phase;
+  lb->hop_phase = (phase + 1) & 3;
   float* target = nullptr;
   int32_t* hops = nullptr;
   int32_t cap = 0;
   int width = 0;
   if (presence < kNoiseBelow) {
+    if (phase != 0) return;
     target = &lb->noise[0][0], hops = &lb->noise_hops, cap = kNoiseHops, width = kNoiseBandBins;
   } else if (presence > kTalkerAbove) {
+    if ((phase & 1) != 0) return;
     target = &lb->noisy[0][0], hops = &lb->noisy_hops, cap = kNoisyHops, width = kNoisyBandBins;
+    lb->fresh_talker = lb->fresh_talker < kNoisyHops ? lb->fresh_talker + 1 : kNoisyHops;
   } else {
     return;
   }
+  OuterProducts now;
+  OuterProductsOf(spectrum, &now);
   // A plain mean over the first hops, then an exponential one.
   *hops = *hops < cap ? *hops + 1 : cap;
   const float a = 1.0f / static_cast<float>(*hops);
-  const int bands = kHalf / width + 1;
-  for (int b = 0; b < bands; ++b) {
-    float now[kHermitian3] = {};
-    const int first = width * b;
-    const int last = first == kHalf ? kHalf + 1 : first + width;
-    for (int k = first; k < last; ++k) {
-      float re[kBfChannels], im[kBfChannels];
-      for (int m = 0; m < kBfChannels; ++m) {
-        re[m] = spectrum[m][k];
-        im[m] = k == 0 || k == kHalf ? 0.0f : spectrum[m][kBfFftLen - k];
-      }
-      Accumulate(now, re, im);
-    }
-    const float per_bin = 1.0f / static_cast<float>(last - first);
-    float* r = target + b * kHermitian3;
-    for (int e = 0; e < kHermitian3; ++e) r[e] += a * (per_bin * now[e] - r[e]);
-  }
+  float mean[kNoisyBands][kHermitian3];
+  const int bands = width == kNoiseBandBins ? BandMeans<kNoiseBandBins>(now, mean) : BandMeans<kNoisyBandBins>(now, mean);
+  const float* m = &mean[0][0];
+  for (int i = 0; i < bands * kHermitian3; ++i) target[i] += a * (m[i] - target[i]);
 }
 
 void LearnedBeamForgetTalker(LearnedBeam* lb) {
   for (auto& band : lb->noisy)
     for (float& e : band) e = 0.0f;
   lb->noisy_hops = 0;
+  lb->fresh_talker = 0;
 }
 
-bool LearnedBeamReady(const LearnedBeam* lb) { return lb->noise_hops >= kMinHops && lb->noisy_hops >= kMinHops; }
+bool LearnedBeamReady(const LearnedBeam* lb) {
+  return lb->noise_hops >= kMinNoiseHops && lb->noisy_hops >= kMinNoisyHops;
+}
 
-void LearnedBeamDesign(const LearnedBeam* lb, float azimuth_deg, BeamWeights* weights) {
+bool LearnedBeamDesign(LearnedBeam* lb, float azimuth_deg, BeamWeights* weights) {
+  lb->fresh_talker = 0;
   Matrix3 loaded[kNoiseBands], loaded_inv[kNoiseBands];
   for (int b = 0; b < kNoiseBands; ++b) {
     loaded[b] = Unpack(lb->noise[b]);
@@ -288,7 +335,7 @@ void LearnedBeamDesign(const LearnedBeam* lb, float azimuth_deg, BeamWeights* we
   const bool talker_in_look = TalkerInLook(rtf, heard, azimuth_deg);
   if (!talker_in_look) {
     DesignBeam(BeamDesign{azimuth_deg, kBeamMvdr, kAllMics}, weights);
-    return;
+    return false;
   }
   for (int b = 0; b < kNoisyBands; ++b) {
     const Vector3& h = rtf[b];
@@ -308,6 +355,7 @@ void LearnedBeamDesign(const LearnedBeam* lb, float azimuth_deg, BeamWeights* we
     }
   }
   LimitTaps(weights);
+  return true;
 }
 
 }  // namespace vorn
