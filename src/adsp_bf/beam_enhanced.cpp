@@ -48,6 +48,7 @@
 #include "adsp_bf/weight_tables.h"
 #include "common/adsp_common_fft_rel.h"
 #include "common/pcm_round.h"
+#include "common/simd4.h"
 #include "vorn_proc.h"
 
 namespace vorn {
@@ -125,16 +126,12 @@ void ReferenceSpectrum(int ref, float azimuth, float x[kBfChannels][kBfFftLen], 
   }
 }
 
-static_assert(kBlendBandBins == 4 && kBlendBands == 65, "bands of four bins and one for Nyquist");
 void BandPowers(const float* spectrum, float power[kBlendBands]) {
-  float bin[kBfNumBins];
-  bin[0] = spectrum[0] * spectrum[0];
-  bin[kHalf] = spectrum[kHalf] * spectrum[kHalf];
-  for (int k = 1; k < kHalf; ++k)
-    bin[k] = spectrum[k] * spectrum[k] + spectrum[kBfFftLen - k] * spectrum[kBfFftLen - k];
-  for (int b = 0; b + 1 < kBlendBands; ++b)
-    power[b] = bin[4 * b] + bin[4 * b + 1] + bin[4 * b + 2] + bin[4 * b + 3];
-  power[kBlendBands - 1] = bin[kHalf];
+#if defined(VORN_SIMD4)
+  BandPowersSimd4(spectrum, power);
+#else
+  BandPowersPlain(spectrum, power);
+#endif
 }
 
 // The talker's share of the reference's power in each band this hop, from

@@ -8,15 +8,13 @@
 #include <cstdint>
 
 #include "adsp_bf/audio_dsp_proc.h"
+#include "adsp_bf/beam_kernels.h"
 #include "adsp_bf/beam_learned.h"
 #include "adsp_bf/mic_health.h"
 #include "adsp_bf/steering.h"
 
 namespace vorn {
 
-// The reference's power is tracked in bands of this many bins.
-constexpr int kBlendBandBins = 4;
-constexpr int kBlendBands = (kBfNumBins + kBlendBandBins - 1) / kBlendBandBins;  // 65
 // Blocking outputs of the adaptive beam: one per working microphone beyond
 // the first.
 constexpr int kGscOutputs = kBfChannels - 1;

@@ -66,14 +66,16 @@ struct Vector3 {
   Complex v[3];
 };
 
-Matrix3 Unpack(const float* h) {
+// Band b of a covariance kept entry by entry.
+template <int kBands>
+Matrix3 Unpack(const float (*r)[kBands], int b) {
   Matrix3 m;
-  m.a[0][0] = h[0];
-  m.a[1][1] = h[1];
-  m.a[2][2] = h[2];
-  m.a[0][1] = Complex(h[3], h[4]);
-  m.a[0][2] = Complex(h[5], h[6]);
-  m.a[1][2] = Complex(h[7], h[8]);
+  m.a[0][0] = r[0][b];
+  m.a[1][1] = r[1][b];
+  m.a[2][2] = r[2][b];
+  m.a[0][1] = Complex(r[3][b], r[4][b]);
+  m.a[0][2] = Complex(r[5][b], r[6][b]);
+  m.a[1][2] = Complex(r[7][b], r[8][b]);
   m.a[1][0] = std::conj(m.a[0][1]);
   m.a[2][0] = std::conj(m.a[0][2]);
   m.a[2][1] = std::conj(m.a[1][2]);
@@ -135,8 +137,8 @@ void LookSteering(float azimuth_deg, Vector3 d[kNoisyBands]) {
   Steering(azimuth_deg, kHalf, 0.0, 1, d + kNoisyBands - 1);
 }
 
-// The nine entries of one hop's outer product x x^H in every bin, as
-// TalkerShare and Unpack order them: three powers, then the real and
+// The nine entries of one hop's outer product x x^H in every bin, in the
+// order LearnedBeam keeps them: three powers, then the real and
 // imaginary parts of the pairs (0,1), (0,2), (1,2). Laid out bin by bin in
 // rows, so that each is one pass over contiguous memory.
 struct OuterProducts {
@@ -173,22 +175,22 @@ void OuterProductsOf(float spectrum[kBfChannels][kBfFftLen], OuterProducts* p) {
   }
 }
 
-// The mean of each entry over bands of kWidth bins and the Nyquist bin
-// alone; returns the number of bands.
-template <int kWidth>
-int BandMeans(const OuterProducts& p, float mean[kNoisyBands][kHermitian3]) {
-  constexpr int kBands = kHalf / kWidth + 1;
+// Folds one hop into the running means over bands of kWidth bins (the last
+// band the Nyquist bin alone): r += a (band mean - r), entry by entry.
+template <int kWidth, int kBands>
+void FoldIn(const OuterProducts& p, float a, float (*r)[kBands]) {
+  static_assert(kBands == kHalf / kWidth + 1);
   constexpr float kPerBin = 1.0f / kWidth;
   for (int e = 0; e < kHermitian3; ++e) {
     const float* row = p.e[e];
+    float* mean = r[e];
     for (int b = 0; b + 1 < kBands; ++b) {
       float sum = 0.0f;
       for (int j = 0; j < kWidth; ++j) sum += row[kWidth * b + j];
-      mean[b][e] = kPerBin * sum;
+      mean[b] += a * (kPerBin * sum - mean[b]);
     }
-    mean[kBands - 1][e] = row[kHalf];
+    mean[kBands - 1] += a * (row[kHalf] - mean[kBands - 1]);
   }
-  return kBands;
 }
 
 // The talker's relative transfer function in one band into *rtf; false,
@@ -274,29 +276,20 @@ void LearnedBeamReset(LearnedBeam* lb) { *lb = LearnedBeam{}; }
 void LearnedBeamObserve(LearnedBeam* lb, float spectrum[kBfChannels][kBfFftLen], float presence) {
   const int32_t phase = lb->hop_phase;
   lb->hop_phase = (phase + 1) & 3;
-  float* target = nullptr;
-  int32_t* hops = nullptr;
-  int32_t cap = 0;
-  int width = 0;
-  if (presence < kNoiseBelow) {
-    if (phase != 0) return;
-    target = &lb->noise[0][0], hops = &lb->noise_hops, cap = kNoiseHops, width = kNoiseBandBins;
-  } else if (presence > kTalkerAbove) {
-    if ((phase & 1) != 0) return;
-    target = &lb->noisy[0][0], hops = &lb->noisy_hops, cap = kNoisyHops, width = kNoisyBandBins;
-    lb->fresh_talker = lb->fresh_talker < kNoisyHops ? lb->fresh_talker + 1 : kNoisyHops;
-  } else {
-    return;
-  }
+  const bool noise = presence < kNoiseBelow && phase == 0;
+  const bool talker = presence > kTalkerAbove && (phase & 1) == 0;
+  if (!noise && !talker) return;
   OuterProducts now;
   OuterProductsOf(spectrum, &now);
   // A plain mean over the first hops, then an exponential one.
-  *hops = *hops < cap ? *hops + 1 : cap;
-  const float a = 1.0f / static_cast<float>(*hops);
-  float mean[kNoisyBands][kHermitian3];
-  const int bands = width == kNoiseBandBins ? BandMeans<kNoiseBandBins>(now, mean) : BandMeans<kNoisyBandBins>(now, mean);
-  const float* m = &mean[0][0];
-  for (int i = 0; i < bands * kHermitian3; ++i) target[i] += a * (m[i] - target[i]);
+  if (noise) {
+    lb->noise_hops = lb->noise_hops < kNoiseHops ? lb->noise_hops + 1 : kNoiseHops;
+    FoldIn<kNoiseBandBins, kNoiseBands>(now, 1.0f / static_cast<float>(lb->noise_hops), lb->noise);
+  } else {
+    lb->noisy_hops = lb->noisy_hops < kNoisyHops ? lb->noisy_hops + 1 : kNoisyHops;
+    lb->fresh_talker = lb->fresh_talker < kNoisyHops ? lb->fresh_talker + 1 : kNoisyHops;
+    FoldIn<kNoisyBandBins, kNoisyBands>(now, 1.0f / static_cast<float>(lb->noisy_hops), lb->noisy);
+  }
 }
 
 void LearnedBeamForgetTalker(LearnedBeam* lb) {
@@ -314,7 +307,7 @@ bool LearnedBeamDesign(LearnedBeam* lb, float azimuth_deg, BeamWeights* weights)
   lb->fresh_talker = 0;
   Matrix3 loaded[kNoiseBands], loaded_inv[kNoiseBands];
   for (int b = 0; b < kNoiseBands; ++b) {
-    loaded[b] = Unpack(lb->noise[b]);
+    loaded[b] = Unpack(lb->noise, b);
     const double loading =
         kLoading * (loaded[b].a[0][0].real() + loaded[b].a[1][1].real() + loaded[b].a[2][2].real()) / 3.0 + 1e-9;
     for (int i = 0; i < 3; ++i) loaded[b].a[i][i] += loading;
@@ -325,8 +318,8 @@ bool LearnedBeamDesign(LearnedBeam* lb, float azimuth_deg, BeamWeights* weights)
   LookSteering(azimuth_deg, look);
   for (int b = 0; b < kNoisyBands; ++b) {
     const int nb = kNoisyBandBins * b / kNoiseBandBins;
-    const Matrix3 rn = Unpack(lb->noise[nb]);
-    const Matrix3 rx = Unpack(lb->noisy[b]);
+    const Matrix3 rn = Unpack(lb->noise, nb);
+    const Matrix3 rx = Unpack(lb->noisy, b);
     Matrix3 rs;
     for (int i = 0; i < 3; ++i)
       for (int j = 0; j < 3; ++j) rs.a[i][j] = rx.a[i][j] - rn.a[i][j];

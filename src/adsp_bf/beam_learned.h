@@ -26,8 +26,10 @@ static_assert(kNoiseBandBins % kNoisyBandBins == 0, "a talker band lies inside o
 constexpr int kHermitian3 = 9;
 
 struct LearnedBeam {
-  float noise[kNoiseBands][kHermitian3];  // mean per bin over the band
-  float noisy[kNoisyBands][kHermitian3];  // the talker plus the noise
+  // Entry by entry (three powers, then the real and imaginary parts of the
+  // pairs 0-1, 0-2, 1-2), band by band: the mean per bin over the band.
+  float noise[kHermitian3][kNoiseBands];
+  float noisy[kHermitian3][kNoisyBands];  // the talker plus the noise
   int32_t noise_hops;                     // hops behind each, capped at the averaging length
   int32_t noisy_hops;
   int32_t fresh_talker;  // talker hops taken in since the beam was last designed
