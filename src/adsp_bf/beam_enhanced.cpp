@@ -63,10 +63,10 @@ constexpr float kShareSmoothing = 0.2f;  // per hop
 constexpr float kLookWeight = 2.0f;      // see TalkerShareUpdate
 constexpr float kTalkerPresent = 0.5f;
 constexpr float kFixedBeamAzimuth = 300.0f;  // beam type 7
-// The learned beam is redesigned after 32 talker hops taken in (about a
+// The learned beam is redesigned after 16 talker hops taken in (about a
 // second of speech; the talker is averaged over three), or two seconds after
 // the last design for the noise's sake.
-constexpr int32_t kRenewTalkerHops = 32;
+constexpr int32_t kRenewTalkerHops = 16;
 constexpr int kRenewHops = 128;
 constexpr float kRelearnDeg = 30.0f;         // a look direction this far off is another talker
 constexpr float kPi = 3.14159265f;

@@ -38,12 +38,12 @@ constexpr int kHalf = kBfFftLen / 2;
 constexpr double kPi = 3.14159265358979323846;
 constexpr float kNoiseBelow = 0.3f;   // presence under which a hop is noise
 constexpr float kTalkerAbove = 0.7f;  // and over which it is the talker
-// Counted in hops taken in: every other hop of the talker, every fourth of
-// the noise (which needs less: it is averaged over bands of eight bins).
-constexpr int32_t kNoiseHops = 16;     // the noise is averaged over about a second
-constexpr int32_t kNoisyHops = 94;     // the talker over about three seconds of speech
-constexpr int32_t kMinNoiseHops = 8;   // half a second of each before the first design
-constexpr int32_t kMinNoisyHops = 16;
+// Counted in hops taken in, every fourth one: hops 64 ms apart share no
+// samples, and a band of the talker still sees about a hundred snapshots
+// (two bins a hop) over three seconds of speech.
+constexpr int32_t kNoiseHops = 16;    // the noise is averaged over about a second
+constexpr int32_t kNoisyHops = 47;    // the talker over about three seconds of speech
+constexpr int32_t kMinHops = 8;       // half a second of each before the first design
 constexpr double kLoading = 0.5;      // diagonal loading of the noise, relative to its mean power
 constexpr double kMinTalker = 0.1;    // whitened talker-to-noise ratio a band needs
 constexpr int kPowerSteps = 3;
@@ -277,7 +277,7 @@ void LearnedBeamObserve(LearnedBeam* lb, float spectrum[kBfChannels][kBfFftLen],
   const int32_t phase = lb->hop_phase;
   lb->hop_phase = (phase + 1) & 3;
   const bool noise = presence < kNoiseBelow && phase == 0;
-  const bool talker = presence > kTalkerAbove && (phase & 1) == 0;
+  const bool talker = presence > kTalkerAbove && phase == 0;
   if (!noise && !talker) return;
   OuterProducts now;
   OuterProductsOf(spectrum, &now);
@@ -300,7 +300,7 @@ void LearnedBeamForgetTalker(LearnedBeam* lb) {
 }
 
 bool LearnedBeamReady(const LearnedBeam* lb) {
-  return lb->noise_hops >= kMinNoiseHops && lb->noisy_hops >= kMinNoisyHops;
+  return lb->noise_hops >= kMinHops && lb->noisy_hops >= kMinHops;
 }
 
 bool LearnedBeamDesign(LearnedBeam* lb, float azimuth_deg, BeamWeights* weights) {

@@ -41,9 +41,8 @@ void LearnedBeamReset(LearnedBeam* lb);
 
 // One hop of the microphones' packed spectra. presence: the talker's speech
 // presence, 0..1; hops in between the two thresholds teach nothing. Only
-// every other talker hop and every fourth noise hop are taken in:
-// neighbours share half their samples, and the noise, averaged over wider
-// bands, needs fewer hops.
+// every fourth hop is taken in: neighbours share half their samples, and a
+// covariance averaged over seconds needs no more.
 void LearnedBeamObserve(LearnedBeam* lb, float spectrum[kBfChannels][kBfFftLen], float presence);
 
 // Forgets the talker (another one is wanted) but keeps the noise.
