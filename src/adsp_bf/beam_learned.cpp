@@ -316,7 +316,7 @@ bool LearnedBeamDesign(LearnedBeam* lb, float azimuth_deg, BeamWeights* weights)
   Vector3 rtf[kNoisyBands], look[kNoisyBands];
   bool heard[kNoisyBands];
   LookSteering(azimuth_deg, look);
-  for (int b = 0; b < kNoisyBands; ++b) {
+  const auto transfer = [&](int b) {
     const int nb = kNoisyBandBins * b / kNoiseBandBins;
     const Matrix3 rn = Unpack(lb->noise, nb);
     const Matrix3 rx = Unpack(lb->noisy, b);
@@ -324,12 +324,21 @@ bool LearnedBeamDesign(LearnedBeam* lb, float azimuth_deg, BeamWeights* weights)
     for (int i = 0; i < 3; ++i)
       for (int j = 0; j < 3; ++j) rs.a[i][j] = rx.a[i][j] - rn.a[i][j];
     heard[b] = TalkerTransfer(loaded[nb], loaded_inv[nb], rs, look[b], &rtf[b]);
-  }
-  const bool talker_in_look = TalkerInLook(rtf, heard, azimuth_deg);
-  if (!talker_in_look) {
+  };
+  // The bands the look test reads first: the others are wanted only when
+  // the talker is found in the look direction.
+  const auto tested = [](int b) {
+    return b >= kMatchFirstBand && (b - kMatchFirstBand) % kMatchBandStep == 0 &&
+           (b - kMatchFirstBand) / kMatchBandStep < kMatchBins;
+  };
+  for (int b = 0; b < kNoisyBands; ++b)
+    if (tested(b)) transfer(b);
+  if (!TalkerInLook(rtf, heard, azimuth_deg)) {
     DesignBeam(BeamDesign{azimuth_deg, kBeamMvdr, kAllMics}, weights);
     return false;
   }
+  for (int b = 0; b < kNoisyBands; ++b)
+    if (!tested(b)) transfer(b);
   for (int b = 0; b < kNoisyBands; ++b) {
     const Vector3& h = rtf[b];
     const Vector3 g = Times(loaded_inv[kNoisyBandBins * b / kNoiseBandBins], h);
