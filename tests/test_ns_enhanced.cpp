@@ -109,10 +109,8 @@ TEST(EnhancedSpeech, HostileInputGivesBoundedOutputAndNoSpeechOnNoiseAlone) {
     // The suppressor never adds level: its gains stay at or below one.
     EXPECT_LE(RmsOf(run.out, 0, run.out.size()), RmsOf(c.mic, 0, run.out.size()) * 1.05 + 1.0);
     for (float p : run.probs) ASSERT_TRUE(p >= 0.0f && p <= 1.0f) << p;
-    // The aim is no flag at all after the first 2 s; today a lone frame
-    // still gets through (1 at most in each case), so this holds that line.
     if (c.noise_alone) {
-      EXPECT_LE(FlagsFrom(run, kSettleFrames), 1u);
+      EXPECT_EQ(FlagsFrom(run, kSettleFrames), 0u);
     }
   }
 }
@@ -183,11 +181,13 @@ TEST(EnhancedSpeech, SuppressesNoiseAndKeepsTheTalker) {
   }
 }
 
-// The flag rises only above the onset threshold, stays up down to the lower
-// one, and on echo alone never rises and stays only above the echo bar.
+// The flag rises on two frames above the onset threshold or one above the
+// sure bar, stays up down to the lower one, and on echo alone never rises
+// and stays only above the echo bar.
 TEST(EnhancedSpeech, FlagRisesAtTheOnsetAndHoldsAtTheLowerThreshold) {
   ASSERT_LT(kFlagThreshold, kFlagOnsetThreshold);
   ASSERT_LE(kFlagOnsetThreshold, kFlagEchoThreshold);
+  ASSERT_LT(kFlagOnsetThreshold + 0.01f, kFlagSureThreshold);
   const float between = 0.5f * (kFlagThreshold + kFlagOnsetThreshold);
   const float under_echo_bar = std::nextafter(kFlagEchoThreshold, 0.0f);
   struct Step {
@@ -197,7 +197,12 @@ TEST(EnhancedSpeech, FlagRisesAtTheOnsetAndHoldsAtTheLowerThreshold) {
   };
   const Step steps[] = {
       {between, false, 0},                      // not enough to raise it
-      {kFlagOnsetThreshold + 0.01f, false, 1},  // raised
+      {kFlagOnsetThreshold + 0.01f, false, 0},  // one frame over the onset is not enough ...
+      {between, false, 0},
+      {kFlagSureThreshold + 0.01f, false, 1},   // ... unless it stands over the sure bar
+      {kFlagThreshold - 0.01f, false, 0},       // dropped
+      {kFlagOnsetThreshold + 0.01f, false, 0},  // two frames in a row over the onset
+      {kFlagOnsetThreshold + 0.01f, false, 1},  // raise it
       {between, false, 1},                      // held
       {kFlagThreshold - 0.01f, false, 0},       // dropped
       {between, false, 0},                      // not raised again on the lower bar

@@ -75,7 +75,8 @@ constexpr float kNoiseClimb = 1.01f;   // 2.7 dB/s while a bin stays loud
 constexpr int kNoiseStartHops = 10;    // a plain mean over the first hops
 // Evidence: a bin counts once its smoothed power is above kNoiseMargin
 // times the noise (9 dB: a noise bin gets there about once in a thousand
-// hops) and its power at least kOnsetRise times its recent level.
+// hops) and, in a stretch, its power at least kOnsetRise times its recent
+// level (the tracker chooses its own rise).
 constexpr float kNoiseMargin = 8.0f;
 constexpr float kPooledNoiseMargin = 4.0f;
 constexpr float kOnsetRise = 2.0f;
@@ -123,15 +124,15 @@ namespace {
 
 // A bin's weight from its power, its recent level, the smoothed power the
 // noise test reads and the floor that test holds it to.
-float OnsetWeight(float power, float recent, float smoothed, float floor) {
-  const float rise = power - kOnsetRise * recent;
+float OnsetWeight(float power, float recent, float smoothed, float floor, float onset_rise) {
+  const float rise = power - onset_rise * recent;
   if (smoothed > floor && rise > 0.0f) return (smoothed - floor) / smoothed * (rise / power);
   return 0.0f;
 }
 
 }  // namespace
 
-float GccBinWeights(const float power[kGccBins], const GccNoise& noise, const float recent[kGccBins],
+float GccBinWeights(const float power[kGccBins], const GccNoise& noise, const float recent[kGccBins], float onset_rise,
                     float weight[kGccBins]) {
   float total = 0.0f;
   for (int b = 0; b < kGccBins; ++b) {
@@ -139,7 +140,7 @@ float GccBinWeights(const float power[kGccBins], const GccNoise& noise, const fl
     // single hop's bin of noise swings far above its mean too often, and a
     // steady interferer's bins would then vote, sharply, at every swing.
     const float smoothed = 0.5f * (recent[b] + power[b]);
-    weight[b] = OnsetWeight(power[b], recent[b], smoothed, kNoiseMargin * noise.power[b]);
+    weight[b] = OnsetWeight(power[b], recent[b], smoothed, kNoiseMargin * noise.power[b], onset_rise);
     total += weight[b];
   }
   return total;
@@ -152,7 +153,7 @@ float GccBinWeightsPooled(const float power[kGccBins], const GccNoise& noise, co
     const int first = b > 0 ? b - 1 : 0, last = b + 1 < kGccBins ? b + 1 : kGccBins - 1;
     float smoothed = 0.0f, floor = 0.0f;
     for (int j = first; j <= last; ++j) smoothed += 0.5f * (recent[j] + power[j]), floor += noise.power[j];
-    weight[b] = OnsetWeight(power[b], recent[b], smoothed, kPooledNoiseMargin * floor);
+    weight[b] = OnsetWeight(power[b], recent[b], smoothed, kPooledNoiseMargin * floor, kOnsetRise);
     total += weight[b];
   }
   return total;

@@ -69,17 +69,18 @@ void GccFollowNoise(const float power[kGccBins], int learnt, GccNoise* noise);
 
 // Per-bin weight of the evidence. Only onsets count: the direct sound
 // reaches the array a few milliseconds before the room's reflections build
-// up, so a bin whose power has at least doubled over its recent (smoothed)
-// level carries the talker's direction, while steady and decaying sound
-// carries the walls'. The weight grows with the rise and with a Wiener-like
-// gain of the smoothed power over the noise, which is 0 up to 8 times the
-// noise. `recent` is the smoothed power before this hop. Returns the sum of
-// the weights.
-float GccBinWeights(const float power[kGccBins], const GccNoise& noise, const float recent[kGccBins],
+// up, so a bin whose power has risen to at least `onset_rise` times its
+// recent (smoothed) level carries the talker's direction, while steady and
+// decaying sound carries the walls'; the steeper the rise asked for, the
+// less of the room is in the bins that pass. The weight grows with the rise
+// and with a Wiener-like gain of the smoothed power over the noise, which is
+// 0 up to 8 times the noise. `recent` is the smoothed power before this hop.
+// Returns the sum of the weights.
+float GccBinWeights(const float power[kGccBins], const GccNoise& noise, const float recent[kGccBins], float onset_rise,
                     float weight[kGccBins]);
 
-// The same weights for a whole stretch, where evidence is scarce and a
-// wrong vote costs less (the stretch has many): the noise test looks at the
+// The same weights for a whole stretch, with a rise of 2, where evidence
+// is scarce and a wrong vote costs less (the stretch has many): the noise test looks at the
 // smoothed power summed over each bin and its two neighbours, against the
 // noise summed likewise, which averages three times as many samples of the
 // noise, so a margin of 4 (6 dB) lets through about as few noise bins as 8

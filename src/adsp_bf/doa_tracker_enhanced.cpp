@@ -6,8 +6,12 @@
 // risen (onsets: the direct sound reaches the array before the room's
 // reverberation builds up, so rising bins point at the talker and decaying
 // ones at the walls), the whole hop weighted by the speech presence and by
-// the far end's silence, held over its echo tail. Evidence is pooled as
-// pair correlations, which pool directions as vectors do: 355 and 5 degrees
+// the far end's silence, held over its echo tail. An onset counts when its
+// bin has at least tripled: a mere doubling is too often the room's or the
+// noise's own swing. The presence rises a hop or two after a word's first
+// onsets, the clearest it has; those wait a few hops and count once the
+// presence vouches for the talker. Evidence is pooled as pair
+// correlations, which pool directions as vectors do: 355 and 5 degrees
 // average to 0, never 180. Outside speech nothing changes, so the direction
 // holds through pauses.
 //
@@ -44,11 +48,18 @@ constexpr float kFastSpeechHops = 16.0f;
 // holds: in noise it holds little, and a talker who walks there must still
 // be followed.
 constexpr float kMovedDeg = 20.0f;
-constexpr float kMoveAgreement = 0.3f;
-constexpr float kMoveEvidence = 5.0f;
+constexpr float kMoveAgreement = 0.25f;
+constexpr float kMoveEvidence = 3.5f;
 // Hops with evidence, after a restart, over which the slow pool forgets as
 // the fast one does: about a second of speech.
 constexpr int kMovingHops = 40;
+// The rise over its recent level that makes a bin an onset.
+constexpr float kOnsetRise = 3.0f;
+// Onsets the presence did not vouch for keep this much of their weight per
+// hop while they wait (a few hops), and are taken once it vouches for a hop
+// at least this much.
+constexpr float kWaitingKeep = 0.3f;
+constexpr float kVouched = 0.5f;
 constexpr int kEchoTailHops = 16;        // 256 ms, a room's echo tail
 constexpr int kTrackElevationStep = 20;  // heights 0, 20 and 40 degrees
 constexpr int kPooledElevationStep = 5;
@@ -79,6 +90,44 @@ void Pool(GccLags pool, float* pool_weight, const GccLags hop, float hop_weight,
   for (int p = 0; p < kGccPairs; ++p)
     for (int l = 0; l < kGccLags; ++l) pool[p][l] = keep * pool[p][l] + hop[p][l];
   *pool_weight = keep * *pool_weight + hop_weight;
+}
+
+// The hop's onsets as pair correlations scaled by
+// `open`; returns their bin weight (0, and `lags` untouched, when none).
+float Onsets(const GccBand& band, const float power[kGccBins], const GccNoise& noise, const float previous[kGccBins],
+             float open, GccLags lags) {
+  float weight[kGccBins];
+  const float sum = GccBinWeights(power, noise, previous, kOnsetRise, weight);
+  if (!(sum > 0.0f)) return 0.0f;
+  GccCross cross{};
+  GccAddCross(band, weight, open, &cross);
+  GccCrossToLags(cross, lags);
+  return open * sum;
+}
+
+// Forms the hop's evidence from its onsets (weight `found`,
+// 0 when none) and what waits: the presence's share of the onsets counts
+// now, as does, once the presence vouches clearly, its share of what waits;
+// the rest of the onsets joins what waits. Returns the evidence's weight.
+float Vouch(DoaWaiting* waiting, const GccLags onsets, float found, float presence, GccLags hop) {
+  const float release = presence >= kVouched ? presence : 0.0f;
+  for (int p = 0; p < kGccPairs; ++p)
+    for (int l = 0; l < kGccLags; ++l) {
+      hop[p][l] = release * waiting->lags[p][l];
+      waiting->lags[p][l] *= (1.0f - release) * kWaitingKeep;
+    }
+  float evidence = release * waiting->weight;
+  waiting->weight *= (1.0f - release) * kWaitingKeep;
+  if (found > 0.0f) {
+    for (int p = 0; p < kGccPairs; ++p)
+      for (int l = 0; l < kGccLags; ++l) {
+        hop[p][l] += presence * onsets[p][l];
+        waiting->lags[p][l] += (1.0f - presence) * onsets[p][l];
+      }
+    evidence += presence * found;
+    waiting->weight += (1.0f - presence) * found;
+  }
+  return evidence;
 }
 
 }  // namespace
@@ -117,11 +166,14 @@ DoaTrack DoaTrackerHop(TDoaTrackerEnhanced* t, const float spectra[kBfChannels][
   } else {
     t->far_hold = far_now;
   }
-  const float hop_gate = cues.update_allowed && warm ? cues.presence * (1.0f - t->far_hold) : 0.0f;
-
-  float weight[kGccBins];
-  const float bin_sum = GccBinWeights(power, t->noise, previous, weight);
-  const float evidence = hop_gate * bin_sum;
+  // The hop may carry the talker unless the caller holds the direction or
+  // the far end plays; how much it does is the speech presence's word.
+  const float open = cues.update_allowed && warm ? 1.0f - t->far_hold : 0.0f;
+  const float hop_gate = open * cues.presence;
+  if (!(open > 0.0f)) std::memset(&t->waiting, 0, sizeof t->waiting);
+  GccLags onsets, hop;
+  const float found = open > 0.0f ? Onsets(band, power, t->noise, previous, open, onsets) : 0.0f;
+  const float evidence = Vouch(&t->waiting, onsets, found, cues.presence, hop);
   if (evidence <= 0.0f && hop_gate > 0.0f) {
     // Speech without usable bins: the fast pool still ages, so that what
     // the next onset says counts against the last quarter second of speech
@@ -129,10 +181,6 @@ DoaTrack DoaTrackerHop(TDoaTrackerEnhanced* t, const float spectra[kBfChannels][
     Fade(t->fast, &t->fast_weight, 1.0f - hop_gate / kFastSpeechHops);
   }
   if (evidence > 0.0f) {
-    GccCross cross{};
-    GccAddCross(band, weight, hop_gate, &cross);
-    GccLags hop;
-    GccCrossToLags(cross, hop);
     const float fast_keep = FastKeep(evidence, hop_gate);
     const bool moving = t->moving_hops > 0;
     if (moving) --t->moving_hops;

@@ -8,6 +8,12 @@
 
 namespace vorn {
 
+// Evidence waiting for the speech presence, and its bin weight.
+struct DoaWaiting {
+  GccLags lags;
+  float weight;
+};
+
 struct TDoaTrackerEnhanced {
   float recent_power[kGccBins];  // smoothed band power of the last hops
   GccNoise noise;                // the noise under it
@@ -17,6 +23,10 @@ struct TDoaTrackerEnhanced {
   GccLags slow;
   GccLags fast;
   GccLags since_asked;
+  // Onsets heard in the last few hops that the speech presence has not yet
+  // vouched for: it is judged over a longer window than an onset lasts, so
+  // the first onsets of a word would otherwise go uncounted.
+  DoaWaiting waiting;
   float slow_weight, fast_weight, since_asked_weight;  // the bin weights each pool holds
   float far_hold;                                      // the far end's activity, held over its echo in the room
   int far_tail_hops;                                   // hops left to hold it

@@ -31,12 +31,14 @@ struct NetTable {
 extern const NetTable<kNetInputs> kPresenceNet;
 extern const NetTable<kFlagInputs> kFlagNet;
 // The speech flag's thresholds: it stays 1 above kFlagThreshold and rises
-// above kFlagOnsetThreshold. On a frame the canceller calls echo alone it
-// never rises and stays only above kFlagEchoThreshold (1: never), because
-// the canceller calls many frames of a talker over the far end that too.
+// above kFlagOnsetThreshold on two frames in a row, or on one frame above
+// kFlagSureThreshold. On a frame the canceller calls echo alone it never
+// rises and stays only above kFlagEchoThreshold (1: never), because the
+// canceller calls many frames of a talker over the far end that too.
 extern const float kFlagThreshold;
 extern const float kFlagOnsetThreshold;
 extern const float kFlagEchoThreshold;
+extern const float kFlagSureThreshold;
 
 // The output's logit for one set of inputs (plain float arithmetic in a
 // fixed order: the same inputs give the same bits everywhere).

@@ -16,12 +16,16 @@ void EnhancedVadInit(EnhancedVadState* st) { *st = EnhancedVadState{}; }
 int EnhancedVadDecide(EnhancedVadState* st, float output_prob, bool echo_alone) {
   if (st->frames < kFramesMax) ++st->frames;
   // A talker already flagged keeps the flag at a lower presence than one
-  // must reach to raise it: a lone frame of noise that looks a little like
+  // must reach to raise it, and raising it takes two frames above the onset
+  // or one well above it: a lone frame of noise that looks a little like
   // speech does not start a flag. Where the canceller hears echo alone the
   // flag never rises, and a flag already up stays only above the echo bar.
-  const float bar = echo_alone ? (st->speaking != 0 ? kFlagEchoThreshold : 2.0f)
-                               : st->speaking != 0 ? kFlagThreshold : kFlagOnsetThreshold;
-  st->speaking = output_prob > bar ? 1 : 0;
+  const bool above_onset = !echo_alone && output_prob > kFlagOnsetThreshold;
+  if (st->speaking != 0)
+    st->speaking = output_prob > (echo_alone ? kFlagEchoThreshold : kFlagThreshold) ? 1 : 0;
+  else
+    st->speaking = above_onset && (st->primed != 0 || output_prob > kFlagSureThreshold) ? 1 : 0;
+  st->primed = above_onset ? 1 : 0;
   return st->speaking;
 }
 

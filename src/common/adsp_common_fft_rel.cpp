@@ -30,8 +30,10 @@
 // performs the plain butterfly's operations in the plain order, which gives
 // the plain transform's bits. Their twiddles come from per-stage tables built
 // by the same compile-time rule as sincos_t_ext, so the values are the same
-// floats. The first stages (fewer than eight twiddles) and the permutations
-// stay scalar in both.
+// floats. The forward transform's first stages run on four 16-float blocks
+// at once, one per lane; the inverse's groups below 64 points likewise, on
+// blocks of 32 and 16 (InverseTailColumns). Their permutations move sixteen
+// floats at a time as 4 x 4 blocks (GatherBitReversedSimd).
 #include "common/adsp_common_fft_rel.h"
 
 #include <array>
@@ -65,6 +67,30 @@ void GatherBitReversed(const float *x, int n, float *y) {
     for (int p = 0; p < 128; ++p) y[p] = x[fft256_read_indexes[p] >> 1];
   }
 }
+
+#if defined(VORN_SIMD4)
+// The same permutation, sixteen floats at a time. Split an index of m bits
+// into its top two bits a, middle bits b and low two bits c: the reversal maps
+// (a, b, c) to (rev2 c, rev b, rev2 a). For one b, the four runs of four
+// floats at (c', rev b, 0..3) turned as a 4 x 4 block are the four runs of
+// y at (a, b, 0..3), the rows taken in reversed two-bit order.
+void GatherBitReversedSimd(const float *x, int n, float *y) {
+  using namespace simd;
+  const int quarter = n / 4;            // the stride of the top two bits
+  const int middle = n / 16;            // values of b
+  const int shift = n == 512 ? 3 : n == 256 ? 4 : 5;  // rev of b's bits from rev8
+  for (int b = 0; b < middle; ++b) {
+    const float *src = x + 4 * (fft256_read_indexes[b] >> shift);
+    F4 r0 = Load(src), r1 = Load(src + 2 * quarter), r2 = Load(src + quarter), r3 = Load(src + 3 * quarter);
+    Transpose(r0, r1, r2, r3);
+    float *dst = y + 4 * b;
+    Store(dst, r0);
+    Store(dst + 2 * quarter, r1);
+    Store(dst + quarter, r2);
+    Store(dst + 3 * quarter, r3);
+  }
+}
+#endif
 
 // Powers of two from 4 to 1024 points: the twiddle table ends there. Anything
 // else leaves the buffer untouched rather than index past it.
@@ -131,7 +157,14 @@ constexpr std::array<float, kTwiddleSlots> MakeForwardTwiddles() {
 constexpr auto kForwardCos = MakeForwardTwiddles<true>();
 constexpr auto kForwardSin = MakeForwardTwiddles<false>();
 
-// Butterflies j .. j+3 of the group at i, one per lane.
+// Lanes 0..2 of a block: the butterflies 1..3 of a group go as the block at
+// j = 1 whose last lane (butterfly 4, done with its own block) keeps the
+// values it loaded.
+inline simd::M4 FirstThreeLanes() { return simd::Lt(simd::Set(0.0f, 1.0f, 2.0f, 3.0f), simd::Set1(2.5f)); }
+
+// Butterflies j .. j+3 of the group at i, one per lane; kFirstThree stores
+// only the first three (j = 1).
+template <bool kFirstThree = false>
 inline void ForwardButterflies4(float *x, int i, int j, int quarter) {
   using namespace simd;
   const int half = 2 * quarter;
@@ -148,13 +181,22 @@ inline void ForwardButterflies4(float *x, int i, int j, int quarter) {
   const F4 t1 = Add(Mul(x3, cc), Mul(x4, ss));
   const F4 t2 = Sub(Mul(x3, ss), Mul(x4, cc));
   const F4 a2 = LoadReversed(p2);
-  const F4 new4 = Sub(a2, t2);
-  StoreReversed(p4, new4);
-  Store(p3, Sub(new4, Mul(two, a2)));
   const F4 a1 = Load(p1);
-  const F4 new2 = Sub(a1, t1);
+  F4 new4 = Sub(a2, t2);
+  F4 new3 = Sub(new4, Mul(two, a2));
+  F4 new2 = Sub(a1, t1);
+  F4 new1 = Sub(Mul(two, a1), new2);
+  if constexpr (kFirstThree) {
+    const M4 keep = FirstThreeLanes();
+    new4 = Select(keep, new4, x4);
+    new3 = Select(keep, new3, x3);
+    new2 = Select(keep, new2, a2);
+    new1 = Select(keep, new1, a1);
+  }
+  StoreReversed(p4, new4);
+  Store(p3, new3);
   StoreReversed(p2, new2);
-  Store(p1, Sub(Mul(two, a1), new2));
+  Store(p1, new1);
 }
 #endif
 
@@ -225,7 +267,7 @@ void ForwardTransform(float *x, int n, int m) {
 #if defined(VORN_SIMD4)
   if (kVector && HasTablePermutation(n)) {
     float scratch[kMaxTablePoints];
-    GatherBitReversed(x, n, scratch);
+    GatherBitReversedSimd(x, n, scratch);
     ForwardFirstStagesSimd(scratch, x, n);
     half = 8;
     first_stage = 5;
@@ -269,18 +311,24 @@ void ForwardTransform(float *x, int n, int m) {
       x[i + half] = t - x[i + half];
       x[i] = 2.0f * t - x[i + half];
       x[i + half + quarter] = -x[i + half + quarter];
-      int j = 1;
 #if defined(VORN_SIMD4)
       if (kVector && quarter >= kVectorMinTwiddles) {
-        // Three plain butterflies, then blocks of four: quarter - 4 is a multiple of 4.
-        for (; j < 4; ++j)
-          ForwardButterfly(x, i, j, half, group, sincos_t_ext[kCosOffset + j * step], sincos_t_ext[j * step]);
-        for (; j < quarter; j += 4) ForwardButterflies4(x, i, j, quarter);
+        // Blocks of four from butterfly 4 on: quarter - 4 is a multiple of 4.
+        for (int j = 4; j < quarter; j += 4) ForwardButterflies4(x, i, j, quarter);
+        continue;
       }
 #endif
-      for (; j < quarter; ++j)
+      for (int j = 1; j < quarter; ++j)
         ForwardButterfly(x, i, j, half, group, sincos_t_ext[kCosOffset + j * step], sincos_t_ext[j * step]);
     }
+#if defined(VORN_SIMD4)
+    // Butterflies 1..3 of every group, once the stage's other blocks are
+    // stored: their block reads butterfly 4's values back, and a load
+    // straddling a store still in flight waits for it.
+    if (kVector && quarter >= kVectorMinTwiddles) {
+      for (int i = 0; i < n; i += group) ForwardButterflies4<true>(x, i, 1, quarter);
+    }
+#endif
   }
 }
 
@@ -346,7 +394,9 @@ constexpr auto kInverseSin1 = MakeInverseTwiddles<false, false>();
 constexpr auto kInverseCos3 = MakeInverseTwiddles<true, true>();
 constexpr auto kInverseSin3 = MakeInverseTwiddles<false, true>();
 
-// Butterflies j .. j+3 of the group at i, one per lane.
+// Butterflies j .. j+3 of the group at i, one per lane; kFirstThree stores
+// only the first three (j = 1), as the forward blocks do.
+template <bool kFirstThree = false>
 inline void InverseButterflies4(float *x, int i, int j, int n4) {
   using namespace simd;
   const std::size_t at = static_cast<std::size_t>(n4 / 2 + j);
@@ -363,29 +413,221 @@ inline void InverseButterflies4(float *x, int i, int j, int n4) {
   const F4 x1 = Load(p1), x2 = Load(p2), x3 = Load(p3), x4 = Load(p4);
   const F4 x5 = LoadReversed(p5), x6 = LoadReversed(p6), x7 = LoadReversed(p7), x8 = LoadReversed(p8);
   F4 t1 = Sub(x1, x6);
-  Store(p1, Add(x1, x6));
+  F4 y[8];
+  y[0] = Add(x1, x6);
   F4 t2 = Sub(x5, x2);
-  StoreReversed(p5, Add(x2, x5));
+  y[4] = Add(x2, x5);
   const F4 t3 = Add(x8, x3);
-  StoreReversed(p6, Sub(x8, x3));
+  y[5] = Sub(x8, x3);
   F4 t4 = Add(x4, x7);
-  Store(p2, Sub(x4, x7));
+  y[1] = Sub(x4, x7);
   const F4 t5 = Sub(t1, t4);
   t1 = Add(t1, t4);
   t4 = Sub(t2, t3);
   t2 = Add(t2, t3);
-  Store(p3, Add(Mul(t5, cc1), Mul(t4, ss1)));
-  StoreReversed(p7, Sub(Mul(t5, ss1), Mul(t4, cc1)));
-  Store(p4, Sub(Mul(t1, cc3), Mul(t2, ss3)));
-  StoreReversed(p8, Add(Mul(t2, cc3), Mul(t1, ss3)));
+  y[2] = Add(Mul(t5, cc1), Mul(t4, ss1));
+  y[6] = Sub(Mul(t5, ss1), Mul(t4, cc1));
+  y[3] = Sub(Mul(t1, cc3), Mul(t2, ss3));
+  y[7] = Add(Mul(t2, cc3), Mul(t1, ss3));
+  if constexpr (kFirstThree) {
+    const M4 keep = FirstThreeLanes();
+    const F4 old[8] = {x1, x2, x3, x4, x5, x6, x7, x8};
+    for (int r = 0; r < 8; ++r) y[r] = Select(keep, y[r], old[r]);
+  }
+  Store(p1, y[0]);
+  Store(p2, y[1]);
+  Store(p3, y[2]);
+  Store(p4, y[3]);
+  StoreReversed(p5, y[4]);
+  StoreReversed(p6, y[5]);
+  StoreReversed(p7, y[6]);
+  StoreReversed(p8, y[7]);
+}
+#endif
+
+#if defined(VORN_SIMD4)
+// Below group size 64 the L-shaped butterflies stay inside aligned blocks:
+// once the groups of 64 and more are done, every aligned block of 32 floats
+// is either one group of 32 (with everything below it) or two groups of 16,
+// the quarters of a group of 64. Each such block runs the same butterflies
+// wherever it lies, so four blocks of one kind, turned so that vector p holds
+// float p of each, run them with one vector operation for each plain one, in
+// the plain order, down to the length-2 butterflies and the 1/n scale.
+inline void InverseButterflyColumns(simd::F4 *c, int i, int j, int n4, const InverseTwiddles &w) {
+  using namespace simd;
+  const int i1 = i + j;
+  const int i2 = i1 + n4;
+  const int i3 = i2 + n4;
+  const int i4 = i3 + n4;
+  const int i5 = i + n4 - j;
+  const int i6 = i5 + n4;
+  const int i7 = i6 + n4;
+  const int i8 = i7 + n4;
+  F4 t1 = Sub(c[i1], c[i6]);
+  c[i1] = Add(c[i1], c[i6]);
+  F4 t2 = Sub(c[i5], c[i2]);
+  c[i5] = Add(c[i2], c[i5]);
+  const F4 t3 = Add(c[i8], c[i3]);
+  c[i6] = Sub(c[i8], c[i3]);
+  F4 t4 = Add(c[i4], c[i7]);
+  c[i2] = Sub(c[i4], c[i7]);
+  const F4 t5 = Sub(t1, t4);
+  t1 = Add(t1, t4);
+  t4 = Sub(t2, t3);
+  t2 = Add(t2, t3);
+  const F4 cc1 = Set1(w.cc1), ss1 = Set1(w.ss1), cc3 = Set1(w.cc3), ss3 = Set1(w.ss3);
+  c[i3] = Add(Mul(t5, cc1), Mul(t4, ss1));
+  c[i7] = Sub(Mul(t5, ss1), Mul(t4, cc1));
+  c[i4] = Sub(Mul(t1, cc3), Mul(t2, ss3));
+  c[i8] = Add(Mul(t2, cc3), Mul(t1, ss3));
+}
+
+// The whole inverse of a group of kN floats (16 or 32) below its own size,
+// as the plain transform runs it, on columns.
+template <int kN>
+void InverseGroupColumns(simd::F4 *c, float inv_n) {
+  using namespace simd;
+  const F4 two = Set1(2.0f), sqrt_half = Set1(kSqrtHalf);
+  int group = 2 * kN;
+  for (; group > 4;) {
+    int start = 0;
+    int stride = group;
+    group >>= 1;
+    const int n4 = group >> 2;
+    const int n8 = n4 >> 1;
+    const int step = kTwiddleTurn / group;
+    do {
+      for (int i = start; i < kN; i += stride) {
+        int i1 = i;
+        int i2 = i1 + n4;
+        int i3 = i2 + n4;
+        int i4 = i3 + n4;
+        F4 t1 = Sub(c[i1], c[i3]);
+        c[i1] = Add(c[i1], c[i3]);
+        c[i2] = Mul(two, c[i2]);
+        c[i3] = Sub(t1, Mul(two, c[i4]));
+        c[i4] = Add(t1, Mul(two, c[i4]));
+        if (n4 != 1) {
+          i1 += n8;
+          i2 += n8;
+          i3 += n8;
+          i4 += n8;
+          t1 = Mul(Sub(c[i2], c[i1]), sqrt_half);
+          const F4 t2 = Mul(Add(c[i4], c[i3]), sqrt_half);
+          c[i1] = Add(c[i1], c[i2]);
+          c[i2] = Sub(c[i4], c[i3]);
+          c[i3] = Mul(two, Sub(Neg(t2), t1));
+          c[i4] = Mul(two, Add(Neg(t2), t1));
+        }
+      }
+      start = 2 * stride - group;
+      stride = 4 * stride;
+    } while (start < kN - 1);
+    for (int j = 1; j < n8; ++j) {
+      const InverseTwiddles w = InverseTwiddlesOf(j, step);
+      start = 0;
+      stride = 2 * group;
+      do {
+        for (int i = start; i < kN; i += stride) InverseButterflyColumns(c, i, j, n4, w);
+        start = 2 * stride - group;
+        stride = 4 * stride;
+      } while (start < kN - 1);
+    }
+  }
+  int start = 0;
+  int stride = 4;
+  do {
+    for (int i = start; i < kN; i += stride) {
+      const F4 t = c[i];
+      c[i] = Add(t, c[i + 1]);
+      c[i + 1] = Sub(t, c[i + 1]);
+    }
+    start = 2 * stride - 2;
+    stride = 4 * stride;
+  } while (start < kN - 1);
+  const F4 scale = Set1(inv_n);
+  for (int p = 0; p < kN; ++p) c[p] = Mul(c[p], scale);
+}
+
+// Which aligned blocks of 32 floats of an n-point transform are groups of 32:
+// bit b of the mask stands for the block at 32 b. The plain loop's walk over
+// the groups of one size, for the size 32.
+constexpr unsigned GroupsOf32(int n) {
+  unsigned mask = 0;
+  int start = 0;
+  int stride = 64;
+  do {
+    for (int i = start; i < n; i += stride) mask |= 1u << (i / 32);
+    start = 2 * stride - 32;
+    stride = 4 * stride;
+  } while (start < n - 1);
+  return mask;
+}
+
+// Runs InverseGroupColumns<kN> on the kN-float blocks of x listed in at
+// (count of them), four at a time, writing them to out at the same places.
+// A short last batch fills its spare lanes with zeros and drops them.
+template <int kN>
+void InverseBlocksColumns(const float *x, float *out, const int *at, int count, float inv_n) {
+  using namespace simd;
+  alignas(16) static constexpr float kZeros[kN] = {};
+  float spare[kN];
+  for (int b = 0; b < count; b += 4) {
+    const float *src[4];
+    float *dst[4];
+    for (int r = 0; r < 4; ++r) {
+      src[r] = b + r < count ? x + at[b + r] : kZeros;
+      dst[r] = b + r < count ? out + at[b + r] : spare;
+    }
+    F4 c[kN];
+    for (int q = 0; q < kN / 4; ++q) {
+      for (int r = 0; r < 4; ++r) c[4 * q + r] = Load(src[r] + 4 * q);
+      Transpose(c[4 * q], c[4 * q + 1], c[4 * q + 2], c[4 * q + 3]);
+    }
+    InverseGroupColumns<kN>(c, inv_n);
+    for (int q = 0; q < kN / 4; ++q) {
+      Transpose(c[4 * q], c[4 * q + 1], c[4 * q + 2], c[4 * q + 3]);
+      for (int r = 0; r < 4; ++r) Store(dst[r] + 4 * q, c[4 * q + r]);
+    }
+  }
+}
+
+// Everything after the groups of 64 for n = 128, 256, 512: the column blocks
+// into scratch, then the permutation back into x.
+void InverseTailColumns(float *x, int n) {
+  static_assert(GroupsOf32(512) != 0, "the walk must find groups of 32");
+  const unsigned mask = n == 512 ? GroupsOf32(512) : n == 256 ? GroupsOf32(256) : GroupsOf32(128);
+  int at32[kMaxTablePoints / 32];
+  int at16[kMaxTablePoints / 16];
+  int count32 = 0, count16 = 0;
+  for (int b = 0; b < n / 32; ++b) {
+    if ((mask >> b) & 1u) {
+      at32[count32++] = 32 * b;
+    } else {
+      at16[count16++] = 32 * b;
+      at16[count16++] = 32 * b + 16;
+    }
+  }
+  const float inv_n = 1.0f / static_cast<float>(n);
+  float scratch[kMaxTablePoints];
+  InverseBlocksColumns<32>(x, scratch, at32, count32, inv_n);
+  InverseBlocksColumns<16>(x, scratch, at16, count16, inv_n);
+  GatherBitReversedSimd(scratch, n, x);
 }
 #endif
 
 template <bool kVector>
 void InverseTransform(float *x, int n, int m) {
   // L-shaped butterflies, group length G = n down to 4.
+#if defined(VORN_SIMD4)
+  // The vector transform hands the groups below 64 to the column blocks.
+  const bool column_tail = kVector && HasTablePermutation(n);
+  const int last_k = column_tail ? m - 5 : m - 1;
+#else
+  const int last_k = m - 1;
+#endif
   int group = 2 * n;
-  for (int k = 1; k < m; ++k) {
+  for (int k = 1; k <= last_k; ++k) {
     int start = 0;
     int stride = group;
     group >>= 1;
@@ -422,15 +664,21 @@ void InverseTransform(float *x, int n, int m) {
 
 #if defined(VORN_SIMD4)
     if (kVector && n8 >= kVectorMinTwiddles) {
-      // Group by group: three plain butterflies, then blocks of four.
+      // Group by group: blocks of four from butterfly 4 on.
       start = 0;
       stride = 2 * group;
       do {
         for (int i = start; i < n; i += stride) {
-          int j = 1;
-          for (; j < 4; ++j) InverseButterfly(x, i, j, n4, InverseTwiddlesOf(j, step));
-          for (; j < n8; j += 4) InverseButterflies4(x, i, j, n4);
+          for (int j = 4; j < n8; j += 4) InverseButterflies4(x, i, j, n4);
         }
+        start = 2 * stride - group;
+        stride = 4 * stride;
+      } while (start < n - 1);
+      // Butterflies 1..3 last, as in the forward stages.
+      start = 0;
+      stride = 2 * group;
+      do {
+        for (int i = start; i < n; i += stride) InverseButterflies4<true>(x, i, 1, n4);
         start = 2 * stride - group;
         stride = 4 * stride;
       } while (start < n - 1);
@@ -449,6 +697,12 @@ void InverseTransform(float *x, int n, int m) {
     }
   }
 
+#if defined(VORN_SIMD4)
+  if (column_tail) {
+    InverseTailColumns(x, n);
+    return;
+  }
+#endif
   // Length-2 butterflies.
   int start = 0;
   int stride = 4;
