@@ -28,7 +28,9 @@
 // the noise, are designed from that rather than from the free-field model:
 // the free-field beam keeps the direct sound but bends the room's
 // reflections, which are part of what microphone 0 hears. The learned beam
-// is redesigned every 256 ms and faded in like a new look direction. A look
+// is redesigned after each second of the talker's speech, or every two
+// seconds whatever, and faded in like a new look direction; a redesign
+// that again gives the free-field beam already in use changes nothing. A look
 // direction 30 degrees away from where the talker was learned is taken as
 // another talker, learned afresh, and the free-field beam holds until then.
 //
@@ -46,6 +48,7 @@
 #include "adsp_bf/weight_tables.h"
 #include "common/adsp_common_fft_rel.h"
 #include "common/pcm_round.h"
+#include "common/simd4.h"
 #include "vorn_proc.h"
 
 namespace vorn {
@@ -60,7 +63,11 @@ constexpr float kShareSmoothing = 0.2f;  // per hop
 constexpr float kLookWeight = 2.0f;      // see TalkerShareUpdate
 constexpr float kTalkerPresent = 0.5f;
 constexpr float kFixedBeamAzimuth = 300.0f;  // beam type 7
-constexpr int kLearnHops = 16;               // the learned beam is redesigned every 256 ms
+// The learned beam is redesigned after 16 talker hops taken in (about a
+// second of speech; the talker is averaged over three), or two seconds after
+// the last design for the noise's sake.
+constexpr int32_t kRenewTalkerHops = 16;
+constexpr int kRenewHops = 128;
 constexpr float kRelearnDeg = 30.0f;         // a look direction this far off is another talker
 constexpr float kPi = 3.14159265f;
 
@@ -119,16 +126,12 @@ void ReferenceSpectrum(int ref, float azimuth, float x[kBfChannels][kBfFftLen], 
   }
 }
 
-static_assert(kBlendBandBins == 4 && kBlendBands == 65, "bands of four bins and one for Nyquist");
 void BandPowers(const float* spectrum, float power[kBlendBands]) {
-  float bin[kBfNumBins];
-  bin[0] = spectrum[0] * spectrum[0];
-  bin[kHalf] = spectrum[kHalf] * spectrum[kHalf];
-  for (int k = 1; k < kHalf; ++k)
-    bin[k] = spectrum[k] * spectrum[k] + spectrum[kBfFftLen - k] * spectrum[kBfFftLen - k];
-  for (int b = 0; b + 1 < kBlendBands; ++b)
-    power[b] = bin[4 * b] + bin[4 * b + 1] + bin[4 * b + 2] + bin[4 * b + 3];
-  power[kBlendBands - 1] = bin[kHalf];
+#if defined(VORN_SIMD4)
+  BandPowersSimd4(spectrum, power);
+#else
+  BandPowersPlain(spectrum, power);
+#endif
 }
 
 // The talker's share of the reference's power in each band this hop, from
@@ -266,11 +269,12 @@ void LearnHop(EnhancedBeamState* st, const BeamDesign& wanted, bool learns, floa
 
 void DesignSlot(EnhancedBeamState* st, const BeamDesign& wanted, bool learned, BeamSlot* slot) {
   slot->design = wanted;
-  if (learned) {
-    LearnedBeamDesign(&st->learned, wanted.azimuth_deg, &slot->weights);
-  } else {
-    DesignBeam(wanted, &slot->weights);
-  }
+  slot->learned = learned && LearnedBeamDesign(&st->learned, wanted.azimuth_deg, &slot->weights) ? 1 : 0;
+  if (!learned) DesignBeam(wanted, &slot->weights);
+}
+
+bool SameDesign(const BeamDesign& a, const BeamDesign& b) {
+  return a.kind == b.kind && a.live_mask == b.live_mask && a.azimuth_deg == b.azimuth_deg;
 }
 
 }  // namespace
@@ -301,22 +305,30 @@ void EnhancedBeamProc(EnhancedBeamState* st, const BeamRequest& rq, const float*
   const bool learns = Learns(wanted, adaptive, rq.echo_follows != 0);
   LearnHop(st, wanted, learns, spectrum, rq.talker_presence);
   const bool learned = learns && LearnedBeamReady(&st->learned);
-  st->hops_since_learned = st->hops_since_learned < kLearnHops ? st->hops_since_learned + 1 : kLearnHops;
+  st->hops_since_learned = st->hops_since_learned < kRenewHops ? st->hops_since_learned + 1 : kRenewHops;
+  const bool renew =
+      learned && (st->learned.fresh_talker >= kRenewTalkerHops || st->hops_since_learned >= kRenewHops);
   int faded_from = -1;
   if (st->active < 0) {
     st->active = 0;
     DesignSlot(st, wanted, learned, &st->slot[0]);
   } else if (const bool resteer = NeedsResteer(st->slot[st->active].design, wanted, following, st->frames_since_steer);
-             resteer || (learned && st->hops_since_learned >= kLearnHops)) {
+             resteer || renew) {
     // A microphone that has just failed is not faded out: the old beam would
     // carry its fault for another hop. Renewed learned weights fade in like
     // a new look direction.
     const bool lost_mic = (st->slot[st->active].design.live_mask & ~wanted.live_mask) != 0;
     faded_from = lost_mic ? -1 : st->active;
     if (resteer) st->frames_since_steer = 0;
+    const int old = st->active;
     st->active = 1 - st->active;
     DesignSlot(st, wanted, learned, &st->slot[st->active]);
     if (learned) st->hops_since_learned = 0;
+    if (!resteer && st->slot[old].learned == 0 && st->slot[st->active].learned == 0 &&
+        SameDesign(st->slot[old].design, wanted)) {
+      st->active = old;  // the same free-field weights: nothing to fade
+      faded_from = -1;
+    }
   }
   const BeamSlot& slot = st->slot[st->active];
 

@@ -8,21 +8,20 @@
 #include <cstdint>
 
 #include "adsp_bf/audio_dsp_proc.h"
+#include "adsp_bf/beam_kernels.h"
 #include "adsp_bf/beam_learned.h"
 #include "adsp_bf/mic_health.h"
 #include "adsp_bf/steering.h"
 
 namespace vorn {
 
-// The reference's power is tracked in bands of this many bins.
-constexpr int kBlendBandBins = 4;
-constexpr int kBlendBands = (kBfNumBins + kBlendBandBins - 1) / kBlendBandBins;  // 65
 // Blocking outputs of the adaptive beam: one per working microphone beyond
 // the first.
 constexpr int kGscOutputs = kBfChannels - 1;
 
 struct BeamSlot {
   BeamDesign design;
+  int32_t learned;  // 1: the weights come from the learned beam
   BeamWeights weights;
 };
 
@@ -51,7 +50,7 @@ struct EnhancedBeamState {
   int32_t sector;            // beam types 5 and 6: the sector in use ...
   int32_t sector_candidate;  // ... and the one that has been loudest lately
   int32_t sector_votes;
-  int32_t hops_since_learned;  // hops since the learned beam was last designed
+  int32_t hops_since_learned;  // hops since the learned beam was last designed, up to two seconds
   TalkerShare share;
   LearnedBeam learned;
   GscState gsc;

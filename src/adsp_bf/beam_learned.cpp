@@ -38,9 +38,12 @@ constexpr int kHalf = kBfFftLen / 2;
 constexpr double kPi = 3.14159265358979323846;
 constexpr float kNoiseBelow = 0.3f;   // presence under which a hop is noise
 constexpr float kTalkerAbove = 0.7f;  // and over which it is the talker
-constexpr int32_t kNoiseHops = 62;    // the noise is averaged over about a second
-constexpr int32_t kNoisyHops = 188;   // the talker over about three seconds of speech
-constexpr int32_t kMinHops = 31;      // half a second of each before the first design
+// Counted in hops taken in, every fourth one: hops 64 ms apart share no
+// samples, and a band of the talker still sees about a hundred snapshots
+// (two bins a hop) over three seconds of speech.
+constexpr int32_t kNoiseHops = 16;    // the noise is averaged over about a second
+constexpr int32_t kNoisyHops = 47;    // the talker over about three seconds of speech
+constexpr int32_t kMinHops = 8;       // half a second of each before the first design
 constexpr double kLoading = 0.5;      // diagonal loading of the noise, relative to its mean power
 constexpr double kMinTalker = 0.1;    // whitened talker-to-noise ratio a band needs
 constexpr int kPowerSteps = 3;
@@ -63,14 +66,16 @@ struct Vector3 {
   Complex v[3];
 };
 
-Matrix3 Unpack(const float* h) {
+// Band b of a covariance kept entry by entry.
+template <int kBands>
+Matrix3 Unpack(const float (*r)[kBands], int b) {
   Matrix3 m;
-  m.a[0][0] = h[0];
-  m.a[1][1] = h[1];
-  m.a[2][2] = h[2];
-  m.a[0][1] = Complex(h[3], h[4]);
-  m.a[0][2] = Complex(h[5], h[6]);
-  m.a[1][2] = Complex(h[7], h[8]);
+  m.a[0][0] = r[0][b];
+  m.a[1][1] = r[1][b];
+  m.a[2][2] = r[2][b];
+  m.a[0][1] = Complex(r[3][b], r[4][b]);
+  m.a[0][2] = Complex(r[5][b], r[6][b]);
+  m.a[1][2] = Complex(r[7][b], r[8][b]);
   m.a[1][0] = std::conj(m.a[0][1]);
   m.a[2][0] = std::conj(m.a[0][2]);
   m.a[2][1] = std::conj(m.a[1][2]);
@@ -132,13 +137,59 @@ void LookSteering(float azimuth_deg, Vector3 d[kNoisyBands]) {
   Steering(azimuth_deg, kHalf, 0.0, 1, d + kNoisyBands - 1);
 }
 
-void Accumulate(float* r, const float re[kBfChannels], const float im[kBfChannels]) {
-  for (int m = 0; m < kBfChannels; ++m) r[m] += re[m] * re[m] + im[m] * im[m];
+// The nine entries of one hop's outer product x x^H in every bin, in the
+// order LearnedBeam keeps them: three powers, then the real and
+// imaginary parts of the pairs (0,1), (0,2), (1,2). Laid out bin by bin in
+// rows, so that each is one pass over contiguous memory.
+struct OuterProducts {
+  float e[kHermitian3][kBfNumBins];
+};
+
+void OuterProductsOf(float spectrum[kBfChannels][kBfFftLen], OuterProducts* p) {
+  float re[kBfChannels][kBfNumBins], im[kBfChannels][kBfNumBins];
+  for (int m = 0; m < kBfChannels; ++m) {
+    const float* x = spectrum[m];
+    re[m][0] = x[0];
+    im[m][0] = 0.0f;
+    re[m][kHalf] = x[kHalf];
+    im[m][kHalf] = 0.0f;
+    for (int k = 1; k < kHalf; ++k) {
+      re[m][k] = x[k];
+      im[m][k] = x[kBfFftLen - k];
+    }
+  }
+  for (int m = 0; m < kBfChannels; ++m)
+    for (int k = 0; k < kBfNumBins; ++k) p->e[m][k] = re[m][k] * re[m][k] + im[m][k] * im[m][k];
   static constexpr int kPairs[3][2] = {{0, 1}, {0, 2}, {1, 2}};
-  for (int p = 0; p < 3; ++p) {
-    const int i = kPairs[p][0], j = kPairs[p][1];
-    r[3 + 2 * p] += re[i] * re[j] + im[i] * im[j];
-    r[4 + 2 * p] += im[i] * re[j] - re[i] * im[j];
+  for (int q = 0; q < 3; ++q) {
+    const float* re_i = re[kPairs[q][0]];
+    const float* im_i = im[kPairs[q][0]];
+    const float* re_j = re[kPairs[q][1]];
+    const float* im_j = im[kPairs[q][1]];
+    float* real = p->e[3 + 2 * q];
+    float* imag = p->e[4 + 2 * q];
+    for (int k = 0; k < kBfNumBins; ++k) {
+      real[k] = re_i[k] * re_j[k] + im_i[k] * im_j[k];
+      imag[k] = im_i[k] * re_j[k] - re_i[k] * im_j[k];
+    }
+  }
+}
+
+// Folds one hop into the running means over bands of kWidth bins (the last
+// band the Nyquist bin alone): r += a (band mean - r), entry by entry.
+template <int kWidth, int kBands>
+void FoldIn(const OuterProducts& p, float a, float (*r)[kBands]) {
+  static_assert(kBands == kHalf / kWidth + 1);
+  constexpr float kPerBin = 1.0f / kWidth;
+  for (int e = 0; e < kHermitian3; ++e) {
+    const float* row = p.e[e];
+    float* mean = r[e];
+    for (int b = 0; b + 1 < kBands; ++b) {
+      float sum = 0.0f;
+      for (int j = 0; j < kWidth; ++j) sum += row[kWidth * b + j];
+      mean[b] += a * (kPerBin * sum - mean[b]);
+    }
+    mean[kBands - 1] += a * (row[kHalf] - mean[kBands - 1]);
   }
 }
 
@@ -223,36 +274,21 @@ void LimitTaps(BeamWeights* weights) {
 void LearnedBeamReset(LearnedBeam* lb) { *lb = LearnedBeam{}; }
 
 void LearnedBeamObserve(LearnedBeam* lb, float spectrum[kBfChannels][kBfFftLen], float presence) {
-  float* target = nullptr;
-  int32_t* hops = nullptr;
-  int32_t cap = 0;
-  int width = 0;
-  if (presence < kNoiseBelow) {
-    target = &lb->noise[0][0], hops = &lb->noise_hops, cap = kNoiseHops, width = kNoiseBandBins;
-  } else if (presence > kTalkerAbove) {
-    target = &lb->noisy[0][0], hops = &lb->noisy_hops, cap = kNoisyHops, width = kNoisyBandBins;
-  } else {
-    return;
-  }
+  const int32_t phase = lb->hop_phase;
+  lb->hop_phase = (phase + 1) & 3;
+  const bool noise = presence < kNoiseBelow && phase == 0;
+  const bool talker = presence > kTalkerAbove && phase == 0;
+  if (!noise && !talker) return;
+  OuterProducts now;
+  OuterProductsOf(spectrum, &now);
   // A plain mean over the first hops, then an exponential one.
-  *hops = *hops < cap ? *hops + 1 : cap;
-  const float a = 1.0f / static_cast<float>(*hops);
-  const int bands = kHalf / width + 1;
-  for (int b = 0; b < bands; ++b) {
-    float now[kHermitian3] = {};
-    const int first = width * b;
-    const int last = first == kHalf ? kHalf + 1 : first + width;
-    for (int k = first; k < last; ++k) {
-      float re[kBfChannels], im[kBfChannels];
-      for (int m = 0; m < kBfChannels; ++m) {
-        re[m] = spectrum[m][k];
-        im[m] = k == 0 || k == kHalf ? 0.0f : spectrum[m][kBfFftLen - k];
-      }
-      Accumulate(now, re, im);
-    }
-    const float per_bin = 1.0f / static_cast<float>(last - first);
-    float* r = target + b * kHermitian3;
-    for (int e = 0; e < kHermitian3; ++e) r[e] += a * (per_bin * now[e] - r[e]);
+  if (noise) {
+    lb->noise_hops = lb->noise_hops < kNoiseHops ? lb->noise_hops + 1 : kNoiseHops;
+    FoldIn<kNoiseBandBins, kNoiseBands>(now, 1.0f / static_cast<float>(lb->noise_hops), lb->noise);
+  } else {
+    lb->noisy_hops = lb->noisy_hops < kNoisyHops ? lb->noisy_hops + 1 : kNoisyHops;
+    lb->fresh_talker = lb->fresh_talker < kNoisyHops ? lb->fresh_talker + 1 : kNoisyHops;
+    FoldIn<kNoisyBandBins, kNoisyBands>(now, 1.0f / static_cast<float>(lb->noisy_hops), lb->noisy);
   }
 }
 
@@ -260,14 +296,18 @@ void LearnedBeamForgetTalker(LearnedBeam* lb) {
   for (auto& band : lb->noisy)
     for (float& e : band) e = 0.0f;
   lb->noisy_hops = 0;
+  lb->fresh_talker = 0;
 }
 
-bool LearnedBeamReady(const LearnedBeam* lb) { return lb->noise_hops >= kMinHops && lb->noisy_hops >= kMinHops; }
+bool LearnedBeamReady(const LearnedBeam* lb) {
+  return lb->noise_hops >= kMinHops && lb->noisy_hops >= kMinHops;
+}
 
-void LearnedBeamDesign(const LearnedBeam* lb, float azimuth_deg, BeamWeights* weights) {
+bool LearnedBeamDesign(LearnedBeam* lb, float azimuth_deg, BeamWeights* weights) {
+  lb->fresh_talker = 0;
   Matrix3 loaded[kNoiseBands], loaded_inv[kNoiseBands];
   for (int b = 0; b < kNoiseBands; ++b) {
-    loaded[b] = Unpack(lb->noise[b]);
+    loaded[b] = Unpack(lb->noise, b);
     const double loading =
         kLoading * (loaded[b].a[0][0].real() + loaded[b].a[1][1].real() + loaded[b].a[2][2].real()) / 3.0 + 1e-9;
     for (int i = 0; i < 3; ++i) loaded[b].a[i][i] += loading;
@@ -276,20 +316,29 @@ void LearnedBeamDesign(const LearnedBeam* lb, float azimuth_deg, BeamWeights* we
   Vector3 rtf[kNoisyBands], look[kNoisyBands];
   bool heard[kNoisyBands];
   LookSteering(azimuth_deg, look);
-  for (int b = 0; b < kNoisyBands; ++b) {
+  const auto transfer = [&](int b) {
     const int nb = kNoisyBandBins * b / kNoiseBandBins;
-    const Matrix3 rn = Unpack(lb->noise[nb]);
-    const Matrix3 rx = Unpack(lb->noisy[b]);
+    const Matrix3 rn = Unpack(lb->noise, nb);
+    const Matrix3 rx = Unpack(lb->noisy, b);
     Matrix3 rs;
     for (int i = 0; i < 3; ++i)
       for (int j = 0; j < 3; ++j) rs.a[i][j] = rx.a[i][j] - rn.a[i][j];
     heard[b] = TalkerTransfer(loaded[nb], loaded_inv[nb], rs, look[b], &rtf[b]);
-  }
-  const bool talker_in_look = TalkerInLook(rtf, heard, azimuth_deg);
-  if (!talker_in_look) {
+  };
+  // The bands the look test reads first: the others are wanted only when
+  // the talker is found in the look direction.
+  const auto tested = [](int b) {
+    return b >= kMatchFirstBand && (b - kMatchFirstBand) % kMatchBandStep == 0 &&
+           (b - kMatchFirstBand) / kMatchBandStep < kMatchBins;
+  };
+  for (int b = 0; b < kNoisyBands; ++b)
+    if (tested(b)) transfer(b);
+  if (!TalkerInLook(rtf, heard, azimuth_deg)) {
     DesignBeam(BeamDesign{azimuth_deg, kBeamMvdr, kAllMics}, weights);
-    return;
+    return false;
   }
+  for (int b = 0; b < kNoisyBands; ++b)
+    if (!tested(b)) transfer(b);
   for (int b = 0; b < kNoisyBands; ++b) {
     const Vector3& h = rtf[b];
     const Vector3 g = Times(loaded_inv[kNoisyBandBins * b / kNoiseBandBins], h);
@@ -308,6 +357,7 @@ void LearnedBeamDesign(const LearnedBeam* lb, float azimuth_deg, BeamWeights* we
     }
   }
   LimitTaps(weights);
+  return true;
 }
 
 }  // namespace vorn

@@ -26,17 +26,23 @@ static_assert(kNoiseBandBins % kNoisyBandBins == 0, "a talker band lies inside o
 constexpr int kHermitian3 = 9;
 
 struct LearnedBeam {
-  float noise[kNoiseBands][kHermitian3];  // mean per bin over the band
-  float noisy[kNoisyBands][kHermitian3];  // the talker plus the noise
-  int32_t noise_hops;                     // evidence behind each, capped at the averaging length
+  // Entry by entry (three powers, then the real and imaginary parts of the
+  // pairs 0-1, 0-2, 1-2), band by band: the mean per bin over the band.
+  float noise[kHermitian3][kNoiseBands];
+  float noisy[kHermitian3][kNoisyBands];  // the talker plus the noise
+  int32_t noise_hops;                     // hops behind each, capped at the averaging length
   int32_t noisy_hops;
-  float azimuth_deg;  // the look direction the talker was learned under
+  int32_t fresh_talker;  // talker hops taken in since the beam was last designed
+  int32_t hop_phase;     // 0..3: which hops are taken in (see LearnedBeamObserve)
+  float azimuth_deg;     // the look direction the talker was learned under
 };
 
 void LearnedBeamReset(LearnedBeam* lb);
 
 // One hop of the microphones' packed spectra. presence: the talker's speech
-// presence, 0..1; hops in between the two thresholds teach nothing.
+// presence, 0..1; hops in between the two thresholds teach nothing. Only
+// every fourth hop is taken in: neighbours share half their samples, and a
+// covariance averaged over seconds needs no more.
 void LearnedBeamObserve(LearnedBeam* lb, float spectrum[kBfChannels][kBfFftLen], float presence);
 
 // Forgets the talker (another one is wanted) but keeps the noise.
@@ -51,6 +57,8 @@ bool LearnedBeamReady(const LearnedBeam* lb);
 // steering against the learned noise; when the learned talker is not in the
 // look direction `azimuth_deg` (or was heard in too few bands to tell) the
 // weights are the free-field MVDR design (DesignBeam) whole.
-void LearnedBeamDesign(const LearnedBeam* lb, float azimuth_deg, BeamWeights* weights);
+// Returns whether the weights are the learned ones; the design also marks
+// the talker hops seen so far as used (fresh_talker).
+bool LearnedBeamDesign(LearnedBeam* lb, float azimuth_deg, BeamWeights* weights);
 
 }  // namespace vorn

@@ -12,6 +12,9 @@
 // error far below float resolution over the 257 bins.
 #include "adsp_bf/steering.h"
 
+#include "adsp_bf/beam_kernels.h"
+#include "common/simd4.h"
+
 #include <cmath>
 #include <complex>
 
@@ -84,27 +87,11 @@ void DesignBeam(const BeamDesign& design, BeamWeights* weights) {
 }
 
 void ApplyBeam(const BeamWeights& weights, float x[kBfChannels][kBfFftLen], float* y) {
-  constexpr int kHalf = kBfFftLen / 2;
-  // Bins 1..255: real parts forwards from y[1], imaginary parts backwards
-  // from y[511]; microphone 0 sets them, the others add in turn.
-  for (int m = 0; m < kBfChannels; ++m) {
-    const float* xm = x[m];
-    const float* w_re = weights.re[m];
-    const float* w_im = weights.im[m];
-    for (int k = 1; k < kHalf; ++k) {
-      const float x_re = xm[k], x_im = xm[kBfFftLen - k];
-      const float re = w_re[k] * x_re - w_im[k] * x_im;
-      const float im = w_im[k] * x_re + w_re[k] * x_im;
-      y[k] = m == 0 ? re : y[k] + re;
-      y[kBfFftLen - k] = m == 0 ? im : y[kBfFftLen - k] + im;
-    }
-  }
-  y[0] = 0.0f;
-  y[kHalf] = 0.0f;
-  for (int m = 0; m < kBfChannels; ++m) {
-    y[0] += weights.re[m][0] * x[m][0];
-    y[kHalf] += weights.re[m][kHalf] * x[m][kHalf];
-  }
+#if defined(VORN_SIMD4)
+  ApplyBeamSimd4(weights, x, y);
+#else
+  ApplyBeamPlain(weights, x, y);
+#endif
 }
 
 void AlignmentPhases(int from, int to, double azimuth_deg, double delay, float phases[kBfNumBins][2]) {

@@ -1,0 +1,116 @@
+// The four-lane twins take four bins at a time: real parts forwards, the
+// imaginary parts (stored backwards) loaded and turned round, so each lane
+// performs the plain loop's operations on its bin in the plain loop's order.
+#include "adsp_bf/beam_kernels.h"
+
+#include "adsp_bf/steering.h"
+#include "common/simd4.h"
+
+namespace vorn {
+namespace {
+
+constexpr int kHalf = kBfFftLen / 2;
+
+static_assert(kBlendBandBins == 4 && kBlendBands == 65, "bands of four bins and one for Nyquist");
+
+float BinPower(const float* spectrum, int k) {
+  return spectrum[k] * spectrum[k] + spectrum[kBfFftLen - k] * spectrum[kBfFftLen - k];
+}
+
+float BandPower(const float* spectrum, int b) {
+  const int k = kBlendBandBins * b;
+  return BinPower(spectrum, k) + BinPower(spectrum, k + 1) + BinPower(spectrum, k + 2) + BinPower(spectrum, k + 3);
+}
+
+// Band 0 holds DC, which has no imaginary part.
+float FirstBandPower(const float* spectrum) {
+  return spectrum[0] * spectrum[0] + BinPower(spectrum, 1) + BinPower(spectrum, 2) + BinPower(spectrum, 3);
+}
+
+// Bins first..last-1 of the beam, one at a time.
+void ApplyBins(const BeamWeights& weights, float x[kBfChannels][kBfFftLen], float* y, int first, int last) {
+  for (int m = 0; m < kBfChannels; ++m) {
+    const float* xm = x[m];
+    const float* w_re = weights.re[m];
+    const float* w_im = weights.im[m];
+    for (int k = first; k < last; ++k) {
+      const float x_re = xm[k], x_im = xm[kBfFftLen - k];
+      const float re = w_re[k] * x_re - w_im[k] * x_im;
+      const float im = w_im[k] * x_re + w_re[k] * x_im;
+      y[k] = m == 0 ? re : y[k] + re;
+      y[kBfFftLen - k] = m == 0 ? im : y[kBfFftLen - k] + im;
+    }
+  }
+}
+
+void ApplyEdges(const BeamWeights& weights, float x[kBfChannels][kBfFftLen], float* y) {
+  y[0] = 0.0f;
+  y[kHalf] = 0.0f;
+  for (int m = 0; m < kBfChannels; ++m) {
+    y[0] += weights.re[m][0] * x[m][0];
+    y[kHalf] += weights.re[m][kHalf] * x[m][kHalf];
+  }
+}
+
+}  // namespace
+
+void ApplyBeamPlain(const BeamWeights& weights, float x[kBfChannels][kBfFftLen], float* y) {
+  ApplyBins(weights, x, y, 1, kHalf);
+  ApplyEdges(weights, x, y);
+}
+
+void BandPowersPlain(const float* spectrum, float power[kBlendBands]) {
+  power[0] = FirstBandPower(spectrum);
+  for (int b = 1; b + 1 < kBlendBands; ++b) power[b] = BandPower(spectrum, b);
+  power[kBlendBands - 1] = spectrum[kHalf] * spectrum[kHalf];
+}
+
+#if defined(VORN_SIMD4)
+
+// Bins 1..252 four at a time, 253..255 alone.
+void ApplyBeamSimd4(const BeamWeights& weights, float x[kBfChannels][kBfFftLen], float* y) {
+  using namespace simd;
+  constexpr int kVectorEnd = 1 + (kHalf - 1) / 4 * 4;
+  for (int k = 1; k < kVectorEnd; k += 4) {
+    F4 sum_re = Set1(0.0f), sum_im = Set1(0.0f);
+    for (int m = 0; m < kBfChannels; ++m) {
+      const F4 x_re = Load(x[m] + k);
+      const F4 x_im = Reverse(Load(x[m] + kBfFftLen - k - 3));
+      const F4 w_re = Load(weights.re[m] + k);
+      const F4 w_im = Load(weights.im[m] + k);
+      const F4 re = Sub(Mul(w_re, x_re), Mul(w_im, x_im));
+      const F4 im = Add(Mul(w_im, x_re), Mul(w_re, x_im));
+      sum_re = m == 0 ? re : Add(sum_re, re);
+      sum_im = m == 0 ? im : Add(sum_im, im);
+    }
+    Store(y + k, sum_re);
+    Store(y + kBfFftLen - k - 3, Reverse(sum_im));
+  }
+  ApplyBins(weights, x, y, kVectorEnd, kHalf);
+  ApplyEdges(weights, x, y);
+}
+
+// Bands 1..60 four at a time (a transpose turns four bands' bin powers into
+// four sums), 61..63 alone.
+void BandPowersSimd4(const float* spectrum, float power[kBlendBands]) {
+  using namespace simd;
+  constexpr int kVectorEnd = 1 + (kBlendBands - 2) / 4 * 4;
+  power[0] = FirstBandPower(spectrum);
+  for (int b = 1; b < kVectorEnd; b += 4) {
+    F4 p[4];
+    for (int i = 0; i < 4; ++i) {
+      const int k = kBlendBandBins * (b + i);
+      const F4 re = Load(spectrum + k);
+      const F4 im = Reverse(Load(spectrum + kBfFftLen - k - 3));
+      p[i] = Add(Mul(re, re), Mul(im, im));
+    }
+    Transpose(p[0], p[1], p[2], p[3]);
+    Store(power + b, Add(Add(Add(p[0], p[1]), p[2]), p[3]));
+  }
+  for (int b = kVectorEnd; b + 1 < kBlendBands; ++b) power[b] = BandPower(spectrum, b);
+  power[kBlendBands - 1] = spectrum[kHalf] * spectrum[kHalf];
+}
+
+#endif
+
+}  // namespace vorn

@@ -1,0 +1,25 @@
+// The enhanced beam's per-bin kernels, each with a plain twin that the
+// four-lane one reproduces bit for bit. Spectra are packed as fft_rel leaves
+// them: bin k's real part at [k], its imaginary part at [512 - k].
+#pragma once
+
+#include "adsp_bf/audio_dsp_proc.h"
+
+namespace vorn {
+
+struct BeamWeights;
+
+// Bands of four bins for the blend towards the reference; the last holds the
+// Nyquist bin alone.
+constexpr int kBlendBandBins = 4;
+constexpr int kBlendBands = (kBfNumBins + kBlendBandBins - 1) / kBlendBandBins;  // 65
+
+// y = sum over microphones of w_m x_m, bin by bin.
+void ApplyBeamPlain(const BeamWeights& weights, float x[kBfChannels][kBfFftLen], float* y);
+void ApplyBeamSimd4(const BeamWeights& weights, float x[kBfChannels][kBfFftLen], float* y);
+
+// The power of a packed spectrum in each blend band.
+void BandPowersPlain(const float* spectrum, float power[kBlendBands]);
+void BandPowersSimd4(const float* spectrum, float power[kBlendBands]);
+
+}  // namespace vorn
