@@ -131,7 +131,6 @@ struct EnhancedSuppressorState {
 };
 
 struct EnhancedVadState {
-  int32_t frames;    // frames decided, saturating
   int32_t speaking;  // the last frame's flag
   int32_t primed;    // the last frame stood above the onset (and was not echo alone)
 };

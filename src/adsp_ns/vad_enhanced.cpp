@@ -7,7 +7,6 @@
 namespace vorn {
 namespace {
 
-constexpr int kFramesMax = 1 << 30;
 constexpr float kTalkerBesideEchoBar = 0.05f;
 
 }  // namespace
@@ -15,7 +14,6 @@ constexpr float kTalkerBesideEchoBar = 0.05f;
 void EnhancedVadInit(EnhancedVadState* st) { *st = EnhancedVadState{}; }
 
 int EnhancedVadDecide(EnhancedVadState* st, float output_prob, bool echo_alone, bool talker_beside_echo) {
-  if (st->frames < kFramesMax) ++st->frames;
   // A talker already flagged keeps the flag at a lower presence than one
   // must reach to raise it, and raising it takes two frames above the onset
   // or one well above it: a lone frame of noise that looks a little like
@@ -24,13 +22,11 @@ int EnhancedVadDecide(EnhancedVadState* st, float output_prob, bool echo_alone, 
   // Where the canceller itself hears a talker beside the echo, the presence
   // (which discounts everything the echo could explain, and a talker under
   // loud music with it) need only show some speech.
-  if (talker_beside_echo) {
-    st->speaking = output_prob > kTalkerBesideEchoBar ? 1 : 0;
-    st->primed = output_prob > kFlagOnsetThreshold ? 1 : 0;
-    return st->speaking;
-  }
+  // (A talker heard beside the echo never comes with echo alone.)
   const bool above_onset = !echo_alone && output_prob > kFlagOnsetThreshold;
-  if (st->speaking != 0)
+  if (talker_beside_echo)
+    st->speaking = output_prob > kTalkerBesideEchoBar ? 1 : 0;
+  else if (st->speaking != 0)
     st->speaking = output_prob > (echo_alone ? kFlagEchoThreshold : kFlagThreshold) ? 1 : 0;
   else
     st->speaking = above_onset && (st->primed != 0 || output_prob > kFlagSureThreshold) ? 1 : 0;
