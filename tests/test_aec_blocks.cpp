@@ -160,8 +160,9 @@ TEST(Rdft128, VectorStagesMatchThePlainStagesAndAreCompiledIn) {
 bool SameBits(float a, float b) { return std::bit_cast<uint32_t>(a) == std::bit_cast<uint32_t>(b); }
 
 // Four different inputs (noise at two scales, an impulse, signed zeros) in the
-// lanes give each transform's bits, forward and back.
-TEST(Rdft128, FourLaneTransformsGiveEachLanesBits) {
+// lanes give each transform's bits, forward and back, in the four-lane batch
+// and (with AVX2) the eight-lane one.
+TEST(Rdft128, LaneBatchedTransformsGiveEachLanesBits) {
   alignas(16) std::array<std::array<float, 128>, 4> one;
   for (int l = 0; l < 4; ++l) {
     const sim::Signal noise = sim::WhiteNoise(128, l == 1 ? 1.0 : 3000.0, 40 + l);
@@ -173,12 +174,33 @@ TEST(Rdft128, FourLaneTransformsGiveEachLanesBits) {
   for (const bool forward : {true, false}) {
     alignas(16) simd::F4 lanes[128];
     for (int i = 0; i < 128; ++i) lanes[i] = simd::Set(one[0][i], one[1][i], one[2][i], one[3][i]);
+#if defined(VORN_AVX2)
+    // Eight lanes: the four inputs, then the same four in the other order.
+    alignas(32) __m256 wide[128];
+    if (CpuHasAvx2()) {
+      for (int i = 0; i < 128; ++i) {
+        alignas(32) float in[8];
+        simd::Store(in, lanes[i]);
+        for (int l = 0; l < 4; ++l) in[4 + l] = in[3 - l];
+        std::memcpy(&wide[i], in, sizeof in);
+      }
+      forward ? aec_rdft_forward_128_x8(wide) : aec_rdft_inverse_128_x8(wide);
+    }
+#endif
     forward ? aec_rdft_forward_128_x4(lanes) : aec_rdft_inverse_128_x4(lanes);
     for (auto& a : one) forward ? aec_rdft_forward_128(a.data()) : aec_rdft_inverse_128(a.data());
     for (int i = 0; i < 128; ++i) {
       alignas(16) float got[4];
       simd::Store(got, lanes[i]);
       for (int l = 0; l < 4; ++l) ASSERT_TRUE(SameBits(got[l], one[l][i])) << forward << " lane " << l << " " << i;
+#if defined(VORN_AVX2)
+      if (!CpuHasAvx2()) continue;
+      alignas(32) float got8[8];
+      std::memcpy(got8, &wide[i], sizeof got8);
+      for (int l = 0; l < 8; ++l) {
+        ASSERT_TRUE(SameBits(got8[l], one[l < 4 ? l : 7 - l][i])) << forward << " eight lanes, lane " << l << " " << i;
+      }
+#endif
     }
   }
 }
@@ -201,6 +223,7 @@ TEST(AecFilterKernels, VectorTwinsGiveThePlainBits) {
     plain->num_partitions = c.partitions;
     plain->xfBufBlockPos = c.block_pos;
     auto vector = std::make_unique<AecCore>(*plain);
+    const auto before = std::make_unique<AecCore>(*plain);
     float yf_plain[2][kAecBins], yf_vector[2][kAecBins], ef[2][kAecBins];
     for (int k = 0; k < kAecBins; ++k) {
       yf_plain[0][k] = yf_vector[0][k] = normal(rng);
@@ -223,6 +246,14 @@ TEST(AecFilterKernels, VectorTwinsGiveThePlainBits) {
     alignas(16) float fft[kAecBlockLen2];
     FilterAdaptationPlain(plain.get(), fft, ef);
     FilterAdaptationSimd(vector.get(), ef);
+#if defined(VORN_AVX2)
+    if (CpuHasAvx2()) {  // eight partitions per batch, on a copy taken before any adaptation
+      auto wide = std::make_unique<AecCore>(*before);
+      FilterAdaptationAvx2(wide.get(), ef);
+      ASSERT_EQ(std::memcmp(wide->wfBuf, vector->wfBuf, sizeof wide->wfBuf), 0) << c.partitions;
+      ASSERT_EQ(std::memcmp(wide->wfBuf_main, vector->wfBuf_main, sizeof wide->wfBuf_main), 0) << c.partitions;
+    }
+#endif
     for (int k = 0; k < kAecBins; ++k) {
       ASSERT_TRUE(SameBits(yf_plain[0][k], yf_vector[0][k]) && SameBits(yf_plain[1][k], yf_vector[1][k])) << k;
     }

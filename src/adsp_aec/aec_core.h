@@ -212,6 +212,10 @@ void FilterAdaptationSimd(AecCore* aec, float ef[2][kAecBins]);
 void ScaleErrorBinsSimd(const float* x_pow, float limit, float mu, float ef[2][kAecBins]);
 bool FarSpanAboveSimd(const float* x_re, const float* x_im, int n, float divisor, float threshold);
 #endif
+#if defined(VORN_AVX2)
+// FilterAdaptationSimd with eight partitions per batch; processors with AVX2 only.
+void FilterAdaptationAvx2(AecCore* aec, float ef[2][kAecBins]);
+#endif
 void OverdriveAndSuppress(AecCore* aec, float* hNl, const float hNlFb, float efw[2][kAecBins],
                           int EnableFlag);
 void ComfortNoise(AecCore* aec, float efw[2][kAecBins], complex_t* comfortNoiseHband,

@@ -216,7 +216,13 @@ void ScaleErrorBins(const float* x_pow, float limit, float mu, float ef[2][kAecB
 }
 
 void FilterAdaptation(AecCore* aec, float* fft, float ef[2][kAecBins]) {
-#if defined(VORN_SIMD4)
+#if defined(VORN_AVX2)
+  if (CpuHasAvx2())
+    FilterAdaptationAvx2(aec, ef);
+  else
+    FilterAdaptationSimd(aec, ef);
+  (void)fft;
+#elif defined(VORN_SIMD4)
   FilterAdaptationSimd(aec, ef);
   (void)fft;
 #else

@@ -7,6 +7,7 @@
 // signal).
 #pragma once
 
+#include "common/cpu_avx2.h"
 #include "common/simd4.h"
 
 namespace vorn {
@@ -61,6 +62,12 @@ inline constexpr const RdftStages& kRdftStages = kRdftPlainStages;
 // their bits; the canceller batches its per-partition transforms with them.
 void aec_rdft_forward_128_x4(simd::F4* a);
 void aec_rdft_inverse_128_x4(simd::F4* a);
+#endif
+#if defined(VORN_AVX2)
+// Eight at once, for processors with AVX2 only (CpuHasAvx2): the same bits
+// per lane as the four-lane batch.
+void aec_rdft_forward_128_x8(__m256* a);
+void aec_rdft_inverse_128_x8(__m256* a);
 #endif
 
 // The transforms with the compiled-in stages, and with a chosen set (tests and
