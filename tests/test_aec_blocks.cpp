@@ -247,11 +247,18 @@ TEST(AecFilterKernels, VectorTwinsGiveThePlainBits) {
     FilterAdaptationPlain(plain.get(), fft, ef);
     FilterAdaptationSimd(vector.get(), ef);
 #if defined(VORN_AVX2)
-    if (CpuHasAvx2()) {  // eight partitions per batch, on a copy taken before any adaptation
-      auto wide = std::make_unique<AecCore>(*before);
-      FilterAdaptationAvx2(wide.get(), ef);
-      ASSERT_EQ(std::memcmp(wide->wfBuf, vector->wfBuf, sizeof wide->wfBuf), 0) << c.partitions;
-      ASSERT_EQ(std::memcmp(wide->wfBuf_main, vector->wfBuf_main, sizeof wide->wfBuf_main), 0) << c.partitions;
+    if (CpuHasAvx2()) {  // both filters in batches of eight against each adapted plainly, from the same start
+      float ef_main[2][kAecBins];
+      for (int k = 0; k < kAecBins; ++k) ef_main[0][k] = ef[1][k] * 3.0f, ef_main[1][k] = -ef[0][k];
+      auto one_by_one = std::make_unique<AecCore>(*before);
+      one_by_one->filter_flag = 1;
+      FilterAdaptationPlain(one_by_one.get(), fft, ef);
+      one_by_one->filter_flag = 0;
+      FilterAdaptationPlain(one_by_one.get(), fft, ef_main);
+      auto both = std::make_unique<AecCore>(*before);
+      FilterAdaptationBothAvx2(both.get(), ef, ef_main);
+      ASSERT_EQ(std::memcmp(both->wfBuf, one_by_one->wfBuf, sizeof both->wfBuf), 0) << c.partitions;
+      ASSERT_EQ(std::memcmp(both->wfBuf_main, one_by_one->wfBuf_main, sizeof both->wfBuf_main), 0) << c.partitions;
     }
 #endif
     for (int k = 0; k < kAecBins; ++k) {

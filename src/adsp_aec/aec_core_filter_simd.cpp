@@ -4,7 +4,7 @@
 // constraint of four partitions at once, one per lane of the batched
 // transforms, turning four bins of four partitions with one 4x4 transpose
 // on the way in and out. With AVX2 the batches take eight partitions, two
-// such groups of four side by side.
+// such groups of four side by side, and both filters adapt in one pass.
 #include "adsp_aec/aec_core.h"
 
 #if defined(VORN_SIMD4)
@@ -182,25 +182,39 @@ void FilterAdaptationSimd(AecCore* aec, float ef[2][kAecBins]) {
 }
 
 #if defined(VORN_AVX2)
-// Eight partitions per batch of transforms, then four for the rest (the
-// short filter's twelve are one of each).
-VORN_TARGET_AVX2 void FilterAdaptationAvx2(AecCore* aec, float ef[2][kAecBins]) {
-  float* w_re = ActiveFilter(aec, 0);
-  float* w_im = ActiveFilter(aec, 1);
-  if (w_re == nullptr) return;
-  int p0 = 0;
-  for (; p0 + 8 <= aec->num_partitions; p0 += 8) {
+// Both filters in one pass: their partitions, in groups of four, make batches
+// of eight (the short filters' 24 partitions are three batches, where one
+// filter at a time would take four). Each filter's adaptation reads only the
+// far history and its own error, so the order of the batches does not matter.
+VORN_TARGET_AVX2 void FilterAdaptationBothAvx2(AecCore* aec, const float ef_adaptive[2][kAecBins],
+                                               const float ef_main[2][kAecBins]) {
+  struct Group {
+    const float (*ef)[kAecBins];
+    float* w_re;
+    float* w_im;
+    int p0;
+  };
+  Group groups[2 * kMaxPartitions / 4];
+  int count = 0;
+  for (int p0 = 0; p0 < aec->num_partitions; p0 += 4) groups[count++] = {ef_adaptive, aec->wfBuf[0], aec->wfBuf[1], p0};
+  for (int p0 = 0; p0 < aec->num_partitions; p0 += 4) {
+    groups[count++] = {ef_main, aec->wfBuf_main[0], aec->wfBuf_main[1], p0};
+  }
+  int g = 0;
+  for (; g + 2 <= count; g += 2) {
+    const Group& lo = groups[g];
+    const Group& hi = groups[g + 1];
     alignas(32) __m256 a[kAecBlockLen2];
     float* lanes = reinterpret_cast<float*>(a);
-    GatherGradients(aec, ef, p0, lanes, 8);
-    GatherGradients(aec, ef, p0 + 4, lanes + 4, 8);
+    GatherGradients(aec, lo.ef, lo.p0, lanes, 8);
+    GatherGradients(aec, hi.ef, hi.p0, lanes + 4, 8);
     aec_rdft_inverse_128_x8(a);
     KeepFirstTaps(lanes, 8);
     aec_rdft_forward_128_x8(a);
-    AddGradients(lanes, 8, p0, w_re, w_im);
-    AddGradients(lanes + 4, 8, p0 + 4, w_re, w_im);
+    AddGradients(lanes, 8, lo.p0, lo.w_re, lo.w_im);
+    AddGradients(lanes + 4, 8, hi.p0, hi.w_re, hi.w_im);
   }
-  for (; p0 < aec->num_partitions; p0 += 4) AdaptFourPartitions(aec, ef, p0, w_re, w_im);
+  for (; g < count; ++g) AdaptFourPartitions(aec, groups[g].ef, groups[g].p0, groups[g].w_re, groups[g].w_im);
 }
 #endif
 
