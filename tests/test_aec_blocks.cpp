@@ -241,8 +241,16 @@ TEST(AecFilterKernels, VectorTwinsGiveThePlainBits) {
     ScaleErrorBinsPlain(x_pow, 0.5f, 0.3f, ef_plain);
     ScaleErrorBinsSimd(x_pow, 0.5f, 0.3f, ef_vector);
     ASSERT_EQ(std::memcmp(ef_plain, ef_vector, sizeof ef_plain), 0);
+    float yf_wide[2][kAecBins];
+    std::memcpy(yf_wide, yf_vector, sizeof yf_wide);
     FilterFarPlain(plain.get(), yf_plain);
     FilterFarSimd(vector.get(), yf_vector);
+#if defined(VORN_AVX2)
+    if (CpuHasAvx2()) FilterFarAvx2(vector.get(), yf_wide);
+    else std::memcpy(yf_wide, yf_vector, sizeof yf_wide);
+#else
+    std::memcpy(yf_wide, yf_vector, sizeof yf_wide);
+#endif
     alignas(16) float fft[kAecBlockLen2];
     FilterAdaptationPlain(plain.get(), fft, ef);
     FilterAdaptationSimd(vector.get(), ef);
@@ -263,6 +271,7 @@ TEST(AecFilterKernels, VectorTwinsGiveThePlainBits) {
 #endif
     for (int k = 0; k < kAecBins; ++k) {
       ASSERT_TRUE(SameBits(yf_plain[0][k], yf_vector[0][k]) && SameBits(yf_plain[1][k], yf_vector[1][k])) << k;
+      ASSERT_TRUE(SameBits(yf_plain[0][k], yf_wide[0][k]) && SameBits(yf_plain[1][k], yf_wide[1][k])) << "eight lanes " << k;
     }
     for (int i = 0; i < kFilterPlaneLen; ++i) {
       ASSERT_TRUE(SameBits(plain->wfBuf[0][i], vector->wfBuf[0][i]) && SameBits(plain->wfBuf[1][i], vector->wfBuf[1][i]) &&

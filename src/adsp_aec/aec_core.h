@@ -215,6 +215,7 @@ void ScaleErrorBinsSimd(const float* x_pow, float limit, float mu, float ef[2][k
 bool FarSpanAboveSimd(const float* x_re, const float* x_im, int n, float divisor, float threshold);
 #endif
 #if defined(VORN_AVX2)
+void FilterFarAvx2(AecCore* aec, float yf[2][kAecBins]);
 // The adaptation of both filters (each from its scaled error spectrum), eight
 // partitions per batch; processors with AVX2 only.
 void FilterAdaptationBothAvx2(AecCore* aec, const float ef_adaptive[2][kAecBins], const float ef_main[2][kAecBins]);

@@ -167,7 +167,12 @@ void FilterAdaptationPlain(AecCore* aec, float* fft, float ef[2][kAecBins]) {
 }
 
 void FilterFar(AecCore* aec, float yf[2][kAecBins]) {
-#if defined(VORN_SIMD4)
+#if defined(VORN_AVX2)
+  if (CpuHasAvx2())
+    FilterFarAvx2(aec, yf);
+  else
+    FilterFarSimd(aec, yf);
+#elif defined(VORN_SIMD4)
   FilterFarSimd(aec, yf);
 #else
   FilterFarPlain(aec, yf);

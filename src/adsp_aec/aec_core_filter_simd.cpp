@@ -49,6 +49,41 @@ void FilterFarSimd(AecCore* aec, float yf[2][kAecBins]) {
   }
 }
 
+#if defined(VORN_AVX2)
+// Eight bins per vector.
+VORN_TARGET_AVX2 void FilterFarAvx2(AecCore* aec, float yf[2][kAecBins]) {
+  const float* w_re = ActiveFilter(aec, 0);
+  const float* w_im = ActiveFilter(aec, 1);
+  if (w_re == nullptr) return;
+  constexpr int kLast = kAecBins - 1;
+  __m256 acc_re[kLast / 8], acc_im[kLast / 8];
+  for (int v = 0; v < kLast / 8; ++v) {
+    acc_re[v] = _mm256_loadu_ps(yf[0] + 8 * v);
+    acc_im[v] = _mm256_loadu_ps(yf[1] + 8 * v);
+  }
+  for (int p = 0; p < aec->num_partitions; ++p) {
+    const int xpos = PartitionOffset(aec, p);
+    const float* xr = &aec->xfBuf[0][xpos];
+    const float* xi = &aec->xfBuf[1][xpos];
+    const float* wr = w_re + p * kAecBins;
+    const float* wi = w_im + p * kAecBins;
+    for (int v = 0; v < kLast / 8; ++v) {
+      const int k = 8 * v;
+      const __m256 vxr = _mm256_loadu_ps(xr + k), vxi = _mm256_loadu_ps(xi + k);
+      const __m256 vwr = _mm256_loadu_ps(wr + k), vwi = _mm256_loadu_ps(wi + k);
+      acc_re[v] = _mm256_add_ps(acc_re[v], _mm256_sub_ps(_mm256_mul_ps(vxr, vwr), _mm256_mul_ps(vxi, vwi)));
+      acc_im[v] = _mm256_add_ps(acc_im[v], _mm256_add_ps(_mm256_mul_ps(vxr, vwi), _mm256_mul_ps(vxi, vwr)));
+    }
+    yf[0][kLast] += xr[kLast] * wr[kLast] - xi[kLast] * wi[kLast];
+    yf[1][kLast] += xr[kLast] * wi[kLast] + xi[kLast] * wr[kLast];
+  }
+  for (int v = 0; v < kLast / 8; ++v) {
+    _mm256_storeu_ps(yf[0] + 8 * v, acc_re[v]);
+    _mm256_storeu_ps(yf[1] + 8 * v, acc_im[v]);
+  }
+}
+#endif
+
 // Both branches on every lane; each bin keeps its own.
 void ScaleErrorBinsSimd(const float* x_pow, float limit, float mu, float ef[2][kAecBins]) {
   const F4 vlimit = simd::Set1(limit), vmu = simd::Set1(mu), tiny = simd::Set1(1e-10f);
