@@ -135,11 +135,14 @@ TEST(Rdft128, ForwardMatchesADirectDftInDoubleAndInverseUndoesIt) {
 // without a plain shortcut round exactly like the plain code; the shortcut
 // groups (cft1st's first 16 floats, cftmdl's first 64) may differ by rounding.
 TEST(Rdft128, VectorStagesMatchThePlainStagesAndAreCompiledIn) {
-  const RdftStage128 plain_stages[] = {cft1st_128_C, cftmdl_128_C, rftfsub_128_C, rftbsub_128_C};
-  const RdftStage128 vector_stages[] = {cft1st_128_Simd, cftmdl_128_Simd, rftfsub_128_Simd, rftbsub_128_Simd};
-  const RdftStage128 compiled_in[] = {kRdftStages.cft1st, kRdftStages.cftmdl, kRdftStages.rftfsub, kRdftStages.rftbsub};
-  const int exact_from[] = {16, 64, 0, 0};
-  for (int stage = 0; stage < 4; ++stage) {
+  const RdftStage128 plain_stages[] = {cft1st_128_C,  cftmdl_128_C,   rftfsub_128_C,
+                                       rftbsub_128_C, cftflast_128_C, cftblast_128_C};
+  const RdftStage128 vector_stages[] = {cft1st_128_Simd,  cftmdl_128_Simd,   rftfsub_128_Simd,
+                                        rftbsub_128_Simd, cftflast_128_Simd, cftblast_128_Simd};
+  const RdftStage128 compiled_in[] = {kRdftStages.cft1st,  kRdftStages.cftmdl,   kRdftStages.rftfsub,
+                                      kRdftStages.rftbsub, kRdftStages.cftflast, kRdftStages.cftblast};
+  const int exact_from[] = {16, 64, 0, 0, 0, 0};
+  for (int stage = 0; stage < 6; ++stage) {
     EXPECT_EQ(compiled_in[stage], vector_stages[stage]) << stage;
     for (unsigned seed = 1; seed <= 10; ++seed) {
       const sim::Signal noise = sim::WhiteNoise(128, 1000.0, seed);
