@@ -68,6 +68,7 @@ constexpr float kFixedBeamAzimuth = 300.0f;  // beam type 7
 // the last design for the noise's sake.
 constexpr int32_t kRenewTalkerHops = 16;
 constexpr int kRenewHops = 128;
+constexpr int kFarEndQuietHops = 62;        // a second
 constexpr float kRelearnDeg = 30.0f;         // a look direction this far off is another talker
 constexpr float kPi = 3.14159265f;
 
@@ -248,16 +249,32 @@ void BlendToTime(const float share[kBlendBands], const float* reference, float* 
 
 // The MVDR beam without the adaptive canceller learns from the room while
 // all three microphones work; anything else starts the learning afresh.
-// Nor does it learn in front of the echo canceller: every redesign would
-// change the echo path the canceller has converged on.
-bool Learns(const BeamDesign& wanted, bool adaptive, bool echo_follows) {
-  return wanted.kind == kBeamMvdr && !adaptive && !echo_follows && wanted.live_mask == kAllMics;
+// In front of the echo canceller it learns only while the loudspeaker has
+// been silent for a second: while it plays, the echo would be learned as
+// part of the room, and every redesign would change the echo path the
+// canceller is converging on. It then holds what it learned and the beam in
+// use. When the far end comes back after a redesign the canceller meets the
+// new path once, as it meets any change of the room.
+enum class Learning { kOff, kHeld, kOn };
+
+Learning LearningFor(const BeamDesign& wanted, bool adaptive, bool echo_in_play) {
+  if (wanted.kind != kBeamMvdr || adaptive || wanted.live_mask != kAllMics) return Learning::kOff;
+  return echo_in_play ? Learning::kHeld : Learning::kOn;
 }
 
-void LearnHop(EnhancedBeamState* st, const BeamDesign& wanted, bool learns, float spectrum[kBfChannels][kBfFftLen],
-              float presence) {
+// Whether the echo canceller behind the beam has an echo to follow: the
+// loudspeaker played within the last second, as long as a room's echo lingers.
+bool EchoInPlay(EnhancedBeamState* st, const BeamRequest& rq) {
+  if (rq.far_end_audible != 0) st->far_end_quiet_hops = 0;
+  else if (st->far_end_quiet_hops < kFarEndQuietHops) ++st->far_end_quiet_hops;
+  return rq.echo_follows != 0 && st->far_end_quiet_hops < kFarEndQuietHops;
+}
+
+void LearnHop(EnhancedBeamState* st, const BeamDesign& wanted, Learning learning,
+              float spectrum[kBfChannels][kBfFftLen], float presence) {
   LearnedBeam* lb = &st->learned;
-  if (!learns) {
+  if (learning == Learning::kHeld) return;
+  if (learning == Learning::kOff) {
     if (lb->noise_hops != 0 || lb->noisy_hops != 0) LearnedBeamReset(lb);
     return;
   }
@@ -284,6 +301,7 @@ void EnhancedBeamInit(EnhancedBeamState* st) {
   st->active = -1;
   st->sector = -1;
   st->sector_candidate = -1;
+  st->far_end_quiet_hops = kFarEndQuietHops;
   GscEnhancedInit(&st->gsc);
   MicHealthInit(&st->health);
 }
@@ -302,9 +320,9 @@ void EnhancedBeamProc(EnhancedBeamState* st, const BeamRequest& rq, const float*
   const BeamDesign wanted = WantedDesign(st, rq, live, spectrum, &following);
   st->frames_since_steer = st->frames_since_steer < kMinSteerFrames ? st->frames_since_steer + 1 : kMinSteerFrames;
   const bool adaptive = IsAdaptive(rq.bf_flag);
-  const bool learns = Learns(wanted, adaptive, rq.echo_follows != 0);
-  LearnHop(st, wanted, learns, spectrum, rq.talker_presence);
-  const bool learned = learns && LearnedBeamReady(&st->learned);
+  const Learning learning = LearningFor(wanted, adaptive, EchoInPlay(st, rq));
+  LearnHop(st, wanted, learning, spectrum, rq.talker_presence);
+  const bool learned = learning == Learning::kOn && LearnedBeamReady(&st->learned);
   st->hops_since_learned = st->hops_since_learned < kRenewHops ? st->hops_since_learned + 1 : kRenewHops;
   const bool renew =
       learned && (st->learned.fresh_talker >= kRenewTalkerHops || st->hops_since_learned >= kRenewHops);
