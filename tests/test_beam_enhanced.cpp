@@ -16,6 +16,7 @@
 
 #include "adsp_bf/audio_dsp_proc.h"
 #include "adsp_bf/beam_enhanced.h"
+#include "common/adsp_common_fft_rel.h"
 #include "common/pcm_round.h"
 #include "sim/signals.h"
 #include "vorn_proc.h"
@@ -447,8 +448,9 @@ TEST(EnhancedBeam, FastPathsGiveTheBitsOfTheirPlainTwins) {
 
 TEST(EnhancedBeam, BeamKernelsMatchADirectSumAndTheirPlainTwins) {
   // Spectra of noise at three scales and a designed beam: the band powers
-  // against a sum in double over each band's bins, and the four-lane twins
-  // against the plain kernels, bit for bit.
+  // against a sum in double over each band's bins, the blend towards
+  // microphone 0 against microphone 0 delayed by kBeamDelay in the time
+  // domain, and the four-lane twins against the plain kernels, bit for bit.
   BeamWeights weights;
   DesignBeam(BeamDesign{60.0f, kBeamMvdr, kAllMics}, &weights);
   for (const std::uint32_t seed : {1u, 2u, 3u}) {
@@ -482,12 +484,39 @@ TEST(EnhancedBeam, BeamKernelsMatchADirectSumAndTheirPlainTwins) {
       EXPECT_NEAR(std::abs(std::complex<double>(beam_plain[k], got_im) - want), 0.0, 1e-4 * std::abs(want) + 1e-3)
           << "bin " << k;
     }
+    // A share of 1 everywhere gives the delayed microphone itself; one
+    // varying from band to band gives its mix with the beam, bin by bin.
+    float share[kBlendBands];
+    for (int b = 0; b < kBlendBands; ++b) share[b] = static_cast<float>((b * 37 + static_cast<int>(seed)) % 11) / 10.0f;
+    float whole[kBlendBands];
+    std::fill(whole, whole + kBlendBands, 1.0f);
+    float delayed[kBfFftLen], blended[kBfFftLen];
+    std::copy(beam_plain, beam_plain + kBfFftLen, delayed);
+    std::copy(beam_plain, beam_plain + kBfFftLen, blended);
+    BlendTowardsMic0Plain(whole, x[0], delayed);
+    BlendTowardsMic0Plain(share, x[0], blended);
+    float time0[kBfFftLen], time_delayed[kBfFftLen];
+    std::copy(x[0], x[0] + kBfFftLen, time0);
+    std::copy(delayed, delayed + kBfFftLen, time_delayed);
+    ifft_rel(time0, kBfFftLen, kBfFftOrder);
+    ifft_rel(time_delayed, kBfFftLen, kBfFftOrder);
+    for (int t = 0; t < kBfFftLen; ++t)
+      EXPECT_NEAR(time_delayed[t], time0[(t + kBfFftLen - kBeamDelay) % kBfFftLen], 1e-3 * std::pow(100.0, seed))
+          << "sample " << t;
+    for (const int k : {0, 2, 5, 130, 255, 256}) {
+      const int b = k / 4;
+      const double got_re = blended[k], want_re = beam_plain[k] + share[b] * (delayed[k] - beam_plain[k]);
+      EXPECT_NEAR(got_re, want_re, 1e-5 * (std::abs(want_re) + std::abs(delayed[k]))) << "bin " << k;
+    }
 #if defined(VORN_SIMD4)
-    float fast[kBlendBands], beam_fast[kBfFftLen];
+    float fast[kBlendBands], beam_fast[kBfFftLen], blended_fast[kBfFftLen];
     BandPowersSimd4(x[0], fast);
     ApplyBeamSimd4(weights, x, beam_fast);
+    std::copy(beam_plain, beam_plain + kBfFftLen, blended_fast);
+    BlendTowardsMic0Simd4(share, x[0], blended_fast);
     EXPECT_EQ(0, std::memcmp(plain, fast, sizeof(plain)));
     EXPECT_EQ(0, std::memcmp(beam_plain, beam_fast, sizeof(beam_plain)));
+    EXPECT_EQ(0, std::memcmp(blended, blended_fast, sizeof(blended)));
 #endif
   }
 }
