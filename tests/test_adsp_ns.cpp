@@ -207,7 +207,12 @@ TEST(NsKernels, VectorTwinsGiveThePlainBits) {
     EXPECT_EQ(std::memcmp(dav_long_a.data(), dav_long_b.data(), len * sizeof(float)), 0);
     EXPECT_EQ(std::memcmp(d_a.data(), d_b.data(), len * sizeof(float)), 0);
     // The speech-hypothesis gain over every ExpExpint branch, and the ramp.
-    const std::vector<float> v = input(10, len), eta = input(11, len), gamma = input(12, len);
+    std::vector<float> v = input(10, len);
+    const std::vector<float> eta = input(11, len), gamma = input(12, len);
+    // Some bins sit on ExpExpint's breakpoints and just below them.
+    const float edges[] = {0.001f, 0.25f, 1.0f, 5.0f};
+    for (int k = 1; k < len; k += 3)
+      v[k] = (k / 3) % 2 ? edges[(k / 6) % 4] : std::nextafter(edges[(k / 6) % 4], 0.0f);
     NsLsaGainPlain(v.data(), eta.data(), gamma.data(), a[0].data(), a[1].data(), len);
     NsLsaGainSimd(v.data(), eta.data(), gamma.data(), b[0].data(), b[1].data(), len);
     EXPECT_EQ(std::memcmp(a[0].data(), b[0].data(), len * sizeof(float)), 0) << "gain";
