@@ -152,12 +152,15 @@ TEST(AecEnhanced, KeepsTheNearTalkerInDoubleTalk) {
 
   // The suppressor after the canceller must not take back what the canceller
   // let through of the talker: the presence it follows discounts all the
-  // echo the reference predicts, the talker's bins with it.
+  // echo the reference predicts, the talker's bins with it. (Taking the
+  // talker back only where the canceller hears it in half the blocks loses
+  // 2.7 dB here; also in the bands it let through nearly free of residue,
+  // 1.8 dB.)
   const ChainRun run = RunChain(mic, sim::ToPcm(far), kSuppressed, VORN_PROFILE_ENHANCED);
   const sim::Signal y = sim::ToSignal(run.out);
   const sim::Signal aligned = sim::Advance(y, sim::FindLatency(near.samples, y, 1024));
   const sim::Signal part(aligned.begin() + static_cast<long>(Samples(6.0)), aligned.end());
-  EXPECT_GE(sim::SiSdrDb(part, talker), si_sdr[1] - 3.0);
+  EXPECT_GE(sim::SiSdrDb(part, talker), si_sdr[1] - 2.2);
   EXPECT_GE(AttenuationDb(mic, run.out, 3.0, 6.0), 35.0);
 }
 

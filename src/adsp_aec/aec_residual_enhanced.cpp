@@ -389,7 +389,9 @@ void AecResidualProcess(AecResidualState* res, const AecCore* core, int echo_par
     }
     res->gain[k] = gain;
     residual_sum += v.residual[k];
-    left_sum += gain * gain * v.residual[k];
+    report->residual_bins[k] = gain * gain * v.residual[k];
+    report->passed_bins[k] = gain * gain * v.pe[k];
+    left_sum += report->residual_bins[k];
     const float fill = std::sqrt(std::max(1.0f - gain * gain, 0.0f) * v.noise[k]);
     const int phase = random[k] >> kPhaseShift;
     o[0][k] = gain * v.e[0][k] + fill * kPhase.cos[phase];

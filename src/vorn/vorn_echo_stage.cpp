@@ -69,6 +69,22 @@ void AlignReference(EchoStageState* echo, const short* ref, int delay, short* al
   echo->reference_at = (echo->reference_at + kFrameLen) % kReferenceRing;
 }
 
+// The canceller's bins are 125 Hz wide, the presence bands' bins 31.25 Hz:
+// a presence bin k sits nearest the canceller's bin (k + 2) / 4.
+constexpr int kNsBinsPerAecBin = 4;
+constexpr int AecBinOf(int ns_bin) { return (ns_bin + kNsBinsPerAecBin / 2) / kNsBinsPerAecBin; }
+static_assert(AecBinOf(kNsBins - 1) == kAecBins - 1, "the bands must end where the canceller's bins do");
+
+// Adds one block's residual echo and error let through per presence band.
+void AddBandPowers(const AecEnhancedBlock& report, float* left, float* passed) {
+  for (int b = 0; b < kPresenceBands; ++b) {
+    for (int j = AecBinOf(kBandEdges[b]); j <= AecBinOf(kBandEdges[b + 1] - 1); ++j) {
+      left[b] += report.residual_bins[j];
+      passed[b] += report.passed_bins[j];
+    }
+  }
+}
+
 }  // namespace
 
 bool EchoGainCaps(const EnhancedFrame& fr, float caps[2][kNsBins]) {
@@ -112,6 +128,7 @@ int32_t RunEchoStage(const T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
 
   int far_blocks = 0, near_blocks = 0, echo_blocks = 0, double_talk_blocks = 0;
   float echo_power = 0.0f, residual_power = 0.0f;
+  float band_left[kPresenceBands] = {}, band_passed[kPresenceBands] = {};
   for (int b = 0; b < kBlocks; ++b) {
     const int at = b * kAecBlock;
     float near[kAecBlock], far[kAecBlock], out[kAecBlock];
@@ -129,6 +146,7 @@ int32_t RunEchoStage(const T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
     double_talk_blocks += report.far_active && report.near_active ? 1 : 0;
     echo_power += report.echo_power / kBlocks;
     residual_power += report.residual_power / kBlocks;
+    AddBandPowers(report, band_left, band_passed);
     pic.lead_ms = static_cast<float>((report.lag_blocks + kLeadMarginBlocks) * kAecBlock * 1000 / kSampleRate);
     if (report.echo_present && !report.near_active && report.near_power > 0.0f && report.far_power > 0.0f)
       echo->erl_db = echo->erl_db == kNoEchoReturnLossDb
@@ -154,6 +172,10 @@ int32_t RunEchoStage(const T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
   pic.echo_only = pic.echo_present && near_blocks == 0;
   pic.echo_power = echo_power;
   pic.residual_echo_power = residual_power;
+  // The comfort noise is left out of both: a band the residual suppressor
+  // filled with it holds neither echo nor talker.
+  for (int b = 0; b < kPresenceBands; ++b)
+    pic.band_echo_left[b] = band_passed[b] > 0.0f ? band_left[b] / band_passed[b] : 1.0f;
   pic.erl_db = echo->erl_db;
   echo->picture = pic;
   return 0;

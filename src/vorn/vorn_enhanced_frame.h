@@ -27,6 +27,7 @@ struct EchoPicture {
   float near_activity_held;     // the same over this frame and the one before (the speech flag's frame)
   float echo_power;             // echo at the microphone, as the canceller's filters estimate it
   float residual_echo_power;    // echo left in echo_out, as estimated
+  float band_echo_left[kPresenceBands];  // per presence band: that residual over the error the canceller let through
   float lead_ms;                // how far the reference runs ahead of its echo
   bool reference_is_microphone; // the reference carries a microphone's own signal (miswired)
 };
