@@ -6,7 +6,7 @@
 // cannot: whether the far end talks, whether echo reaches the microphones,
 // and whether a near talker is heard beside it. Echo alone (echo present, no
 // near talker) is what the speech detector must not call speech and what the
-// level control must not lift. The echo return loss is smoothed over blocks
+// level control must not lift. The echo return loss is measured over blocks
 // of echo alone, where the microphone's power is the echo's.
 //
 // A reference that is one of the microphones (a miswired channel) would
@@ -29,7 +29,10 @@ constexpr int kBlocks = kFrameLen / kAecBlock;
 constexpr int kMics = 3;
 constexpr float kCheckKeep = 0.94f;          // about a second of frames
 constexpr float kMicCopyCorrelation = 0.98f;
-constexpr float kErlKeep = 0.95f;
+// Powers summed over about a second of echo alone: one block's far end
+// against its echo swings by several dB with where the syllables fall in
+// the room's tail, and decibels averaged over blocks are not the loss.
+constexpr float kErlKeep = 0.996f;
 constexpr int kEchoTailFrames = 16;  // 256 ms
 static_assert(kLeadHistoryBlocks * kAecBlock + kFrameLen <= kReferenceRing, "the ring must hold the longest lead");
 constexpr float kEchoGainFloor = 0.1f;     // -20 dB
@@ -148,10 +151,11 @@ int32_t RunEchoStage(const T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
     residual_power += report.residual_power / kBlocks;
     AddBandPowers(report, band_left, band_passed);
     pic.lead_ms = static_cast<float>((report.lag_blocks + kLeadMarginBlocks) * kAecBlock * 1000 / kSampleRate);
-    if (report.echo_present && !report.near_active && report.near_power > 0.0f && report.far_power > 0.0f)
-      echo->erl_db = echo->erl_db == kNoEchoReturnLossDb
-                         ? Db(report.far_power / report.near_power)
-                         : kErlKeep * echo->erl_db + (1.0f - kErlKeep) * Db(report.far_power / report.near_power);
+    if (report.echo_present && !report.near_active && report.near_power > 0.0f && report.far_power > 0.0f) {
+      echo->erl_far = kErlKeep * echo->erl_far + report.far_power;
+      echo->erl_near = kErlKeep * echo->erl_near + report.near_power;
+      echo->erl_db = Db(echo->erl_far / echo->erl_near);
+    }
   }
   // The filters' window starts lag_blocks late, just ahead of the echo's
   // main energy: the reference delayed as much is in step with its echo.
