@@ -208,6 +208,34 @@ TEST(AecEnhanced, EchoAloneIsNotSpeech) {
   }
 }
 
+// Echo under the room's noise is no reason to doubt a talker the presence
+// hears: in double talk with an echo that keeps sinking under the noise the
+// flag follows the talker (vetoing it wherever echo was heard lately misses
+// a fifth of the talker's frames), and with the far end alone it stays down.
+TEST(AecEnhanced, EchoUnderTheNoiseDoesNotHideTheTalker) {
+  const double seconds = 12.0;
+  // The echo (500 RMS) stands 4 dB over the noise on average and sinks
+  // under it between the far end's syllables; the talker is no louder than
+  // the noise.
+  const sim::Signal far = FarSpeech(seconds, 1000.0);
+  const sim::Signal echo = EchoOf(far, 40.0, 0.5);
+  const sim::SpeechLike near = sim::MakeSpeechLike(Samples(seconds), 23, {.rms = 300.0, .lead_silence_s = 6.0});
+  const sim::Signal mic = sim::Mix(sim::Mix(echo, near.samples), sim::WhiteNoise(echo.size(), 300.0, 3));
+  const ChainRun run = RunChain(mic, sim::ToPcm(far), kWakeUp, VORN_PROFILE_ENHANCED);
+
+  const std::size_t fps = kRate / kFrame;
+  std::size_t echo_flags = 0, talker_flags = 0, talker_frames = 0;
+  for (std::size_t f = 2 * fps; f < 6 * fps; ++f) echo_flags += run.flags[f];
+  const std::vector<std::uint8_t> labels = sim::FrameLabels(near.active);
+  for (std::size_t f = 6 * fps; f + 2 < run.flags.size(); ++f)
+    if (labels[f]) {
+      ++talker_frames;
+      talker_flags += run.flags[f] || run.flags[f + 1] || run.flags[f + 2];
+    }
+  EXPECT_LT(static_cast<double>(echo_flags), 0.05 * static_cast<double>(4 * fps));
+  EXPECT_GT(static_cast<double>(talker_flags), 0.9 * static_cast<double>(talker_frames));
+}
+
 // The communication chain's post filter judges talker against noise by the
 // beams, which hear the loudspeaker as a source like the talker; the echo
 // picture must keep the canceller's residue out, and the talker in once the

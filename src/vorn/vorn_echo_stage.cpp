@@ -37,6 +37,7 @@ constexpr int kEchoTailFrames = 16;  // 256 ms
 static_assert(kLeadHistoryBlocks * kAecBlock + kFrameLen <= kReferenceRing, "the ring must hold the longest lead");
 constexpr float kEchoGainFloor = 0.1f;     // -20 dB
 constexpr float kCapNearActivity = 0.25f;  // one block of four
+constexpr float kEchoOverFloor = 4.0f;     // 6 dB
 
 // Updates the miswiring check with one frame; true while the reference is a
 // copy of some microphone.
@@ -130,7 +131,7 @@ int32_t RunEchoStage(const T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
   }
 
   int far_blocks = 0, near_blocks = 0, echo_blocks = 0, double_talk_blocks = 0;
-  float echo_power = 0.0f, residual_power = 0.0f;
+  float echo_power = 0.0f, residual_power = 0.0f, floor_power = 0.0f, heard_echo_power = 0.0f;
   float band_left[kPresenceBands] = {}, band_passed[kPresenceBands] = {};
   for (int b = 0; b < kBlocks; ++b) {
     const int at = b * kAecBlock;
@@ -149,6 +150,8 @@ int32_t RunEchoStage(const T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
     double_talk_blocks += report.far_active && report.near_active ? 1 : 0;
     echo_power += report.echo_power / kBlocks;
     residual_power += report.residual_power / kBlocks;
+    floor_power += report.floor_power / kBlocks;
+    heard_echo_power += (report.echo_power + report.error_residual_power) / kBlocks;
     AddBandPowers(report, band_left, band_passed);
     pic.lead_ms = static_cast<float>((report.lag_blocks + kLeadMarginBlocks) * kAecBlock * 1000 / kSampleRate);
     if (report.echo_present && !report.near_active && report.near_power > 0.0f && report.far_power > 0.0f) {
@@ -173,7 +176,14 @@ int32_t RunEchoStage(const T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
   // for a while after it was last heard.
   echo->frames_since_echo = echo_blocks > 0 ? 0 : std::min(echo->frames_since_echo + 1, kEchoTailFrames);
   pic.echo_present = echo->frames_since_echo < kEchoTailFrames;
-  pic.echo_only = pic.echo_present && near_blocks == 0;
+  // Echo alone also needs the echo loud enough this frame to be what the
+  // speech presence hears: the filters' estimate of it at the microphones
+  // and the residual they are thought to miss, together 6 dB over the
+  // error's noise floor. (The residual term keeps the echo counted while the
+  // filters have yet to learn it.) An echo under the noise (a quiet far end,
+  // the gaps between its syllables) cannot make the cancelled signal sound
+  // like a talker.
+  pic.echo_only = pic.echo_present && near_blocks == 0 && heard_echo_power > kEchoOverFloor * floor_power;
   pic.echo_power = echo_power;
   pic.residual_echo_power = residual_power;
   // The comfort noise is left out of both: a band the residual suppressor

@@ -22,7 +22,7 @@ struct EchoPicture {
   bool double_talk;       // near talker and far end at once
   float erl_db;           // echo return loss: reference over echo at the microphone
   bool echo_present;            // echo reaches the microphones (or the room still rings with it)
-  bool echo_only;               // echo present and no near talker heard beside it
+  bool echo_only;               // echo present, above the noise, and no near talker heard beside it
   float near_activity;          // 0..1: share of the frame with a near talker heard beside the echo
   float near_activity_held;     // the same over this frame and the one before (the speech flag's frame)
   float echo_power;             // echo at the microphone, as the canceller's filters estimate it
