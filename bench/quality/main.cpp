@@ -614,7 +614,7 @@ std::string FindingsMarkdown(const Results& results) {
 int main(int argc, char** argv) {
   // --only TOPIC runs one section alone (direction, noise_vad, beam, level
   // or echo; beam and level go to OUT_DIR/sections, which the report
-  // links); --match TEXT keeps the direction or echo section's scenes whose
+  // links); --match TEXT keeps the direction, echo or noise_vad section's scenes whose
   // name contains TEXT (a quicker look while developing); --system TEXT
   // keeps the echo section's systems whose "chain/system" label contains
   // TEXT and prints their figures per scene.
@@ -629,14 +629,17 @@ int main(int argc, char** argv) {
   }
   const bool known = only.empty() || only == "direction" || only == "noise_vad" || only == "beam" || only == "level" ||
                      only == "echo";
-  if (rest.size() != 1 || !known) {
+  // An unknown option (--help among them) is a request for the usage, never
+  // the name of an output directory to fill with a whole report.
+  const bool dashed = !rest.empty() && rest[0].rfind("-", 0) == 0;
+  if (rest.size() != 1 || !known || dashed) {
     std::fprintf(stderr, "usage: vorn_bench_quality OUT_DIR [--only direction|noise_vad|beam|level|echo] [--match TEXT] [--system TEXT]\n");
     return 2;
   }
   const std::filesystem::path dir = rest[0];
   std::filesystem::create_directories(dir);
   if (only == "direction") return RunDirectionBench(dir, match);
-  if (only == "noise_vad") return vorn::bench::RunNoiseVadSection(dir);
+  if (only == "noise_vad") return vorn::bench::RunNoiseVadSection(dir, match);
   std::string echo_error;
   if (only == "echo") {
     if (RunEchoBench(dir, match, system_match, &echo_error)) return 0;

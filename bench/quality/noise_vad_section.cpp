@@ -213,6 +213,7 @@ std::string Markdown(const std::vector<NoiseVadScene>& scenes, const Results& re
     for (const std::string& noise : rows) {
       const auto cells = noise == "mean" ? noise_grid
                                          : of([&](const NoiseVadScene& s) { return !s.echo && s.noise == noise; });
+      if (cells.empty()) continue;  // a filtered run: nothing of this noise
       std::string row = "| " + (noise == "mean" ? std::string("**mean**") : noise) + " |";
       for (const auto& s : noise_systems) AddCell(row, Fixed(MeanOver(results, s, cells, table == 0 ? SnrGain : SiSdrChange)));
       line(row);
@@ -228,6 +229,7 @@ std::string Markdown(const std::vector<NoiseVadScene>& scenes, const Results& re
     line(rule);
     for (double snr : NoiseSnrs()) {
       const auto cells = of([&](const NoiseVadScene& s) { return !s.echo && s.snr_db == snr; });
+      if (cells.empty()) continue;
       std::string row = "| " + Fixed(snr, 0) + " dB |";
       for (const auto& s : noise_systems) AddCell(row, Fixed(MeanOver(results, s, cells, SiSdrChange)));
       line(row);
@@ -241,6 +243,7 @@ std::string Markdown(const std::vector<NoiseVadScene>& scenes, const Results& re
   line(head);
   line(rule);
   auto vad_row = [&](const std::string& label, const std::vector<const NoiseVadScene*>& cells) {
+    if (cells.empty()) return;
     std::string row = "| " + label + " |";
     for (const auto& s : systems) {
       const VadScores v = Pooled(results, s, cells);
@@ -262,8 +265,13 @@ std::string Markdown(const std::vector<NoiseVadScene>& scenes, const Results& re
 
 }  // namespace
 
-int RunNoiseVadSection(const fs::path& dir) {
-  const std::vector<NoiseVadScene> scenes = NoiseVadScenes();
+int RunNoiseVadSection(const fs::path& dir, const std::string& match) {
+  std::vector<NoiseVadScene> scenes = NoiseVadScenes();
+  std::erase_if(scenes, [&](const NoiseVadScene& s) { return s.cell.name.find(match) == std::string::npos; });
+  if (scenes.empty()) {
+    std::fprintf(stderr, "no noise or speech-detection scene matches \"%s\"\n", match.c_str());
+    return 1;
+  }
   std::vector<RenderedScene> rendered(scenes.size());
   std::map<std::string, const RenderedScene*> by_name;
   for (std::size_t i = 0; i < scenes.size(); ++i) {
@@ -312,7 +320,13 @@ int RunNoiseVadSection(const fs::path& dir) {
       results[kRnnoise][name] = ScoreRun(r, peers.rnnoise.at(name));
       results[kSilero][name] = ScoreRun(r, peers.silero.at(name));
     }
-    std::fprintf(stderr, "scored %s\n", name.c_str());
+    // Per-scene F1 on the log, so a weak condition can be traced to its scenes.
+    std::string f1s;
+    for (const std::string& s : systems) {
+      const VadScores& v = results[s][name].vad;
+      f1s += " " + s + " " + Fixed(v.precision, 2) + "/" + Fixed(v.recall, 2) + "/" + Fixed(v.f1, 3);
+    }
+    std::fprintf(stderr, "scored %s:%s\n", name.c_str(), f1s.c_str());
   }
 
   const std::string md = Markdown(scenes, results, systems, peers);
@@ -320,10 +334,15 @@ int RunNoiseVadSection(const fs::path& dir) {
   if (file == nullptr) return 1;
   std::fputs(md.c_str(), file);
   std::fclose(file);
-  const std::string speed = SpeedMarkdown(rendered[7], peers);
-  if (std::FILE* f = std::fopen((dir / "noise_vad_speed.md").c_str(), "w")) {
-    std::fputs(speed.c_str(), f);
-    std::fclose(f);
+  // The cost is timed on the full grid's eighth scene; a filtered run does
+  // not time anything.
+  std::string speed;
+  if (match.empty()) {
+    speed = SpeedMarkdown(rendered[7], peers);
+    if (std::FILE* f = std::fopen((dir / "noise_vad_speed.md").c_str(), "w")) {
+      std::fputs(speed.c_str(), f);
+      std::fclose(f);
+    }
   }
   std::printf("%s\n%s", md.c_str(), speed.c_str());
   return 0;
