@@ -59,8 +59,9 @@ DoaTrack DoaUtteranceEnhanced(const short* inp, const short order[kBfChannels], 
   const int hops = (samples_per_channel - kBfFftLen) / kBfHop + 1;
 
   // The noise estimate follows the whole stretch once before any evidence
-  // is weighted by it.
-  GccNoise noise;
+  // is weighted by it. It starts from zero: the first hop's step replaces
+  // it, but only an exact zero makes that step give the hop's power.
+  GccNoise noise{};
   GccBand band;
   float power[kGccBins];
   for (int h = 0; h < hops; ++h) {
