@@ -99,7 +99,7 @@ void BM_EnhancedBeamHop(benchmark::State& state) {
   }
   EnhancedBeamState enhanced;
   EnhancedBeamInit(&enhanced);
-  BeamRequest request{pm.bf_flag, pm.bf_azimuth, 0, 0.0f, 0.0f, 0.0f, 0};
+  BeamRequest request{pm.bf_flag, pm.bf_azimuth, 0, 0.0f, 0.0f, 0.0f, 0, 0};
   // learn:1 alternates talker and pause every 40 hops, so that the MVDR beam
   // learns from the room and is redesigned as it goes.
   const bool learn = state.range(1) != 0;

@@ -135,11 +135,14 @@ TEST(Rdft128, ForwardMatchesADirectDftInDoubleAndInverseUndoesIt) {
 // without a plain shortcut round exactly like the plain code; the shortcut
 // groups (cft1st's first 16 floats, cftmdl's first 64) may differ by rounding.
 TEST(Rdft128, VectorStagesMatchThePlainStagesAndAreCompiledIn) {
-  const RdftStage128 plain_stages[] = {cft1st_128_C, cftmdl_128_C, rftfsub_128_C, rftbsub_128_C};
-  const RdftStage128 vector_stages[] = {cft1st_128_Simd, cftmdl_128_Simd, rftfsub_128_Simd, rftbsub_128_Simd};
-  const RdftStage128 compiled_in[] = {kRdftStages.cft1st, kRdftStages.cftmdl, kRdftStages.rftfsub, kRdftStages.rftbsub};
-  const int exact_from[] = {16, 64, 0, 0};
-  for (int stage = 0; stage < 4; ++stage) {
+  const RdftStage128 plain_stages[] = {cft1st_128_C,  cftmdl_128_C,   rftfsub_128_C,
+                                       rftbsub_128_C, cftflast_128_C, cftblast_128_C};
+  const RdftStage128 vector_stages[] = {cft1st_128_Simd,  cftmdl_128_Simd,   rftfsub_128_Simd,
+                                        rftbsub_128_Simd, cftflast_128_Simd, cftblast_128_Simd};
+  const RdftStage128 compiled_in[] = {kRdftStages.cft1st,  kRdftStages.cftmdl,   kRdftStages.rftfsub,
+                                      kRdftStages.rftbsub, kRdftStages.cftflast, kRdftStages.cftblast};
+  const int exact_from[] = {16, 64, 0, 0, 0, 0};
+  for (int stage = 0; stage < 6; ++stage) {
     EXPECT_EQ(compiled_in[stage], vector_stages[stage]) << stage;
     for (unsigned seed = 1; seed <= 10; ++seed) {
       const sim::Signal noise = sim::WhiteNoise(128, 1000.0, seed);
@@ -160,8 +163,9 @@ TEST(Rdft128, VectorStagesMatchThePlainStagesAndAreCompiledIn) {
 bool SameBits(float a, float b) { return std::bit_cast<uint32_t>(a) == std::bit_cast<uint32_t>(b); }
 
 // Four different inputs (noise at two scales, an impulse, signed zeros) in the
-// lanes give each transform's bits, forward and back.
-TEST(Rdft128, FourLaneTransformsGiveEachLanesBits) {
+// lanes give each transform's bits, forward and back, in the four-lane batch
+// and (with AVX2) the eight-lane one.
+TEST(Rdft128, LaneBatchedTransformsGiveEachLanesBits) {
   alignas(16) std::array<std::array<float, 128>, 4> one;
   for (int l = 0; l < 4; ++l) {
     const sim::Signal noise = sim::WhiteNoise(128, l == 1 ? 1.0 : 3000.0, 40 + l);
@@ -173,12 +177,33 @@ TEST(Rdft128, FourLaneTransformsGiveEachLanesBits) {
   for (const bool forward : {true, false}) {
     alignas(16) simd::F4 lanes[128];
     for (int i = 0; i < 128; ++i) lanes[i] = simd::Set(one[0][i], one[1][i], one[2][i], one[3][i]);
+#if defined(VORN_AVX2)
+    // Eight lanes: the four inputs, then the same four in the other order.
+    alignas(32) __m256 wide[128];
+    if (CpuHasAvx2()) {
+      for (int i = 0; i < 128; ++i) {
+        alignas(32) float in[8];
+        simd::Store(in, lanes[i]);
+        for (int l = 0; l < 4; ++l) in[4 + l] = in[3 - l];
+        std::memcpy(&wide[i], in, sizeof in);
+      }
+      forward ? aec_rdft_forward_128_x8(wide) : aec_rdft_inverse_128_x8(wide);
+    }
+#endif
     forward ? aec_rdft_forward_128_x4(lanes) : aec_rdft_inverse_128_x4(lanes);
     for (auto& a : one) forward ? aec_rdft_forward_128(a.data()) : aec_rdft_inverse_128(a.data());
     for (int i = 0; i < 128; ++i) {
       alignas(16) float got[4];
       simd::Store(got, lanes[i]);
       for (int l = 0; l < 4; ++l) ASSERT_TRUE(SameBits(got[l], one[l][i])) << forward << " lane " << l << " " << i;
+#if defined(VORN_AVX2)
+      if (!CpuHasAvx2()) continue;
+      alignas(32) float got8[8];
+      std::memcpy(got8, &wide[i], sizeof got8);
+      for (int l = 0; l < 8; ++l) {
+        ASSERT_TRUE(SameBits(got8[l], one[l < 4 ? l : 7 - l][i])) << forward << " eight lanes, lane " << l << " " << i;
+      }
+#endif
     }
   }
 }
@@ -201,6 +226,7 @@ TEST(AecFilterKernels, VectorTwinsGiveThePlainBits) {
     plain->num_partitions = c.partitions;
     plain->xfBufBlockPos = c.block_pos;
     auto vector = std::make_unique<AecCore>(*plain);
+    const auto before = std::make_unique<AecCore>(*plain);
     float yf_plain[2][kAecBins], yf_vector[2][kAecBins], ef[2][kAecBins];
     for (int k = 0; k < kAecBins; ++k) {
       yf_plain[0][k] = yf_vector[0][k] = normal(rng);
@@ -218,13 +244,37 @@ TEST(AecFilterKernels, VectorTwinsGiveThePlainBits) {
     ScaleErrorBinsPlain(x_pow, 0.5f, 0.3f, ef_plain);
     ScaleErrorBinsSimd(x_pow, 0.5f, 0.3f, ef_vector);
     ASSERT_EQ(std::memcmp(ef_plain, ef_vector, sizeof ef_plain), 0);
+    float yf_wide[2][kAecBins];
+    std::memcpy(yf_wide, yf_vector, sizeof yf_wide);
     FilterFarPlain(plain.get(), yf_plain);
     FilterFarSimd(vector.get(), yf_vector);
+#if defined(VORN_AVX2)
+    if (CpuHasAvx2()) FilterFarAvx2(vector.get(), yf_wide);
+    else std::memcpy(yf_wide, yf_vector, sizeof yf_wide);
+#else
+    std::memcpy(yf_wide, yf_vector, sizeof yf_wide);
+#endif
     alignas(16) float fft[kAecBlockLen2];
     FilterAdaptationPlain(plain.get(), fft, ef);
     FilterAdaptationSimd(vector.get(), ef);
+#if defined(VORN_AVX2)
+    if (CpuHasAvx2()) {  // both filters in batches of eight against each adapted plainly, from the same start
+      float ef_main[2][kAecBins];
+      for (int k = 0; k < kAecBins; ++k) ef_main[0][k] = ef[1][k] * 3.0f, ef_main[1][k] = -ef[0][k];
+      auto one_by_one = std::make_unique<AecCore>(*before);
+      one_by_one->filter_flag = 1;
+      FilterAdaptationPlain(one_by_one.get(), fft, ef);
+      one_by_one->filter_flag = 0;
+      FilterAdaptationPlain(one_by_one.get(), fft, ef_main);
+      auto both = std::make_unique<AecCore>(*before);
+      FilterAdaptationBothAvx2(both.get(), ef, ef_main);
+      ASSERT_EQ(std::memcmp(both->wfBuf, one_by_one->wfBuf, sizeof both->wfBuf), 0) << c.partitions;
+      ASSERT_EQ(std::memcmp(both->wfBuf_main, one_by_one->wfBuf_main, sizeof both->wfBuf_main), 0) << c.partitions;
+    }
+#endif
     for (int k = 0; k < kAecBins; ++k) {
       ASSERT_TRUE(SameBits(yf_plain[0][k], yf_vector[0][k]) && SameBits(yf_plain[1][k], yf_vector[1][k])) << k;
+      ASSERT_TRUE(SameBits(yf_plain[0][k], yf_wide[0][k]) && SameBits(yf_plain[1][k], yf_wide[1][k])) << "eight lanes " << k;
     }
     for (int i = 0; i < kFilterPlaneLen; ++i) {
       ASSERT_TRUE(SameBits(plain->wfBuf[0][i], vector->wfBuf[0][i]) && SameBits(plain->wfBuf[1][i], vector->wfBuf[1][i]) &&

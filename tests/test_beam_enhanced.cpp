@@ -16,6 +16,7 @@
 
 #include "adsp_bf/audio_dsp_proc.h"
 #include "adsp_bf/beam_enhanced.h"
+#include "common/adsp_common_fft_rel.h"
 #include "common/pcm_round.h"
 #include "sim/signals.h"
 #include "vorn_proc.h"
@@ -79,7 +80,7 @@ struct Rig {
     pm = {region.data(), kBfBuffSize, kBfParamSize, 0, bf_flag, azimuth, 0, 0, 0, 0, 1, 0};
     EXPECT_EQ(BFInit(&pm), 0);
     EnhancedBeamInit(&beam);
-    request = {bf_flag, azimuth, 0, 0.0f, 0.0f, 0.0f, 0};
+    request = {bf_flag, azimuth, 0, 0.0f, 0.0f, 0.0f, 0, 0};
   }
   void Hop(const std::vector<short>& pcm, std::size_t h, short* out) {
     float spectrum[kBfChannels][kBfFftLen];
@@ -192,7 +193,7 @@ TEST(EnhancedBeam, FollowsTheTrackerOnlyWhenItIsSureAndWithoutAClick) {
     Signal out(n);
     short block[kHop];
     for (std::size_t h = 0; h < n / kHop; ++h) {
-      if (h == 40) rig.request = {2, 0, 1, 0.0f, 150.0f, confidence, 0};
+      if (h == 40) rig.request = {2, 0, 1, 0.0f, 150.0f, confidence, 0, 0};
       rig.Hop(pcm, h, block);
       for (int i = 0; i < kHop; ++i) out[h * kHop + static_cast<std::size_t>(i)] = block[i];
     }
@@ -346,7 +347,9 @@ TEST(EnhancedBeam, LearnedBeamKeepsMicrophoneZerosImageOfATalkerInARoom) {
   // it, reflection included, and leave less of the rest than the free-field
   // beam, which bends the reflection and so the talker. The same beam aimed
   // 90 degrees away must not learn to follow the talker, and one that loses
-  // a microphone must fall back to the free-field beam on the other two.
+  // a microphone must fall back to the free-field beam on the other two. In
+  // front of an echo canceller it learns only while the loudspeaker is
+  // silent, and when the loudspeaker starts it keeps what it learned.
   const std::size_t n = 900 * kHop, scored_from = 450 * kHop;
   const sim::SpeechLike speech = sim::MakeSpeechLike(n, 7, {.rms = 2500.0});
   Signal reflection(n, 0.0f);
@@ -362,30 +365,40 @@ TEST(EnhancedBeam, LearnedBeamKeepsMicrophoneZerosImageOfATalkerInARoom) {
     int azimuth;
     bool told;  // presence from the truth; otherwise undecided, so nothing is learned
     const ThreeMics* input;
-    bool echo_follows;  // a canceller after the beam: it must not learn
+    bool echo_follows;      // a canceller after the beam ...
+    std::size_t far_from;   // ... and the loudspeaker playing from this hop on
   };
-  const Case cases[] = {{"learned", 66, true, &mics, false},
-                        {"free-field", 66, false, &mics, false},
-                        {"learned, 90 off", 156, true, &mics, false},
-                        {"learned, then mic 2 dies", 66, true, &mic2_dies, false},
-                        {"free-field without mic 2", 66, false, &mic2_dies, false},
-                        {"told, canceller after", 66, true, &mics, true}};
+  constexpr std::size_t kNever = n;
+  const Case cases[] = {{"learned", 66, true, &mics, false, kNever},
+                        {"free-field", 66, false, &mics, false, kNever},
+                        {"learned, 90 off", 156, true, &mics, false, kNever},
+                        {"learned, then mic 2 dies", 66, true, &mic2_dies, false, kNever},
+                        {"free-field without mic 2", 66, false, &mic2_dies, false, kNever},
+                        {"told, canceller after, far end plays", 66, true, &mics, true, 0},
+                        {"told, canceller after, far end silent", 66, true, &mics, true, kNever},
+                        {"learned, then the far end plays", 66, true, &mics, true, 400}};
   std::vector<Split> split;
   std::vector<bool> heard;  // the learned beam holds evidence of the talker
+  bool held = false;        // it learned nothing while the loudspeaker played
   for (const Case& c : cases) {
     const std::vector<short> pcm = Pcm(*c.input);
     Rig rig(2, c.azimuth);
     rig.request.echo_follows = c.echo_follows ? 1 : 0;
+    LearnedBeam before_far_end{};
     Signal out(n);
     short block[kHop];
     for (std::size_t h = 0; h * kHop < n; ++h) {
       // The previous hop's presence, as the front end passes it.
       rig.request.talker_presence = !c.told ? 0.5f : h > 0 && labels[h - 1] ? 1.0f : 0.0f;
+      rig.request.far_end_audible = h >= c.far_from ? 1 : 0;
+      if (h == c.far_from) before_far_end = rig.beam.learned;
       rig.Hop(pcm, h, block);
       std::copy(block, block + kHop, out.begin() + static_cast<std::ptrdiff_t>(h * kHop));
     }
     split.push_back(Separate(out, talker_mics[0], scored_from));
     heard.push_back(rig.beam.learned.noisy_hops != 0);
+    if (c.far_from > 0 && c.far_from < kNever)
+      held = std::memcmp(&before_far_end, &rig.beam.learned, sizeof before_far_end) == 0;
   }
   EXPECT_NEAR(split[0].talker_db, 0.0, 0.5);
   EXPECT_LT(split[0].residual_db, split[1].residual_db - 3.0);
@@ -394,6 +407,9 @@ TEST(EnhancedBeam, LearnedBeamKeepsMicrophoneZerosImageOfATalkerInARoom) {
   EXPECT_NEAR(split[3].residual_db, split[4].residual_db, 0.1);
   EXPECT_TRUE(heard[0]);
   EXPECT_FALSE(heard[5]);
+  EXPECT_TRUE(heard[6]);
+  EXPECT_TRUE(heard[7]);
+  EXPECT_TRUE(held);
 }
 
 TEST(EnhancedBeam, FastPathsGiveTheBitsOfTheirPlainTwins) {
@@ -432,8 +448,9 @@ TEST(EnhancedBeam, FastPathsGiveTheBitsOfTheirPlainTwins) {
 
 TEST(EnhancedBeam, BeamKernelsMatchADirectSumAndTheirPlainTwins) {
   // Spectra of noise at three scales and a designed beam: the band powers
-  // against a sum in double over each band's bins, and the four-lane twins
-  // against the plain kernels, bit for bit.
+  // against a sum in double over each band's bins, the blend towards
+  // microphone 0 against microphone 0 delayed by kBeamDelay in the time
+  // domain, and the four-lane twins against the plain kernels, bit for bit.
   BeamWeights weights;
   DesignBeam(BeamDesign{60.0f, kBeamMvdr, kAllMics}, &weights);
   for (const std::uint32_t seed : {1u, 2u, 3u}) {
@@ -467,12 +484,39 @@ TEST(EnhancedBeam, BeamKernelsMatchADirectSumAndTheirPlainTwins) {
       EXPECT_NEAR(std::abs(std::complex<double>(beam_plain[k], got_im) - want), 0.0, 1e-4 * std::abs(want) + 1e-3)
           << "bin " << k;
     }
+    // A share of 1 everywhere gives the delayed microphone itself; one
+    // varying from band to band gives its mix with the beam, bin by bin.
+    float share[kBlendBands];
+    for (int b = 0; b < kBlendBands; ++b) share[b] = static_cast<float>((b * 37 + static_cast<int>(seed)) % 11) / 10.0f;
+    float whole[kBlendBands];
+    std::fill(whole, whole + kBlendBands, 1.0f);
+    float delayed[kBfFftLen], blended[kBfFftLen];
+    std::copy(beam_plain, beam_plain + kBfFftLen, delayed);
+    std::copy(beam_plain, beam_plain + kBfFftLen, blended);
+    BlendTowardsMic0Plain(whole, x[0], delayed);
+    BlendTowardsMic0Plain(share, x[0], blended);
+    float time0[kBfFftLen], time_delayed[kBfFftLen];
+    std::copy(x[0], x[0] + kBfFftLen, time0);
+    std::copy(delayed, delayed + kBfFftLen, time_delayed);
+    ifft_rel(time0, kBfFftLen, kBfFftOrder);
+    ifft_rel(time_delayed, kBfFftLen, kBfFftOrder);
+    for (int t = 0; t < kBfFftLen; ++t)
+      EXPECT_NEAR(time_delayed[t], time0[(t + kBfFftLen - kBeamDelay) % kBfFftLen], 1e-3 * std::pow(100.0, seed))
+          << "sample " << t;
+    for (const int k : {0, 2, 5, 130, 255, 256}) {
+      const int b = k / 4;
+      const double got_re = blended[k], want_re = beam_plain[k] + share[b] * (delayed[k] - beam_plain[k]);
+      EXPECT_NEAR(got_re, want_re, 1e-5 * (std::abs(want_re) + std::abs(delayed[k]))) << "bin " << k;
+    }
 #if defined(VORN_SIMD4)
-    float fast[kBlendBands], beam_fast[kBfFftLen];
+    float fast[kBlendBands], beam_fast[kBfFftLen], blended_fast[kBfFftLen];
     BandPowersSimd4(x[0], fast);
     ApplyBeamSimd4(weights, x, beam_fast);
+    std::copy(beam_plain, beam_plain + kBfFftLen, blended_fast);
+    BlendTowardsMic0Simd4(share, x[0], blended_fast);
     EXPECT_EQ(0, std::memcmp(plain, fast, sizeof(plain)));
     EXPECT_EQ(0, std::memcmp(beam_plain, beam_fast, sizeof(beam_plain)));
+    EXPECT_EQ(0, std::memcmp(blended, blended_fast, sizeof(blended)));
 #endif
   }
 }

@@ -143,13 +143,25 @@ TEST(FftRel, VectorTransformsGiveThePlainBits) {
     special[n - 3] = nan;
     inputs.push_back(special);
     for (const Floats& input : inputs) {
-      Floats plain = input, vector = input;
+      Floats plain = input, vector = input, wide = input;
       FftRelPlain(plain.data(), n, Log2(n));
       FftRelSimd(vector.data(), n, Log2(n));
       ASSERT_TRUE(SameBitsOrBothNaN(plain, vector)) << "forward";
+#if defined(VORN_AVX2)
+      if (CpuHasAvx2()) {
+        FftRelAvx2(wide.data(), n, Log2(n));
+        ASSERT_TRUE(SameBitsOrBothNaN(plain, wide)) << "forward, eight lanes";
+        IfftRelAvx2(wide.data(), n, Log2(n));
+      }
+#endif
       IfftRelPlain(plain.data(), n, Log2(n));
       IfftRelSimd(vector.data(), n, Log2(n));
       ASSERT_TRUE(SameBitsOrBothNaN(plain, vector)) << "inverse";
+#if defined(VORN_AVX2)
+      if (CpuHasAvx2()) {
+        ASSERT_TRUE(SameBitsOrBothNaN(plain, wide)) << "inverse, eight lanes";
+      }
+#endif
     }
   }
 #else

@@ -39,12 +39,12 @@ int MoveFarReadPtrWithoutSystemDelayUpdate(AecCore* aec, int elements) {
 void ResetDoubleFilter(DoubleFilter* df) { std::memset(df, 0, sizeof(*df)); }
 
 // Runs one filter (selected by filter_flag) over the current far history:
-// output, error against the near block, step, adaptation. Writes the error
-// block (64 samples) and returns its energy.
-float RunFilter(AecCore* aec, const float* near_block, float* error_block) {
+// output, error against the near block and its step-scaled spectrum (ef,
+// what the adaptation adds). Writes the error block (64 samples) and returns
+// its energy.
+float RunFilter(AecCore* aec, const float* near_block, float* error_block, float ef[2][kAecBins]) {
   alignas(16) float fft[kAecBlockLen2];
   float yf[2][kAecBins] = {};
-  float ef[2][kAecBins];
   FilterFar(aec, yf);
   aec_rdft_pack_128(yf, fft);
   aec_rdft_inverse_128(fft);
@@ -58,7 +58,6 @@ float RunFilter(AecCore* aec, const float* near_block, float* error_block) {
   aec_rdft_forward_128(fft);
   aec_rdft_unpack_128(fft, ef);
   ScaleErrorSignal(aec, ef);
-  FilterAdaptation(aec, fft, ef);
   return energy;
 }
 
@@ -151,10 +150,14 @@ float AdspAec_ProcessLinearBlock(AecCore* aec) {
     aec->delay_histogram[logged_delay] += 1;
 
   const float* near_now = aec->dBuf + kAecBlockLen;
+  // Each filter's adaptation changes only its own taps, which the other's
+  // run does not read, so both adapt after both have run.
+  float ef_adaptive[2][kAecBins], ef_main[2][kAecBins];
   aec->filter_flag = 1;
-  const float adaptive_energy = RunFilter(aec, near_now, aec->cBuf + kAecBlockLen);
+  const float adaptive_energy = RunFilter(aec, near_now, aec->cBuf + kAecBlockLen, ef_adaptive);
   aec->filter_flag = 0;
-  const float main_energy = RunFilter(aec, near_now, aec->eBuf + kAecBlockLen);
+  const float main_energy = RunFilter(aec, near_now, aec->eBuf + kAecBlockLen, ef_main);
+  AdaptBothFilters(aec, ef_adaptive, ef_main);
 
   // Mean square of the far partition from its half spectrum (Parseval).
   const float far_mean_square = far_power_sum / (kAecBlockLen * kAecBlockLen2);

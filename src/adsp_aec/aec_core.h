@@ -179,7 +179,9 @@ struct AecCore {
 // library is compiled, so instances share no writable state.
 void FilterFar(AecCore* aec, float yf[2][kAecBins]);
 void ScaleErrorSignal(AecCore* aec, float ef[2][kAecBins]);
-void FilterAdaptation(AecCore* aec, float* fft, float ef[2][kAecBins]);
+// Adapts the adaptive filter (wfBuf) from ef_adaptive and the main filter
+// (wfBuf_main) from ef_main, and leaves filter_flag at 0 (the main filter).
+void AdaptBothFilters(AecCore* aec, float ef_adaptive[2][kAecBins], float ef_main[2][kAecBins]);
 // The filter the kernels act on (filter_flag): one plane of wfBuf or
 // wfBuf_main, or null.
 float* ActiveFilter(AecCore* aec, int plane);
@@ -211,6 +213,12 @@ void FilterFarSimd(AecCore* aec, float yf[2][kAecBins]);
 void FilterAdaptationSimd(AecCore* aec, float ef[2][kAecBins]);
 void ScaleErrorBinsSimd(const float* x_pow, float limit, float mu, float ef[2][kAecBins]);
 bool FarSpanAboveSimd(const float* x_re, const float* x_im, int n, float divisor, float threshold);
+#endif
+#if defined(VORN_AVX2)
+void FilterFarAvx2(AecCore* aec, float yf[2][kAecBins]);
+// The adaptation of both filters (each from its scaled error spectrum), eight
+// partitions per batch; processors with AVX2 only.
+void FilterAdaptationBothAvx2(AecCore* aec, const float ef_adaptive[2][kAecBins], const float ef_main[2][kAecBins]);
 #endif
 void OverdriveAndSuppress(AecCore* aec, float* hNl, const float hNlFb, float efw[2][kAecBins],
                           int EnableFlag);

@@ -167,7 +167,12 @@ void FilterAdaptationPlain(AecCore* aec, float* fft, float ef[2][kAecBins]) {
 }
 
 void FilterFar(AecCore* aec, float yf[2][kAecBins]) {
-#if defined(VORN_SIMD4)
+#if defined(VORN_AVX2)
+  if (CpuHasAvx2())
+    FilterFarAvx2(aec, yf);
+  else
+    FilterFarSimd(aec, yf);
+#elif defined(VORN_SIMD4)
   FilterFarSimd(aec, yf);
 #else
   FilterFarPlain(aec, yf);
@@ -215,12 +220,24 @@ void ScaleErrorBins(const float* x_pow, float limit, float mu, float ef[2][kAecB
 #endif
 }
 
-void FilterAdaptation(AecCore* aec, float* fft, float ef[2][kAecBins]) {
+void AdaptBothFilters(AecCore* aec, float ef_adaptive[2][kAecBins], float ef_main[2][kAecBins]) {
+#if defined(VORN_AVX2)
+  if (CpuHasAvx2()) {
+    FilterAdaptationBothAvx2(aec, ef_adaptive, ef_main);
+    aec->filter_flag = 0;
+    return;
+  }
+#endif
+  aec->filter_flag = 1;
 #if defined(VORN_SIMD4)
-  FilterAdaptationSimd(aec, ef);
-  (void)fft;
+  FilterAdaptationSimd(aec, ef_adaptive);
+  aec->filter_flag = 0;
+  FilterAdaptationSimd(aec, ef_main);
 #else
-  FilterAdaptationPlain(aec, fft, ef);
+  alignas(16) float fft[kAecBlockLen2];
+  FilterAdaptationPlain(aec, fft, ef_adaptive);
+  aec->filter_flag = 0;
+  FilterAdaptationPlain(aec, fft, ef_main);
 #endif
 }
 

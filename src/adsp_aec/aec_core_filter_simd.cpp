@@ -3,7 +3,8 @@
 // FilterFar and the error scaling run four bins per vector; FilterAdaptation runs the gradient
 // constraint of four partitions at once, one per lane of the batched
 // transforms, turning four bins of four partitions with one 4x4 transpose
-// on the way in and out.
+// on the way in and out. With AVX2 the batches take eight partitions, two
+// such groups of four side by side, and both filters adapt in one pass.
 #include "adsp_aec/aec_core.h"
 
 #if defined(VORN_SIMD4)
@@ -48,6 +49,41 @@ void FilterFarSimd(AecCore* aec, float yf[2][kAecBins]) {
   }
 }
 
+#if defined(VORN_AVX2)
+// Eight bins per vector.
+VORN_TARGET_AVX2 void FilterFarAvx2(AecCore* aec, float yf[2][kAecBins]) {
+  const float* w_re = ActiveFilter(aec, 0);
+  const float* w_im = ActiveFilter(aec, 1);
+  if (w_re == nullptr) return;
+  constexpr int kLast = kAecBins - 1;
+  __m256 acc_re[kLast / 8], acc_im[kLast / 8];
+  for (int v = 0; v < kLast / 8; ++v) {
+    acc_re[v] = _mm256_loadu_ps(yf[0] + 8 * v);
+    acc_im[v] = _mm256_loadu_ps(yf[1] + 8 * v);
+  }
+  for (int p = 0; p < aec->num_partitions; ++p) {
+    const int xpos = PartitionOffset(aec, p);
+    const float* xr = &aec->xfBuf[0][xpos];
+    const float* xi = &aec->xfBuf[1][xpos];
+    const float* wr = w_re + p * kAecBins;
+    const float* wi = w_im + p * kAecBins;
+    for (int v = 0; v < kLast / 8; ++v) {
+      const int k = 8 * v;
+      const __m256 vxr = _mm256_loadu_ps(xr + k), vxi = _mm256_loadu_ps(xi + k);
+      const __m256 vwr = _mm256_loadu_ps(wr + k), vwi = _mm256_loadu_ps(wi + k);
+      acc_re[v] = _mm256_add_ps(acc_re[v], _mm256_sub_ps(_mm256_mul_ps(vxr, vwr), _mm256_mul_ps(vxi, vwi)));
+      acc_im[v] = _mm256_add_ps(acc_im[v], _mm256_add_ps(_mm256_mul_ps(vxr, vwi), _mm256_mul_ps(vxi, vwr)));
+    }
+    yf[0][kLast] += xr[kLast] * wr[kLast] - xi[kLast] * wi[kLast];
+    yf[1][kLast] += xr[kLast] * wi[kLast] + xi[kLast] * wr[kLast];
+  }
+  for (int v = 0; v < kLast / 8; ++v) {
+    _mm256_storeu_ps(yf[0] + 8 * v, acc_re[v]);
+    _mm256_storeu_ps(yf[1] + 8 * v, acc_im[v]);
+  }
+}
+#endif
+
 // Both branches on every lane; each bin keeps its own.
 void ScaleErrorBinsSimd(const float* x_pow, float limit, float mu, float ef[2][kAecBins]) {
   const F4 vlimit = simd::Set1(limit), vmu = simd::Set1(mu), tiny = simd::Set1(1e-10f);
@@ -85,74 +121,137 @@ bool FarSpanAboveSimd(const float* x_re, const float* x_im, int n, float divisor
   return FarSpanAbovePlain(x_re, x_im, n, divisor, threshold);
 }
 
+namespace {
+
+// The gradient spectra of partitions p0..p0+3 in four lanes: element i of
+// partition p0 + l goes to lanes[stride * i + l], so a batch of eight
+// transforms takes two of these side by side.
+void GatherGradients(const AecCore* aec, const float ef[2][kAecBins], int p0, float* lanes, int stride) {
+  constexpr int kLast = kAecBins - 1;
+  const float* xr[4];
+  const float* xi[4];
+  for (int l = 0; l < 4; ++l) {
+    const int xpos = PartitionOffset(aec, p0 + l);
+    xr[l] = &aec->xfBuf[0][xpos];
+    xi[l] = &aec->xfBuf[1][xpos];
+  }
+  for (int k = 0; k < kLast; k += 4) {
+    const F4 e0 = simd::Load(ef[0] + k);
+    const F4 e1 = simd::Load(ef[1] + k);
+    F4 re[4], im[4];
+    for (int l = 0; l < 4; ++l) {
+      const F4 vxr = simd::Load(xr[l] + k);
+      const F4 vxi = simd::Load(xi[l] + k);
+      re[l] = simd::Add(simd::Mul(vxr, e0), simd::Mul(vxi, e1));
+      im[l] = simd::Sub(simd::Mul(vxr, e1), simd::Mul(vxi, e0));
+    }
+    simd::Transpose(re[0], re[1], re[2], re[3]);
+    simd::Transpose(im[0], im[1], im[2], im[3]);
+    for (int i = 0; i < 4; ++i) {
+      simd::Store(lanes + stride * (2 * (k + i)), re[i]);
+      simd::Store(lanes + stride * (2 * (k + i) + 1), im[i]);
+    }
+  }
+  // The packing puts bin 64's real part where bin 0's imaginary part was.
+  float last[4];
+  for (int l = 0; l < 4; ++l) last[l] = xr[l][kLast] * ef[0][kLast] + xi[l][kLast] * ef[1][kLast];
+  simd::Store(lanes + stride, simd::Load(last));
+}
+
+// The constraint between the transforms: only the first 64 taps of each
+// partition move.
+void KeepFirstTaps(float* lanes, int stride) {
+  const F4 scale = simd::Set1(0.015625f);
+  for (int i = 0; i < kAecBlockLen * stride; i += 4) {
+    simd::Store(lanes + i, simd::Mul(simd::Load(lanes + i), scale));
+    simd::Store(lanes + kAecBlockLen * stride + i, simd::Zero());
+  }
+}
+
+// Adds the constrained gradients of partitions p0..p0+3, laid out as
+// GatherGradients lays them, to the filter.
+void AddGradients(const float* lanes, int stride, int p0, float* w_re, float* w_im) {
+  constexpr int kLast = kAecBins - 1;
+  for (int k = 0; k < kLast; k += 4) {
+    F4 re[4], im[4];
+    for (int i = 0; i < 4; ++i) {
+      re[i] = simd::Load(lanes + stride * (2 * (k + i)));
+      im[i] = simd::Load(lanes + stride * (2 * (k + i) + 1));
+    }
+    simd::Transpose(re[0], re[1], re[2], re[3]);
+    simd::Transpose(im[0], im[1], im[2], im[3]);
+    for (int l = 0; l < 4; ++l) {
+      float* wr = w_re + (p0 + l) * kAecBins + k;
+      float* wi = w_im + (p0 + l) * kAecBins + k;
+      simd::Store(wr, simd::Add(simd::Load(wr), re[l]));
+      if (k > 0) {
+        simd::Store(wi, simd::Add(simd::Load(wi), im[l]));
+      } else {  // bin 0 has no imaginary part: its slot held bin 64
+        alignas(16) float bin0[4];
+        simd::Store(bin0, im[l]);
+        for (int i = 1; i < 4; ++i) wi[i] += bin0[i];
+      }
+    }
+  }
+  for (int l = 0; l < 4; ++l) w_re[(p0 + l) * kAecBins + kLast] += lanes[stride + l];
+}
+
+// Partitions p0..p0+3, one per lane of the four-lane transforms.
+void AdaptFourPartitions(AecCore* aec, const float ef[2][kAecBins], int p0, float* w_re, float* w_im) {
+  alignas(16) F4 a[kAecBlockLen2];
+  float* lanes = reinterpret_cast<float*>(a);
+  GatherGradients(aec, ef, p0, lanes, 4);
+  aec_rdft_inverse_128_x4(a);
+  KeepFirstTaps(lanes, 4);
+  aec_rdft_forward_128_x4(a);
+  AddGradients(lanes, 4, p0, w_re, w_im);
+}
+
+}  // namespace
+
 void FilterAdaptationSimd(AecCore* aec, float ef[2][kAecBins]) {
   float* w_re = ActiveFilter(aec, 0);
   float* w_im = ActiveFilter(aec, 1);
   if (w_re == nullptr) return;
-  constexpr int kLast = kAecBins - 1;
-  const F4 scale = simd::Set1(0.015625f);
-  for (int p0 = 0; p0 < aec->num_partitions; p0 += 4) {
-    const float* xr[4];
-    const float* xi[4];
-    for (int l = 0; l < 4; ++l) {
-      const int xpos = PartitionOffset(aec, p0 + l);
-      xr[l] = &aec->xfBuf[0][xpos];
-      xi[l] = &aec->xfBuf[1][xpos];
-    }
-    // a[i] holds element i of the four partitions' packed gradient spectra.
-    alignas(16) F4 a[kAecBlockLen2];
-    for (int k = 0; k < kLast; k += 4) {
-      const F4 e0 = simd::Load(ef[0] + k);
-      const F4 e1 = simd::Load(ef[1] + k);
-      F4 re[4], im[4];
-      for (int l = 0; l < 4; ++l) {
-        const F4 vxr = simd::Load(xr[l] + k);
-        const F4 vxi = simd::Load(xi[l] + k);
-        re[l] = simd::Add(simd::Mul(vxr, e0), simd::Mul(vxi, e1));
-        im[l] = simd::Sub(simd::Mul(vxr, e1), simd::Mul(vxi, e0));
-      }
-      simd::Transpose(re[0], re[1], re[2], re[3]);
-      simd::Transpose(im[0], im[1], im[2], im[3]);
-      for (int i = 0; i < 4; ++i) {
-        a[2 * (k + i)] = re[i];
-        a[2 * (k + i) + 1] = im[i];
-      }
-    }
-    // The packing puts bin 64's real part where bin 0's imaginary part was.
-    float last[4];
-    for (int l = 0; l < 4; ++l) last[l] = xr[l][kLast] * ef[0][kLast] + xi[l][kLast] * ef[1][kLast];
-    a[1] = simd::Set(last[0], last[1], last[2], last[3]);
-
-    aec_rdft_inverse_128_x4(a);
-    // Gradient constraint: only the first 64 taps of each partition move.
-    for (int i = 0; i < kAecBlockLen; ++i) {
-      a[i] = simd::Mul(a[i], scale);
-      a[kAecBlockLen + i] = simd::Zero();
-    }
-    aec_rdft_forward_128_x4(a);
-
-    for (int k = 0; k < kLast; k += 4) {
-      F4 re[4] = {a[2 * k], a[2 * k + 2], a[2 * k + 4], a[2 * k + 6]};
-      F4 im[4] = {a[2 * k + 1], a[2 * k + 3], a[2 * k + 5], a[2 * k + 7]};
-      simd::Transpose(re[0], re[1], re[2], re[3]);
-      simd::Transpose(im[0], im[1], im[2], im[3]);
-      for (int l = 0; l < 4; ++l) {
-        float* wr = w_re + (p0 + l) * kAecBins + k;
-        float* wi = w_im + (p0 + l) * kAecBins + k;
-        simd::Store(wr, simd::Add(simd::Load(wr), re[l]));
-        if (k > 0) {
-          simd::Store(wi, simd::Add(simd::Load(wi), im[l]));
-        } else {  // bin 0 has no imaginary part: its slot held bin 64
-          alignas(16) float lanes[4];
-          simd::Store(lanes, im[l]);
-          for (int i = 1; i < 4; ++i) wi[i] += lanes[i];
-        }
-      }
-    }
-    simd::Store(last, a[1]);
-    for (int l = 0; l < 4; ++l) w_re[(p0 + l) * kAecBins + kLast] += last[l];
-  }
+  for (int p0 = 0; p0 < aec->num_partitions; p0 += 4) AdaptFourPartitions(aec, ef, p0, w_re, w_im);
 }
+
+#if defined(VORN_AVX2)
+// Both filters in one pass: their partitions, in groups of four, make batches
+// of eight (the short filters' 24 partitions are three batches, where one
+// filter at a time would take four). Each filter's adaptation reads only the
+// far history and its own error, so the order of the batches does not matter.
+VORN_TARGET_AVX2 void FilterAdaptationBothAvx2(AecCore* aec, const float ef_adaptive[2][kAecBins],
+                                               const float ef_main[2][kAecBins]) {
+  struct Group {
+    const float (*ef)[kAecBins];
+    float* w_re;
+    float* w_im;
+    int p0;
+  };
+  Group groups[2 * kMaxPartitions / 4];
+  int count = 0;
+  for (int p0 = 0; p0 < aec->num_partitions; p0 += 4) groups[count++] = {ef_adaptive, aec->wfBuf[0], aec->wfBuf[1], p0};
+  for (int p0 = 0; p0 < aec->num_partitions; p0 += 4) {
+    groups[count++] = {ef_main, aec->wfBuf_main[0], aec->wfBuf_main[1], p0};
+  }
+  int g = 0;
+  for (; g + 2 <= count; g += 2) {
+    const Group& lo = groups[g];
+    const Group& hi = groups[g + 1];
+    alignas(32) __m256 a[kAecBlockLen2];
+    float* lanes = reinterpret_cast<float*>(a);
+    GatherGradients(aec, lo.ef, lo.p0, lanes, 8);
+    GatherGradients(aec, hi.ef, hi.p0, lanes + 4, 8);
+    aec_rdft_inverse_128_x8(a);
+    KeepFirstTaps(lanes, 8);
+    aec_rdft_forward_128_x8(a);
+    AddGradients(lanes, 8, lo.p0, lo.w_re, lo.w_im);
+    AddGradients(lanes + 4, 8, hi.p0, hi.w_re, hi.w_im);
+  }
+  for (; g < count; ++g) AdaptFourPartitions(aec, groups[g].ef, groups[g].p0, groups[g].w_re, groups[g].w_im);
+}
+#endif
 
 }  // namespace vorn
 

@@ -9,8 +9,8 @@
 // conjugating back, so the same cft1st/cftmdl serve both directions.
 //
 // These plain stages are the reference; where the build has four-lane vectors
-// (aec_rdft_simd.cpp: SSE2 or NEON, the same bits on both) the hot stages
-// are their vector twins, chosen at compile time. The first group of cft1st and the
+// (aec_rdft_simd.cpp: SSE2 or NEON, the same bits on both) the stages but the
+// bit reversal are their vector twins, chosen at compile time. The first group of cft1st and the
 // first two of cftmdl take shortcuts for their trivial twiddles
 // (1 and e^(i pi/4)), so plain and vector stages agree to float rounding, not
 // bit for bit, in those groups.
@@ -151,13 +151,25 @@ namespace {
 void cftfsub_128(const RdftStages& stages, float* a) {
   stages.cft1st(a);
   stages.cftmdl(a);
-  for (int j = 0; j < 32; j += 2) StoreUnit(a, j, 32, Load(a, j, 32));
+  stages.cftflast(a);
 }
 
 void cftbsub_128(const RdftStages& stages, float* a) {
-  const int l = 32;
   stages.cft1st(a);
   stages.cftmdl(a);
+  stages.cftblast(a);
+}
+
+}  // namespace
+
+// The forward transform's last complex stage: unit twiddles, points 32 floats apart.
+void cftflast_128_C(float* a) {
+  for (int j = 0; j < 32; j += 2) StoreUnit(a, j, 32, Load(a, j, 32));
+}
+
+// The inverse's, conjugating back.
+void cftblast_128_C(float* a) {
+  const int l = 32;
   for (int j = 0; j < l; j += 2) {
     const int j1 = j + l;
     const int j2 = j1 + l;
@@ -180,8 +192,6 @@ void cftbsub_128(const RdftStages& stages, float* a) {
     a[j3 + 1] = x1i + x3r;
   }
 }
-
-}  // namespace
 
 void rftfsub_128_C(float* a) {
   const float* c = rdft_w.data() + 32;

@@ -7,6 +7,7 @@
 // signal).
 #pragma once
 
+#include "common/cpu_avx2.h"
 #include "common/simd4.h"
 
 namespace vorn {
@@ -25,6 +26,8 @@ void aec_rdft_pack_128(const float spectrum[2][kRdftBins], float* a);
 void bitrv2_128_C(float* a);
 void cft1st_128_C(float* a);
 void cftmdl_128_C(float* a);
+void cftflast_128_C(float* a);
+void cftblast_128_C(float* a);
 void rftfsub_128_C(float* a);
 void rftbsub_128_C(float* a);
 
@@ -32,19 +35,22 @@ void rftbsub_128_C(float* a);
 // Four-lane stages: the same bits on every target that has them.
 void cft1st_128_Simd(float* a);
 void cftmdl_128_Simd(float* a);
+void cftflast_128_Simd(float* a);
+void cftblast_128_Simd(float* a);
 void rftfsub_128_Simd(float* a);
 void rftbsub_128_Simd(float* a);
 #endif
 
-// The four stages a vector unit speeds up; bit reversal and the last complex
-// stage stay plain.
+// The stages a vector unit speeds up (cftflast and cftblast: the forward and
+// inverse transforms' last complex stages); bit reversal stays plain.
 struct RdftStages {
-  RdftStage128 cft1st, cftmdl, rftfsub, rftbsub;
+  RdftStage128 cft1st, cftmdl, rftfsub, rftbsub, cftflast, cftblast;
 };
-inline constexpr RdftStages kRdftPlainStages = {cft1st_128_C, cftmdl_128_C, rftfsub_128_C, rftbsub_128_C};
+inline constexpr RdftStages kRdftPlainStages = {cft1st_128_C,  cftmdl_128_C,   rftfsub_128_C,
+                                                rftbsub_128_C, cftflast_128_C, cftblast_128_C};
 #if defined(VORN_SIMD4)
-inline constexpr RdftStages kRdftSimdStages = {cft1st_128_Simd, cftmdl_128_Simd, rftfsub_128_Simd,
-                                               rftbsub_128_Simd};
+inline constexpr RdftStages kRdftSimdStages = {cft1st_128_Simd,  cftmdl_128_Simd,   rftfsub_128_Simd,
+                                               rftbsub_128_Simd, cftflast_128_Simd, cftblast_128_Simd};
 #endif
 // The stages the canceller runs, fixed when the library is compiled (no
 // writable global chooses them, so instances on other threads share nothing).
@@ -61,6 +67,12 @@ inline constexpr const RdftStages& kRdftStages = kRdftPlainStages;
 // their bits; the canceller batches its per-partition transforms with them.
 void aec_rdft_forward_128_x4(simd::F4* a);
 void aec_rdft_inverse_128_x4(simd::F4* a);
+#endif
+#if defined(VORN_AVX2)
+// Eight at once, for processors with AVX2 only (CpuHasAvx2): the same bits
+// per lane as the four-lane batch.
+void aec_rdft_forward_128_x8(__m256* a);
+void aec_rdft_inverse_128_x8(__m256* a);
 #endif
 
 // The transforms with the compiled-in stages, and with a chosen set (tests and

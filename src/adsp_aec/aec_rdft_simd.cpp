@@ -159,6 +159,50 @@ void rftbsub_128_Simd(float* a) {
   a[65] = -a[65];
 }
 
+// The last complex stages, two butterflies per vector (points j and j + 2).
+// The plain butterfly subtracts in some lanes where it adds in the others;
+// both are formed and each lane keeps its own, so every lane performs the
+// plain operation.
+namespace {
+
+inline simd::M4 EvenLanes() { return simd::Lt(simd::Set(0.0f, 1.0f, 0.0f, 1.0f), simd::Set1(0.5f)); }
+
+}  // namespace
+
+void cftflast_128_Simd(float* a) {
+  const simd::M4 even = EvenLanes();
+  for (int j = 0; j < 32; j += 4) {
+    const F4 a0 = simd::Load(a + j), a1 = simd::Load(a + j + 32);
+    const F4 a2 = simd::Load(a + j + 64), a3 = simd::Load(a + j + 96);
+    const F4 x0 = simd::Add(a0, a1), x1 = simd::Sub(a0, a1);
+    const F4 x2 = simd::Add(a2, a3), x3 = simd::Sub(a2, a3);
+    const F4 x3_swapped = simd::SwapInPairs(x3);  // (x3i, x3r)
+    const F4 x1_minus = simd::Sub(x1, x3_swapped), x1_plus = simd::Add(x1, x3_swapped);
+    simd::Store(a + j, simd::Add(x0, x2));
+    simd::Store(a + j + 64, simd::Sub(x0, x2));
+    simd::Store(a + j + 32, simd::Select(even, x1_minus, x1_plus));  // x1r - x3i, x1i + x3r
+    simd::Store(a + j + 96, simd::Select(even, x1_plus, x1_minus));  // x1r + x3i, x1i - x3r
+  }
+}
+
+void cftblast_128_Simd(float* a) {
+  const simd::M4 even = EvenLanes();
+  for (int j = 0; j < 32; j += 4) {
+    const F4 a0 = simd::NegateOdd(simd::Load(a + j)), a1 = simd::Load(a + j + 32);  // (a[j], -a[j + 1])
+    const F4 a2 = simd::Load(a + j + 64), a3 = simd::Load(a + j + 96);
+    const F4 sum01 = simd::Add(a0, a1), diff01 = simd::Sub(a0, a1);
+    const F4 x0 = simd::Select(even, sum01, diff01);  // a[j] + a[j1], -a[j + 1] - a[j1 + 1]
+    const F4 x1 = simd::Select(even, diff01, sum01);  // a[j] - a[j1], -a[j + 1] + a[j1 + 1]
+    const F4 x2 = simd::Add(a2, a3), x3 = simd::Sub(a2, a3);
+    const F4 sum02 = simd::Add(x0, x2), diff02 = simd::Sub(x0, x2);
+    const F4 x3_swapped = simd::SwapInPairs(x3);
+    simd::Store(a + j, simd::Select(even, sum02, diff02));       // x0r + x2r, x0i - x2i
+    simd::Store(a + j + 64, simd::Select(even, diff02, sum02));  // x0r - x2r, x0i + x2i
+    simd::Store(a + j + 32, simd::Sub(x1, x3_swapped));          // x1r - x3i, x1i - x3r
+    simd::Store(a + j + 96, simd::Add(x1, x3_swapped));          // x1r + x3i, x1i + x3r
+  }
+}
+
 }  // namespace vorn
 
 #endif  // defined(VORN_SIMD4)

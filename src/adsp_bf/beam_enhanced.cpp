@@ -68,6 +68,7 @@ constexpr float kFixedBeamAzimuth = 300.0f;  // beam type 7
 // the last design for the noise's sake.
 constexpr int32_t kRenewTalkerHops = 16;
 constexpr int kRenewHops = 128;
+constexpr int kFarEndQuietHops = 62;        // a second
 constexpr float kRelearnDeg = 30.0f;         // a look direction this far off is another talker
 constexpr float kPi = 3.14159265f;
 
@@ -84,40 +85,14 @@ int LowestMic(uint32_t mask) {
 
 bool IsAdaptive(int bf_flag) { return bf_flag == 3 || bf_flag == 4; }
 
-// Microphone `ref` as microphone 0's position hears the look direction,
-// delayed like the beams.
+// Microphone `ref` (not microphone 0, whose delay BlendTowardsMic0 takes on
+// the fly) as microphone 0's position hears the look direction, delayed like
+// the beams.
 void ReferenceSpectrum(int ref, float azimuth, float x[kBfChannels][kBfFftLen], float* r) {
   const float* xr = x[ref];
-  r[0] = xr[0];
-  r[kHalf] = xr[kHalf];
-  if (ref == 0) {
-    // The quarter-block delay alone: (-j)^k, which repeats every four bins
-    // as 1, -j, -1, j. Real parts run forwards from r[4b], imaginary parts
-    // backwards from r[512 - 4b].
-    r[1] = xr[kBfFftLen - 1];
-    r[kBfFftLen - 1] = -xr[1];
-    r[2] = -xr[2];
-    r[kBfFftLen - 2] = -xr[kBfFftLen - 2];
-    r[3] = -xr[kBfFftLen - 3];
-    r[kBfFftLen - 3] = xr[3];
-    for (int k = 4; k < kHalf; k += 4) {
-      const float* re = xr + k;
-      const float* im = xr + kBfFftLen - k;
-      float* out_re = r + k;
-      float* out_im = r + kBfFftLen - k;
-      out_re[0] = re[0];
-      out_im[0] = im[0];
-      out_re[1] = im[-1];
-      out_im[-1] = -re[1];
-      out_re[2] = -re[2];
-      out_im[-2] = -im[-2];
-      out_re[3] = -im[-3];
-      out_im[-3] = re[3];
-    }
-    return;
-  }
   float phase[kBfNumBins][2];
   AlignmentPhases(ref, 0, azimuth, kBeamDelay, phase);
+  r[0] = xr[0];
   r[kHalf] = xr[kHalf] * phase[kHalf][0];
   for (int k = 1; k < kHalf; ++k) {
     const float re = xr[k], im = xr[kBfFftLen - k];
@@ -240,24 +215,49 @@ void BeamSpectrum(EnhancedBeamState* st, const BeamSlot& slot, bool adaptive, bo
   }
 }
 
-// The beam spectrum blended towards the reference, as 256 samples in y[kHalf..].
-void BlendToTime(const float share[kBlendBands], const float* reference, float* y) {
-  Blend(share, reference, y);
+// The beam spectrum blended towards the reference, as 256 samples in
+// y[kHalf..]: microphone 0 itself when it works, otherwise `moved`.
+void BlendToTime(const float share[kBlendBands], int ref, const float* x0, const float* moved, float* y) {
+  if (ref != 0) {
+    Blend(share, moved, y);
+  } else {
+#if defined(VORN_SIMD4)
+    BlendTowardsMic0Simd4(share, x0, y);
+#else
+    BlendTowardsMic0Plain(share, x0, y);
+#endif
+  }
   ifft_rel(y, kBfFftLen, kBfFftOrder);
 }
 
 // The MVDR beam without the adaptive canceller learns from the room while
 // all three microphones work; anything else starts the learning afresh.
-// Nor does it learn in front of the echo canceller: every redesign would
-// change the echo path the canceller has converged on.
-bool Learns(const BeamDesign& wanted, bool adaptive, bool echo_follows) {
-  return wanted.kind == kBeamMvdr && !adaptive && !echo_follows && wanted.live_mask == kAllMics;
+// In front of the echo canceller it learns only while the loudspeaker has
+// been silent for a second: while it plays, the echo would be learned as
+// part of the room, and every redesign would change the echo path the
+// canceller is converging on. It then holds what it learned and the beam in
+// use. When the far end comes back after a redesign the canceller meets the
+// new path once, as it meets any change of the room.
+enum class Learning { kOff, kHeld, kOn };
+
+Learning LearningFor(const BeamDesign& wanted, bool adaptive, bool echo_in_play) {
+  if (wanted.kind != kBeamMvdr || adaptive || wanted.live_mask != kAllMics) return Learning::kOff;
+  return echo_in_play ? Learning::kHeld : Learning::kOn;
 }
 
-void LearnHop(EnhancedBeamState* st, const BeamDesign& wanted, bool learns, float spectrum[kBfChannels][kBfFftLen],
-              float presence) {
+// Whether the echo canceller behind the beam has an echo to follow: the
+// loudspeaker played within the last second, as long as a room's echo lingers.
+bool EchoInPlay(EnhancedBeamState* st, const BeamRequest& rq) {
+  if (rq.far_end_audible != 0) st->far_end_quiet_hops = 0;
+  else if (st->far_end_quiet_hops < kFarEndQuietHops) ++st->far_end_quiet_hops;
+  return rq.echo_follows != 0 && st->far_end_quiet_hops < kFarEndQuietHops;
+}
+
+void LearnHop(EnhancedBeamState* st, const BeamDesign& wanted, Learning learning,
+              float spectrum[kBfChannels][kBfFftLen], float presence) {
   LearnedBeam* lb = &st->learned;
-  if (!learns) {
+  if (learning == Learning::kHeld) return;
+  if (learning == Learning::kOff) {
     if (lb->noise_hops != 0 || lb->noisy_hops != 0) LearnedBeamReset(lb);
     return;
   }
@@ -284,6 +284,7 @@ void EnhancedBeamInit(EnhancedBeamState* st) {
   st->active = -1;
   st->sector = -1;
   st->sector_candidate = -1;
+  st->far_end_quiet_hops = kFarEndQuietHops;
   GscEnhancedInit(&st->gsc);
   MicHealthInit(&st->health);
 }
@@ -302,9 +303,9 @@ void EnhancedBeamProc(EnhancedBeamState* st, const BeamRequest& rq, const float*
   const BeamDesign wanted = WantedDesign(st, rq, live, spectrum, &following);
   st->frames_since_steer = st->frames_since_steer < kMinSteerFrames ? st->frames_since_steer + 1 : kMinSteerFrames;
   const bool adaptive = IsAdaptive(rq.bf_flag);
-  const bool learns = Learns(wanted, adaptive, rq.echo_follows != 0);
-  LearnHop(st, wanted, learns, spectrum, rq.talker_presence);
-  const bool learned = learns && LearnedBeamReady(&st->learned);
+  const Learning learning = LearningFor(wanted, adaptive, EchoInPlay(st, rq));
+  LearnHop(st, wanted, learning, spectrum, rq.talker_presence);
+  const bool learned = learning == Learning::kOn && LearnedBeamReady(&st->learned);
   st->hops_since_learned = st->hops_since_learned < kRenewHops ? st->hops_since_learned + 1 : kRenewHops;
   const bool renew =
       learned && (st->learned.fresh_talker >= kRenewTalkerHops || st->hops_since_learned >= kRenewHops);
@@ -332,8 +333,14 @@ void EnhancedBeamProc(EnhancedBeamState* st, const BeamRequest& rq, const float*
   }
   const BeamSlot& slot = st->slot[st->active];
 
-  float reference[kBfFftLen];
-  ReferenceSpectrum(ref, slot.design.azimuth_deg, spectrum, reference);
+  // The reference's band powers are microphone 0's own: its delay only turns
+  // phases. Another microphone is moved to microphone 0's position first.
+  float moved[kBfFftLen];
+  const float* reference = spectrum[ref];
+  if (ref != 0) {
+    ReferenceSpectrum(ref, slot.design.azimuth_deg, spectrum, moved);
+    reference = moved;
+  }
   const bool talker = rq.talker_presence >= kTalkerPresent;
   // The canceller learns only while the talker is silent, and not while the
   // beam changes under it.
@@ -341,7 +348,7 @@ void EnhancedBeamProc(EnhancedBeamState* st, const BeamRequest& rq, const float*
   float y[kBfFftLen];
   BeamSpectrum(st, slot, adaptive, may_adapt, spectrum, y);
   TalkerShareUpdate(&st->share, reference, y, talker);
-  BlendToTime(st->share.share, reference, y);
+  BlendToTime(st->share.share, ref, spectrum[0], moved, y);
   if (faded_from < 0) {
     RoundToPcm(y + kHalf, out, kBfHop);
     return;
@@ -350,7 +357,7 @@ void EnhancedBeamProc(EnhancedBeamState* st, const BeamRequest& rq, const float*
   // one fades in.
   float old[kBfFftLen];
   BeamSpectrum(st, st->slot[faded_from], adaptive, false, spectrum, old);
-  BlendToTime(st->share.share, reference, old);
+  BlendToTime(st->share.share, ref, spectrum[0], moved, old);
   for (int n = 0; n < kBfHop; ++n) {
     const float fade_in = 0.5f - 0.5f * std::cos(kPi * (static_cast<float>(n) + 0.5f) / kBfHop);
     y[kHalf + n] = old[kHalf + n] + fade_in * (y[kHalf + n] - old[kHalf + n]);

@@ -51,6 +51,7 @@ struct EnhancedBeamState {
   int32_t sector_candidate;  // ... and the one that has been loudest lately
   int32_t sector_votes;
   int32_t hops_since_learned;  // hops since the learned beam was last designed, up to two seconds
+  int32_t far_end_quiet_hops;  // hops since the loudspeaker was last heard, up to a second
   TalkerShare share;
   LearnedBeam learned;
   GscState gsc;
@@ -65,7 +66,8 @@ struct BeamRequest {
   float talker_presence;    // 0..1, the previous frame's near-talker presence
   float tracked_azimuth;    // degrees, the tracker's last direction ...
   float tracked_confidence; // ... and how sure it is (0..1)
-  int32_t echo_follows;     // 1: the echo canceller works on the beam's output
+  int32_t echo_follows;     // 1: the echo canceller works on the beam's output ...
+  int32_t far_end_audible;  // ... and 1: the loudspeaker plays in this frame
 };
 
 // The tracker's direction is followed once it is at least this sure of it.

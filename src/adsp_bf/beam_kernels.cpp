@@ -52,7 +52,39 @@ void ApplyEdges(const BeamWeights& weights, float x[kBfChannels][kBfFftLen], flo
   }
 }
 
+// Bin k of microphone 0 delayed by a quarter block: (re, im) times (-j)^k.
+void DelayedBin(const float* x0, int k, float* re, float* im) {
+  const float x_re = x0[k], x_im = x0[kBfFftLen - k];
+  switch (k & 3) {
+    case 0: *re = x_re; *im = x_im; break;
+    case 1: *re = x_im; *im = -x_re; break;
+    case 2: *re = -x_re; *im = -x_im; break;
+    default: *re = -x_im; *im = x_re; break;
+  }
+}
+
+void BlendBins(float s, const float* x0, float* y, int first, int last) {
+  for (int k = first; k < last; ++k) {
+    float r_re, r_im;
+    DelayedBin(x0, k, &r_re, &r_im);
+    y[k] += s * (r_re - y[k]);
+    y[kBfFftLen - k] += s * (r_im - y[kBfFftLen - k]);
+  }
+}
+
+// DC with band 0 (its delay factor is 1), Nyquist alone ((-j)^256 = 1).
+void BlendEdges(const float share[kBlendBands], const float* x0, float* y) {
+  y[0] += share[0] * (x0[0] - y[0]);
+  y[kHalf] += share[kBlendBands - 1] * (x0[kHalf] - y[kHalf]);
+}
+
 }  // namespace
+
+void BlendTowardsMic0Plain(const float share[kBlendBands], const float* x0, float* y) {
+  BlendEdges(share, x0, y);
+  BlendBins(share[0], x0, y, 1, kBlendBandBins);
+  for (int b = 1; b + 1 < kBlendBands; ++b) BlendBins(share[b], x0, y, kBlendBandBins * b, kBlendBandBins * (b + 1));
+}
 
 void ApplyBeamPlain(const BeamWeights& weights, float x[kBfChannels][kBfFftLen], float* y) {
   ApplyBins(weights, x, y, 1, kHalf);
@@ -109,6 +141,28 @@ void BandPowersSimd4(const float* spectrum, float power[kBlendBands]) {
   }
   for (int b = kVectorEnd; b + 1 < kBlendBands; ++b) power[b] = BandPower(spectrum, b);
   power[kBlendBands - 1] = spectrum[kHalf] * spectrum[kHalf];
+}
+
+// One band of four bins per step; band b starts at bin 4b, so its lanes
+// take the delay factors 1, -j, -1, j in that order.
+void BlendTowardsMic0Simd4(const float share[kBlendBands], const float* x0, float* y) {
+  using namespace simd;
+  BlendEdges(share, x0, y);
+  BlendBins(share[0], x0, y, 1, kBlendBandBins);
+  const M4 odd = Gt(Set(0.0f, 1.0f, 0.0f, 1.0f), Set1(0.5f));
+  const F4 re_sign = Set(1.0f, 1.0f, -1.0f, -1.0f), im_sign = Set(1.0f, -1.0f, -1.0f, 1.0f);
+  for (int b = 1; b + 1 < kBlendBands; ++b) {
+    const int k = kBlendBandBins * b;
+    const F4 s = Set1(share[b]);
+    const F4 x_re = Load(x0 + k);
+    const F4 x_im = Reverse(Load(x0 + kBfFftLen - k - 3));
+    const F4 r_re = Mul(Select(odd, x_im, x_re), re_sign);
+    const F4 r_im = Mul(Select(odd, x_re, x_im), im_sign);
+    const F4 y_re = Load(y + k);
+    const F4 y_im = Reverse(Load(y + kBfFftLen - k - 3));
+    Store(y + k, Add(y_re, Mul(s, Sub(r_re, y_re))));
+    Store(y + kBfFftLen - k - 3, Reverse(Add(y_im, Mul(s, Sub(r_im, y_im)))));
+  }
 }
 
 #endif

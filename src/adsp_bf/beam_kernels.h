@@ -22,4 +22,11 @@ void ApplyBeamSimd4(const BeamWeights& weights, float x[kBfChannels][kBfFftLen],
 void BandPowersPlain(const float* spectrum, float power[kBlendBands]);
 void BandPowersSimd4(const float* spectrum, float power[kBlendBands]);
 
+// y += share * (r - y) band by band, r microphone 0's spectrum x0 delayed by
+// kBeamDelay: the beam blended towards microphone 0 where the talker
+// dominates. The delay is (-j)^k, a swap of parts and a sign per bin, so it
+// is taken on the fly rather than as a spectrum of its own.
+void BlendTowardsMic0Plain(const float share[kBlendBands], const float* x0, float* y);
+void BlendTowardsMic0Simd4(const float share[kBlendBands], const float* x0, float* y);
+
 }  // namespace vorn

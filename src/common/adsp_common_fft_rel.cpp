@@ -41,6 +41,7 @@
 
 #include "common/adsp_common_rom.h"
 #include "common/constexpr_trig.h"
+#include "common/cpu_avx2.h"
 #include "common/simd4.h"
 
 namespace vorn {
@@ -200,6 +201,54 @@ inline void ForwardButterflies4(float *x, int i, int j, int quarter) {
 }
 #endif
 
+#if defined(VORN_AVX2)
+// Eight lanes, for the stages' blocks on processors with AVX2: lane l of a
+// block is butterfly j + l, as in the four-lane blocks, so two neighbouring
+// four-lane blocks become one with the same per-lane operations.
+VORN_TARGET_AVX2 inline __m256 LoadReversed8(const float *p) {
+  return _mm256_permutevar8x32_ps(_mm256_loadu_ps(p - 7), _mm256_setr_epi32(7, 6, 5, 4, 3, 2, 1, 0));
+}
+
+VORN_TARGET_AVX2 inline void StoreReversed8(float *p, __m256 v) {
+  _mm256_storeu_ps(p - 7, _mm256_permutevar8x32_ps(v, _mm256_setr_epi32(7, 6, 5, 4, 3, 2, 1, 0)));
+}
+
+VORN_TARGET_AVX2 inline void ForwardButterflies8(float *x, int i, int j, int quarter) {
+  const int half = 2 * quarter;
+  const int group = 2 * half;
+  const __m256 cc = _mm256_loadu_ps(&kForwardCos[static_cast<std::size_t>(quarter + j)]);
+  const __m256 ss = _mm256_loadu_ps(&kForwardSin[static_cast<std::size_t>(quarter + j)]);
+  const __m256 two = _mm256_set1_ps(2.0f);
+  float *p1 = x + i + j;
+  float *p2 = x + i - j + half;
+  float *p3 = p1 + half;
+  float *p4 = x + i - j + group;
+  const __m256 x3 = _mm256_loadu_ps(p3);
+  const __m256 x4 = LoadReversed8(p4);
+  const __m256 t1 = _mm256_add_ps(_mm256_mul_ps(x3, cc), _mm256_mul_ps(x4, ss));
+  const __m256 t2 = _mm256_sub_ps(_mm256_mul_ps(x3, ss), _mm256_mul_ps(x4, cc));
+  const __m256 a2 = LoadReversed8(p2);
+  const __m256 a1 = _mm256_loadu_ps(p1);
+  const __m256 new4 = _mm256_sub_ps(a2, t2);
+  const __m256 new3 = _mm256_sub_ps(new4, _mm256_mul_ps(two, a2));
+  const __m256 new2 = _mm256_sub_ps(a1, t1);
+  const __m256 new1 = _mm256_sub_ps(_mm256_mul_ps(two, a1), new2);
+  StoreReversed8(p4, new4);
+  _mm256_storeu_ps(p3, new3);
+  StoreReversed8(p2, new2);
+  _mm256_storeu_ps(p1, new1);
+}
+
+// The blocks from butterfly 4 on of every group of a stage: 4..7 in four
+// lanes, the rest eight at a time (quarter - 8 is a multiple of 8).
+VORN_TARGET_AVX2 void ForwardStageBlocksAvx2(float *x, int n, int quarter) {
+  for (int i = 0; i < n; i += 4 * quarter) {
+    ForwardButterflies4(x, i, 4, quarter);
+    for (int j = 8; j < quarter; j += 8) ForwardButterflies8(x, i, j, quarter);
+  }
+}
+#endif
+
 #if defined(VORN_SIMD4)
 // The length-4 pass and the stages of 8 and 16 points stay inside blocks of
 // 16 floats. Four neighbouring blocks, turned so that vector p holds float p
@@ -260,8 +309,9 @@ void ForwardFirstStagesSimd(const float *scratch, float *x, int n) {
 }
 #endif
 
+// wide: the stages' blocks run eight lanes at a time (AVX2; the same bits).
 template <bool kVector>
-void ForwardTransform(float *x, int n, int m) {
+void ForwardTransform(float *x, int n, int m, bool wide = false) {
   int half = 2;
   int first_stage = 3;
 #if defined(VORN_SIMD4)
@@ -313,6 +363,7 @@ void ForwardTransform(float *x, int n, int m) {
       x[i + half + quarter] = -x[i + half + quarter];
 #if defined(VORN_SIMD4)
       if (kVector && quarter >= kVectorMinTwiddles) {
+        if (wide) continue;  // the whole stage's blocks below
         // Blocks of four from butterfly 4 on: quarter - 4 is a multiple of 4.
         for (int j = 4; j < quarter; j += 4) ForwardButterflies4(x, i, j, quarter);
         continue;
@@ -326,6 +377,9 @@ void ForwardTransform(float *x, int n, int m) {
     // stored: their block reads butterfly 4's values back, and a load
     // straddling a store still in flight waits for it.
     if (kVector && quarter >= kVectorMinTwiddles) {
+#if defined(VORN_AVX2)
+      if (wide) ForwardStageBlocksAvx2(x, n, quarter);
+#endif
       for (int i = 0; i < n; i += group) ForwardButterflies4<true>(x, i, 1, quarter);
     }
 #endif
@@ -442,6 +496,77 @@ inline void InverseButterflies4(float *x, int i, int j, int n4) {
   StoreReversed(p6, y[5]);
   StoreReversed(p7, y[6]);
   StoreReversed(p8, y[7]);
+}
+#endif
+
+// The blocks from butterfly 4 on of every group of one size (the plain walk
+// over its groups).
+void InverseSizeBlocks4(float *x, int n, int group) {
+  const int n4 = group >> 2;
+  const int n8 = n4 >> 1;
+  int start = 0;
+  int stride = 2 * group;
+  do {
+    for (int i = start; i < n; i += stride) {
+      for (int j = 4; j < n8; j += 4) InverseButterflies4(x, i, j, n4);
+    }
+    start = 2 * stride - group;
+    stride = 4 * stride;
+  } while (start < n - 1);
+}
+
+#if defined(VORN_AVX2)
+VORN_TARGET_AVX2 inline void InverseButterflies8(float *x, int i, int j, int n4) {
+  const std::size_t at = static_cast<std::size_t>(n4 / 2 + j);
+  const __m256 cc1 = _mm256_loadu_ps(&kInverseCos1[at]), ss1 = _mm256_loadu_ps(&kInverseSin1[at]);
+  const __m256 cc3 = _mm256_loadu_ps(&kInverseCos3[at]), ss3 = _mm256_loadu_ps(&kInverseSin3[at]);
+  float *p1 = x + i + j;
+  float *p2 = p1 + n4;
+  float *p3 = p2 + n4;
+  float *p4 = p3 + n4;
+  float *p5 = x + i + n4 - j;
+  float *p6 = p5 + n4;
+  float *p7 = p6 + n4;
+  float *p8 = p7 + n4;
+  const __m256 x1 = _mm256_loadu_ps(p1), x2 = _mm256_loadu_ps(p2), x3 = _mm256_loadu_ps(p3),
+               x4 = _mm256_loadu_ps(p4);
+  const __m256 x5 = LoadReversed8(p5), x6 = LoadReversed8(p6), x7 = LoadReversed8(p7), x8 = LoadReversed8(p8);
+  __m256 t1 = _mm256_sub_ps(x1, x6);
+  const __m256 y0 = _mm256_add_ps(x1, x6);
+  __m256 t2 = _mm256_sub_ps(x5, x2);
+  const __m256 y4 = _mm256_add_ps(x2, x5);
+  const __m256 t3 = _mm256_add_ps(x8, x3);
+  const __m256 y5 = _mm256_sub_ps(x8, x3);
+  __m256 t4 = _mm256_add_ps(x4, x7);
+  const __m256 y1 = _mm256_sub_ps(x4, x7);
+  const __m256 t5 = _mm256_sub_ps(t1, t4);
+  t1 = _mm256_add_ps(t1, t4);
+  t4 = _mm256_sub_ps(t2, t3);
+  t2 = _mm256_add_ps(t2, t3);
+  _mm256_storeu_ps(p1, y0);
+  _mm256_storeu_ps(p2, y1);
+  _mm256_storeu_ps(p3, _mm256_add_ps(_mm256_mul_ps(t5, cc1), _mm256_mul_ps(t4, ss1)));
+  _mm256_storeu_ps(p4, _mm256_sub_ps(_mm256_mul_ps(t1, cc3), _mm256_mul_ps(t2, ss3)));
+  StoreReversed8(p5, y4);
+  StoreReversed8(p6, y5);
+  StoreReversed8(p7, _mm256_sub_ps(_mm256_mul_ps(t5, ss1), _mm256_mul_ps(t4, cc1)));
+  StoreReversed8(p8, _mm256_add_ps(_mm256_mul_ps(t2, cc3), _mm256_mul_ps(t1, ss3)));
+}
+
+// The same, 4..7 in four lanes and the rest eight at a time.
+VORN_TARGET_AVX2 void InverseSizeBlocksAvx2(float *x, int n, int group) {
+  const int n4 = group >> 2;
+  const int n8 = n4 >> 1;
+  int start = 0;
+  int stride = 2 * group;
+  do {
+    for (int i = start; i < n; i += stride) {
+      InverseButterflies4(x, i, 4, n4);
+      for (int j = 8; j < n8; j += 8) InverseButterflies8(x, i, j, n4);
+    }
+    start = 2 * stride - group;
+    stride = 4 * stride;
+  } while (start < n - 1);
 }
 #endif
 
@@ -617,7 +742,7 @@ void InverseTailColumns(float *x, int n) {
 #endif
 
 template <bool kVector>
-void InverseTransform(float *x, int n, int m) {
+void InverseTransform(float *x, int n, int m, [[maybe_unused]] bool wide = false) {
   // L-shaped butterflies, group length G = n down to 4.
 #if defined(VORN_SIMD4)
   // The vector transform hands the groups below 64 to the column blocks.
@@ -665,15 +790,12 @@ void InverseTransform(float *x, int n, int m) {
 #if defined(VORN_SIMD4)
     if (kVector && n8 >= kVectorMinTwiddles) {
       // Group by group: blocks of four from butterfly 4 on.
-      start = 0;
-      stride = 2 * group;
-      do {
-        for (int i = start; i < n; i += stride) {
-          for (int j = 4; j < n8; j += 4) InverseButterflies4(x, i, j, n4);
-        }
-        start = 2 * stride - group;
-        stride = 4 * stride;
-      } while (start < n - 1);
+#if defined(VORN_AVX2)
+      if (wide)
+        InverseSizeBlocksAvx2(x, n, group);
+      else
+#endif
+        InverseSizeBlocks4(x, n, group);
       // Butterflies 1..3 last, as in the forward stages.
       start = 0;
       stride = 2 * group;
@@ -747,7 +869,20 @@ void IfftRelSimd(float *x, int n, int m) {
 }
 #endif
 
+#if defined(VORN_AVX2)
+void FftRelAvx2(float *x, int n, int m) {
+  if (IsSupportedSize(x, n, m)) ForwardTransform<true>(x, n, m, true);
+}
+
+void IfftRelAvx2(float *x, int n, int m) {
+  if (IsSupportedSize(x, n, m)) InverseTransform<true>(x, n, m, true);
+}
+#endif
+
 void fft_rel(float *x, const short n, const short m) {
+#if defined(VORN_AVX2)
+  if (CpuHasAvx2()) return FftRelAvx2(x, n, m);
+#endif
 #if defined(VORN_SIMD4)
   FftRelSimd(x, n, m);
 #else
@@ -756,6 +891,9 @@ void fft_rel(float *x, const short n, const short m) {
 }
 
 void ifft_rel(float *io, const short n, const short m) {
+#if defined(VORN_AVX2)
+  if (CpuHasAvx2()) return IfftRelAvx2(io, n, m);
+#endif
 #if defined(VORN_SIMD4)
   IfftRelSimd(io, n, m);
 #else

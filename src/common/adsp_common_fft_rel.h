@@ -6,6 +6,7 @@
 // Bins 0 and n/2 are real.
 #pragma once
 
+#include "common/cpu_avx2.h"
 #include "common/simd4.h"
 
 namespace vorn {
@@ -25,6 +26,12 @@ void IfftRelPlain(float *x, int n, int m);
 #if defined(VORN_SIMD4)
 void FftRelSimd(float *x, int n, int m);
 void IfftRelSimd(float *x, int n, int m);
+#endif
+#if defined(VORN_AVX2)
+// With the larger stages' butterflies eight at a time; processors with AVX2
+// only (CpuHasAvx2), which fft_rel and ifft_rel then take.
+void FftRelAvx2(float *x, int n, int m);
+void IfftRelAvx2(float *x, int n, int m);
 #endif
 
 }  // namespace vorn

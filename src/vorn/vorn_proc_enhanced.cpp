@@ -29,6 +29,16 @@
 namespace vorn {
 namespace {
 
+// A reference at or below -60 dBFS (RMS) is silence, not a far end the room
+// could echo.
+bool ReferenceLoud(const short* aec_ref) {
+  if (aec_ref == nullptr) return false;
+  constexpr double kSilentRms = 32.0;
+  double energy = 0.0;
+  for (int i = 0; i < kFrameLen; ++i) energy += static_cast<double>(aec_ref[i]) * aec_ref[i];
+  return energy > kSilentRms * kSilentRms * kFrameLen;
+}
+
 int32_t BeamStage(const T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
   // The classic frame reports the beamformer's code only through later
   // stages' results; so does this one. The direction stage tracks the
@@ -41,7 +51,7 @@ int32_t BeamStage(const T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
   const TVornEnhancedState* enhanced = EnhancedStateOf(st);
   const BeamRequest request{pm->bf_flag, pm->bf_azimuth, pm->doa_flag, enhanced->last_presence.frame_prob,
                             enhanced->last_direction.azimuth_deg, enhanced->last_direction.confidence,
-                            pm->aec_flag != 0 ? 1 : 0};
+                            pm->aec_flag != 0 ? 1 : 0, ReferenceLoud(fr.aec_ref) ? 1 : 0};
   const auto* analysis = static_cast<const T_AudioDspState*>(st->bf_pm.p_data);
   const float* const latest[kBfChannels] = {analysis->au[0] + kBfHop, analysis->au[1] + kBfHop,
                                             analysis->au[2] + kBfHop};
@@ -150,14 +160,8 @@ void LevelStage(const T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
   LevelProc(&EnhancedStateOf(st)->modules.level, cues, fr.clean, fr.out);
 }
 
-// A reference at or below -60 dBFS (RMS) is silence, not a far end the room
-// could echo.
 bool ReferenceAudible(const EnhancedFrame& fr) {
-  if (!fr.echo.reference_active || fr.aec_ref == nullptr) return false;
-  constexpr double kSilentRms = 32.0;
-  double energy = 0.0;
-  for (int i = 0; i < kFrameLen; ++i) energy += static_cast<double>(fr.aec_ref[i]) * fr.aec_ref[i];
-  return energy > kSilentRms * kSilentRms * kFrameLen;
+  return fr.echo.reference_active && ReferenceLoud(fr.aec_ref);
 }
 
 int AzimuthDegrees(float azimuth_deg) { return static_cast<int>(std::lround(azimuth_deg)) % 360; }
