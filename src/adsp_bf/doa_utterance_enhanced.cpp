@@ -37,9 +37,9 @@ constexpr float kHopSnrLow = 2.0f, kHopSnrHigh = 8.0f;
 // noise's cross-spectrum is learnt. Its part in a counted bin is removed
 // kNoiseRemoved times over: the noise's share of a counted bin's power
 // (noise over power) understates it, the bin having been counted because
-// it stood high.
+// it stood high, and the more so the steeper the rise a counted bin needs.
 constexpr float kNoiseLike = 2.0f;
-constexpr float kNoiseRemoved = 2.0f;
+constexpr float kNoiseRemoved = 3.0f;
 
 // The unwindowed spectra of hop h's 512-sample frame, microphone rows in order.
 void FrameBand(const short* inp, const short order[kBfChannels], int hop, GccBand* band) {
