@@ -152,12 +152,15 @@ TEST(AecEnhanced, KeepsTheNearTalkerInDoubleTalk) {
 
   // The suppressor after the canceller must not take back what the canceller
   // let through of the talker: the presence it follows discounts all the
-  // echo the reference predicts, the talker's bins with it.
+  // echo the reference predicts, the talker's bins with it. (Taking the
+  // talker back only where the canceller hears it in half the blocks loses
+  // 2.7 dB here; also in the bands it let through nearly free of residue,
+  // 1.8 dB.)
   const ChainRun run = RunChain(mic, sim::ToPcm(far), kSuppressed, VORN_PROFILE_ENHANCED);
   const sim::Signal y = sim::ToSignal(run.out);
   const sim::Signal aligned = sim::Advance(y, sim::FindLatency(near.samples, y, 1024));
   const sim::Signal part(aligned.begin() + static_cast<long>(Samples(6.0)), aligned.end());
-  EXPECT_GE(sim::SiSdrDb(part, talker), si_sdr[1] - 3.0);
+  EXPECT_GE(sim::SiSdrDb(part, talker), si_sdr[1] - 2.2);
   EXPECT_GE(AttenuationDb(mic, run.out, 3.0, 6.0), 35.0);
 }
 
@@ -197,13 +200,40 @@ TEST(AecEnhanced, EchoAloneIsNotSpeech) {
     for (std::size_t f = 2 * fps; f < 8 * fps; ++f) activity_playing += run.far_activity[f];
     EXPECT_GT(activity_playing / (6.0 * fps), 0.5);
     EXPECT_EQ(run.far_activity[10 * fps], 0.0f);
-    // The path's gain sets the loss: reference over echo power. (With the
-    // long lead the reported loss still reads low; not pinned here.)
-    if (lead_ms > 100.0) continue;
+    // The path's gain sets the loss: reference over echo power, whatever
+    // the lead.
     const double true_erl = 10.0 * std::log10(MeanSquare(far, Samples(2.0), Samples(8.0)) /
                                               MeanSquare(echo, Samples(2.0), Samples(8.0)));
-    EXPECT_NEAR(run.erl_db[8 * fps - 1], true_erl, 3.0);
+    for (std::size_t f = settled; f < 8 * fps; f += fps) EXPECT_NEAR(run.erl_db[f], true_erl, 1.0) << f;
   }
+}
+
+// Echo under the room's noise is no reason to doubt a talker the presence
+// hears: in double talk with an echo that keeps sinking under the noise the
+// flag follows the talker (vetoing it wherever echo was heard lately misses
+// a fifth of the talker's frames), and with the far end alone it stays down.
+TEST(AecEnhanced, EchoUnderTheNoiseDoesNotHideTheTalker) {
+  const double seconds = 12.0;
+  // The echo (500 RMS) stands 4 dB over the noise on average and sinks
+  // under it between the far end's syllables; the talker is no louder than
+  // the noise.
+  const sim::Signal far = FarSpeech(seconds, 1000.0);
+  const sim::Signal echo = EchoOf(far, 40.0, 0.5);
+  const sim::SpeechLike near = sim::MakeSpeechLike(Samples(seconds), 23, {.rms = 300.0, .lead_silence_s = 6.0});
+  const sim::Signal mic = sim::Mix(sim::Mix(echo, near.samples), sim::WhiteNoise(echo.size(), 300.0, 3));
+  const ChainRun run = RunChain(mic, sim::ToPcm(far), kWakeUp, VORN_PROFILE_ENHANCED);
+
+  const std::size_t fps = kRate / kFrame;
+  std::size_t echo_flags = 0, talker_flags = 0, talker_frames = 0;
+  for (std::size_t f = 2 * fps; f < 6 * fps; ++f) echo_flags += run.flags[f];
+  const std::vector<std::uint8_t> labels = sim::FrameLabels(near.active);
+  for (std::size_t f = 6 * fps; f + 2 < run.flags.size(); ++f)
+    if (labels[f]) {
+      ++talker_frames;
+      talker_flags += run.flags[f] || run.flags[f + 1] || run.flags[f + 2];
+    }
+  EXPECT_LT(static_cast<double>(echo_flags), 0.05 * static_cast<double>(4 * fps));
+  EXPECT_GT(static_cast<double>(talker_flags), 0.9 * static_cast<double>(talker_frames));
 }
 
 // The communication chain's post filter judges talker against noise by the

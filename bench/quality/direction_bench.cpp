@@ -480,7 +480,13 @@ int RunDirectionBench(const std::filesystem::path& out_dir, const std::string& m
       answers.keyword_deg = got.stretch_deg[1];
       results[BaselineName(b)][cell.name] = ScoreAnswers(cell, r, answers);
     }
-    std::fprintf(stderr, "scored %s\n", cell.name.c_str());
+    // Per scene, for a quick look while developing: the enhanced answers'
+    // errors and the per-frame share within 10 degrees.
+    const Score& e = results[kEnhanced][cell.name];
+    const Figure track = Summarise(e.speech_errors);
+    std::fprintf(stderr, "scored %s: enhanced 10 s %.1f, 0.5 s %.1f, pooled %.1f, track %.0f %%%s\n", cell.name.c_str(),
+                 e.sentence_error, e.keyword_error, e.pooled_error, 100.0 * track.within,
+                 cell.walk_deg != 0.0 ? (", catch-up " + Fixed(e.catch_up_s, 2) + " s").c_str() : "");
   }
   const std::string md = Markdown(results, cells);
   std::FILE* file = std::fopen((out_dir / "direction.md").c_str(), "w");

@@ -85,7 +85,11 @@ struct AecEnhancedBlock {
   float near_power;      // canceller input
   float echo_power;      // the filters' echo estimate
   float residual_power;  // residual echo left in the output after suppression, as estimated
+  float error_residual_power;  // residual echo in the error before suppression, as estimated
   float output_power;
+  float floor_power;     // the error's noise floor, as the residual suppressor tracks it
+  float residual_bins[kAecBins];  // residual echo left per bin after suppression, as estimated
+  float passed_bins[kAecBins];    // the error's power let through per bin (comfort noise aside), the same scale
   int far_active;        // the reference carries signal above its floor
   int echo_present;      // echo reaches the microphone above the noise floor
   int near_active;       // a near-end talker in the error beside the echo

@@ -372,7 +372,7 @@ void AecResidualProcess(AecResidualState* res, const AecCore* core, int echo_par
 
   // Gains (Wiener, decision-directed), comfort noise, synthesis.
   Spectrum o;
-  float out_sum = 0.0f, left_sum = 0.0f, residual_sum = 0.0f;
+  float out_sum = 0.0f, left_sum = 0.0f, residual_sum = 0.0f, floor_sum = 0.0f;
   int16_t random[kAecBins];
   AdspSpl_RandUArray(random, kAecBins, &res->seed);
   const float over = near_active ? kOverEstimateNear : kOverEstimate;
@@ -389,7 +389,10 @@ void AecResidualProcess(AecResidualState* res, const AecCore* core, int echo_par
     }
     res->gain[k] = gain;
     residual_sum += v.residual[k];
-    left_sum += gain * gain * v.residual[k];
+    floor_sum += v.noise[k];
+    report->residual_bins[k] = gain * gain * v.residual[k];
+    report->passed_bins[k] = gain * gain * v.pe[k];
+    left_sum += report->residual_bins[k];
     const float fill = std::sqrt(std::max(1.0f - gain * gain, 0.0f) * v.noise[k]);
     const int phase = random[k] >> kPhaseShift;
     o[0][k] = gain * v.e[0][k] + fill * kPhase.cos[phase];
@@ -403,7 +406,9 @@ void AecResidualProcess(AecResidualState* res, const AecCore* core, int echo_par
   report->near_power = v.near_sum * kSpectrumToMeanSquare;
   report->echo_power = v.echo_sum * kSpectrumToMeanSquare;
   report->residual_power = left_sum * kSpectrumToMeanSquare;
+  report->error_residual_power = residual_sum * kSpectrumToMeanSquare;
   report->output_power = out_sum * kSpectrumToMeanSquare;
+  report->floor_power = floor_sum * kSpectrumToMeanSquare;
   report->far_active = v.far_active ? 1 : 0;
   report->echo_present = v.far_active && v.echo_sum + residual_sum > 2.0f * v.noise_band ? 1 : 0;
   report->near_active = near_active ? 1 : 0;

@@ -75,11 +75,12 @@ constexpr float kNoiseClimb = 1.01f;   // 2.7 dB/s while a bin stays loud
 constexpr int kNoiseStartHops = 10;    // a plain mean over the first hops
 // Evidence: a bin counts once its smoothed power is above kNoiseMargin
 // times the noise (9 dB: a noise bin gets there about once in a thousand
-// hops) and, in a stretch, its power at least kOnsetRise times its recent
-// level (the tracker chooses its own rise).
+// hops) and, in a stretch, the sound it holds above the noise at least
+// kOnsetRise times what its recent level held above it (the tracker
+// chooses its own rise, on the whole power).
 constexpr float kNoiseMargin = 8.0f;
 constexpr float kPooledNoiseMargin = 4.0f;
-constexpr float kOnsetRise = 2.0f;
+constexpr float kOnsetRise = 4.0f;
 // Pooled bin weight past which the amount of evidence no longer limits the
 // confidence (a few syllable onsets' worth).
 constexpr float kConfidentWeight = 20.0f;
@@ -122,10 +123,12 @@ void GccFollowNoise(const float power[kGccBins], int learnt, GccNoise* noise) {
 
 namespace {
 
-// A bin's weight from its power, its recent level, the smoothed power the
-// noise test reads and the floor that test holds it to.
-float OnsetWeight(float power, float recent, float smoothed, float floor, float onset_rise) {
-  const float rise = power - onset_rise * recent;
+// A bin's weight from its power, its recent level, the noise its rise is
+// judged above (0: the whole power), the smoothed power the noise test
+// reads and the floor that test holds it to.
+float OnsetWeight(float power, float recent, float noise, float smoothed, float floor, float onset_rise) {
+  const float recent_above = recent > noise ? recent - noise : 0.0f;
+  const float rise = power - noise - onset_rise * recent_above;
   if (smoothed > floor && rise > 0.0f) return (smoothed - floor) / smoothed * (rise / power);
   return 0.0f;
 }
@@ -140,7 +143,7 @@ float GccBinWeights(const float power[kGccBins], const GccNoise& noise, const fl
     // single hop's bin of noise swings far above its mean too often, and a
     // steady interferer's bins would then vote, sharply, at every swing.
     const float smoothed = 0.5f * (recent[b] + power[b]);
-    weight[b] = OnsetWeight(power[b], recent[b], smoothed, kNoiseMargin * noise.power[b], onset_rise);
+    weight[b] = OnsetWeight(power[b], recent[b], 0.0f, smoothed, kNoiseMargin * noise.power[b], onset_rise);
     total += weight[b];
   }
   return total;
@@ -153,7 +156,7 @@ float GccBinWeightsPooled(const float power[kGccBins], const GccNoise& noise, co
     const int first = b > 0 ? b - 1 : 0, last = b + 1 < kGccBins ? b + 1 : kGccBins - 1;
     float smoothed = 0.0f, floor = 0.0f;
     for (int j = first; j <= last; ++j) smoothed += 0.5f * (recent[j] + power[j]), floor += noise.power[j];
-    weight[b] = OnsetWeight(power[b], recent[b], smoothed, kPooledNoiseMargin * floor, kOnsetRise);
+    weight[b] = OnsetWeight(power[b], recent[b], noise.power[b], smoothed, kPooledNoiseMargin * floor, kOnsetRise);
     total += weight[b];
   }
   return total;

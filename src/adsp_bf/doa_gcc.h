@@ -79,12 +79,19 @@ void GccFollowNoise(const float power[kGccBins], int learnt, GccNoise* noise);
 float GccBinWeights(const float power[kGccBins], const GccNoise& noise, const float recent[kGccBins], float onset_rise,
                     float weight[kGccBins]);
 
-// The same weights for a whole stretch, with a rise of 2, where evidence
-// is scarce and a wrong vote costs less (the stretch has many): the noise test looks at the
+// The same weights for a whole stretch, where evidence is scarce and a
+// wrong vote costs less (the stretch has many): the noise test looks at the
 // smoothed power summed over each bin and its two neighbours, against the
 // noise summed likewise, which averages three times as many samples of the
 // noise, so a margin of 4 (6 dB) lets through about as few noise bins as 8
-// on one bin does, and speech 3 dB weaker counts.
+// on one bin does, and speech 3 dB weaker counts. The rise is judged on the
+// sound above the noise, which a stretch knows (it learns the noise over
+// its whole length first): what the bin holds above the noise must be at
+// least four times what it held above it of late. A rise out of the noise
+// alone passes as it would on the whole power (the noise test is the
+// stricter there), but one over the room's tail of earlier sound, or over
+// a reflection of it, must stand well clear of that tail itself rather
+// than of the tail and the noise together.
 float GccBinWeightsPooled(const float power[kGccBins], const GccNoise& noise, const float recent[kGccBins],
                           float weight[kGccBins]);
 

@@ -37,9 +37,9 @@ constexpr float kHopSnrLow = 2.0f, kHopSnrHigh = 8.0f;
 // noise's cross-spectrum is learnt. Its part in a counted bin is removed
 // kNoiseRemoved times over: the noise's share of a counted bin's power
 // (noise over power) understates it, the bin having been counted because
-// it stood high.
+// it stood high, and the more so the steeper the rise a counted bin needs.
 constexpr float kNoiseLike = 2.0f;
-constexpr float kNoiseRemoved = 2.0f;
+constexpr float kNoiseRemoved = 3.0f;
 
 // The unwindowed spectra of hop h's 512-sample frame, microphone rows in order.
 void FrameBand(const short* inp, const short order[kBfChannels], int hop, GccBand* band) {
@@ -59,8 +59,9 @@ DoaTrack DoaUtteranceEnhanced(const short* inp, const short order[kBfChannels], 
   const int hops = (samples_per_channel - kBfFftLen) / kBfHop + 1;
 
   // The noise estimate follows the whole stretch once before any evidence
-  // is weighted by it.
-  GccNoise noise;
+  // is weighted by it. It starts from zero: the first hop's step replaces
+  // it, but only an exact zero makes that step give the hop's power.
+  GccNoise noise{};
   GccBand band;
   float power[kGccBins];
   for (int h = 0; h < hops; ++h) {

@@ -6,7 +6,7 @@
 // cannot: whether the far end talks, whether echo reaches the microphones,
 // and whether a near talker is heard beside it. Echo alone (echo present, no
 // near talker) is what the speech detector must not call speech and what the
-// level control must not lift. The echo return loss is smoothed over blocks
+// level control must not lift. The echo return loss is measured over blocks
 // of echo alone, where the microphone's power is the echo's.
 //
 // A reference that is one of the microphones (a miswired channel) would
@@ -29,11 +29,15 @@ constexpr int kBlocks = kFrameLen / kAecBlock;
 constexpr int kMics = 3;
 constexpr float kCheckKeep = 0.94f;          // about a second of frames
 constexpr float kMicCopyCorrelation = 0.98f;
-constexpr float kErlKeep = 0.95f;
+// Powers summed over about a second of echo alone: one block's far end
+// against its echo swings by several dB with where the syllables fall in
+// the room's tail, and decibels averaged over blocks are not the loss.
+constexpr float kErlKeep = 0.996f;
 constexpr int kEchoTailFrames = 16;  // 256 ms
 static_assert(kLeadHistoryBlocks * kAecBlock + kFrameLen <= kReferenceRing, "the ring must hold the longest lead");
 constexpr float kEchoGainFloor = 0.1f;     // -20 dB
 constexpr float kCapNearActivity = 0.25f;  // one block of four
+constexpr float kEchoOverFloor = 4.0f;     // 6 dB
 
 // Updates the miswiring check with one frame; true while the reference is a
 // copy of some microphone.
@@ -67,6 +71,22 @@ void AlignReference(EchoStageState* echo, const short* ref, int delay, short* al
   const int from = echo->reference_at - delay + kReferenceRing;
   for (int i = 0; i < kFrameLen; ++i) aligned[i] = echo->reference_ring[(from + i) % kReferenceRing];
   echo->reference_at = (echo->reference_at + kFrameLen) % kReferenceRing;
+}
+
+// The canceller's bins are 125 Hz wide, the presence bands' bins 31.25 Hz:
+// a presence bin k sits nearest the canceller's bin (k + 2) / 4.
+constexpr int kNsBinsPerAecBin = 4;
+constexpr int AecBinOf(int ns_bin) { return (ns_bin + kNsBinsPerAecBin / 2) / kNsBinsPerAecBin; }
+static_assert(AecBinOf(kNsBins - 1) == kAecBins - 1, "the bands must end where the canceller's bins do");
+
+// Adds one block's residual echo and error let through per presence band.
+void AddBandPowers(const AecEnhancedBlock& report, float* left, float* passed) {
+  for (int b = 0; b < kPresenceBands; ++b) {
+    for (int j = AecBinOf(kBandEdges[b]); j <= AecBinOf(kBandEdges[b + 1] - 1); ++j) {
+      left[b] += report.residual_bins[j];
+      passed[b] += report.passed_bins[j];
+    }
+  }
 }
 
 }  // namespace
@@ -111,7 +131,8 @@ int32_t RunEchoStage(const T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
   }
 
   int far_blocks = 0, near_blocks = 0, echo_blocks = 0, double_talk_blocks = 0;
-  float echo_power = 0.0f, residual_power = 0.0f;
+  float echo_power = 0.0f, residual_power = 0.0f, floor_power = 0.0f, heard_echo_power = 0.0f;
+  float band_left[kPresenceBands] = {}, band_passed[kPresenceBands] = {};
   for (int b = 0; b < kBlocks; ++b) {
     const int at = b * kAecBlock;
     float near[kAecBlock], far[kAecBlock], out[kAecBlock];
@@ -129,11 +150,15 @@ int32_t RunEchoStage(const T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
     double_talk_blocks += report.far_active && report.near_active ? 1 : 0;
     echo_power += report.echo_power / kBlocks;
     residual_power += report.residual_power / kBlocks;
+    floor_power += report.floor_power / kBlocks;
+    heard_echo_power += (report.echo_power + report.error_residual_power) / kBlocks;
+    AddBandPowers(report, band_left, band_passed);
     pic.lead_ms = static_cast<float>((report.lag_blocks + kLeadMarginBlocks) * kAecBlock * 1000 / kSampleRate);
-    if (report.echo_present && !report.near_active && report.near_power > 0.0f && report.far_power > 0.0f)
-      echo->erl_db = echo->erl_db == kNoEchoReturnLossDb
-                         ? Db(report.far_power / report.near_power)
-                         : kErlKeep * echo->erl_db + (1.0f - kErlKeep) * Db(report.far_power / report.near_power);
+    if (report.echo_present && !report.near_active && report.near_power > 0.0f && report.far_power > 0.0f) {
+      echo->erl_far = kErlKeep * echo->erl_far + report.far_power;
+      echo->erl_near = kErlKeep * echo->erl_near + report.near_power;
+      echo->erl_db = Db(echo->erl_far / echo->erl_near);
+    }
   }
   // The filters' window starts lag_blocks late, just ahead of the echo's
   // main energy: the reference delayed as much is in step with its echo.
@@ -151,9 +176,20 @@ int32_t RunEchoStage(const T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
   // for a while after it was last heard.
   echo->frames_since_echo = echo_blocks > 0 ? 0 : std::min(echo->frames_since_echo + 1, kEchoTailFrames);
   pic.echo_present = echo->frames_since_echo < kEchoTailFrames;
-  pic.echo_only = pic.echo_present && near_blocks == 0;
+  // Echo alone also needs the echo loud enough this frame to be what the
+  // speech presence hears: the filters' estimate of it at the microphones
+  // and the residual they are thought to miss, together 6 dB over the
+  // error's noise floor. (The residual term keeps the echo counted while the
+  // filters have yet to learn it.) An echo under the noise (a quiet far end,
+  // the gaps between its syllables) cannot make the cancelled signal sound
+  // like a talker.
+  pic.echo_only = pic.echo_present && near_blocks == 0 && heard_echo_power > kEchoOverFloor * floor_power;
   pic.echo_power = echo_power;
   pic.residual_echo_power = residual_power;
+  // The comfort noise is left out of both: a band the residual suppressor
+  // filled with it holds neither echo nor talker.
+  for (int b = 0; b < kPresenceBands; ++b)
+    pic.band_echo_left[b] = band_passed[b] > 0.0f ? band_left[b] / band_passed[b] : 1.0f;
   pic.erl_db = echo->erl_db;
   echo->picture = pic;
   return 0;

@@ -25,7 +25,8 @@ constexpr int kReferenceRing = 8192;
 struct EchoStageState {
   AecEnhanced canceller;
   ReferenceCheck reference_check;
-  float erl_db;        // smoothed over blocks of echo alone; kNoEchoReturnLossDb until then
+  float erl_db;        // over blocks of echo alone; kNoEchoReturnLossDb until then
+  float erl_far, erl_near;  // reference and microphone power summed over those blocks, with forgetting
   int frames_since_echo;  // frames since echo last reached the microphones
   float last_near_activity;  // the previous frame's picture's
   EchoPicture picture; // the last frame's, for the getters

@@ -22,11 +22,12 @@ struct EchoPicture {
   bool double_talk;       // near talker and far end at once
   float erl_db;           // echo return loss: reference over echo at the microphone
   bool echo_present;            // echo reaches the microphones (or the room still rings with it)
-  bool echo_only;               // echo present and no near talker heard beside it
+  bool echo_only;               // echo present, above the noise, and no near talker heard beside it
   float near_activity;          // 0..1: share of the frame with a near talker heard beside the echo
   float near_activity_held;     // the same over this frame and the one before (the speech flag's frame)
   float echo_power;             // echo at the microphone, as the canceller's filters estimate it
   float residual_echo_power;    // echo left in echo_out, as estimated
+  float band_echo_left[kPresenceBands];  // per presence band: that residual over the error the canceller let through
   float lead_ms;                // how far the reference runs ahead of its echo
   bool reference_is_microphone; // the reference carries a microphone's own signal (miswired)
 };

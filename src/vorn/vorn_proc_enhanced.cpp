@@ -88,22 +88,30 @@ void PresenceStage(const T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
 // The presence discounts whatever the far end's echo could explain, judged
 // before the canceller; in double talk that takes the talker's bins along.
 // Where the canceller itself hears a near talker beside the echo, the
-// suppressor, which works on the cancelled signal, takes the talker as
-// present (the residual echo there is the canceller's to remove). It must
-// have heard the talker in half the blocks of this frame and the one
-// before, and a hop in which the presence sees next to no speech stays as
-// judged: the canceller holds its verdict through the talker's pauses, and
-// lifting those would let the echo's residue through (with music as the far
-// end, 13 dB of it).
+// suppressor, which works on the cancelled signal, takes the talker back:
+//   - in every band, where the canceller heard the talker in half the
+//     blocks of this frame and the one before and the presence sees some
+//     speech in the hop (the residual echo there is the canceller's to
+//     remove; a hop with next to no speech stays as judged, since the
+//     canceller holds its verdict through the talker's pauses);
+//   - where it heard the talker in any block of the two frames, in the
+//     bands where the residual echo it estimates it let through is 10 dB
+//     under all it let through: the rest there is the talker's. Bands with
+//     a fair share of residue stay as judged (lifting them too lets the
+//     residue of music through in the talker's pauses, 13 dB of it).
 constexpr float kLiftNearShare = 0.5f;
 constexpr float kLiftPresence = 0.2f;
+constexpr float kLiftBandShare = 0.125f;  // one block of eight
+constexpr float kLiftEchoLeft = 0.1f;
 
 void LiftPresenceBesideEcho(EnhancedFrame& fr) {
-  if (fr.echo.near_activity_held < kLiftNearShare) return;
+  if (fr.echo.near_activity_held < kLiftBandShare) return;
+  const bool whole = fr.echo.near_activity_held >= kLiftNearShare;
   for (NsHopAnalysis& hop : fr.ns_hops) {
-    if (hop.prob < kLiftPresence) continue;
-    hop.prob = 1.0f;
-    for (float& band : hop.band_prob) band = 1.0f;
+    const bool all_bands = whole && hop.prob >= kLiftPresence;
+    if (all_bands) hop.prob = 1.0f;
+    for (int b = 0; b < kPresenceBands; ++b)
+      if (all_bands || fr.echo.band_echo_left[b] < kLiftEchoLeft) hop.band_prob[b] = 1.0f;
   }
 }
 
