@@ -92,16 +92,19 @@ int32_t AecEnhancedProcess(void* aec_instance, AecEnhanced* st, const float* nea
   // the classic frame finds it as it was.
   const float step = core->normal_mu;
   if (st->near_hold > 0) core->normal_mu *= kDoubleTalkStep;
-  AdspAec_ProcessLinearBlock(core);
+  AdspAec_FilterBlock(core);  // the lead tracker places the far end: no delay estimate
   core->normal_mu = step;
 
   float near_power[kAecBins];
-  AecResidualProcess(&st->residual, core, AecStrongestPartition(core), out, near_power, coherence, report);
+  // Nothing moves the filters between here and the lead decision.
+  const int strongest = AecStrongestPartition(core);
+  AecResidualProcess(&st->residual, core, strongest, out, near_power, coherence, report);
   report->lag_blocks = st->lead.lag_blocks;
   st->near_hold = report->near_active ? kDoubleTalkHoldBlocks : std::max(st->near_hold - 1, 0);
   AecLeadTrackerUpdate(&st->lead, far_power, near_power, report->far_active);
   const AecLeadChange change =
-      AecLeadTrackerDecide(&st->lead, core, st->residual.linear_erle, report->far_active, report->near_by_level);
+      AecLeadTrackerDecide(&st->lead, core, strongest, st->residual.linear_erle, report->far_active,
+                           report->near_by_level);
   if (change == AecLeadChange::kJumped) AecResidualRestart(&st->residual);
   // The echo's level against the far end's was measured against a far end
   // the echo did not follow; with the lead found it is measured again.
