@@ -3,11 +3,15 @@
 // Per 64-sample block: the far end goes into the classic instance's rings as
 // usual; the far read position is then set so that the filters see the far
 // end `lag` blocks late, the lag the lead tracker chose; the classic linear
-// step runs both filters; the residual suppressor replaces the classic
-// coherence suppression; and the lead tracker learns from the block's far
-// and near spectra. When the lag changes, the filters' far history is
-// rebuilt from the rings at the new lag, so a filter that matched the room
-// before a jump of the lead matches it again at once.
+// step runs both filters, without feeding the classic delay estimator (the
+// lead tracker places the far end instead; after a switch back to the
+// classic profile the estimator works from a history that misses the
+// enhanced blocks until its half second has turned over); the residual
+// suppressor replaces the classic coherence suppression; and the lead
+// tracker learns from the block's far and near spectra. When the lag
+// changes, the filters' far history is rebuilt from the rings at the new
+// lag, so a filter that matched the room before a jump of the lead matches
+// it again at once.
 #include "adsp_aec/aec_enhanced.h"
 
 #include <algorithm>
