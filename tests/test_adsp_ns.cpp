@@ -176,7 +176,7 @@ TEST(NsKernels, VectorTwinsGiveThePlainBits) {
     }
     return x;
   };
-  for (int len : {kNsBins, 7, 3}) {
+  for (int len : {kNsBins, 21, 7, 3}) {  // 21: eight-lane vectors, then four, then one
     SCOPED_TRACE(testing::Message() << len << " bins");
     const std::vector<float> psd = input(0, len), noise = input(1, len), memory = input(2, len),
                              minimum = input(3, len), smoothed = input(4, len), presence = input(5, len);
@@ -188,6 +188,13 @@ TEST(NsKernels, VectorTwinsGiveThePlainBits) {
       NsSnrTermsSimd(in, {b[0].data(), b[1].data(), b[2].data(), b[3].data(), b[4].data()}, len);
       for (int i = 0; i < 5; ++i)
         ASSERT_EQ(std::memcmp(a[i].data(), b[i].data(), len * sizeof(float)), 0) << "SNR term " << i;
+#if defined(VORN_AVX2)
+      if (CpuHasAvx2()) {
+        NsSnrTermsAvx2(in, {b[0].data(), b[1].data(), b[2].data(), b[3].data(), b[4].data()}, len);
+        for (int i = 0; i < 5; ++i)
+          ASSERT_EQ(std::memcmp(a[i].data(), b[i].data(), len * sizeof(float)), 0) << "eight-lane SNR term " << i;
+      }
+#endif
     }
     // The averages, from gamma_min and zeta with specials in them.
     std::vector<float> dav_a = input(6, len), dav_long_a = input(7, len), d_a(len);
@@ -200,11 +207,23 @@ TEST(NsKernels, VectorTwinsGiveThePlainBits) {
     EXPECT_EQ(std::memcmp(dav_long_a.data(), dav_long_b.data(), len * sizeof(float)), 0);
     EXPECT_EQ(std::memcmp(d_a.data(), d_b.data(), len * sizeof(float)), 0);
     // The speech-hypothesis gain over every ExpExpint branch, and the ramp.
-    const std::vector<float> v = input(10, len), eta = input(11, len), gamma = input(12, len);
+    std::vector<float> v = input(10, len);
+    const std::vector<float> eta = input(11, len), gamma = input(12, len);
+    // Some bins sit on ExpExpint's breakpoints and just below them.
+    const float edges[] = {0.001f, 0.25f, 1.0f, 5.0f};
+    for (int k = 1; k < len; k += 3)
+      v[k] = (k / 3) % 2 ? edges[(k / 6) % 4] : std::nextafter(edges[(k / 6) % 4], 0.0f);
     NsLsaGainPlain(v.data(), eta.data(), gamma.data(), a[0].data(), a[1].data(), len);
     NsLsaGainSimd(v.data(), eta.data(), gamma.data(), b[0].data(), b[1].data(), len);
     EXPECT_EQ(std::memcmp(a[0].data(), b[0].data(), len * sizeof(float)), 0) << "gain";
     EXPECT_EQ(std::memcmp(a[1].data(), b[1].data(), len * sizeof(float)), 0) << "memory";
+#if defined(VORN_AVX2)
+    if (CpuHasAvx2()) {
+      NsLsaGainAvx2(v.data(), eta.data(), gamma.data(), b[0].data(), b[1].data(), len);
+      EXPECT_EQ(std::memcmp(a[0].data(), b[0].data(), len * sizeof(float)), 0) << "eight-lane gain";
+      EXPECT_EQ(std::memcmp(a[1].data(), b[1].data(), len * sizeof(float)), 0) << "eight-lane memory";
+    }
+#endif
     NsRampOfRatioPlain(v.data(), a[2].data(), len);
     NsRampOfRatioSimd(v.data(), b[2].data(), len);
     EXPECT_EQ(std::memcmp(a[2].data(), b[2].data(), len * sizeof(float)), 0) << "ramp";
@@ -229,6 +248,12 @@ TEST(NsKernels, VectorTwinsGiveThePlainBits) {
     NsGainPresencePlain(absence.data(), eta.data(), v.data(), exp_a.data(), a[1].data(), len);
     NsGainPresenceSimd(absence.data(), eta.data(), v.data(), exp_a.data(), b[1].data(), len);
     EXPECT_EQ(std::memcmp(a[1].data(), b[1].data(), len * sizeof(float)), 0) << "gain presence";
+#if defined(VORN_AVX2)
+    if (CpuHasAvx2()) {
+      NsGainPresenceAvx2(absence.data(), eta.data(), v.data(), exp_a.data(), b[1].data(), len);
+      EXPECT_EQ(std::memcmp(a[1].data(), b[1].data(), len * sizeof(float)), 0) << "eight-lane gain presence";
+    }
+#endif
   }
 #else
   GTEST_SKIP() << "no four-lane vectors in this build";

@@ -88,7 +88,7 @@ constexpr float kGainAbsenceMax = 0.9f;  // at or above it the gain rule takes t
 float GainPresenceAt(const float *q, const float *eta, const float *v, const double *exp_neg_v, int k) {
   if (!(q[k] < kGainAbsenceMax)) return 0.0f;
   const double absence = q[k];
-  const double e = exp_neg_v[k] >= 0.0 ? exp_neg_v[k] : std::exp(-static_cast<double>(v[k]));
+  const double e = exp_neg_v[k] >= 0.0 ? exp_neg_v[k] : NsExpNeg(v[k]);
   return static_cast<float>(1.0 / (1.0 + (absence / (1.0 - absence)) * (1.0 + static_cast<double>(eta[k])) * e));
 }
 
@@ -117,6 +117,8 @@ float RampOfRatioAt(float ratio) {
 }
 
 }  // namespace
+
+double NsExpNeg(float v) { return std::exp(-static_cast<double>(v)); }
 
 float NsPowerDb(float ratio) {
   return ratio > 0.0f ? static_cast<float>(10.0 * std::log10(static_cast<double>(ratio))) : -100.0f;
@@ -167,8 +169,8 @@ void NsRampOfRatioPlain(const float *ratio, float *likelihood, int len) {
 
 #if defined(VORN_SIMD4)
 
-// Two bins per double vector; a group of four with a bin that needs its
-// exponential computed takes the plain step.
+// Two bins per double vector. A bin whose exponential the noise estimate did
+// not form gets it here from the plain step's double call.
 void NsGainPresenceSimd(const float *q, const float *eta, const float *v, const double *exp_neg_v, float *presence,
                         int len) {
   using namespace simd;
@@ -177,17 +179,25 @@ void NsGainPresenceSimd(const float *q, const float *eta, const float *v, const 
   for (; k + 4 <= len; k += 4) {
     const F4 absence = Load(q + k);
     const M4 open = Lt(absence, Set1(kGainAbsenceMax));
-    const M4 formed = Ge(ToFloat(LoadD(exp_neg_v + k), LoadD(exp_neg_v + k + 2)), Zero());
-    if (Any(AndNot(open, formed))) {
-      for (int i = k; i < k + 4; ++i) presence[i] = GainPresenceAt(q, eta, v, exp_neg_v, i);
-      continue;
+    D2 exp_lo = LoadD(exp_neg_v + k), exp_hi = LoadD(exp_neg_v + k + 2);
+    const int missing = Bits(AndNot(open, Ge(ToFloat(exp_lo, exp_hi), Zero())));
+    if (missing != 0) {
+      double lanes[4];
+      StoreD(lanes, exp_lo);
+      StoreD(lanes + 2, exp_hi);
+      for (int bits = missing; bits != 0; bits &= bits - 1) {
+        const int i = __builtin_ctz(static_cast<unsigned>(bits));
+        lanes[i] = NsExpNeg(v[k + i]);
+      }
+      exp_lo = LoadD(lanes);
+      exp_hi = LoadD(lanes + 2);
     }
     const F4 e = Load(eta + k);
     const auto half = [&](D2 a, D2 eta_d, D2 exp_d) {
       return DivD(one, AddD(one, MulD(MulD(DivD(a, SubD(one, a)), AddD(one, eta_d)), exp_d)));
     };
-    const D2 lo = half(LowToDouble(absence), LowToDouble(e), LoadD(exp_neg_v + k));
-    const D2 hi = half(HighToDouble(absence), HighToDouble(e), LoadD(exp_neg_v + k + 2));
+    const D2 lo = half(LowToDouble(absence), LowToDouble(e), exp_lo);
+    const D2 hi = half(HighToDouble(absence), HighToDouble(e), exp_hi);
     Store(presence + k, Select(open, ToFloat(lo, hi), Zero()));
   }
   for (; k < len; ++k) presence[k] = GainPresenceAt(q, eta, v, exp_neg_v, k);
@@ -347,6 +357,9 @@ void NsRampOfRatioSimd(const float *ratio, float *likelihood, int len) {
 
 void NsGainPresence(const float *q, const float *eta, const float *v, const double *exp_neg_v, float *presence,
                     int len) {
+#if defined(VORN_AVX2)
+  if (CpuHasAvx2()) return NsGainPresenceAvx2(q, eta, v, exp_neg_v, presence, len);
+#endif
 #if defined(VORN_SIMD4)
   NsGainPresenceSimd(q, eta, v, exp_neg_v, presence, len);
 #else
@@ -380,6 +393,9 @@ void NsPresence(const float *gamma_min, const float *zeta, const float *v, const
 }
 
 void NsSnrTerms(const NsSnrIn &in, const NsSnrOut &out, int len) {
+#if defined(VORN_AVX2)
+  if (CpuHasAvx2()) return NsSnrTermsAvx2(in, out, len);
+#endif
 #if defined(VORN_SIMD4)
   NsSnrTermsSimd(in, out, len);
 #else
@@ -397,6 +413,9 @@ void NsNoiseUpdate(const float *psd, const float *gamma_min, const float *zeta, 
 }
 
 void NsLsaGain(const float *v, const float *eta, const float *gamma, float *lsa_gain, float *eta_2term, int len) {
+#if defined(VORN_AVX2)
+  if (CpuHasAvx2()) return NsLsaGainAvx2(v, eta, gamma, lsa_gain, eta_2term, len);
+#endif
 #if defined(VORN_SIMD4)
   NsLsaGainSimd(v, eta, gamma, lsa_gain, eta_2term, len);
 #else

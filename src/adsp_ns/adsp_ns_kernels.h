@@ -10,6 +10,7 @@
 // plain per-bin code.
 #pragma once
 
+#include "common/cpu_avx2.h"
 #include "common/simd4.h"
 
 namespace vorn {
@@ -95,6 +96,17 @@ void NsLsaGainSimd(const float *v, const float *eta, const float *gamma, float *
 void NsRampOfRatioSimd(const float *ratio, float *likelihood, int len);
 #endif
 
+#if defined(VORN_AVX2)
+// Eight-lane twins of the costliest three, compiled for AVX2 alone; the
+// undecorated names take them where the processor has it (CpuHasAvx2).
+void NsSnrTermsAvx2(const NsSnrIn &in, const NsSnrOut &out, int len);
+void NsLsaGainAvx2(const float *v, const float *eta, const float *gamma, float *lsa_gain, float *eta_2term, int len);
+void NsGainPresenceAvx2(const float *q, const float *eta, const float *v, const double *exp_neg_v, float *presence,
+                        int len);
+#endif
+
+// exp(-v) in double, as the presence terms take it.
+double NsExpNeg(float v);
 // 10 log10(ratio) through double, -100 for a ratio that is not positive.
 float NsPowerDb(float ratio);
 // The likelihood ramp on decibels.

@@ -1,0 +1,140 @@
+// Eight-lane twins of the suppressor's costliest per-bin kernels, for
+// processors with AVX2 (see common/cpu_avx2.h). Each lane performs the
+// four-lane twin's operations in its order, so the bits are the plain loop's;
+// the bins past the last full vector go to the four-lane twin, and a bin whose
+// plain step calls a double library function goes to the plain step.
+#include "adsp_ns/adsp_ns_kernels.h"
+
+#if defined(VORN_AVX2)
+
+namespace vorn {
+namespace {
+
+constexpr float kTiny = 1e-10f;
+constexpr float kBiasMinimum = 1.66f;
+constexpr float kNewTermWeight = 1.0f - 0.95f;
+constexpr float kMemoryWeight = 0.95f;
+constexpr float kGainAbsenceMax = 0.9f;
+
+VORN_TARGET_AVX2 inline __m256 Select8(__m256 mask, __m256 a, __m256 b) { return _mm256_blendv_ps(b, a, mask); }
+VORN_TARGET_AVX2 inline __m256 Lt8(__m256 a, __m256 b) { return _mm256_cmp_ps(a, b, _CMP_LT_OQ); }
+VORN_TARGET_AVX2 inline __m256 Gt8(__m256 a, __m256 b) { return _mm256_cmp_ps(a, b, _CMP_GT_OQ); }
+VORN_TARGET_AVX2 inline __m256 Ge8(__m256 a, __m256 b) { return _mm256_cmp_ps(a, b, _CMP_GE_OQ); }
+
+// (a x x + b x + c) / (x x + d x + e), grouped as ExpExpint groups it.
+VORN_TARGET_AVX2 inline __m256 Rational8(__m256 x, float a, float b, float c, float d, float e) {
+  const __m256 num = _mm256_add_ps(
+      _mm256_add_ps(_mm256_mul_ps(_mm256_mul_ps(_mm256_set1_ps(a), x), x), _mm256_mul_ps(_mm256_set1_ps(b), x)),
+      _mm256_set1_ps(c));
+  const __m256 den =
+      _mm256_add_ps(_mm256_add_ps(_mm256_mul_ps(x, x), _mm256_mul_ps(_mm256_set1_ps(d), x)), _mm256_set1_ps(e));
+  return _mm256_div_ps(num, den);
+}
+
+VORN_TARGET_AVX2 inline __m256 InRange8(__m256 x, float lo, float hi) {
+  return _mm256_and_ps(Ge8(x, _mm256_set1_ps(lo)), Lt8(x, _mm256_set1_ps(hi)));
+}
+
+// ExpExpint on eight lanes: every branch formed, each lane taking its own.
+VORN_TARGET_AVX2 __m256 ExpExpint8(__m256 x) {
+  const __m256 low = Rational8(x, 1.092f, 0.2034f, 0.001081f, 0.03076f, 2.257e-5f);
+  const __m256 middle = Rational8(x, 0.9287f, 1.045f, 0.3339f, 0.991f, 0.0774f);
+  const __m256 high = Rational8(x, 1.01f, 0.1371f, 0.7789f, 0.2453f, 0.4813f);
+  __m256 e = _mm256_set1_ps(1.0f);
+  e = Select8(InRange8(x, 1.0f, 5.0f), high, e);
+  e = Select8(InRange8(x, 0.25f, 1.0f), middle, e);
+  e = Select8(InRange8(x, 0.001f, 0.25f), low, e);
+  const __m256 tiny = _mm256_and_ps(Gt8(x, _mm256_setzero_ps()), Lt8(x, _mm256_set1_ps(0.001f)));
+  if (_mm256_movemask_ps(tiny) != 0) {
+    const __m256d c = _mm256_set1_pd(0.7497);
+    const __m128 lo = _mm256_cvtpd_ps(_mm256_div_pd(c, _mm256_sqrt_pd(_mm256_cvtps_pd(_mm256_castps256_ps128(x)))));
+    const __m128 hi = _mm256_cvtpd_ps(_mm256_div_pd(c, _mm256_sqrt_pd(_mm256_cvtps_pd(_mm256_extractf128_ps(x, 1)))));
+    e = Select8(tiny, _mm256_set_m128(hi, lo), e);
+  }
+  return e;
+}
+
+}  // namespace
+
+VORN_TARGET_AVX2 void NsSnrTermsAvx2(const NsSnrIn &in, const NsSnrOut &out, int len) {
+  const __m256 tiny = _mm256_set1_ps(kTiny), one = _mm256_set1_ps(1.0f), zero = _mm256_setzero_ps();
+  const __m256 bias = _mm256_set1_ps(kBiasMinimum), new_weight = _mm256_set1_ps(kNewTermWeight);
+  const __m256 memory_weight = _mm256_set1_ps(kMemoryWeight), eta_min = _mm256_set1_ps(in.eta_min);
+  const __m256 abs_mask = _mm256_castsi256_ps(_mm256_set1_epi32(0x7fffffff));
+  const __m256 inf = _mm256_set1_ps(__builtin_inff());
+  int k = 0;
+  for (; k + 8 <= len; k += 8) {
+    const __m256 psd = _mm256_loadu_ps(in.psd + k);
+    const __m256 noise_raw = _mm256_loadu_ps(in.noise + k);
+    const __m256 noise = Select8(Lt8(noise_raw, tiny), tiny, noise_raw);
+    const __m256 gamma = _mm256_div_ps(psd, noise);
+    _mm256_storeu_ps(out.gamma + k, gamma);
+    const __m256 excess = _mm256_sub_ps(gamma, one);
+    const __m256 new_term = Select8(Gt8(excess, zero), _mm256_mul_ps(new_weight, excess), zero);
+    const __m256 eta_raw = _mm256_add_ps(new_term, _mm256_mul_ps(memory_weight, _mm256_loadu_ps(in.eta_2term + k)));
+    const __m256 eta = Select8(Gt8(eta_raw, eta_min), eta_raw, eta_min);
+    _mm256_storeu_ps(out.eta + k, eta);
+    const __m256 eta_plus_one = _mm256_add_ps(eta, one);
+    const __m256 v = _mm256_div_ps(_mm256_mul_ps(gamma, eta), eta_plus_one);
+    const __m256 finite = Lt8(_mm256_and_ps(v, abs_mask), inf);  // false for infinity and NaN
+    _mm256_storeu_ps(out.v + k, Select8(finite, v, _mm256_mul_ps(gamma, _mm256_div_ps(eta, eta_plus_one))));
+    const __m256 min_raw = _mm256_loadu_ps(in.minimum + k);
+    const __m256 minimum = Select8(Lt8(min_raw, tiny), tiny, min_raw);
+    _mm256_storeu_ps(out.gamma_min + k, _mm256_div_ps(_mm256_div_ps(psd, bias), minimum));
+    _mm256_storeu_ps(out.zeta + k, _mm256_div_ps(_mm256_div_ps(_mm256_loadu_ps(in.smoothed + k), bias), minimum));
+  }
+  if (k < len)
+    NsSnrTermsSimd({in.psd + k, in.noise + k, in.eta_2term + k, in.minimum + k, in.smoothed + k, in.eta_min},
+                   {out.gamma + k, out.eta + k, out.v + k, out.gamma_min + k, out.zeta + k}, len - k);
+}
+
+VORN_TARGET_AVX2 void NsLsaGainAvx2(const float *v, const float *eta, const float *gamma, float *lsa_gain,
+                                    float *eta_2term, int len) {
+  const __m256 one = _mm256_set1_ps(1.0f);
+  int k = 0;
+  for (; k + 8 <= len; k += 8) {
+    const __m256 x = _mm256_loadu_ps(v + k), e = _mm256_loadu_ps(eta + k);
+    const __m256 gain = Select8(Gt8(x, _mm256_setzero_ps()),
+                                _mm256_div_ps(_mm256_mul_ps(ExpExpint8(x), e), _mm256_add_ps(e, one)), one);
+    _mm256_storeu_ps(lsa_gain + k, gain);
+    _mm256_storeu_ps(eta_2term + k, _mm256_mul_ps(_mm256_mul_ps(gain, gain), _mm256_loadu_ps(gamma + k)));
+  }
+  if (k < len) NsLsaGainSimd(v + k, eta + k, gamma + k, lsa_gain + k, eta_2term + k, len - k);
+}
+
+// Four bins per double vector. A bin whose exponential the noise estimate did
+// not form gets it here from the same double call the plain step makes, and
+// joins the vector with it.
+VORN_TARGET_AVX2 void NsGainPresenceAvx2(const float *q, const float *eta, const float *v, const double *exp_neg_v,
+                                         float *presence, int len) {
+  const __m256d one = _mm256_set1_pd(1.0), zero = _mm256_setzero_pd();
+  const __m128 absence_max = _mm_set1_ps(kGainAbsenceMax);
+  int k = 0;
+  for (; k + 4 <= len; k += 4) {
+    const __m128 absence = _mm_loadu_ps(q + k);
+    const __m128 open = _mm_cmplt_ps(absence, absence_max);
+    __m256d e = _mm256_loadu_pd(exp_neg_v + k);
+    const int missing = _mm_movemask_ps(open) & ~_mm256_movemask_pd(_mm256_cmp_pd(e, zero, _CMP_GE_OQ));
+    if (missing != 0) {
+      alignas(32) double lanes[4];
+      _mm256_store_pd(lanes, e);
+      for (int bits = missing; bits != 0; bits &= bits - 1) {
+        const int i = __builtin_ctz(static_cast<unsigned>(bits));
+        lanes[i] = NsExpNeg(v[k + i]);
+      }
+      e = _mm256_load_pd(lanes);
+    }
+    const __m256d a = _mm256_cvtps_pd(absence);
+    const __m256d eta_d = _mm256_cvtps_pd(_mm_loadu_ps(eta + k));
+    const __m256d p = _mm256_div_pd(
+        one, _mm256_add_pd(one, _mm256_mul_pd(_mm256_mul_pd(_mm256_div_pd(a, _mm256_sub_pd(one, a)),
+                                                            _mm256_add_pd(one, eta_d)),
+                                              e)));
+    _mm_storeu_ps(presence + k, _mm_and_ps(open, _mm256_cvtpd_ps(p)));
+  }
+  if (k < len) NsGainPresenceSimd(q + k, eta + k, v + k, exp_neg_v + k, presence + k, len - k);
+}
+
+}  // namespace vorn
+
+#endif
