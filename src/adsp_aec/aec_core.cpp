@@ -63,7 +63,7 @@ float RunFilter(AecCore* aec, const float* near_block, float* error_block, float
 
 }  // namespace
 
-float AdspAec_ProcessLinearBlock(AecCore* aec) {
+float AdspAec_FilterBlock(AecCore* aec) {
   // Far-end power is smoothed with these weights; the partition count scales
   // it to the energy the whole filter sees, which is what normalises the step.
   const float kPowSmooth[2] = {0.9f, 0.1f};
@@ -98,21 +98,12 @@ float AdspAec_ProcessLinearBlock(AecCore* aec) {
       std::memcpy(xf, ptr, sizeof(xf));
   }
 
-  alignas(16) float fft[kAecBlockLen2];
-  std::memcpy(fft, aec->dBuf, sizeof(fft));
-  aec_rdft_forward_128(fft);
-  float df[2][kAecBins];
-  aec_rdft_unpack_128(fft, df);
-
-  float abs_far[kAecBins];
-  float abs_near[kAecBins];  // magnitudes: what the delay estimator binarises
   float far_power_sum = 0.0f;
   for (int k = 0; k < kAecBins; ++k) {
     const float far_power = xf[0][k] * xf[0][k] + xf[1][k] * xf[1][k];
     far_power_sum += far_power;
     aec->xPow[k] = kPowSmooth[0] * aec->xPow[k] +
                    kPowSmooth[1] * static_cast<float>(aec->num_partitions) * far_power;
-    abs_near[k] = std::sqrt(df[0][k] * df[0][k] + df[1][k] * df[1][k]);
   }
 
   // Newest far spectrum goes one place back in the circular history, so that
@@ -126,6 +117,33 @@ float AdspAec_ProcessLinearBlock(AecCore* aec) {
     aec->xfwBuf[pos + k][0] = xfw[0][k];
     aec->xfwBuf[pos + k][1] = xfw[1][k];
   }
+
+  const float* near_now = aec->dBuf + kAecBlockLen;
+  // Each filter's adaptation changes only its own taps, which the other's
+  // run does not read, so both adapt after both have run.
+  float ef_adaptive[2][kAecBins], ef_main[2][kAecBins];
+  aec->filter_flag = 1;
+  const float adaptive_energy = RunFilter(aec, near_now, aec->cBuf + kAecBlockLen, ef_adaptive);
+  aec->filter_flag = 0;
+  const float main_energy = RunFilter(aec, near_now, aec->eBuf + kAecBlockLen, ef_main);
+  AdaptBothFilters(aec, ef_adaptive, ef_main);
+
+  // Mean square of the far partition from its half spectrum (Parseval).
+  const float far_mean_square = far_power_sum / (kAecBlockLen * kAecBlockLen2);
+  UpdateDoubleFilter(aec, main_energy, adaptive_energy, far_mean_square);
+  return far_mean_square;
+}
+
+void AdspAec_FeedDelayEstimator(AecCore* aec) {
+  alignas(16) float fft[kAecBlockLen2];
+  std::memcpy(fft, aec->dBuf, sizeof(fft));
+  aec_rdft_forward_128(fft);
+  float df[2][kAecBins];
+  aec_rdft_unpack_128(fft, df);
+
+  float abs_far[kAecBins];
+  float abs_near[kAecBins];  // magnitudes: what the delay estimator binarises
+  for (int k = 0; k < kAecBins; ++k) abs_near[k] = std::sqrt(df[0][k] * df[0][k] + df[1][k] * df[1][k]);
 
   // The delay estimator sees the far end kEstimatorFarLagBlocks late, which
   // makes every alignment it triggers leave that many blocks of causal
@@ -148,20 +166,13 @@ float AdspAec_ProcessLinearBlock(AecCore* aec) {
   const int logged_delay = delay_estimate + kEstimatorFarLagBlocks;
   if (aec->delay_logging_enabled && delay_estimate >= 0 && logged_delay < kHistorySizeBlocks)
     aec->delay_histogram[logged_delay] += 1;
+}
 
-  const float* near_now = aec->dBuf + kAecBlockLen;
-  // Each filter's adaptation changes only its own taps, which the other's
-  // run does not read, so both adapt after both have run.
-  float ef_adaptive[2][kAecBins], ef_main[2][kAecBins];
-  aec->filter_flag = 1;
-  const float adaptive_energy = RunFilter(aec, near_now, aec->cBuf + kAecBlockLen, ef_adaptive);
-  aec->filter_flag = 0;
-  const float main_energy = RunFilter(aec, near_now, aec->eBuf + kAecBlockLen, ef_main);
-  AdaptBothFilters(aec, ef_adaptive, ef_main);
-
-  // Mean square of the far partition from its half spectrum (Parseval).
-  const float far_mean_square = far_power_sum / (kAecBlockLen * kAecBlockLen2);
-  UpdateDoubleFilter(aec, main_energy, adaptive_energy, far_mean_square);
+float AdspAec_ProcessLinearBlock(AecCore* aec) {
+  const float far_mean_square = AdspAec_FilterBlock(aec);
+  // The filters change neither the near block nor the far history the
+  // estimator reads.
+  AdspAec_FeedDelayEstimator(aec);
   return far_mean_square;
 }
 

@@ -283,6 +283,12 @@ extern const std::array<float, kAecBins> AdspAec_weightCurve;     // 0, then 0.1
 // it returns the far partition's mean square. The finishing step moves those
 // halves down and counts the block.
 float AdspAec_ProcessLinearBlock(AecCore* aec);
+// The linear step in its two parts: the filters alone (what the step
+// returns), then the near block and the far history into the delay
+// estimator. A caller that places the far end by other means runs only the
+// first.
+float AdspAec_FilterBlock(AecCore* aec);
+void AdspAec_FeedDelayEstimator(AecCore* aec);
 void AdspAec_FinishBlock(AecCore* aec);
 
 // A 128-sample frame (previous and current block) through the square-root

@@ -92,15 +92,15 @@ void AecLeadTrackerUpdate(AecLeadTracker* lead, const float* far_power, const fl
   BandFeatures(near_power, near);
   if (lead->blocks_seen == 0) std::memcpy(lead->near_mean, near, sizeof(near));
   lead->newest = (lead->newest + 1) % kLeadHistoryBlocks;
-  float* stored = lead->far_feature[lead->newest];
+  const int col = lead->newest;
   if (far_active) {
     if (lead->locked == 0 && lead->far_mean[0] == 0.0f) std::memcpy(lead->far_mean, far, sizeof(far));
     for (int b = 0; b < kLeadBands; ++b) {
       lead->far_mean[b] += kMeanRate * (far[b] - lead->far_mean[b]);
-      stored[b] = far[b] - lead->far_mean[b];
+      lead->far_feature[b][col] = far[b] - lead->far_mean[b];
     }
   } else {
-    std::memset(stored, 0, sizeof(float) * kLeadBands);
+    for (int b = 0; b < kLeadBands; ++b) lead->far_feature[b][col] = 0.0f;
   }
   float near_centred[kLeadBands];
   float near_energy = 0.0f;
@@ -110,15 +110,21 @@ void AecLeadTrackerUpdate(AecLeadTracker* lead, const float* far_power, const fl
     near_energy += near_centred[b] * near_centred[b];
   }
   lead->near_energy = kCorrKeep * lead->near_energy + near_energy;
-  for (int lag = 0; lag < kLeadHistoryBlocks; ++lag) {
-    const float* x = lead->far_feature[(lead->newest - lag + kLeadHistoryBlocks) % kLeadHistoryBlocks];
-    float product = 0.0f, energy = 0.0f;
-    for (int b = 0; b < kLeadBands; ++b) {
-      product += x[b] * near_centred[b];
-      energy += x[b] * x[b];
+  // Products and energies per stored block, each summed over the bands in
+  // order; the block stored `lag` blocks before the newest serves that lag.
+  float product[kLeadHistoryBlocks] = {}, energy[kLeadHistoryBlocks] = {};
+  for (int b = 0; b < kLeadBands; ++b) {
+    const float* x = lead->far_feature[b];
+    const float n = near_centred[b];
+    for (int c = 0; c < kLeadHistoryBlocks; ++c) {
+      product[c] += x[c] * n;
+      energy[c] += x[c] * x[c];
     }
-    lead->corr[lag] = kCorrKeep * lead->corr[lag] + product;
-    lead->far_energy[lag] = kCorrKeep * lead->far_energy[lag] + energy;
+  }
+  for (int lag = 0; lag < kLeadHistoryBlocks; ++lag) {
+    const int c = (col - lag + kLeadHistoryBlocks) % kLeadHistoryBlocks;
+    lead->corr[lag] = kCorrKeep * lead->corr[lag] + product[c];
+    lead->far_energy[lag] = kCorrKeep * lead->far_energy[lag] + energy[c];
   }
   lead->blocks_seen += 1;
 }
@@ -138,8 +144,8 @@ int AecStrongestPartition(const AecCore* core) {
   return index;
 }
 
-AecLeadChange AecLeadTrackerDecide(AecLeadTracker* lead, AecCore* core, float linear_erle_db, int far_active,
-                                   int near_talks) {
+AecLeadChange AecLeadTrackerDecide(AecLeadTracker* lead, AecCore* core, int strongest_partition,
+                                   float linear_erle_db, int far_active, int near_talks) {
   if (lead->blocks_seen < kWarmupBlocks) return AecLeadChange::kNone;
   float best = -2.0f;
   int best_lag = 0;
@@ -189,8 +195,7 @@ AecLeadChange AecLeadTrackerDecide(AecLeadTracker* lead, AecCore* core, float li
 
   // Converged: keep the echo's main energy two partitions into the filter.
   if (lead->locked != 0 && far_active && linear_erle_db > kConvergedErleDb) {
-    const int strongest = AecStrongestPartition(core);
-    const int delta = std::clamp(strongest - kLeadMarginBlocks, -lead->lag_blocks, MaxLag(core) - lead->lag_blocks);
+    const int delta = std::clamp(strongest_partition - kLeadMarginBlocks, -lead->lag_blocks, MaxLag(core) - lead->lag_blocks);
     lead->recentre_blocks = delta != 0 ? lead->recentre_blocks + 1 : 0;
     if (lead->recentre_blocks >= kRecentreBlocks) {
       ShiftFilters(core, delta);

@@ -3,11 +3,15 @@
 // Per 64-sample block: the far end goes into the classic instance's rings as
 // usual; the far read position is then set so that the filters see the far
 // end `lag` blocks late, the lag the lead tracker chose; the classic linear
-// step runs both filters; the residual suppressor replaces the classic
-// coherence suppression; and the lead tracker learns from the block's far
-// and near spectra. When the lag changes, the filters' far history is
-// rebuilt from the rings at the new lag, so a filter that matched the room
-// before a jump of the lead matches it again at once.
+// step runs both filters, without feeding the classic delay estimator (the
+// lead tracker places the far end instead; after a switch back to the
+// classic profile the estimator works from a history that misses the
+// enhanced blocks until its half second has turned over); the residual
+// suppressor replaces the classic coherence suppression; and the lead
+// tracker learns from the block's far and near spectra. When the lag
+// changes, the filters' far history is rebuilt from the rings at the new
+// lag, so a filter that matched the room before a jump of the lead matches
+// it again at once.
 #include "adsp_aec/aec_enhanced.h"
 
 #include <algorithm>
@@ -92,16 +96,19 @@ int32_t AecEnhancedProcess(void* aec_instance, AecEnhanced* st, const float* nea
   // the classic frame finds it as it was.
   const float step = core->normal_mu;
   if (st->near_hold > 0) core->normal_mu *= kDoubleTalkStep;
-  AdspAec_ProcessLinearBlock(core);
+  AdspAec_FilterBlock(core);  // the lead tracker places the far end: no delay estimate
   core->normal_mu = step;
 
   float near_power[kAecBins];
-  AecResidualProcess(&st->residual, core, AecStrongestPartition(core), out, near_power, coherence, report);
+  // Nothing moves the filters between here and the lead decision.
+  const int strongest = AecStrongestPartition(core);
+  AecResidualProcess(&st->residual, core, strongest, out, near_power, coherence, report);
   report->lag_blocks = st->lead.lag_blocks;
   st->near_hold = report->near_active ? kDoubleTalkHoldBlocks : std::max(st->near_hold - 1, 0);
   AecLeadTrackerUpdate(&st->lead, far_power, near_power, report->far_active);
   const AecLeadChange change =
-      AecLeadTrackerDecide(&st->lead, core, st->residual.linear_erle, report->far_active, report->near_by_level);
+      AecLeadTrackerDecide(&st->lead, core, strongest, st->residual.linear_erle, report->far_active,
+                           report->near_by_level);
   if (change == AecLeadChange::kJumped) AecResidualRestart(&st->residual);
   // The echo's level against the far end's was measured against a far end
   // the echo did not follow; with the lead found it is measured again.

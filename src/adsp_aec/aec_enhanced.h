@@ -27,7 +27,9 @@ constexpr int kLeadBands = 16;          // two bins each, 500 Hz to 4.5 kHz
 constexpr int kLeadMarginBlocks = 2;    // filter partitions kept ahead of the echo's main energy
 
 struct AecLeadTracker {
-  float far_feature[kLeadHistoryBlocks][kLeadBands];  // circular; row `newest` is the latest block
+  // Band-major, so that one band's products for every lag form one vector
+  // loop; circular over blocks, column `newest` is the latest block.
+  float far_feature[kLeadBands][kLeadHistoryBlocks];
   int newest;
   float far_mean[kLeadBands];   // running means of the log band powers
   float near_mean[kLeadBands];
@@ -114,12 +116,13 @@ enum class AecLeadChange {
   kRecentred,  // window and filters moved together; nothing changes for the echo
 };
 // Decides the lag for the next block from the correlation and from how the
-// filters do (their strongest partition, the linear ERLE in dB, whether the
-// far end talks); moves the filters with it where that keeps them valid.
+// filters do (their strongest partition as AecStrongestPartition gives it for
+// the filters as they stand, the linear ERLE in dB, whether the far end
+// talks); moves the filters with it where that keeps them valid.
 // `near_talks`: the microphone shows a near talker, so poor cancellation may
 // be double talk rather than a moved echo.
-AecLeadChange AecLeadTrackerDecide(AecLeadTracker* lead, AecCore* core, float linear_erle_db, int far_active,
-                                   int near_talks);
+AecLeadChange AecLeadTrackerDecide(AecLeadTracker* lead, AecCore* core, int strongest_partition,
+                                   float linear_erle_db, int far_active, int near_talks);
 // Partition of the main filter holding the most energy.
 int AecStrongestPartition(const AecCore* core);
 
