@@ -51,6 +51,7 @@ struct TalkerDirection {
 struct EnhancedFrame {
   const short* inp;
   const short* aec_ref;
+  bool reference_loud;  // aec_ref is given and above -60 dBFS: a far end the room could echo
   const short* mic_order;
   short beam[kFrameLen];      // the beamformer's output
   short echo_out[kFrameLen];  // after the canceller (the beam when it is off)

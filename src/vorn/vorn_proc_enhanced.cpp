@@ -51,7 +51,7 @@ int32_t BeamStage(const T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
   const TVornEnhancedState* enhanced = EnhancedStateOf(st);
   const BeamRequest request{pm->bf_flag, pm->bf_azimuth, pm->doa_flag, enhanced->last_presence.frame_prob,
                             enhanced->last_direction.azimuth_deg, enhanced->last_direction.confidence,
-                            pm->aec_flag != 0 ? 1 : 0, ReferenceLoud(fr.aec_ref) ? 1 : 0};
+                            pm->aec_flag != 0 ? 1 : 0, fr.reference_loud ? 1 : 0};
   const auto* analysis = static_cast<const T_AudioDspState*>(st->bf_pm.p_data);
   const float* const latest[kBfChannels] = {analysis->au[0] + kBfHop, analysis->au[1] + kBfHop,
                                             analysis->au[2] + kBfHop};
@@ -169,7 +169,7 @@ void LevelStage(const T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
 }
 
 bool ReferenceAudible(const EnhancedFrame& fr) {
-  return fr.echo.reference_active && ReferenceLoud(fr.aec_ref);
+  return fr.echo.reference_active && fr.reference_loud;
 }
 
 int AzimuthDegrees(float azimuth_deg) { return static_cast<int>(std::lround(azimuth_deg)) % 360; }
@@ -209,6 +209,7 @@ int32_t VornProcEnhanced(T_VornParam* pm, TVornState* st, const short* inp, cons
   EnhancedFrame fr{};
   fr.inp = inp;
   fr.aec_ref = aec_ref;
+  fr.reference_loud = ReferenceLoud(aec_ref);
   fr.mic_order = mic_order;
   FillBfParam(pm, st);
   RefreshNsParams(pm, st);
