@@ -22,11 +22,13 @@
 #include "adsp_aec/aec_core.h"
 #include "adsp_aec/aec_rdft.h"
 #include "adsp_bf/adsp_doa.h"
+#include "adsp_bf/mic_health.h"
 #include "adsp_bf/weight_tables.h"
 #include "adsp_ns/adsp_ns_kernels.h"
 #include "adsp_ns/adsp_ns_proc.h"
 #include "common/adsp_common_fft_rel.h"
 #include "common/adsp_common_util.h"
+#include "common/pcm_round.h"
 #include "common/simd4.h"
 
 #if !defined(VORN_SIMD4)
@@ -127,6 +129,29 @@ void Ramp(Inputs& in) {
   else NsRampOfRatioPlain(in.v.data(), in.out[0].data(), kNsBins);
 }
 
+template <bool kVector>
+void BeamAbsence(Inputs& in) {
+  // Three beams' periodograms over their noise: beam 0 above it in most bins.
+  const NsBeamPowers powers{{in.psd.data(), in.smoothed.data(), in.memory.data()},
+                            {in.noise.data(), in.minimum.data(), in.dav.data()},
+                            in.gamma.data()};
+  if constexpr (kVector) NsBeamAbsenceSimd(powers, in.out[0].data(), kNsBins);
+  else NsBeamAbsencePlain(powers, in.out[0].data(), kNsBins);
+}
+
+template <bool kVector>
+void RoundPcm(Inputs& in) {
+  auto* pcm = reinterpret_cast<short*>(in.work.data());
+  if constexpr (kVector) RoundToPcmSimd(in.frame.data(), pcm, 256);
+  else RoundToPcmPlain(in.frame.data(), pcm, 256);
+}
+
+template <bool kVector>
+void MicFrameStats(Inputs& in) {
+  const FrameStats stats = kVector ? FrameStatsSimd(in.frame.data()) : FrameStatsPlain(in.frame.data());
+  in.out[0][5] = stats.lo + stats.hi + stats.energy;
+}
+
 template <bool kVector, int kTaps>
 void Smooth(Inputs& in) {
   const float* taps = kTaps == 31 ? in.taps31.data() : in.taps3.data();
@@ -186,6 +211,10 @@ const Kernel kKernels[] = {
     {"ns_noise_update", "suppressor noise averages, 257 bins", NoiseUpdate<false>, NoiseUpdate<true>},
     {"ns_lsa_gain", "suppressor speech gain, 257 bins", LsaGain<false>, LsaGain<true>},
     {"ns_ramp", "suppressor likelihood ramp, 257 bins", Ramp<false>, Ramp<true>},
+    {"ns_beam_absence", "post filter's absence from three beams, 257 bins", BeamAbsence<false>, BeamAbsence<true>},
+    {"pcm_round", "rounding 256 samples to PCM (enhanced paths)", RoundPcm<false>, RoundPcm<true>},
+    {"mic_frame_stats", "a microphone frame's extremes and energy, 256 samples", MicFrameStats<false>,
+     MicFrameStats<true>},
     {"smooth_3", "3-tap smoothing, 257 bins", Smooth<false, 3>, Smooth<true, 3>},
     {"smooth_31", "31-tap smoothing, 257 bins", Smooth<false, 31>, Smooth<true, 31>},
     {"fft_512", "512-point forward transform", Transform512<false, false>, Transform512<true, false>},
