@@ -71,8 +71,9 @@ struct Inputs {
                      eta = r.Powers(kNsBins), gamma = r.Powers(kNsBins), taps31 = r.Uniform(31, 0, 0.1f),
                      taps3 = r.Uniform(3, 0, 0.5f), frame = r.Uniform(512, -1000, 1000),
                      block = r.Uniform(128, -1000, 1000), unit = r.Uniform(kDoaBandBins * 6, -1, 1),
-                     weight = r.Uniform(kDoaLowBin + kDoaBandBins + 64, 0, 1);
-  std::vector<float> out[5] = {std::vector<float>(1024), std::vector<float>(1024), std::vector<float>(1024),
+                     weight = r.Uniform(kDoaLowBin + kDoaBandBins + 64, 0, 1),
+                     spectra = r.Uniform(3 * 512, -1000, 1000);
+  std::vector<float> out[5] = {std::vector<float>(2048), std::vector<float>(2048), std::vector<float>(2048),
                                std::vector<float>(1024), std::vector<float>(1024)};
   std::vector<float> dav = r.Powers(kNsBins), dav_long = r.Powers(kNsBins);
   std::vector<float> work = std::vector<float>(512);
@@ -137,6 +138,20 @@ void BeamAbsence(Inputs& in) {
                             in.gamma.data()};
   if constexpr (kVector) NsBeamAbsenceSimd(powers, in.out[0].data(), kNsBins);
   else NsBeamAbsencePlain(powers, in.out[0].data(), kNsBins);
+}
+
+template <bool kVector>
+void DirectionWeights(Inputs& in) {
+  if constexpr (kVector) BfWeightSimd(in.psd.data(), in.noise.data(), in.out[0].data(), 256);
+  else BfWeightPlain(in.psd.data(), in.noise.data(), in.out[0].data(), 256);
+}
+
+template <bool kVector>
+void UnitBins(Inputs& in) {
+  const auto* f = reinterpret_cast<const float(*)[512]>(in.spectra.data());
+  auto* unit = reinterpret_cast<float(*)[3][2]>(in.out[0].data());
+  if constexpr (kVector) DoaUnitBinsSimd(f, unit);
+  else DoaUnitBinsPlain(f, unit);
 }
 
 template <bool kVector>
@@ -220,6 +235,8 @@ const Kernel kKernels[] = {
     {"fft_512", "512-point forward transform", Transform512<false, false>, Transform512<true, false>},
     {"ifft_512", "512-point inverse transform", Transform512<false, true>, Transform512<true, true>},
     {"doa_search", "direction search, 72 directions x 205 bins", DirectionSearch<false>, DirectionSearch<true>},
+    {"doa_weights", "direction search's bin weights, 256 bins", DirectionWeights<false>, DirectionWeights<true>},
+    {"doa_unit_bins", "direction search's unit-magnitude bins, 3 x 205", UnitBins<false>, UnitBins<true>},
     {"aec_cft1st", "canceller transform, first radix-4 stage", RdftStage<false, 0>, RdftStage<true, 0>},
     {"aec_cftmdl", "canceller transform, middle radix-4 stage", RdftStage<false, 1>, RdftStage<true, 1>},
     {"aec_rftfsub", "canceller transform, forward real split", RdftStage<false, 2>, RdftStage<true, 2>},
