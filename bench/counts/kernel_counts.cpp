@@ -74,7 +74,7 @@ struct Inputs {
                      weight = r.Uniform(kDoaLowBin + kDoaBandBins + 64, 0, 1),
                      spectra = r.Uniform(3 * 512, -1000, 1000);
   std::vector<float> out[5] = {std::vector<float>(2048), std::vector<float>(2048), std::vector<float>(2048),
-                               std::vector<float>(1024), std::vector<float>(1024)};
+                               std::vector<float>(2048), std::vector<float>(2048)};
   std::vector<float> dav = r.Powers(kNsBins), dav_long = r.Powers(kNsBins);
   std::vector<float> work = std::vector<float>(512);
   // A canceller with 12 partitions of far history and both filters filled.
