@@ -134,41 +134,98 @@ int GscVad(T_AudioDspState* st, float bm_f[3][512], float* fbf_f) {
   return snr > 0.2f + st->long_snr ? 1 : 0;
 }
 
+namespace {
+
+float SmoothedNoiseAt(const float fd_ref[3][512], const float* noise, int k) {
+  float p = 0.0f;
+  for (int j = 0; j < kOutputs; ++j)
+    p += fd_ref[j][k] * fd_ref[j][k] + fd_ref[j][kBfFftLen - k] * fd_ref[j][kBfFftLen - k];
+  return kSmooth * noise[k] + kStep * p;
+}
+
+// DC and Nyquist: real only.
+void SmoothEdgeNoise(const float fd_ref[3][512], float* noise) {
+  float p = fd_ref[0][0] * fd_ref[0][0] + fd_ref[1][0] * fd_ref[1][0] + fd_ref[2][0] * fd_ref[2][0];
+  noise[0] = kSmooth * noise[0] + kStep * p;
+  p = fd_ref[0][kHalf] * fd_ref[0][kHalf] + fd_ref[1][kHalf] * fd_ref[1][kHalf] + fd_ref[2][kHalf] * fd_ref[2][kHalf];
+  noise[kHalf] = kSmooth * noise[kHalf] + kStep * p;
+}
+
+void MoveEdges(const float* err, const float* r, const float* noise, float* g) {
+  g[0] += kStep * err[0] * r[0] / std::fmax(noise[0], kPowerFloor);
+  g[kHalf] += kStep * err[kHalf] * r[kHalf] / std::fmax(noise[kHalf], kPowerFloor);
+}
+
+void MoveFilterAt(const float* err, const float* r, const float* noise, float* g, int k) {
+  const float e_re = err[k], e_im = err[kBfFftLen - k];
+  const float r_re = r[k], r_im = r[kBfFftLen - k];
+  const float norm = std::fmax(noise[k], kPowerFloor);
+  // E times the conjugate of R: correlation of error and reference.
+  g[k] += kStep * (e_re * r_re + e_im * r_im) / norm;
+  g[kBfFftLen - k] += kStep * (e_im * r_re - e_re * r_im) / norm;
+}
+
+}  // namespace
+
+void GscStepPlain(const float* err, const float fd_ref[3][512], float* noise, float* const filters[3]) {
+  SmoothEdgeNoise(fd_ref, noise);
+  for (int k = 1; k < kHalf; ++k) noise[k] = SmoothedNoiseAt(fd_ref, noise, k);
+  for (int j = 0; j < kOutputs; ++j) {
+    MoveEdges(err, fd_ref[j], noise, filters[j]);
+    for (int k = 1; k < kHalf; ++k) MoveFilterAt(err, fd_ref[j], noise, filters[j], k);
+  }
+}
+
+#if defined(VORN_SIMD4)
+// Bins 1 to 252 four at a time: the real parts rise through the packed
+// spectra, the imaginary parts fall through their upper halves and are read
+// and written backwards. The floor is a selection, which gives fmax's result
+// for every value (a NaN takes the floor in both).
+void GscStepSimd(const float* err, const float fd_ref[3][512], float* noise, float* const filters[3]) {
+  using namespace simd;
+  const F4 smooth = Set1(kSmooth), step = Set1(kStep), floor = Set1(kPowerFloor);
+  SmoothEdgeNoise(fd_ref, noise);
+  int k = 1;
+  for (; k + 4 <= kHalf; k += 4) {
+    F4 p = Zero();
+    for (int j = 0; j < kOutputs; ++j) {
+      const F4 re = Load(fd_ref[j] + k), im = LoadReversed(fd_ref[j] + kBfFftLen - k);
+      p = Add(p, Add(Mul(re, re), Mul(im, im)));
+    }
+    Store(noise + k, Add(Mul(smooth, Load(noise + k)), Mul(step, p)));
+  }
+  for (; k < kHalf; ++k) noise[k] = SmoothedNoiseAt(fd_ref, noise, k);
+
+  for (int j = 0; j < kOutputs; ++j) {
+    const float* r = fd_ref[j];
+    float* g = filters[j];
+    MoveEdges(err, r, noise, g);
+    for (k = 1; k + 4 <= kHalf; k += 4) {
+      const F4 e_re = Load(err + k), e_im = LoadReversed(err + kBfFftLen - k);
+      const F4 r_re = Load(r + k), r_im = LoadReversed(r + kBfFftLen - k);
+      const F4 n = Load(noise + k);
+      const F4 norm = Select(Gt(n, floor), n, floor);
+      Store(g + k, Add(Load(g + k), Div(Mul(step, Add(Mul(e_re, r_re), Mul(e_im, r_im))), norm)));
+      StoreReversed(g + kBfFftLen - k,
+                    Add(LoadReversed(g + kBfFftLen - k), Div(Mul(step, Sub(Mul(e_im, r_re), Mul(e_re, r_im))), norm)));
+    }
+    for (; k < kHalf; ++k) MoveFilterAt(err, r, noise, g, k);
+  }
+}
+#endif
+
 void UpdateFilter(T_AudioDspState* st, float* td_out, float fd_ref[3][512]) {
   float err[kBfFftLen];
   for (int n = 0; n < kHalf; ++n) err[n] = 0.0f;
   for (int n = 0; n < kHalf; ++n) err[n + kHalf] = td_out[n];
   fft_rel(err, kBfFftLen, kBfFftOrder);
 
-  float* noise = st->noise;
-  {
-    float p = fd_ref[0][0] * fd_ref[0][0] + fd_ref[1][0] * fd_ref[1][0] + fd_ref[2][0] * fd_ref[2][0];
-    noise[0] = kSmooth * noise[0] + kStep * p;
-    p = fd_ref[0][kHalf] * fd_ref[0][kHalf] + fd_ref[1][kHalf] * fd_ref[1][kHalf] +
-        fd_ref[2][kHalf] * fd_ref[2][kHalf];
-    noise[kHalf] = kSmooth * noise[kHalf] + kStep * p;
-  }
-  for (int k = 1; k < kHalf; ++k) {
-    float p = 0.0f;
-    for (int j = 0; j < kOutputs; ++j)
-      p += fd_ref[j][k] * fd_ref[j][k] + fd_ref[j][kBfFftLen - k] * fd_ref[j][kBfFftLen - k];
-    noise[k] = kSmooth * noise[k] + kStep * p;
-  }
-
-  for (int j = 0; j < kOutputs; ++j) {
-    float* g = st->fd_g[j];
-    const float* r = fd_ref[j];
-    g[0] += kStep * err[0] * r[0] / std::fmax(noise[0], kPowerFloor);
-    g[kHalf] += kStep * err[kHalf] * r[kHalf] / std::fmax(noise[kHalf], kPowerFloor);
-    for (int k = 1; k < kHalf; ++k) {
-      const float e_re = err[k], e_im = err[kBfFftLen - k];
-      const float r_re = r[k], r_im = r[kBfFftLen - k];
-      const float norm = std::fmax(noise[k], kPowerFloor);
-      // E times the conjugate of R: correlation of error and reference.
-      g[k] += kStep * (e_re * r_re + e_im * r_im) / norm;
-      g[kBfFftLen - k] += kStep * (e_im * r_re - e_re * r_im) / norm;
-    }
-  }
+  float* const filters[kOutputs] = {st->fd_g[0], st->fd_g[1], st->fd_g[2]};
+#if defined(VORN_SIMD4)
+  GscStepSimd(err, fd_ref, st->noise, filters);
+#else
+  GscStepPlain(err, fd_ref, st->noise, filters);
+#endif
 
   // Constrain: keep the filters causal (256 taps) and their joint norm
   // capped. The taps are formed in place in the state: the norm needs all
