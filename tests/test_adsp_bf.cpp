@@ -234,10 +234,10 @@ TEST(AdaptGsc, OutputMayShareTheFixedBeamBlock) {
 }
 
 // With a zero error the gradient is zero and only the constraint acts.
-// The filter step's four-lane twin against its plain loop, bit for bit: spectra
-// of noise over several decades with zeros, infinities and NaN among them,
-// and noise powers below, at and above the floor.
-TEST(UpdateFilter, VectorStepGivesThePlainBits) {
+// The adaptive beam's blocking outputs and filter step against their plain
+// loops, bit for bit: spectra of noise over several decades with zeros,
+// infinities and NaN among them, and noise powers below, at and above the floor.
+TEST(AdaptiveBeam, VectorStepsGiveThePlainBits) {
 #if defined(VORN_SIMD4)
   const float specials[] = {0.0f, -0.0f, 1e-8f, 5e-9f, 1e-40f, std::numeric_limits<float>::infinity(),
                             std::numeric_limits<float>::quiet_NaN()};
@@ -258,6 +258,14 @@ TEST(UpdateFilter, VectorStepGivesThePlainBits) {
   std::vector<float> a = taps, b = taps;
   float* const fa[3] = {a.data(), a.data() + kBfFftLen, a.data() + 2 * kBfFftLen};
   float* const fb[3] = {b.data(), b.data() + kBfFftLen, b.data() + 2 * kBfFftLen};
+  // The blocking outputs of every matrix, from the same spectra.
+  for (const float* bm : {bm_0, bm_60, bm_300})
+    for (int j = 0; j < 3; ++j) {
+      std::vector<float> plain(kBfFftLen), fast(kBfFftLen);
+      GscBlockingPlain(bm, j, fd_ref, plain.data());
+      GscBlockingSimd(bm, j, fd_ref, fast.data());
+      EXPECT_EQ(std::memcmp(plain.data(), fast.data(), plain.size() * sizeof(float)), 0) << "blocking output " << j;
+    }
   GscStepPlain(err.data(), fd_ref, noise_a.data(), fa);
   GscStepSimd(err.data(), fd_ref, noise_b.data(), fb);
   EXPECT_EQ(std::memcmp(noise_a.data(), noise_b.data(), noise_a.size() * sizeof(float)), 0) << "noise";

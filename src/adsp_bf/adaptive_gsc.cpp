@@ -39,30 +39,6 @@ void CopyBlock(const float* from, float* to) {
   for (int i = 0; i < kBfFftLen; ++i) to[i] = from[i];
 }
 
-// Blocking output j of the hop: B_j(k) = sum_m bm_j,m(k) X_m(k), no
-// conjugation, microphones in order 0, 1, 2; DC and Nyquist real only.
-void BlockingOutput(const float* bm, int j, float f[3][512], float* blocked) {
-  float dc = 0.0f, nyquist = 0.0f;
-  for (int m = 0; m < kBfChannels; ++m) {
-    dc += bm[6 * j + 2 * m] * f[m][0];
-    nyquist += bm[18 * kHalf + 6 * j + 2 * m] * f[m][kHalf];
-  }
-  blocked[0] = dc;
-  blocked[kHalf] = nyquist;
-  for (int k = 1; k < kHalf; ++k) {
-    const float* w = bm + 18 * k + 6 * j;
-    float re = 0.0f, im = 0.0f;
-    for (int m = 0; m < kBfChannels; ++m) {
-      const float w_re = w[2 * m], w_im = w[2 * m + 1];
-      const float x_re = f[m][k], x_im = f[m][kBfFftLen - k];
-      re += w_re * x_re - w_im * x_im;
-      im += w_im * x_re + w_re * x_im;
-    }
-    blocked[k] = re;
-    blocked[kBfFftLen - k] = im;
-  }
-}
-
 float BandPower(const float* spectrum) {
   float sum = 0.0f;
   for (int k = kVadLowBin; k <= kVadHighBin; ++k) sum += spectrum[k] * spectrum[k] + spectrum[kBfFftLen - k] * spectrum[kBfFftLen - k];
@@ -70,6 +46,71 @@ float BandPower(const float* spectrum) {
 }
 
 }  // namespace
+
+namespace {
+
+void BlockingBinAt(const float* bm, int j, const float f[3][512], float* blocked, int k) {
+  const float* w = bm + 18 * k + 6 * j;
+  float re = 0.0f, im = 0.0f;
+  for (int m = 0; m < kBfChannels; ++m) {
+    const float w_re = w[2 * m], w_im = w[2 * m + 1];
+    const float x_re = f[m][k], x_im = f[m][kBfFftLen - k];
+    re += w_re * x_re - w_im * x_im;
+    im += w_im * x_re + w_re * x_im;
+  }
+  blocked[k] = re;
+  blocked[kBfFftLen - k] = im;
+}
+
+// DC and Nyquist: real only.
+void BlockingEdges(const float* bm, int j, const float f[3][512], float* blocked) {
+  float dc = 0.0f, nyquist = 0.0f;
+  for (int m = 0; m < kBfChannels; ++m) {
+    dc += bm[6 * j + 2 * m] * f[m][0];
+    nyquist += bm[18 * kHalf + 6 * j + 2 * m] * f[m][kHalf];
+  }
+  blocked[0] = dc;
+  blocked[kHalf] = nyquist;
+}
+
+}  // namespace
+
+void GscBlockingPlain(const float* bm, int j, const float f[3][512], float* blocked) {
+  BlockingEdges(bm, j, f, blocked);
+  for (int k = 1; k < kHalf; ++k) BlockingBinAt(bm, j, f, blocked, k);
+}
+
+#if defined(VORN_SIMD4)
+// Four bins per vector. The matrix holds 18 floats per bin; a 4 x 4 turn of
+// the four bins' floats from output j's start gives microphones 0 and 1 as
+// (re, im) lane vectors, one more from four floats on gives microphone 2
+// (the other two rows belong to the next output or bin and are dropped; the
+// last group's reads stay inside the matrix's 257 bins).
+void GscBlockingSimd(const float* bm, int j, const float f[3][512], float* blocked) {
+  using namespace simd;
+  BlockingEdges(bm, j, f, blocked);
+  int k = 1;
+  for (; k + 4 <= kHalf; k += 4) {
+    const float* w = bm + 18 * k + 6 * j;
+    F4 w_re[3], w_im[3];
+    F4 r0 = Load(w), r1 = Load(w + 18), r2 = Load(w + 36), r3 = Load(w + 54);
+    Transpose(r0, r1, r2, r3);
+    w_re[0] = r0, w_im[0] = r1, w_re[1] = r2, w_im[1] = r3;
+    r0 = Load(w + 4), r1 = Load(w + 22), r2 = Load(w + 40), r3 = Load(w + 58);
+    Transpose(r0, r1, r2, r3);
+    w_re[2] = r0, w_im[2] = r1;
+    F4 re = Zero(), im = Zero();
+    for (int m = 0; m < kBfChannels; ++m) {
+      const F4 x_re = Load(f[m] + k), x_im = LoadReversed(f[m] + kBfFftLen - k);
+      re = Add(re, Sub(Mul(w_re[m], x_re), Mul(w_im[m], x_im)));
+      im = Add(im, Add(Mul(w_im[m], x_re), Mul(w_re[m], x_im)));
+    }
+    Store(blocked + k, re);
+    StoreReversed(blocked + kBfFftLen - k, im);
+  }
+  for (; k < kHalf; ++k) BlockingBinAt(bm, j, f, blocked, k);
+}
+#endif
 
 // Stack: a device thread has little of it, so the hop keeps only what must
 // outlive a step: the three reference spectra (read again by the detector and
@@ -91,7 +132,11 @@ void Adapt_GSC(T_AudioDspState* st, float f[3][512], float* fbf, int angle, floa
   float ref[kOutputs][kBfFftLen];
   float noise_est[kBfFftLen];
   for (int j = 0; j < kOutputs; ++j) {
-    BlockingOutput(bm, j, f, work);
+#if defined(VORN_SIMD4)
+    GscBlockingSimd(bm, j, f, work);
+#else
+    GscBlockingPlain(bm, j, f, work);
+#endif
     ifft_rel(work, kBfFftLen, kBfFftOrder);
     FrameShiftSave(st->td_bm_out[j], work + kHalf);
     CopyBlock(st->td_bm_out[j], ref[j]);
