@@ -45,10 +45,6 @@ float BandPower(const float* spectrum) {
   return sum;
 }
 
-}  // namespace
-
-namespace {
-
 void BlockingBinAt(const float* bm, int j, const float f[3][512], float* blocked, int k) {
   const float* w = bm + 18 * k + 6 * j;
   float re = 0.0f, im = 0.0f;
