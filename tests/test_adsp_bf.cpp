@@ -5,7 +5,9 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <cstdint>
 #include <cstring>
+#include <limits>
 #include <tuple>
 #include <vector>
 
@@ -232,6 +234,47 @@ TEST(AdaptGsc, OutputMayShareTheFixedBeamBlock) {
 }
 
 // With a zero error the gradient is zero and only the constraint acts.
+// The adaptive beam's blocking outputs and filter step against their plain
+// loops, bit for bit: spectra of noise over several decades with zeros,
+// infinities and NaN among them, and noise powers below, at and above the floor.
+TEST(AdaptiveBeam, VectorStepsGiveThePlainBits) {
+#if defined(VORN_SIMD4)
+  const float specials[] = {0.0f, -0.0f, 1e-8f, 5e-9f, 1e-40f, std::numeric_limits<float>::infinity(),
+                            std::numeric_limits<float>::quiet_NaN()};
+  const auto values = [&](int n, std::uint32_t seed) {
+    const sim::Signal x = sim::WhiteNoise(n, 1.0, seed);
+    std::vector<float> v(n);
+    for (int i = 0; i < n; ++i)
+      v[i] = i % 13 == 5 ? specials[(i / 13) % 7] : x[i] * std::pow(10.0f, static_cast<float>(i % 9) - 4.0f);
+    return v;
+  };
+  const std::vector<float> err = values(kBfFftLen, 41), refs = values(3 * kBfFftLen, 42);
+  float fd_ref[3][512];
+  std::copy_n(refs.begin(), 3 * kBfFftLen, &fd_ref[0][0]);
+  std::vector<float> noise_a = values(kBfFftLen / 2 + 1, 43);
+  for (float& n : noise_a) n = std::fabs(n) * 1e-4f;  // many below the floor
+  std::vector<float> noise_b = noise_a;
+  const std::vector<float> taps = values(3 * kBfFftLen, 44);
+  std::vector<float> a = taps, b = taps;
+  float* const fa[3] = {a.data(), a.data() + kBfFftLen, a.data() + 2 * kBfFftLen};
+  float* const fb[3] = {b.data(), b.data() + kBfFftLen, b.data() + 2 * kBfFftLen};
+  // The blocking outputs of every matrix, from the same spectra.
+  for (const float* bm : {bm_0, bm_60, bm_300})
+    for (int j = 0; j < 3; ++j) {
+      std::vector<float> plain(kBfFftLen), fast(kBfFftLen);
+      GscBlockingPlain(bm, j, fd_ref, plain.data());
+      GscBlockingSimd(bm, j, fd_ref, fast.data());
+      EXPECT_EQ(std::memcmp(plain.data(), fast.data(), plain.size() * sizeof(float)), 0) << "blocking output " << j;
+    }
+  GscStepPlain(err.data(), fd_ref, noise_a.data(), fa);
+  GscStepSimd(err.data(), fd_ref, noise_b.data(), fb);
+  EXPECT_EQ(std::memcmp(noise_a.data(), noise_b.data(), noise_a.size() * sizeof(float)), 0) << "noise";
+  EXPECT_EQ(std::memcmp(a.data(), b.data(), a.size() * sizeof(float)), 0) << "filters";
+#else
+  GTEST_SKIP() << "no four-lane vectors in this build";
+#endif
+}
+
 TEST(UpdateFilter, CapsTheJointTapNormOfAllThreeFilters) {
   for (const auto& [per_filter_norm, capped] : {std::pair{0.5, true}, std::pair{0.3, false}}) {
     SCOPED_TRACE(per_filter_norm);

@@ -4,7 +4,9 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
 #include <cstring>
+#include <limits>
 #include <utility>
 #include <tuple>
 #include <vector>
@@ -104,6 +106,43 @@ TEST(DoaSteeredPower, VectorSearchMatchesThePlainLoopBitForBit) {
       }
 #endif
     }
+  }
+#else
+  GTEST_SKIP() << "no four-lane vectors in this build";
+#endif
+}
+
+// The per-bin steps around the search, against their plain loops: spectra
+// and powers of noise over ten decades with zeros, values under the
+// magnitude floor, infinities and NaN among them.
+TEST(DoaKernels, VectorTwinsGiveThePlainBits) {
+#if defined(VORN_SIMD4)
+  const float inf = std::numeric_limits<float>::infinity(), nan = std::numeric_limits<float>::quiet_NaN();
+  const float specials[] = {0.0f, -0.0f, 1e-9f, -3e-9f, 1e-40f, 1e-8f, inf, -inf, nan, 3e38f};
+  const auto values = [&](int n, std::uint32_t seed) {
+    const sim::Signal x = sim::WhiteNoise(n, 1.0, seed);
+    std::vector<float> v(n);
+    for (int i = 0; i < n; ++i)
+      v[i] = i % 7 == 3 ? specials[(i / 7) % 10] : x[i] * std::pow(10.0f, static_cast<float>(i % 11) - 5.0f);
+    return v;
+  };
+  const std::vector<float> spectra = values(3 * kBfFftLen, 31);
+  float f[3][512];
+  std::copy_n(spectra.begin(), 3 * kBfFftLen, &f[0][0]);
+  float plain[kDoaBandBins][3][2], fast[kDoaBandBins][3][2];
+  DoaUnitBinsPlain(f, plain);
+  DoaUnitBinsSimd(f, fast);
+  EXPECT_EQ(std::memcmp(plain, fast, sizeof(plain)), 0) << "unit bins";
+
+  // Powers: squares, so not negative; noise as the tracker keeps it.
+  std::vector<float> power = values(kBfFftLen / 2, 32), noise = values(kBfFftLen / 2, 33);
+  for (float& p : power) p *= p;
+  for (float& n : noise) n = std::fabs(n);
+  for (int len : {kBfFftLen / 2, 7}) {
+    std::vector<float> a(len), b(len);
+    BfWeightPlain(power.data(), noise.data(), a.data(), len);
+    BfWeightSimd(power.data(), noise.data(), b.data(), len);
+    EXPECT_EQ(std::memcmp(a.data(), b.data(), len * sizeof(float)), 0) << "weights over " << len << " bins";
   }
 #else
   GTEST_SKIP() << "no four-lane vectors in this build";

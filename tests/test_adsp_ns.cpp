@@ -176,7 +176,7 @@ TEST(NsKernels, VectorTwinsGiveThePlainBits) {
     }
     return x;
   };
-  for (int len : {kNsBins, 21, 7, 3}) {  // 21: eight-lane vectors, then four, then one
+  for (int len : {kNsBins, 21, 8, 7, 3}) {  // 21: eight-lane vectors, then four, then one; 8: whole vectors
     SCOPED_TRACE(testing::Message() << len << " bins");
     const std::vector<float> psd = input(0, len), noise = input(1, len), memory = input(2, len),
                              minimum = input(3, len), smoothed = input(4, len), presence = input(5, len);
@@ -254,6 +254,40 @@ TEST(NsKernels, VectorTwinsGiveThePlainBits) {
       EXPECT_EQ(std::memcmp(a[1].data(), b[1].data(), len * sizeof(float)), 0) << "eight-lane gain presence";
     }
 #endif
+    // The post filter's absence rule. Beam 0's excess over beam 1's steps by
+    // quarters and its SNR by eighths, so the knees (ratio 1 and 1.75, SNR
+    // 0.5 and 2) are met exactly; every fifth bin of a beam is noise with
+    // specials in it.
+    std::vector<float> beam_s[3], beam_noise[3], snr(len);
+    for (int beam = 0; beam < 3; ++beam) {
+      const std::vector<float> raw_s = input(16 + beam, len), raw_noise = input(19 + beam, len);
+      std::vector<float> &sb = beam_s[beam], &nb = beam_noise[beam];
+      sb.resize(len);
+      nb.resize(len);
+      for (int k = 0; k < len; ++k) {
+        const float excess = beam == 0 ? 0.25f * static_cast<float>(k % 11)
+                             : beam == 1 ? 1.0f
+                                         : 0.5f * static_cast<float>((k / 11) % 3);
+        const bool special = (k + beam) % 5 == 0;
+        nb[k] = special ? raw_noise[k] : 1.0f;
+        sb[k] = special ? raw_s[k] : 1.0f + excess;
+      }
+    }
+    for (int k = 0; k < len; ++k) snr[k] = k % 5 == 2 ? psd[k] : 0.125f * static_cast<float>(k % 23);
+    // The last bin, compared against the other beams, would come out at 0.998.
+    beam_s[0][len - 1] = 1.5f;
+    beam_noise[0][len - 1] = 1.0f;
+    snr[len - 1] = 1.0f;
+    const NsBeamPowers powers{{beam_s[0].data(), beam_s[1].data(), beam_s[2].data()},
+                              {beam_noise[0].data(), beam_noise[1].data(), beam_noise[2].data()},
+                              snr.data()};
+    NsBeamAbsencePlain(powers, a[2].data(), len);
+    NsBeamAbsenceSimd(powers, b[2].data(), len);
+    EXPECT_EQ(std::memcmp(a[2].data(), b[2].data(), len * sizeof(float)), 0) << "beam absence";
+    if (len == kNsBins) {  // every outcome of the rule is met
+      EXPECT_TRUE(std::count(a[2].begin(), a[2].end(), 0.01f) > 0);
+      EXPECT_TRUE(std::count_if(a[2].begin(), a[2].end(), [](float x) { return x > 0.01f && x < 0.998f; }) > 0);
+    }
   }
 #else
   GTEST_SKIP() << "no four-lane vectors in this build";

@@ -413,7 +413,7 @@ TEST(EnhancedBeam, LearnedBeamKeepsMicrophoneZerosImageOfATalkerInARoom) {
 }
 
 TEST(EnhancedBeam, FastPathsGiveTheBitsOfTheirPlainTwins) {
-#if defined(__SSE2__)
+#if defined(VORN_SIMD4)
   // Rounding to PCM: ties, the rails and just past them, infinities, NaN,
   // and a long run of ordinary values with an odd tail.
   std::vector<float> x = {0.5f,     1.5f,      2.5f,      -0.5f,    -2.5f,    32766.5f, 32767.0f,
@@ -424,7 +424,7 @@ TEST(EnhancedBeam, FastPathsGiveTheBitsOfTheirPlainTwins) {
   x.insert(x.end(), noise.begin(), noise.end());
   std::vector<short> plain(x.size()), fast(x.size());
   RoundToPcmPlain(x.data(), plain.data(), static_cast<int>(x.size()));
-  RoundToPcmSse2(x.data(), fast.data(), static_cast<int>(x.size()));
+  RoundToPcmSimd(x.data(), fast.data(), static_cast<int>(x.size()));
   EXPECT_EQ(plain, fast);
   EXPECT_EQ(std::vector<short>(plain.begin(), plain.begin() + 17),
             (std::vector<short>{0, 2, 2, 0, -2, 32766, 32767, 32767, 32767, -32768, -32768, -32768, 0, 0, 32767,
@@ -435,14 +435,14 @@ TEST(EnhancedBeam, FastPathsGiveTheBitsOfTheirPlainTwins) {
     Signal frame = sim::WhiteNoise(kHop, 8000.0 * seed, seed);
     for (float& v : frame) v = std::round(std::clamp(v, -32768.0f, 32767.0f));
     frame[seed * 7] = -32768.0f;
-    const FrameStats a = FrameStatsPlain(frame.data()), b = FrameStatsSse2(frame.data());
+    const FrameStats a = FrameStatsPlain(frame.data()), b = FrameStatsSimd(frame.data());
     EXPECT_EQ(a.lo, b.lo);
     EXPECT_EQ(a.hi, b.hi);
     EXPECT_EQ(a.energy, b.energy);
     EXPECT_EQ(a.lo, -32768.0f);
   }
 #else
-  GTEST_SKIP() << "no SSE2 in this build";
+  GTEST_SKIP() << "no four-lane vectors in this build";
 #endif
 }
 

@@ -22,11 +22,13 @@
 #include "adsp_aec/aec_core.h"
 #include "adsp_aec/aec_rdft.h"
 #include "adsp_bf/adsp_doa.h"
+#include "adsp_bf/mic_health.h"
 #include "adsp_bf/weight_tables.h"
 #include "adsp_ns/adsp_ns_kernels.h"
 #include "adsp_ns/adsp_ns_proc.h"
 #include "common/adsp_common_fft_rel.h"
 #include "common/adsp_common_util.h"
+#include "common/pcm_round.h"
 #include "common/simd4.h"
 
 #if !defined(VORN_SIMD4)
@@ -69,9 +71,10 @@ struct Inputs {
                      eta = r.Powers(kNsBins), gamma = r.Powers(kNsBins), taps31 = r.Uniform(31, 0, 0.1f),
                      taps3 = r.Uniform(3, 0, 0.5f), frame = r.Uniform(512, -1000, 1000),
                      block = r.Uniform(128, -1000, 1000), unit = r.Uniform(kDoaBandBins * 6, -1, 1),
-                     weight = r.Uniform(kDoaLowBin + kDoaBandBins + 64, 0, 1);
-  std::vector<float> out[5] = {std::vector<float>(1024), std::vector<float>(1024), std::vector<float>(1024),
-                               std::vector<float>(1024), std::vector<float>(1024)};
+                     weight = r.Uniform(kDoaLowBin + kDoaBandBins + 64, 0, 1),
+                     spectra = r.Uniform(3 * 512, -1000, 1000);
+  std::vector<float> out[5] = {std::vector<float>(2048), std::vector<float>(2048), std::vector<float>(2048),
+                               std::vector<float>(2048), std::vector<float>(2048)};
   std::vector<float> dav = r.Powers(kNsBins), dav_long = r.Powers(kNsBins);
   std::vector<float> work = std::vector<float>(512);
   // A canceller with 12 partitions of far history and both filters filled.
@@ -125,6 +128,43 @@ template <bool kVector>
 void Ramp(Inputs& in) {
   if constexpr (kVector) NsRampOfRatioSimd(in.v.data(), in.out[0].data(), kNsBins);
   else NsRampOfRatioPlain(in.v.data(), in.out[0].data(), kNsBins);
+}
+
+template <bool kVector>
+void BeamAbsence(Inputs& in) {
+  // Three beams' periodograms over their noise: beam 0 above it in most bins.
+  const NsBeamPowers powers{{in.psd.data(), in.smoothed.data(), in.memory.data()},
+                            {in.noise.data(), in.minimum.data(), in.dav.data()},
+                            in.gamma.data()};
+  if constexpr (kVector) NsBeamAbsenceSimd(powers, in.out[0].data(), kNsBins);
+  else NsBeamAbsencePlain(powers, in.out[0].data(), kNsBins);
+}
+
+template <bool kVector>
+void DirectionWeights(Inputs& in) {
+  if constexpr (kVector) BfWeightSimd(in.psd.data(), in.noise.data(), in.out[0].data(), 256);
+  else BfWeightPlain(in.psd.data(), in.noise.data(), in.out[0].data(), 256);
+}
+
+template <bool kVector>
+void UnitBins(Inputs& in) {
+  const auto* f = reinterpret_cast<const float(*)[512]>(in.spectra.data());
+  auto* unit = reinterpret_cast<float(*)[3][2]>(in.out[0].data());
+  if constexpr (kVector) DoaUnitBinsSimd(f, unit);
+  else DoaUnitBinsPlain(f, unit);
+}
+
+template <bool kVector>
+void RoundPcm(Inputs& in) {
+  auto* pcm = reinterpret_cast<short*>(in.work.data());
+  if constexpr (kVector) RoundToPcmSimd(in.frame.data(), pcm, 256);
+  else RoundToPcmPlain(in.frame.data(), pcm, 256);
+}
+
+template <bool kVector>
+void MicFrameStats(Inputs& in) {
+  const FrameStats stats = kVector ? FrameStatsSimd(in.frame.data()) : FrameStatsPlain(in.frame.data());
+  in.out[0][5] = stats.lo + stats.hi + stats.energy;
 }
 
 template <bool kVector, int kTaps>
@@ -186,11 +226,17 @@ const Kernel kKernels[] = {
     {"ns_noise_update", "suppressor noise averages, 257 bins", NoiseUpdate<false>, NoiseUpdate<true>},
     {"ns_lsa_gain", "suppressor speech gain, 257 bins", LsaGain<false>, LsaGain<true>},
     {"ns_ramp", "suppressor likelihood ramp, 257 bins", Ramp<false>, Ramp<true>},
+    {"ns_beam_absence", "post filter's absence from three beams, 257 bins", BeamAbsence<false>, BeamAbsence<true>},
+    {"pcm_round", "rounding 256 samples to PCM (enhanced paths)", RoundPcm<false>, RoundPcm<true>},
+    {"mic_frame_stats", "a microphone frame's extremes and energy, 256 samples", MicFrameStats<false>,
+     MicFrameStats<true>},
     {"smooth_3", "3-tap smoothing, 257 bins", Smooth<false, 3>, Smooth<true, 3>},
     {"smooth_31", "31-tap smoothing, 257 bins", Smooth<false, 31>, Smooth<true, 31>},
     {"fft_512", "512-point forward transform", Transform512<false, false>, Transform512<true, false>},
     {"ifft_512", "512-point inverse transform", Transform512<false, true>, Transform512<true, true>},
     {"doa_search", "direction search, 72 directions x 205 bins", DirectionSearch<false>, DirectionSearch<true>},
+    {"doa_weights", "direction search's bin weights, 256 bins", DirectionWeights<false>, DirectionWeights<true>},
+    {"doa_unit_bins", "direction search's unit-magnitude bins, 3 x 205", UnitBins<false>, UnitBins<true>},
     {"aec_cft1st", "canceller transform, first radix-4 stage", RdftStage<false, 0>, RdftStage<true, 0>},
     {"aec_cftmdl", "canceller transform, middle radix-4 stage", RdftStage<false, 1>, RdftStage<true, 1>},
     {"aec_rftfsub", "canceller transform, forward real split", RdftStage<false, 2>, RdftStage<true, 2>},

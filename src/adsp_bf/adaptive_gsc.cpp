@@ -39,9 +39,27 @@ void CopyBlock(const float* from, float* to) {
   for (int i = 0; i < kBfFftLen; ++i) to[i] = from[i];
 }
 
-// Blocking output j of the hop: B_j(k) = sum_m bm_j,m(k) X_m(k), no
-// conjugation, microphones in order 0, 1, 2; DC and Nyquist real only.
-void BlockingOutput(const float* bm, int j, float f[3][512], float* blocked) {
+float BandPower(const float* spectrum) {
+  float sum = 0.0f;
+  for (int k = kVadLowBin; k <= kVadHighBin; ++k) sum += spectrum[k] * spectrum[k] + spectrum[kBfFftLen - k] * spectrum[kBfFftLen - k];
+  return sum;
+}
+
+void BlockingBinAt(const float* bm, int j, const float f[3][512], float* blocked, int k) {
+  const float* w = bm + 18 * k + 6 * j;
+  float re = 0.0f, im = 0.0f;
+  for (int m = 0; m < kBfChannels; ++m) {
+    const float w_re = w[2 * m], w_im = w[2 * m + 1];
+    const float x_re = f[m][k], x_im = f[m][kBfFftLen - k];
+    re += w_re * x_re - w_im * x_im;
+    im += w_im * x_re + w_re * x_im;
+  }
+  blocked[k] = re;
+  blocked[kBfFftLen - k] = im;
+}
+
+// DC and Nyquist: real only.
+void BlockingEdges(const float* bm, int j, const float f[3][512], float* blocked) {
   float dc = 0.0f, nyquist = 0.0f;
   for (int m = 0; m < kBfChannels; ++m) {
     dc += bm[6 * j + 2 * m] * f[m][0];
@@ -49,27 +67,46 @@ void BlockingOutput(const float* bm, int j, float f[3][512], float* blocked) {
   }
   blocked[0] = dc;
   blocked[kHalf] = nyquist;
-  for (int k = 1; k < kHalf; ++k) {
-    const float* w = bm + 18 * k + 6 * j;
-    float re = 0.0f, im = 0.0f;
-    for (int m = 0; m < kBfChannels; ++m) {
-      const float w_re = w[2 * m], w_im = w[2 * m + 1];
-      const float x_re = f[m][k], x_im = f[m][kBfFftLen - k];
-      re += w_re * x_re - w_im * x_im;
-      im += w_im * x_re + w_re * x_im;
-    }
-    blocked[k] = re;
-    blocked[kBfFftLen - k] = im;
-  }
-}
-
-float BandPower(const float* spectrum) {
-  float sum = 0.0f;
-  for (int k = kVadLowBin; k <= kVadHighBin; ++k) sum += spectrum[k] * spectrum[k] + spectrum[kBfFftLen - k] * spectrum[kBfFftLen - k];
-  return sum;
 }
 
 }  // namespace
+
+void GscBlockingPlain(const float* bm, int j, const float f[3][512], float* blocked) {
+  BlockingEdges(bm, j, f, blocked);
+  for (int k = 1; k < kHalf; ++k) BlockingBinAt(bm, j, f, blocked, k);
+}
+
+#if defined(VORN_SIMD4)
+// Four bins per vector. The matrix holds 18 floats per bin; a 4 x 4 turn of
+// the four bins' floats from output j's start gives microphones 0 and 1 as
+// (re, im) lane vectors, one more from four floats on gives microphone 2
+// (the other two rows belong to the next output or bin and are dropped; the
+// last group's reads stay inside the matrix's 257 bins).
+void GscBlockingSimd(const float* bm, int j, const float f[3][512], float* blocked) {
+  using namespace simd;
+  BlockingEdges(bm, j, f, blocked);
+  int k = 1;
+  for (; k + 4 <= kHalf; k += 4) {
+    const float* w = bm + 18 * k + 6 * j;
+    F4 w_re[3], w_im[3];
+    F4 r0 = Load(w), r1 = Load(w + 18), r2 = Load(w + 36), r3 = Load(w + 54);
+    Transpose(r0, r1, r2, r3);
+    w_re[0] = r0, w_im[0] = r1, w_re[1] = r2, w_im[1] = r3;
+    r0 = Load(w + 4), r1 = Load(w + 22), r2 = Load(w + 40), r3 = Load(w + 58);
+    Transpose(r0, r1, r2, r3);
+    w_re[2] = r0, w_im[2] = r1;
+    F4 re = Zero(), im = Zero();
+    for (int m = 0; m < kBfChannels; ++m) {
+      const F4 x_re = Load(f[m] + k), x_im = LoadReversed(f[m] + kBfFftLen - k);
+      re = Add(re, Sub(Mul(w_re[m], x_re), Mul(w_im[m], x_im)));
+      im = Add(im, Add(Mul(w_im[m], x_re), Mul(w_re[m], x_im)));
+    }
+    Store(blocked + k, re);
+    StoreReversed(blocked + kBfFftLen - k, im);
+  }
+  for (; k < kHalf; ++k) BlockingBinAt(bm, j, f, blocked, k);
+}
+#endif
 
 // Stack: a device thread has little of it, so the hop keeps only what must
 // outlive a step: the three reference spectra (read again by the detector and
@@ -91,7 +128,11 @@ void Adapt_GSC(T_AudioDspState* st, float f[3][512], float* fbf, int angle, floa
   float ref[kOutputs][kBfFftLen];
   float noise_est[kBfFftLen];
   for (int j = 0; j < kOutputs; ++j) {
-    BlockingOutput(bm, j, f, work);
+#if defined(VORN_SIMD4)
+    GscBlockingSimd(bm, j, f, work);
+#else
+    GscBlockingPlain(bm, j, f, work);
+#endif
     ifft_rel(work, kBfFftLen, kBfFftOrder);
     FrameShiftSave(st->td_bm_out[j], work + kHalf);
     CopyBlock(st->td_bm_out[j], ref[j]);
@@ -134,41 +175,98 @@ int GscVad(T_AudioDspState* st, float bm_f[3][512], float* fbf_f) {
   return snr > 0.2f + st->long_snr ? 1 : 0;
 }
 
+namespace {
+
+float SmoothedNoiseAt(const float fd_ref[3][512], const float* noise, int k) {
+  float p = 0.0f;
+  for (int j = 0; j < kOutputs; ++j)
+    p += fd_ref[j][k] * fd_ref[j][k] + fd_ref[j][kBfFftLen - k] * fd_ref[j][kBfFftLen - k];
+  return kSmooth * noise[k] + kStep * p;
+}
+
+// DC and Nyquist: real only.
+void SmoothEdgeNoise(const float fd_ref[3][512], float* noise) {
+  float p = fd_ref[0][0] * fd_ref[0][0] + fd_ref[1][0] * fd_ref[1][0] + fd_ref[2][0] * fd_ref[2][0];
+  noise[0] = kSmooth * noise[0] + kStep * p;
+  p = fd_ref[0][kHalf] * fd_ref[0][kHalf] + fd_ref[1][kHalf] * fd_ref[1][kHalf] + fd_ref[2][kHalf] * fd_ref[2][kHalf];
+  noise[kHalf] = kSmooth * noise[kHalf] + kStep * p;
+}
+
+void MoveEdges(const float* err, const float* r, const float* noise, float* g) {
+  g[0] += kStep * err[0] * r[0] / std::fmax(noise[0], kPowerFloor);
+  g[kHalf] += kStep * err[kHalf] * r[kHalf] / std::fmax(noise[kHalf], kPowerFloor);
+}
+
+void MoveFilterAt(const float* err, const float* r, const float* noise, float* g, int k) {
+  const float e_re = err[k], e_im = err[kBfFftLen - k];
+  const float r_re = r[k], r_im = r[kBfFftLen - k];
+  const float norm = std::fmax(noise[k], kPowerFloor);
+  // E times the conjugate of R: correlation of error and reference.
+  g[k] += kStep * (e_re * r_re + e_im * r_im) / norm;
+  g[kBfFftLen - k] += kStep * (e_im * r_re - e_re * r_im) / norm;
+}
+
+}  // namespace
+
+void GscStepPlain(const float* err, const float fd_ref[3][512], float* noise, float* const filters[3]) {
+  SmoothEdgeNoise(fd_ref, noise);
+  for (int k = 1; k < kHalf; ++k) noise[k] = SmoothedNoiseAt(fd_ref, noise, k);
+  for (int j = 0; j < kOutputs; ++j) {
+    MoveEdges(err, fd_ref[j], noise, filters[j]);
+    for (int k = 1; k < kHalf; ++k) MoveFilterAt(err, fd_ref[j], noise, filters[j], k);
+  }
+}
+
+#if defined(VORN_SIMD4)
+// Bins 1 to 252 four at a time: the real parts rise through the packed
+// spectra, the imaginary parts fall through their upper halves and are read
+// and written backwards. The floor is a selection, which gives fmax's result
+// for every value (a NaN takes the floor in both).
+void GscStepSimd(const float* err, const float fd_ref[3][512], float* noise, float* const filters[3]) {
+  using namespace simd;
+  const F4 smooth = Set1(kSmooth), step = Set1(kStep), floor = Set1(kPowerFloor);
+  SmoothEdgeNoise(fd_ref, noise);
+  int k = 1;
+  for (; k + 4 <= kHalf; k += 4) {
+    F4 p = Zero();
+    for (int j = 0; j < kOutputs; ++j) {
+      const F4 re = Load(fd_ref[j] + k), im = LoadReversed(fd_ref[j] + kBfFftLen - k);
+      p = Add(p, Add(Mul(re, re), Mul(im, im)));
+    }
+    Store(noise + k, Add(Mul(smooth, Load(noise + k)), Mul(step, p)));
+  }
+  for (; k < kHalf; ++k) noise[k] = SmoothedNoiseAt(fd_ref, noise, k);
+
+  for (int j = 0; j < kOutputs; ++j) {
+    const float* r = fd_ref[j];
+    float* g = filters[j];
+    MoveEdges(err, r, noise, g);
+    for (k = 1; k + 4 <= kHalf; k += 4) {
+      const F4 e_re = Load(err + k), e_im = LoadReversed(err + kBfFftLen - k);
+      const F4 r_re = Load(r + k), r_im = LoadReversed(r + kBfFftLen - k);
+      const F4 n = Load(noise + k);
+      const F4 norm = Select(Gt(n, floor), n, floor);
+      Store(g + k, Add(Load(g + k), Div(Mul(step, Add(Mul(e_re, r_re), Mul(e_im, r_im))), norm)));
+      StoreReversed(g + kBfFftLen - k,
+                    Add(LoadReversed(g + kBfFftLen - k), Div(Mul(step, Sub(Mul(e_im, r_re), Mul(e_re, r_im))), norm)));
+    }
+    for (; k < kHalf; ++k) MoveFilterAt(err, r, noise, g, k);
+  }
+}
+#endif
+
 void UpdateFilter(T_AudioDspState* st, float* td_out, float fd_ref[3][512]) {
   float err[kBfFftLen];
   for (int n = 0; n < kHalf; ++n) err[n] = 0.0f;
   for (int n = 0; n < kHalf; ++n) err[n + kHalf] = td_out[n];
   fft_rel(err, kBfFftLen, kBfFftOrder);
 
-  float* noise = st->noise;
-  {
-    float p = fd_ref[0][0] * fd_ref[0][0] + fd_ref[1][0] * fd_ref[1][0] + fd_ref[2][0] * fd_ref[2][0];
-    noise[0] = kSmooth * noise[0] + kStep * p;
-    p = fd_ref[0][kHalf] * fd_ref[0][kHalf] + fd_ref[1][kHalf] * fd_ref[1][kHalf] +
-        fd_ref[2][kHalf] * fd_ref[2][kHalf];
-    noise[kHalf] = kSmooth * noise[kHalf] + kStep * p;
-  }
-  for (int k = 1; k < kHalf; ++k) {
-    float p = 0.0f;
-    for (int j = 0; j < kOutputs; ++j)
-      p += fd_ref[j][k] * fd_ref[j][k] + fd_ref[j][kBfFftLen - k] * fd_ref[j][kBfFftLen - k];
-    noise[k] = kSmooth * noise[k] + kStep * p;
-  }
-
-  for (int j = 0; j < kOutputs; ++j) {
-    float* g = st->fd_g[j];
-    const float* r = fd_ref[j];
-    g[0] += kStep * err[0] * r[0] / std::fmax(noise[0], kPowerFloor);
-    g[kHalf] += kStep * err[kHalf] * r[kHalf] / std::fmax(noise[kHalf], kPowerFloor);
-    for (int k = 1; k < kHalf; ++k) {
-      const float e_re = err[k], e_im = err[kBfFftLen - k];
-      const float r_re = r[k], r_im = r[kBfFftLen - k];
-      const float norm = std::fmax(noise[k], kPowerFloor);
-      // E times the conjugate of R: correlation of error and reference.
-      g[k] += kStep * (e_re * r_re + e_im * r_im) / norm;
-      g[kBfFftLen - k] += kStep * (e_im * r_re - e_re * r_im) / norm;
-    }
-  }
+  float* const filters[kOutputs] = {st->fd_g[0], st->fd_g[1], st->fd_g[2]};
+#if defined(VORN_SIMD4)
+  GscStepSimd(err, fd_ref, st->noise, filters);
+#else
+  GscStepPlain(err, fd_ref, st->noise, filters);
+#endif
 
   // Constrain: keep the filters causal (256 taps) and their joint norm
   // capped. The taps are formed in place in the state: the norm needs all

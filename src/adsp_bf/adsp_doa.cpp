@@ -22,10 +22,6 @@
 
 namespace vorn {
 
-namespace {
-constexpr float kMagFloor = 1e-8f;
-}  // namespace
-
 void GetDoaPsd(float* fft_data, float* psd, int len) {
   const int half = len / 2;
   psd[0] = std::fabs(fft_data[0]);
@@ -34,17 +30,11 @@ void GetDoaPsd(float* fft_data, float* psd, int len) {
 }
 
 void GetBfWeight(float* curr_freq_amp, float* ns_amp, float* w, int len) {
-  for (int k = 0; k < len; ++k) {
-    const float power = curr_freq_amp[k], noise = ns_amp[k];
-    float g = (power - 1.9f * noise) / (1e-8f + power);
-    if (g < 0.1f) g = 0.1f;
-    if (power / noise > 1.0f) {
-      const float ratio = power / (1e-8f + noise);
-      g = g * (ratio * ratio);
-    }
-    if (g > 100.0f) g = 100.0f;
-    w[k] = g;
-  }
+#if defined(VORN_SIMD4)
+  BfWeightSimd(curr_freq_amp, ns_amp, w, len);
+#else
+  BfWeightPlain(curr_freq_amp, ns_amp, w, len);
+#endif
 }
 
 void SelectSort(EleAziStruct* ele_azi_struct, int len, EleAziIndex* phai_theta) {
@@ -62,15 +52,7 @@ int DoaSelectBfElevationAzimuth(T_AudioDspState* st, float f[3][512], float* w) 
 
   // Unit-magnitude microphone bins of the search band, [bin][mic][re, im].
   float unit[kDoaBandBins][kBfChannels][2];
-  for (int k = kDoaLowBin; k <= kDoaHighBin; ++k) {
-    for (int m = 0; m < kBfChannels; ++m) {
-      const float re = f[m][k], im = f[m][kBfFftLen - k];
-      float mag = std::sqrt(re * re + im * im);
-      if (!(mag > kMagFloor)) mag = kMagFloor;
-      unit[k - kDoaLowBin][m][0] = re / mag;
-      unit[k - kDoaLowBin][m][1] = im / mag;
-    }
-  }
+  DoaUnitBins(f, unit);
 
   EleAziStruct per_set[kBfDoaElevations];
   for (int e = 0; e < kBfDoaElevations; ++e) {

@@ -28,8 +28,13 @@ int DOA(T_AudioDspState* st, float f[3][512]);
 // the weights are used in.
 void GetDoaPsd(float* fft_data, float* psd, int len);
 // Per-bin weight from how far the bin's power stands above the noise: 0.1 for
-// noise-like bins, growing with the squared power ratio up to 100.
+// noise-like bins, growing with the squared power ratio up to 100. The plain
+// loop is the reference; the four-lane twin gives its bits.
 void GetBfWeight(float* curr_freq_amp, float* ns_amp, float* w, int len);
+void BfWeightPlain(const float* power, const float* noise, float* w, int len);
+#if defined(VORN_SIMD4)
+void BfWeightSimd(const float* power, const float* noise, float* w, int len);
+#endif
 // Scores every direction of every elevation set over bins 17..221 with
 // magnitude-normalised microphone spectra weighted by w, ages and fills
 // pr_ele and frame_bf_en, and returns the winning direction index 0..71.
@@ -38,6 +43,16 @@ int DoaSelectBfElevationAzimuth(T_AudioDspState* st, float f[3][512], float* w);
 constexpr int kDoaLowBin = 17;
 constexpr int kDoaHighBin = 221;
 constexpr int kDoaBandBins = kDoaHighBin - kDoaLowBin + 1;
+
+// The microphones' bins of the search band at unit magnitude, from the
+// packed spectra f: unit[k - kDoaLowBin][m] = (re, im) / |X_m(k)|, the
+// magnitude floored at 1e-8. The plain loop is the reference; the four-lane
+// twin takes four bins at a time with the same operations and gives its bits.
+void DoaUnitBins(const float f[3][512], float (*unit)[3][2]);
+void DoaUnitBinsPlain(const float f[3][512], float (*unit)[3][2]);
+#if defined(VORN_SIMD4)
+void DoaUnitBinsSimd(const float f[3][512], float (*unit)[3][2]);
+#endif
 
 // Steered power of num_sets weight sets over the search band:
 // scores[d] = sum over k of |sum_m W_d,m(k) U_m(k)|^2 w[k], bins in rising

@@ -4,6 +4,7 @@
 #pragma once
 
 #include "adsp_bf/audio_dsp_proc.h"
+#include "common/simd4.h"
 
 namespace vorn {
 
@@ -20,6 +21,22 @@ void Adapt_GSC(T_AudioDspState* st, float f[3][512], float* fbf, int angle, floa
 int GscVad(T_AudioDspState* st, float bm_f[3][512], float* fbf_f);
 // One normalised LMS step of the three filters from the 256 output samples.
 void UpdateFilter(T_AudioDspState* st, float* td_out, float fd_ref[3][512]);
+// The step's per-bin part on packed spectra: the references' summed power
+// smoothed into noise, then each filter moved by the error times its
+// reference's conjugate over that power (floored). The plain loop is the
+// reference; the four-lane twin gives its bits.
+void GscStepPlain(const float* err, const float fd_ref[3][512], float* noise, float* const filters[3]);
+// Blocking output j of the hop from the microphone spectra f with the
+// blocking matrix bm ([257 bins][3 outputs][3 microphones][re, im]):
+// B_j(k) = sum_m bm_j,m(k) X_m(k), microphones in order 0, 1, 2, packed like
+// f. The plain loop is the reference; the four-lane twin gives its bits.
+void GscBlockingPlain(const float* bm, int j, const float f[3][512], float* blocked);
+#if defined(VORN_SIMD4)
+void GscBlockingSimd(const float* bm, int j, const float f[3][512], float* blocked);
+#endif
+#if defined(VORN_SIMD4)
+void GscStepSimd(const float* err, const float fd_ref[3][512], float* noise, float* const filters[3]);
+#endif
 
 // Three delay-and-sum beam spectra steered to angle, angle + 120 and
 // angle + 240 degrees.

@@ -24,9 +24,6 @@
 #include <cmath>
 #include <cstdlib>
 
-#if defined(__SSE2__)
-#include <emmintrin.h>
-#endif
 
 namespace vorn {
 namespace {
@@ -63,8 +60,8 @@ FrameStats CombineLanes(const float lo[4], const float hi[4], const float energy
 }
 
 FrameStats FrameStatsOf(const float* x) {
-#if defined(__SSE2__)
-  return FrameStatsSse2(x);
+#if defined(VORN_SIMD4)
+  return FrameStatsSimd(x);
 #else
   return FrameStatsPlain(x);
 #endif
@@ -118,19 +115,20 @@ FrameStats FrameStatsPlain(const float* x) {
   return CombineLanes(lo, hi, energy);
 }
 
-#if defined(__SSE2__)
-FrameStats FrameStatsSse2(const float* x) {
-  __m128 lo = _mm_loadu_ps(x), hi = lo, energy = _mm_setzero_ps();
+#if defined(VORN_SIMD4)
+FrameStats FrameStatsSimd(const float* x) {
+  using namespace simd;
+  F4 lo = Load(x), hi = lo, energy = Zero();
   for (int n = 0; n < kFrame; n += 4) {
-    const __m128 v = _mm_loadu_ps(x + n);
-    lo = _mm_min_ps(v, lo);
-    hi = _mm_max_ps(v, hi);
-    energy = _mm_add_ps(energy, _mm_mul_ps(v, v));
+    const F4 v = Load(x + n);
+    lo = Min(v, lo);
+    hi = Select(Gt(v, hi), v, hi);
+    energy = Add(energy, Mul(v, v));
   }
   float l[4], h[4], e[4];
-  _mm_storeu_ps(l, lo);
-  _mm_storeu_ps(h, hi);
-  _mm_storeu_ps(e, energy);
+  Store(l, lo);
+  Store(h, hi);
+  Store(e, energy);
   return CombineLanes(l, h, e);
 }
 #endif

@@ -7,6 +7,8 @@
 
 #include <cstdint>
 
+#include "common/simd4.h"
+
 namespace vorn {
 
 struct MicHealth {
@@ -26,14 +28,14 @@ void MicHealthInit(MicHealth* health);
 void MicHealthUpdate(MicHealth* health, const float* const latest[3]);
 
 // Smallest and largest sample and energy of a frame of 256: the reference
-// (plain) and, where the build has SSE2, four samples at a time with the same
-// partial sums, so both give the same bits.
+// (plain) and, where the build has four-lane vectors (SSE2 or NEON), four
+// samples at a time with the same partial sums, so both give the same bits.
 struct FrameStats {
   float lo, hi, energy;
 };
 FrameStats FrameStatsPlain(const float* x);
-#if defined(__SSE2__)
-FrameStats FrameStatsSse2(const float* x);
+#if defined(VORN_SIMD4)
+FrameStats FrameStatsSimd(const float* x);
 #endif
 
 // Microphones the beams may use: never empty.

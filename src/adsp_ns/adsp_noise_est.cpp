@@ -37,7 +37,6 @@ void NoiseEst(T_AdspNsState *ns_st, float *psd, NsSharedTerms *terms) {
   float indicator_weight[kNsBins];
   float indicated_sum[kNsBins];
 
-  st.spec_centroid = GetCentroid(psd, kNsBins);
   Conv(psd, kNsBins, st.b, 3, smoothed_psd);
 
   if (st.frame < 2) {
@@ -109,7 +108,6 @@ void NoiseEst(T_AdspNsState *ns_st, float *psd, NsSharedTerms *terms) {
     st.long_eta = st.frame < kFastStartFrames ? 0.7f * (0.99f * st.long_eta) + 0.307f * st.f_snr
                                               : 0.99f * st.long_eta + 0.01f * st.f_snr;
   }
-  if (st.phat_mean < 0.3f) st.noise_spec_centroid = 0.9f * st.noise_spec_centroid + 0.1f * st.spec_centroid;
 
   if (st.f_snr > 3.5f) {
     st.long_eta_high = st.frame < kFastStartFrames ? 0.7f * (0.99f * st.long_eta_high) + 0.307f * st.f_snr

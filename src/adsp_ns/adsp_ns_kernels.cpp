@@ -5,6 +5,7 @@
 #include "adsp_ns/adsp_ns_kernels.h"
 
 #include <cmath>
+#include <limits>
 
 #include "common/adsp_common_util.h"
 
@@ -116,6 +117,39 @@ float RampOfRatioAt(float ratio) {
   return NsRamp(NsPowerDb(ratio));
 }
 
+constexpr float kBeamTiny = 1e-8f;
+constexpr float kBeamMaxAbsence = 0.998f;
+constexpr float kBeamMinAbsence = 0.01f;
+
+float BeamExcess(float s, float noise) {
+  const float d = s - noise;
+  return d >= kBeamTiny ? d : kBeamTiny;
+}
+
+float BeamAbsenceAt(const NsBeamPowers &in, int k, bool others) {
+  const float noise0 = in.noise[0][k] > kBeamTiny ? in.noise[0][k] : kBeamTiny;
+  if (!(in.s[0][k] / noise0 > 1.0f)) return kBeamMaxAbsence;
+  float dmax = 0.0f;
+  if (others) {
+    for (int b = 1; b < 3; ++b) {
+      const float excess = BeamExcess(in.s[b][k], in.noise[b][k]);
+      if (excess > dmax) dmax = excess;
+    }
+  }
+  const float rho =
+      dmax > 0.0f ? BeamExcess(in.s[0][k], in.noise[0][k]) / dmax : std::numeric_limits<float>::infinity();
+  const float z = in.gamma0[k];
+  if (rho < 1.0f) return kBeamMaxAbsence;
+  if (z <= 0.5f) return kBeamMaxAbsence;
+  if (z > 2.0f && rho > 1.75f) return kBeamMinAbsence;
+  float q = (2.0f - z) / 1.5f;
+  const float by_ratio = (1.75f - rho) / 1.4f;
+  if (by_ratio > q) q = by_ratio;
+  if (q < kBeamMinAbsence) q = kBeamMinAbsence;
+  if (q > kBeamMaxAbsence) q = kBeamMaxAbsence;
+  return q;
+}
+
 }  // namespace
 
 double NsExpNeg(float v) { return std::exp(-static_cast<double>(v)); }
@@ -167,7 +201,43 @@ void NsRampOfRatioPlain(const float *ratio, float *likelihood, int len) {
   for (int k = 0; k < len; ++k) likelihood[k] = RampOfRatioAt(ratio[k]);
 }
 
+void NsBeamAbsencePlain(const NsBeamPowers &in, float *q, int len) {
+  for (int k = 0; k < len; ++k) q[k] = BeamAbsenceAt(in, k, k < len - 1);
+}
+
 #if defined(VORN_SIMD4)
+
+// Every lane forms every candidate (the divisions of a lane whose branch
+// drops them included); the selections then apply the plain step's tests in
+// reverse order of precedence, so the earliest test that holds has the last word.
+void NsBeamAbsenceSimd(const NsBeamPowers &in, float *q, int len) {
+  using namespace simd;
+  const F4 tiny = Set1(kBeamTiny), zero = Zero(), one = Set1(1.0f), two = Set1(2.0f), half = Set1(0.5f);
+  const F4 ratio_knee = Set1(1.75f), low = Set1(kBeamMinAbsence), high = Set1(kBeamMaxAbsence);
+  const auto excess = [&](int b, int k) {
+    const F4 d = Sub(Load(in.s[b] + k), Load(in.noise[b] + k));
+    return Select(Ge(d, tiny), d, tiny);
+  };
+  int k = 0;
+  for (; k + 4 <= len - 1; k += 4) {
+    const F4 noise_raw = Load(in.noise[0] + k);
+    const M4 above = Gt(Div(Load(in.s[0] + k), Select(Gt(noise_raw, tiny), noise_raw, tiny)), one);
+    const F4 e1 = excess(1, k), e2 = excess(2, k);
+    F4 dmax = Select(Gt(e1, zero), e1, zero);
+    dmax = Select(Gt(e2, dmax), e2, dmax);
+    const F4 rho = Select(Gt(dmax, zero), Div(excess(0, k), dmax), Set1(std::numeric_limits<float>::infinity()));
+    const F4 z = Load(in.gamma0 + k);
+    F4 r = Div(Sub(two, z), Set1(1.5f));
+    const F4 by_ratio = Div(Sub(ratio_knee, rho), Set1(1.4f));
+    r = Select(Gt(by_ratio, r), by_ratio, r);
+    r = Select(Lt(r, low), low, r);
+    r = Select(Gt(r, high), high, r);
+    r = Select(And(Gt(z, two), Gt(rho, ratio_knee)), low, r);
+    r = Select(Or(Lt(rho, one), Le(z, half)), high, r);
+    Store(q + k, Select(above, r, high));
+  }
+  for (; k < len; ++k) q[k] = BeamAbsenceAt(in, k, k < len - 1);
+}
 
 // Two bins per double vector. A bin whose exponential the noise estimate did
 // not form gets it here from the plain step's double call.
@@ -420,6 +490,14 @@ void NsLsaGain(const float *v, const float *eta, const float *gamma, float *lsa_
   NsLsaGainSimd(v, eta, gamma, lsa_gain, eta_2term, len);
 #else
   NsLsaGainPlain(v, eta, gamma, lsa_gain, eta_2term, len);
+#endif
+}
+
+void NsBeamAbsence(const NsBeamPowers &in, float *q, int len) {
+#if defined(VORN_SIMD4)
+  NsBeamAbsenceSimd(in, q, len);
+#else
+  NsBeamAbsencePlain(in, q, len);
 #endif
 }
 

@@ -82,7 +82,20 @@ void NsGainPresence(const float *q, const float *eta, const float *v, const doub
 void NsGainPresencePlain(const float *q, const float *eta, const float *v, const double *exp_neg_v, float *presence,
                          int len);
 
+// The post filter's absence probability of each output bin, from three beams'
+// smoothed periodograms s and noise estimates and beam 0's a posteriori SNR:
+// 0.998 unless beam 0 stands above its noise, else a rule on that SNR and on
+// the ratio of beam 0's excess power (s - noise, at least 1e-8) over the
+// larger of the other two beams'. The last bin (Nyquist) compares against
+// nothing, so its ratio is unbounded.
+struct NsBeamPowers {
+  const float *s[3], *noise[3], *gamma0;
+};
+void NsBeamAbsence(const NsBeamPowers &in, float *q, int len);
+void NsBeamAbsencePlain(const NsBeamPowers &in, float *q, int len);
+
 #if defined(VORN_SIMD4)
+void NsBeamAbsenceSimd(const NsBeamPowers &in, float *q, int len);
 void NsGainPresenceSimd(const float *q, const float *eta, const float *v, const double *exp_neg_v, float *presence,
                         int len);
 void NsNoiseIndicatorSimd(const float *psd, const float *smoothed, const float *minimum, float *indicator, int len);

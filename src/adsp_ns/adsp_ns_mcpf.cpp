@@ -14,8 +14,7 @@
 // the last beam left it (beam 2's spectrum).
 #include "adsp_ns/adsp_ns_mcpf.h"
 
-#include <limits>
-
+#include "adsp_ns/adsp_ns_kernels.h"
 #include "common/adsp_common_fft_rel.h"
 #include "common/adsp_common_rom.h"
 #include "common/adsp_common_util.h"
@@ -24,30 +23,11 @@ namespace vorn {
 namespace {
 
 constexpr int kBeams = 3;
-constexpr float kTiny = 1e-8f;
-constexpr float kMaxAbsence = 0.998f;
-constexpr float kMinAbsence = 0.01f;
-
-// Absence probability of one output bin from beam 0's a posteriori SNR z and
-// the ratio rho of its excess power over the strongest other beam's.
-float BeamAbsenceProb(float z, float rho) {
-  if (rho < 1.0f) return kMaxAbsence;
-  if (z <= 0.5f) return kMaxAbsence;
-  if (z > 2.0f && rho > 1.75f) return kMinAbsence;
-  float q = (2.0f - z) / 1.5f;
-  const float by_ratio = (1.75f - rho) / 1.4f;
-  if (by_ratio > q) q = by_ratio;
-  if (q < kMinAbsence) q = kMinAbsence;
-  if (q > kMaxAbsence) q = kMaxAbsence;
-  return q;
-}
 
 }  // namespace
 
 void VornMcpfGains(T_AdspNsParam* pm, short mbf_time_signal[][256], float* spectrum, float* gain, int* p_vad_flag) {
   float psd[kNsBins];
-  float ratio0[kNsBins];            // beam 0: smoothed power over noise
-  float excess[kBeams][kNsBins];    // per beam: smoothed power minus noise
   int votes = 0;
   NsSharedTerms terms;  // beam 0's, which the gain rule reads: beam 0 runs first
 
@@ -68,35 +48,22 @@ void VornMcpfGains(T_AdspNsParam* pm, short mbf_time_signal[][256], float* spect
     NoiseEst(st, psd, b == 0 ? &terms : &other_terms);
     votes += VadDet(st, -100.0f);
 
-    for (int k = 0; k < kNsBins; ++k) {
-      if (b == 0) {
-        const float noise = st->lambda_d[k] > kTiny ? st->lambda_d[k] : kTiny;
-        ratio0[k] = st->s[k] / noise;
-      }
-      const float d = st->s[k] - st->lambda_d[k];
-      excess[b][k] = d >= kTiny ? d : kTiny;
-    }
     if (++st->curr_trace_id > kNsTraceRows - 1) st->curr_trace_id = 0;
   }
   if (votes == 0) *p_vad_flag = 0;
 
+  // Each beam's smoothed periodogram and noise estimate stay in its own
+  // record, untouched by the other beams, so all three are compared here.
   auto* s0 = static_cast<T_AdspNsState*>(pm[0].p_data);
-  float q[kNsBins];
-  for (int k = 0; k < kNsBins; ++k) {
-    if (!(ratio0[k] > 1.0f)) {
-      q[k] = kMaxAbsence;
-      continue;
-    }
-    float dmax = 0.0f;
-    if (k < kNsBins - 1) {
-      if (excess[1][k] > dmax) dmax = excess[1][k];
-      if (excess[2][k] > dmax) dmax = excess[2][k];
-    }
-    // The Nyquist bin (and any bin the other beams leave empty) compares
-    // against nothing: the ratio is unbounded.
-    const float rho = dmax > 0.0f ? excess[0][k] / dmax : std::numeric_limits<float>::infinity();
-    q[k] = BeamAbsenceProb(s0->gamma[k], rho);
+  NsBeamPowers powers{};
+  for (int b = 0; b < kBeams; ++b) {
+    const auto* st = static_cast<const T_AdspNsState*>(pm[b].p_data);
+    powers.s[b] = st->s;
+    powers.noise[b] = st->lambda_d;
   }
+  powers.gamma0 = s0->gamma;
+  float q[kNsBins];
+  NsBeamAbsence(powers, q, kNsBins);
 
   if (s0->frame > 120) UpdateAbsenceProb(s0->lambda_dav_long, q, 0, kNsBins - 1);
   EstGain(s0, q, terms, gain, 0, kNsBins - 1);

@@ -76,7 +76,7 @@ struct state_struct_t {
   int l_mod_lswitch;                // frames inside the current sub-window
   int sw_idx;                       // current sub-window row
   float long_eta;                   // long-term frame SNR, dB
-  float spec_centroid;              // inverse spectral centroid of the frame
+  float spec_centroid;              // unused: the rules read no spectral centroid (kept for the layout)
   float phat_mean;                  // mean speech presence over bins 7..149
   float external_ns_level;          // suppression level set by the core, 0..1
   float b_xi_local[3];
@@ -98,7 +98,7 @@ struct state_struct_t {
   float suppressed_noise_psd;       // residual noise power, negative while unset
   float long_suppressed_eng;
   float mean_corr_far_near;         // set by the core; not read by the rules
-  float noise_spec_centroid;
+  float noise_spec_centroid;        // unused, as spec_centroid
   float long_ssnr;
   float _d_ssnr;                    // segmental SNR of the frame after suppression, dB
   float _d_senr;                    // frame energy over its long-term mean, dB

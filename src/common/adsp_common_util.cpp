@@ -129,17 +129,6 @@ int SaveData(const char *fn, const void *p, const int len, int size) {
   return 0;
 }
 
-float GetCentroid(const float *x, const int len) {
-  if (len < 1) return 1.0f;
-  float mass = 1e-8f;
-  float moment = 1e-8f;
-  for (int i = 0; i < len; ++i) {
-    mass += x[i];
-    moment += static_cast<float>(i + 1) * x[i];
-  }
-  return mass / moment;
-}
-
 // DC and Nyquist are real and enter once each; the interior bins carry their
 // real and imaginary parts. A band reaching beyond 0..fft_len/2 is clipped to
 // the spectrum (no read outside f), while the divisor stays the caller's band

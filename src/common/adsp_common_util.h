@@ -73,8 +73,6 @@ float DataMean(float *x, int si, int ei);
 // cannot be opened.
 int SaveData(const char *fn, const void *p, const int len, int size);
 
-// Reciprocal of the 1-based spectral centroid of x[0..len-1].
-float GetCentroid(const float *x, const int len);
 // Mean bin power of a packed spectrum over bins el..eh inclusive.
 float GetSubbandEng(float *f, int fft_len, int el, int eh);
 // 10*log10(x/(y + 1e-8) + 1e-5)

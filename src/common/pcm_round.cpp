@@ -1,15 +1,13 @@
-// Rounding float blocks to 16-bit PCM. The SSE2 path clears NaNs, clamps,
-// converts with the processor's rounding (to nearest, ties to even) and packs
-// with saturation; the plain path does the same one sample at a time with
+// Rounding float blocks to 16-bit PCM. The vector paths clear NaNs, clamp,
+// convert to nearest with ties to even (SSE2: the processor's rounding mode;
+// NEON: the conversion that always rounds so) and narrow with saturation; the
+// plain path does the same one sample at a time with
 // nearbyint, which rounds the same way in the default rounding mode (the
 // library never changes it).
 #include "common/pcm_round.h"
 
 #include <cmath>
 
-#if defined(__SSE2__)
-#include <emmintrin.h>
-#endif
 
 namespace vorn {
 
@@ -22,7 +20,7 @@ void RoundToPcmPlain(const float* x, short* out, int n) {
 }
 
 #if defined(__SSE2__)
-void RoundToPcmSse2(const float* x, short* out, int n) {
+void RoundToPcmSimd(const float* x, short* out, int n) {
   const __m128 high = _mm_set1_ps(32767.0f), low = _mm_set1_ps(-32768.0f);
   int i = 0;
   for (; i + 8 <= n; i += 8) {
@@ -36,11 +34,25 @@ void RoundToPcmSse2(const float* x, short* out, int n) {
   }
   RoundToPcmPlain(x + i, out + i, n - i);
 }
+#elif defined(VORN_SIMD4)
+void RoundToPcmSimd(const float* x, short* out, int n) {
+  const float32x4_t high = vdupq_n_f32(32767.0f), low = vdupq_n_f32(-32768.0f);
+  const auto clean = [&](float32x4_t v) {
+    v = vreinterpretq_f32_u32(vandq_u32(vreinterpretq_u32_f32(v), vceqq_f32(v, v)));  // NaN to 0
+    return vcvtnq_s32_f32(vminq_f32(vmaxq_f32(v, low), high));
+  };
+  int i = 0;
+  for (; i + 8 <= n; i += 8) {
+    const int32x4_t a = clean(vld1q_f32(x + i)), b = clean(vld1q_f32(x + i + 4));
+    vst1q_s16(out + i, vcombine_s16(vqmovn_s32(a), vqmovn_s32(b)));
+  }
+  RoundToPcmPlain(x + i, out + i, n - i);
+}
 #endif
 
 void RoundToPcm(const float* x, short* out, int n) {
-#if defined(__SSE2__)
-  RoundToPcmSse2(x, out, n);
+#if defined(VORN_SIMD4)
+  RoundToPcmSimd(x, out, n);
 #else
   RoundToPcmPlain(x, out, n);
 #endif

@@ -2,16 +2,18 @@
 // even, as the processor rounds), saturated to -32768..32767; a NaN, which
 // nothing should produce, reads as silence. The classic paths truncate
 // (TRUNC); rounding adds no bias. RoundToPcmPlain is the reference;
-// RoundToPcmSse2 gives its bits four samples at a time, and RoundToPcm takes
-// the SSE2 one where the build has it.
+// RoundToPcmSimd (SSE2 or NEON) gives its bits eight samples at a time, and
+// RoundToPcm takes it where the build has one.
 #pragma once
+
+#include "common/simd4.h"
 
 namespace vorn {
 
 void RoundToPcm(const float* x, short* out, int n);
 void RoundToPcmPlain(const float* x, short* out, int n);
-#if defined(__SSE2__)
-void RoundToPcmSse2(const float* x, short* out, int n);
+#if defined(VORN_SIMD4)
+void RoundToPcmSimd(const float* x, short* out, int n);
 #endif
 
 }  // namespace vorn
