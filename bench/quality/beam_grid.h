@@ -10,7 +10,9 @@
 namespace vorn::bench {
 
 // Renders the section's scenes, runs every system over them and writes
-// beam.md into `dir`. False with a message when a scene or a run fails.
-bool WriteBeamReport(const std::filesystem::path& dir, std::string* error);
+// beam.md into `dir`. `only` (look, adaptive or fault) runs that part alone,
+// a quicker look while developing; empty runs them all. False with a message
+// when a scene or a run fails.
+bool WriteBeamReport(const std::filesystem::path& dir, const std::string& only, std::string* error);
 
 }  // namespace vorn::bench

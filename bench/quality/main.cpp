@@ -615,7 +615,8 @@ int main(int argc, char** argv) {
   // --only TOPIC runs one section alone (direction, noise_vad, beam, level
   // or echo; beam and level go to OUT_DIR/sections, which the report
   // links); --match TEXT keeps the direction, echo or noise_vad section's scenes whose
-  // name contains TEXT (a quicker look while developing); --system TEXT
+  // name contains TEXT, or the beam section's part so named (look, adaptive,
+  // fault): a quicker look while developing; --system TEXT
   // keeps the echo section's systems whose "chain/system" label contains
   // TEXT and prints their figures per scene.
   std::string only, match, system_match;
@@ -650,7 +651,7 @@ int main(int argc, char** argv) {
   const std::filesystem::path sections = dir / "sections";
   std::filesystem::create_directories(sections);
   if (only.empty() || only == "beam") {
-    if (!WriteBeamReport(sections, &section_error)) {
+    if (!WriteBeamReport(sections, only == "beam" ? match : std::string(), &section_error)) {
       std::fprintf(stderr, "beam section: %s\n", section_error.c_str());
       return 1;
     }
