@@ -55,7 +55,7 @@ void BM_EnhancedSpeechFrame(benchmark::State& state) {
     const float p = EnhancedOutputPresence(records->presence);
     EnhancedSuppressHop(&records->suppressor, records->presence, &hops[0], out);
     EnhancedSuppressHop(&records->suppressor, records->presence, &hops[1], out + kNsHop);
-    return EnhancedVadDecide(&records->vad, p, false);
+    return EnhancedVadDecide(&records->vad, p);
   };
   for (std::size_t f = 0; f < 200; ++f) frame(f);
   std::size_t f = 200;

@@ -182,53 +182,75 @@ TEST(EnhancedSpeech, SuppressesNoiseAndKeepsTheTalker) {
 }
 
 // The flag rises on two frames above the onset threshold or one above the
-// sure bar, stays up down to the lower one, and on echo alone never rises
-// and stays only above the echo bar; with the canceller hearing a talker
-// beside the echo a little presence raises it at once.
+// sure bar, stays up down to the lower one, and on echo alone rises only
+// well above it once the echo has settled and stays only above the echo bar;
+// with the canceller hearing a talker beside the echo a little presence
+// raises it at once.
 TEST(EnhancedSpeech, FlagRisesAtTheOnsetAndHoldsAtTheLowerThreshold) {
   ASSERT_LT(kFlagThreshold, kFlagOnsetThreshold);
   ASSERT_LE(kFlagOnsetThreshold, kFlagEchoThreshold);
   ASSERT_LT(kFlagOnsetThreshold + 0.01f, kFlagSureThreshold);
+  ASSERT_LT(kFlagRiseOverEchoThreshold, 1.0f);
   const float between = 0.5f * (kFlagThreshold + kFlagOnsetThreshold);
   const float under_echo_bar = std::nextafter(kFlagEchoThreshold, 0.0f);
+  const float under_rise_bar = std::nextafter(kFlagRiseOverEchoThreshold, 0.0f);
+  const FlagEchoCues none, alone{true, false, false}, settled{true, false, true}, talker{false, true, false};
   struct Step {
     float prob;
-    bool echo_alone;
+    FlagEchoCues echo;
     int flag;
-    bool talker_beside_echo = false;
   };
   const Step steps[] = {
-      {between, false, 0},                      // not enough to raise it
-      {kFlagOnsetThreshold + 0.01f, false, 0},  // one frame over the onset is not enough ...
-      {between, false, 0},
-      {kFlagSureThreshold + 0.01f, false, 1},   // ... unless it stands over the sure bar
-      {kFlagThreshold - 0.01f, false, 0},       // dropped
-      {kFlagOnsetThreshold + 0.01f, false, 0},  // two frames in a row over the onset
-      {kFlagOnsetThreshold + 0.01f, false, 1},  // raise it
-      {between, false, 1},                      // held
-      {kFlagThreshold - 0.01f, false, 0},       // dropped
-      {between, false, 0},                      // not raised again on the lower bar
-      {1.0f, false, 1},                         // raised
-      {under_echo_bar, true, 0},                // echo alone under its bar is no talker
-      {between, false, 0},                      // and leaves the flag down
-      {1.0f, true, 0},                          // nor does echo alone raise it
-      {1.0f, false, 1},                         // raised
-      {kFlagEchoThreshold, true, 0},            // the echo bar holds for a flag already up
-      {0.2f, false, 1, true},                   // the canceller hears a talker: a little presence raises it
-      {0.01f, false, 0, true},                  // but not none
-      {0.2f, true, 0},                          // and echo alone stays echo alone
+      {between, none, 0},                      // not enough to raise it
+      {kFlagOnsetThreshold + 0.01f, none, 0},  // one frame over the onset is not enough ...
+      {between, none, 0},
+      {kFlagSureThreshold + 0.01f, none, 1},   // ... unless it stands over the sure bar
+      {kFlagThreshold - 0.01f, none, 0},       // dropped
+      {kFlagOnsetThreshold + 0.01f, none, 0},  // two frames in a row over the onset
+      {kFlagOnsetThreshold + 0.01f, none, 1},  // raise it
+      {between, none, 1},                      // held
+      {kFlagThreshold - 0.01f, none, 0},       // dropped
+      {between, none, 0},                      // not raised again on the lower bar
+      {1.0f, none, 1},                         // raised
+      {under_echo_bar, alone, 0},              // echo alone under its bar is no talker
+      {between, none, 0},                      // and leaves the flag down
+      {1.0f, alone, 0},                        // nor does echo alone raise it before it settles
+      {under_rise_bar, settled, 0},            // nor, settled, under the rise bar
+      {kFlagRiseOverEchoThreshold, settled, 0},
+      {1.0f, settled, 1},                      // but above it
+      {kFlagThreshold - 0.01f, none, 0},       // dropped
+      {1.0f, none, 1},                         // raised
+      {kFlagEchoThreshold, alone, 0},          // the echo bar holds for a flag already up
+      {0.2f, talker, 1},                       // the canceller hears a talker: a little presence raises it
+      {0.01f, talker, 0},                      // but not none
+      {0.2f, alone, 0},                        // and echo alone stays echo alone
   };
   EnhancedVadState st;
   EnhancedVadInit(&st);
   for (std::size_t i = 0; i < std::size(steps); ++i) {
     SCOPED_TRACE(i);
-    EXPECT_EQ(EnhancedVadDecide(&st, steps[i].prob, steps[i].echo_alone, steps[i].talker_beside_echo), steps[i].flag);
+    EXPECT_EQ(EnhancedVadDecide(&st, steps[i].prob, steps[i].echo), steps[i].flag);
   }
   // Over the echo bar a talker already flagged keeps the flag.
   if (kFlagEchoThreshold < 1.0f) {
-    EXPECT_EQ(EnhancedVadDecide(&st, 1.0f, false), 1);
-    EXPECT_EQ(EnhancedVadDecide(&st, 1.0f, true), 1);
+    EXPECT_EQ(EnhancedVadDecide(&st, 1.0f, none), 1);
+    EXPECT_EQ(EnhancedVadDecide(&st, 1.0f, alone), 1);
   }
+}
+
+// The echo settles after 2.5 s of loudspeaker play at one lead; a frame
+// without play does not count, and a new lead starts the count again.
+TEST(EnhancedSpeech, EchoSettlesOnlyAfterPlayAtOneLead) {
+  EnhancedVadState st;
+  EnhancedVadInit(&st);
+  constexpr int kSettle = 156;
+  int settled_at = -1;
+  for (int f = 0; f < 400 && settled_at < 0; ++f)
+    if (EnhancedVadEchoSettled(&st, 40.0f, f % 2 == 0)) settled_at = f;
+  EXPECT_EQ(settled_at, 2 * kSettle);  // the lead's first frame sets it, uncounted
+  EXPECT_FALSE(EnhancedVadEchoSettled(&st, 48.0f, true));
+  for (int f = 1; f < kSettle; ++f) ASSERT_FALSE(EnhancedVadEchoSettled(&st, 48.0f, true)) << f;
+  EXPECT_TRUE(EnhancedVadEchoSettled(&st, 48.0f, true));
 }
 
 TEST(EnhancedSpeech, SameInputSameBytes) {

@@ -142,7 +142,7 @@ std::string SpeedMarkdown(const RenderedScene& r, const LearnedPeerRuns& peers) 
       const float p = EnhancedOutputPresence(speech->presence);
       EnhancedSuppressHop(&speech->suppressor, speech->presence, &hops[0], out.data());
       EnhancedSuppressHop(&speech->suppressor, speech->presence, &hops[1], out.data() + kNsHop);
-      flags = flags + EnhancedVadDecide(&speech->vad, p, false);
+      flags = flags + EnhancedVadDecide(&speech->vad, p);
     });
   };
   const double enhanced = enhanced_run(false), enhanced_far = enhanced_run(true);

@@ -42,7 +42,11 @@ Assumptions, written here because the weights have no closed rule:
    talker frame lies within 8 frames), well inside the 5 % a device may
    show. (Letting the flag rise over that bar as well flagged a quarter of
    the echo bench's echo-alone frames at a bar that flagged 2 % here: these
-   scenes' echo is easier than a real room's, so the bar only keeps.) The onset stands at least 0.15 above the
+   scenes' echo is easier than a real room's, so the bar only keeps. The
+   library lets the flag rise over echo alone only above a fixed 0.8, and
+   only once the canceller's lead has held for 2.5 s of play, when the
+   presence has learnt the echo's level; see src/adsp_ns/vad_enhanced.cpp.
+   The choice here leaves that rule out.) The onset stands at least 0.15 above the
    threshold that keeps the flag: over long stretches of noise alone (a
    minute, not the seconds of noise the training scenes begin with) the
    output wanders by about that much, and a lone frame of noise must not

@@ -132,7 +132,19 @@ struct EnhancedSuppressorState {
 
 struct EnhancedVadState {
   int32_t speaking;  // the last frame's flag
-  int32_t primed;    // the last frame stood above the onset (and was not echo alone)
+  int32_t primed;    // the last frame stood above its onset bar
+  int32_t echo_settled_frames;  // frames of loudspeaker play since the canceller's lead last moved
+  float echo_lead_ms;           // that lead
+};
+
+// What the canceller says about the frame the flag labels. `echo_alone`: it
+// hears the far end's echo and no near talker beside it. `talker_beside_echo`:
+// it hears a near talker beside the echo. `echo_settled`: its lead has held
+// long enough for the presence to have learnt how loud the echo comes back.
+struct FlagEchoCues {
+  bool echo_alone = false;
+  bool talker_beside_echo = false;
+  bool echo_settled = false;
 };
 
 // The three records as the enhanced region holds them.
@@ -160,11 +172,14 @@ void EnhancedVadInit(EnhancedVadState* st);
 // The presence of the frame leaving the suppressor now (384 samples behind
 // the frame just analysed), from the presence state's last five hops.
 float EnhancedOutputPresence(const EnhancedPresenceState& st);
-// The speech flag of that frame. `echo_alone`: the canceller hears the far
-// end's echo and no near talker beside it; the flag then does not rise, and
-// stays only above the echo bar (kFlagEchoThreshold). `talker_beside_echo`:
-// the canceller hears a near talker beside the echo over the frame the flag
-// labels; a low presence then suffices.
-int EnhancedVadDecide(EnhancedVadState* st, float output_prob, bool echo_alone, bool talker_beside_echo = false);
+// The speech flag of that frame. Over echo alone the flag stays only above
+// the echo bar (kFlagEchoThreshold) and rises only on two frames in a row
+// above kFlagRiseOverEchoThreshold, and only once the echo has settled; with
+// a talker heard beside the echo a low presence suffices.
+int EnhancedVadDecide(EnhancedVadState* st, float output_prob, const FlagEchoCues& echo = {});
+// Counts the frames since the canceller's lead last moved (those with the
+// loudspeaker playing) and says whether the echo has settled.
+bool EnhancedVadEchoSettled(EnhancedVadState* st, float lead_ms, bool reference_active);
+extern const float kFlagRiseOverEchoThreshold;
 
 }  // namespace vorn

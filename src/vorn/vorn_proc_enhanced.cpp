@@ -154,8 +154,11 @@ void VadStage(T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
   EnhancedSpeechRecords& speech = EnhancedStateOf(st)->modules.speech;
   // The flag labels a frame 1.5 frames old: the canceller's near talker over
   // the last two frames covers it.
-  const bool talker_beside_echo = fr.echo.near_activity_held >= kTalkerHeardShare;
-  pm->vad_flag = EnhancedVadDecide(&speech.vad, fr.presence.output_prob, fr.echo.echo_only, talker_beside_echo);
+  FlagEchoCues echo;
+  echo.echo_alone = fr.echo.echo_only;
+  echo.talker_beside_echo = fr.echo.near_activity_held >= kTalkerHeardShare;
+  echo.echo_settled = EnhancedVadEchoSettled(&speech.vad, fr.echo.lead_ms, fr.echo.reference_active);
+  pm->vad_flag = EnhancedVadDecide(&speech.vad, fr.presence.output_prob, echo);
 }
 
 void LevelStage(const T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
