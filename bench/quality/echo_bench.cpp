@@ -45,6 +45,8 @@ struct EchoScore {
   long latency = 0;
   double erle_whole = NAN, erle_converged = NAN;
   double erle_before_change = NAN, erle_after_change = NAN;  // [converged, change), [change + 1 s, change + 3 s)
+  double relock_s = NAN;  // from the change until a 250 ms window's ERLE is back within 3 dB of erle_before_change
+  std::vector<double> window_erle;  // per short window from the change on (the trace behind relock_s)
   double double_talk_si_sdr = NAN;
   VadScores vad;
   std::size_t alone_frames = 0, alone_flagged = 0;  // far single talk
@@ -113,6 +115,24 @@ double ErleBetween(const Signal& mic, const Signal& out, const Truth& truth, std
   return 10.0 * std::log10(mic_energy / (out_energy + 1.0));
 }
 
+constexpr std::size_t kRelockWindow = kFramesPerSecond / 4;
+constexpr double kRelockToleranceDb = 3.0;
+
+// Seconds from `change` to the end of the first 250 ms window (sliding a
+// frame at a time, up to `last`) whose ERLE is back within 3 dB of `before`;
+// NAN if none is. `trace` receives the ERLE of the consecutive windows.
+double RelockSeconds(const Signal& mic, const Signal& out, const Truth& truth, std::size_t change, std::size_t last,
+                     double before, std::vector<double>* trace) {
+  for (std::size_t w = change; w + kRelockWindow <= last; w += kRelockWindow)
+    trace->push_back(ErleBetween(mic, out, truth, w, w + kRelockWindow));
+  for (std::size_t w = change; w + kRelockWindow <= last; ++w) {
+    const double erle = ErleBetween(mic, out, truth, w, w + kRelockWindow);
+    if (!std::isnan(erle) && erle >= before - kRelockToleranceDb)
+      return static_cast<double>(w + kRelockWindow - change) / static_cast<double>(kFramesPerSecond);
+  }
+  return NAN;
+}
+
 EchoScore Score(const EchoScene& echo, const RenderedScene& rendered, const SystemRun& run) {
   EchoScore s;
   const Signal mic0 = Channel(rendered.mics, 0);
@@ -128,6 +148,8 @@ EchoScore Score(const EchoScene& echo, const RenderedScene& rendered, const Syst
     const std::size_t change = static_cast<std::size_t>(echo.change_s * kFramesPerSecond);
     s.erle_before_change = ErleBetween(mic0, aligned, truth, converged, change);
     s.erle_after_change = ErleBetween(mic0, aligned, truth, change + kFramesPerSecond, change + 3 * kFramesPerSecond);
+    s.relock_s = RelockSeconds(mic0, aligned, truth, change, change + 3 * kFramesPerSecond, s.erle_before_change,
+                               &s.window_erle);
   }
   if (!truth.double_talk.empty())
     s.double_talk_si_sdr = SiSdrDb(SpanSamples(aligned, truth.double_talk), SpanSamples(target, truth.double_talk));
@@ -297,10 +319,13 @@ std::string Markdown(const Results& r) {
   line("## Changes (recognition chain)");
   line("");
   line("ERLE from 5 s up to the change at 7 s, and from 1 s to 3 s after it. The path change moves the loudspeaker "
-       "(someone standing next to it).");
+       "(someone standing next to it). Re-lock: from the change to the end of the first 250 ms window (sliding by "
+       "frames) whose ERLE is back within 3 dB of the figure before the change.");
   line("");
   FigureTable(md, r, change_scenes, Chain::kRecognition, "ERLE before the change, dB", before_change, false);
   FigureTable(md, r, change_scenes, Chain::kRecognition, "ERLE 1-3 s after the change, dB", after_change, false);
+  FigureTable(md, r, change_scenes, Chain::kRecognition, "re-lock after the change, s",
+              [](const EchoScore& s) { return s.relock_s; }, false);
 
   line("## Speech flags and level under echo (wake-up chain)");
   line("");
@@ -372,9 +397,12 @@ std::string Markdown(const Results& r) {
     if (const EchoScore* score = Find(r, s->name, Chain::kRecognition, kEnhanced))
       worst_lead = std::min(worst_lead,
                             s->kind == EchoKind::kJump ? score->erle_before_change : score->erle_converged);
-  double after_jump = NAN;
+  double after_jump = NAN, relock = NAN;
   for (const EchoScene* s : Of(r, {EchoKind::kJump}))
-    if (const EchoScore* score = Find(r, s->name, Chain::kRecognition, kEnhanced)) after_jump = score->erle_after_change;
+    if (const EchoScore* score = Find(r, s->name, Chain::kRecognition, kEnhanced)) {
+      after_jump = score->erle_after_change;
+      relock = score->relock_s;
+    }
   const double com = Mean(r, all, Chain::kCommunication, kEnhanced, erle_converged);
   line("| criterion | measured | verdict |");
   line("|---|---|---|");
@@ -388,8 +416,10 @@ std::string Markdown(const Results& r) {
   line("| echo alone: < 5 % of frames flagged | " + Fixed(alone) + " % | " + Verdict(alone < 5.0) + " |");
   line("| every lead 0-250 ms (the jump scene up to its jump): ERLE >= 35 dB from 5 s on | lowest " + Fixed(worst_lead) +
        " dB | " + Verdict(worst_lead >= 35.0) + " |");
-  line("| after a jump of the lead: ERLE >= 25 dB within 1 s | " + Fixed(after_jump) + " dB | " +
+  line("| after a jump of the lead: ERLE >= 25 dB within 1 s (1-3 s after it) | " + Fixed(after_jump) + " dB | " +
        Verdict(after_jump >= 25.0) + " |");
+  line("| after a jump of the lead: re-locked within 1 s (ERLE back within 3 dB) | " + Fixed(relock, 2) + " s | " +
+       Verdict(relock <= 1.0) + " |");
   line("| communication chain (`ns_flag` 2): ERLE >= 40 dB converged | " + Fixed(com) + " dB | " +
        Verdict(com >= 40.0) + " |");
   line("");
@@ -426,6 +456,11 @@ bool RunEchoBench(const std::filesystem::path& dir, const std::string& match, co
                      label.c_str(), score.double_talk_si_sdr, score.erle_converged, score.erle_whole,
                      score.vad.true_positive, score.vad.false_positive, score.vad.false_negative, score.alone_flagged,
                      score.alone_frames);
+      if (!system_match.empty() && !score.window_erle.empty()) {
+        std::fprintf(stderr, "  re-lock %.2f s; ERLE per 250 ms from the change:", score.relock_s);
+        for (double e : score.window_erle) std::fprintf(stderr, " %.0f", e);
+        std::fprintf(stderr, "\n");
+      }
     }
     std::fprintf(stderr, "scored %s\n", echo.name.c_str());
   }

@@ -73,17 +73,18 @@ void ShiftFilters(AecCore* core, int delta) {
   }
 }
 
-int MaxLag(const AecCore* core) {
+}  // namespace
+
+int AecLeadMaxLag(const AecCore* core) {
   // The far ring must still hold the filters' whole span behind the lag.
   const int by_ring = static_cast<int>(core->far_buf.element_count) - core->num_partitions - 2;
   return std::min(kLeadHistoryBlocks - 1, by_ring);
 }
 
-}  // namespace
-
 void AecLeadTrackerInit(AecLeadTracker* lead) {
   std::memset(lead, 0, sizeof(*lead));
   lead->candidate = -1;
+  lead->settled_offset = -1;
 }
 
 void AecLeadTrackerUpdate(AecLeadTracker* lead, const float* far_power, const float* near_power, int far_active) {
@@ -179,7 +180,11 @@ AecLeadChange AecLeadTrackerDecide(AecLeadTracker* lead, AecCore* core, int stro
   const bool moved = lead->locked == 0 || best > normalised[held] + kJumpMargin;
   const bool lost = lead->locked == 0 || (far_active && !near_talks && linear_erle_db < kLostErleDb && moved);
   if (clear && lost && outside) {
-    lead->lag_blocks = std::clamp(best_lag - kLeadMarginBlocks, 0, MaxLag(core));
+    // A jump moves the echo and its correlation peak alike: the far end
+    // moves by as much, keeping the filters where they were on the echo.
+    // The envelope's peak need not sit where the filters' main tap does.
+    const int offset = lead->locked != 0 && lead->settled_offset >= 0 ? lead->settled_offset : kLeadMarginBlocks;
+    lead->lag_blocks = std::clamp(best_lag - offset, 0, AecLeadMaxLag(core));
     lead->recentre_blocks = 0;
     // The first lead found moves the window over an echo that stayed where
     // it was: what the filters learned so far moves with it. After a jump
@@ -195,7 +200,8 @@ AecLeadChange AecLeadTrackerDecide(AecLeadTracker* lead, AecCore* core, int stro
 
   // Converged: keep the echo's main energy two partitions into the filter.
   if (lead->locked != 0 && far_active && linear_erle_db > kConvergedErleDb) {
-    const int delta = std::clamp(strongest_partition - kLeadMarginBlocks, -lead->lag_blocks, MaxLag(core) - lead->lag_blocks);
+    if (clear) lead->settled_offset = std::max(best_lag - lead->lag_blocks, 0);
+    const int delta = std::clamp(strongest_partition - kLeadMarginBlocks, -lead->lag_blocks, AecLeadMaxLag(core) - lead->lag_blocks);
     lead->recentre_blocks = delta != 0 ? lead->recentre_blocks + 1 : 0;
     if (lead->recentre_blocks >= kRecentreBlocks) {
       ShiftFilters(core, delta);

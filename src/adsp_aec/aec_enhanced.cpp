@@ -10,11 +10,14 @@
 // suppressor replaces the classic coherence suppression; and the lead
 // tracker learns from the block's far and near spectra. When the lag
 // changes, the filters' far history is rebuilt from the rings at the new
-// lag, so a filter that matched the room before a jump of the lead matches
-// it again at once.
+// lag, and the main filter as it last cancelled well is put back in both
+// filters, so a filter that matched the room before a jump of the lead
+// matches it again at once; the lag probe (aec_lag_probe_enhanced.cpp) then
+// corrects the new placement to the sample.
 #include "adsp_aec/aec_enhanced.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstring>
 
 #include "adsp_aec/echo_cancellation.h"
@@ -26,6 +29,8 @@ using Spectrum = float[2][kAecBins];
 
 constexpr float kDoubleTalkStep = 0.1f;
 constexpr int kDoubleTalkHoldBlocks = 25;  // 100 ms after the talker was last heard
+constexpr int kSettledEveryBlocks = 25;    // the settled filter is retaken every 100 ms
+constexpr float kSettledErleDb = 12.0f;    // linear ERLE, smoothed, at which the filters cancel well
 
 const Spectrum& RingSpectrum(const RingBuffer& ring, int index) {
   return reinterpret_cast<const Spectrum*>(Adsp_BufferData(&ring))[index];
@@ -66,11 +71,41 @@ void RefillFarHistory(AecCore* core) {
   }
 }
 
+// Keeps the main filter while it cancels well, and puts it back in both
+// filters after a jump (they then match the room again at the new lag).
+void KeepSettledFilter(AecEnhanced* st, const AecCore* core, int far_active) {
+  const int n = core->num_partitions;
+  if (n > kNormalNumPartitions) return;
+  st->settled_age += 1;
+  const bool cancelling = far_active && st->near_hold == 0 && st->residual.linear_erle > kSettledErleDb &&
+                          st->residual.echo_only_erle > kSettledErleDb;
+  if (!cancelling || (st->settled != 0 && st->settled_age < kSettledEveryBlocks)) return;
+  for (int plane = 0; plane < 2; ++plane)
+    std::memcpy(st->settled_filter[plane], core->wfBuf_main[plane], sizeof(float) * n * kAecBins);
+  st->settled = 1;
+  st->settled_age = 0;
+}
+
+void RestoreSettledFilter(const AecEnhanced* st, AecCore* core) {
+  const int n = core->num_partitions;
+  if (st->settled == 0 || n > kNormalNumPartitions) return;
+  for (int plane = 0; plane < 2; ++plane) {
+    std::memcpy(core->wfBuf_main[plane], st->settled_filter[plane], sizeof(float) * n * kAecBins);
+    std::memcpy(core->wfBuf[plane], st->settled_filter[plane], sizeof(float) * n * kAecBins);
+  }
+  // The two filters start level: the adaptive one's wins while both were
+  // lost would otherwise soon hand its wanderings to the main one.
+  std::memset(&core->double_filter, 0, sizeof(core->double_filter));
+}
+
 }  // namespace
 
 void AecEnhancedInit(AecEnhanced* st) {
   AecLeadTrackerInit(&st->lead);
   AecResidualInit(&st->residual);
+  st->settled = 0;
+  st->settled_age = 0;
+  std::memset(&st->probe, 0, sizeof(st->probe));
   st->applied_lag = -1;
 }
 
@@ -109,7 +144,26 @@ int32_t AecEnhancedProcess(void* aec_instance, AecEnhanced* st, const float* nea
   const AecLeadChange change =
       AecLeadTrackerDecide(&st->lead, core, strongest, st->residual.linear_erle, report->far_active,
                            report->near_by_level);
-  if (change == AecLeadChange::kJumped) AecResidualRestart(&st->residual);
+  if (change == AecLeadChange::kJumped) {
+    AecResidualRestart(&st->residual);
+    RestoreSettledFilter(st, core);
+    AecLagProbeStart(&st->probe);
+  } else {
+    // The echo arrives `late` samples after the filters place it: the far
+    // end moves by the whole blocks nearest, the filters by what is left.
+    const int late = AecLagProbeUpdate(&st->probe, core, st->lead.lag_blocks, AecLeadMaxLag(core),
+                                       report->far_active && !report->near_by_level);
+    if (late != 0) {
+      const int blocks = std::clamp(static_cast<int>(std::lround(static_cast<float>(late) / kAecBlockLen)),
+                                    -st->lead.lag_blocks, AecLeadMaxLag(core) - st->lead.lag_blocks);
+      st->lead.lag_blocks += blocks;
+      AecShiftFilterSamples(core, late - blocks * kAecBlockLen);
+      st->settled = 0;
+    }
+  }
+  // Filters moved against the far end: what was kept no longer fits the lag.
+  if (change == AecLeadChange::kFound || change == AecLeadChange::kRecentred) st->settled = 0;
+  KeepSettledFilter(st, core, report->far_active);
   // The echo's level against the far end's was measured against a far end
   // the echo did not follow; with the lead found it is measured again.
   if (change == AecLeadChange::kFound) st->residual.echo_gain_blocks = 0;

@@ -6,7 +6,9 @@
 // module puts
 //   - a lead tracker (aec_delay_enhanced.cpp) that finds how far the
 //     reference runs ahead of the microphones (0 to 280 ms) and places the
-//     filters' 48 ms window on the echo, following jumps;
+//     filters' 48 ms window on the echo, following jumps, and a lag probe
+//     (aec_lag_probe_enhanced.cpp) that sets a jump's new placement to the
+//     sample from the filters' own prediction;
 //   - a residual echo suppressor (aec_residual_enhanced.cpp) that estimates
 //     the echo left after the filters from the filters' own echo estimate,
 //     tells the near talker from echo, removes the residue and fills what it
@@ -43,6 +45,7 @@ struct AecLeadTracker {
   int candidate_blocks;   // blocks it has stayed there
   float peak_corr;        // normalised correlation at the last peak
   int recentre_blocks;    // blocks the filter's peak has sat off its place
+  int settled_offset;     // correlation peak minus lag while the filters cancelled; -1: none yet
 };
 
 // ---- residual echo suppressor ------------------------------------------------
@@ -99,9 +102,35 @@ struct AecEnhancedBlock {
   int lag_blocks;        // far-end lag in force (4 ms blocks)
 };
 
+// ---- lag probe ----------------------------------------------------------------
+
+constexpr int kLagProbeBlockReach = 4;  // whole blocks either side of the far end's placement
+constexpr int kLagProbeBlockLags = 2 * kLagProbeBlockReach + 1;
+constexpr int kLagProbeReach = 64;      // then samples either side
+constexpr int kLagProbeLags = 2 * kLagProbeReach + 1;
+
+// After a jump the envelope correlation knows the new lead only to a few
+// blocks, and a jump need not be a whole number of blocks; the filters,
+// which still hold the room, tell the exact one.
+struct AecLagProbe {
+  int blocks_left;    // of the probing window opened by a jump; 0: not probing
+  int blocks;         // echo-alone blocks summed into block_error and corr
+  float block_error[kLagProbeBlockLags];  // the main filter's error with the far end index - reach blocks later
+  float near[kLagProbeReach + kAecBlockLen];      // the microphone's last samples (differenced)
+  float echo[2 * kLagProbeReach + kAecBlockLen];  // the main filter's echo estimate's (differenced)
+  float corr[kLagProbeLags];  // microphone against the estimate moved by index - kLagProbeReach samples
+};
+
 struct AecEnhanced {
   AecLeadTracker lead;
   AecResidualState residual;
+  // The main filter as it last cancelled well, for a jump of the lead to
+  // start from: by the time the jump is confirmed the filters have spent a
+  // fraction of a second adapting to a far end the echo no longer follows.
+  float settled_filter[2][kNormalNumPartitions * kAecBins];
+  int settled;      // settled_filter holds a filter for the lag in force
+  int settled_age;  // blocks since it was taken
+  AecLagProbe probe;
   int applied_lag;  // the lag the filters' far history was last built for
   int near_hold;    // blocks the filters keep adapting slowly after a near talker was heard
 };
@@ -123,6 +152,8 @@ enum class AecLeadChange {
 // be double talk rather than a moved echo.
 AecLeadChange AecLeadTrackerDecide(AecLeadTracker* lead, AecCore* core, int strongest_partition,
                                    float linear_erle_db, int far_active, int near_talks);
+// The longest lag the far ring serves with the filters' whole span behind it.
+int AecLeadMaxLag(const AecCore* core);
 // Partition of the main filter holding the most energy.
 int AecStrongestPartition(const AecCore* core);
 
@@ -137,6 +168,16 @@ void AecResidualRestart(AecResidualState* res);
 // the far/near and near/error coherence per bin.
 void AecResidualProcess(AecResidualState* res, const AecCore* core, int echo_partition, float* out,
                         float* near_power_spectrum, float* coherence, AecEnhancedBlock* report);
+
+// Opens a probing window after a jump of the lead.
+void AecLagProbeStart(AecLagProbe* probe);
+// Adds the block the core has just filtered (its near and error blocks, the
+// far history read `lag` blocks behind the newest) to the probe; returns how
+// many samples later the echo arrives than the filters place it, once that
+// is clear, else 0.
+int AecLagProbeUpdate(AecLagProbe* probe, const AecCore* core, int lag, int max_lag, int echo_alone);
+// Moves both filters' responses `samples` later (negative: earlier).
+void AecShiftFilterSamples(AecCore* core, int samples);
 
 void AecEnhancedInit(AecEnhanced* st);
 // One block: 64 far-end and 64 near-end samples in, 64 output samples out
