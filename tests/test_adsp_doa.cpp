@@ -85,7 +85,8 @@ TEST(DoaHelpers, BinWeightsPowerSlotsAngleMeansAndSelectSort) {
 // The vector scoring over the transposed family gives the plain loop's bits
 // over the sets themselves, on random bins and weights and on silence (all
 // zero, the search's floor), which also proves the transposed copy holds the
-// sets' own floats. The eight-lane twin too, where the processor has it.
+// sets' own floats and that every family turns and mirrors exactly as the
+// vector loops assume. The eight-lane twin too, where the processor has it.
 TEST(DoaSteeredPower, VectorSearchMatchesThePlainLoopBitForBit) {
 #if defined(VORN_SIMD4)
   const sim::Signal noise = sim::WhiteNoise(kDoaBandBins * 6 + 256, 0.5, 17);

@@ -22,6 +22,7 @@
 #include "adsp_aec/aec_core.h"
 #include "adsp_aec/aec_rdft.h"
 #include "adsp_bf/adsp_doa.h"
+#include "adsp_bf/beamformer.h"
 #include "adsp_bf/mic_health.h"
 #include "adsp_bf/weight_tables.h"
 #include "adsp_ns/adsp_ns_kernels.h"
@@ -72,7 +73,8 @@ struct Inputs {
                      taps3 = r.Uniform(3, 0, 0.5f), frame = r.Uniform(512, -1000, 1000),
                      block = r.Uniform(128, -1000, 1000), unit = r.Uniform(kDoaBandBins * 6, -1, 1),
                      weight = r.Uniform(kDoaLowBin + kDoaBandBins + 64, 0, 1),
-                     spectra = r.Uniform(3 * 512, -1000, 1000);
+                     spectra = r.Uniform(3 * 512, -1000, 1000), blocking = r.Uniform(18 * 257, -1, 1),
+                     beam_noise = r.Powers(257);
   std::vector<float> out[5] = {std::vector<float>(2048), std::vector<float>(2048), std::vector<float>(2048),
                                std::vector<float>(2048), std::vector<float>(2048)};
   std::vector<float> dav = r.Powers(kNsBins), dav_long = r.Powers(kNsBins);
@@ -218,6 +220,22 @@ void FilterConstraint(Inputs& in) {
   else FilterAdaptationPlain(in.aec.get(), in.work.data(), ef);
 }
 
+template <bool kVector>
+void GscBlocking(Inputs& in) {
+  const auto* f = reinterpret_cast<const float(*)[512]>(in.spectra.data());
+  if constexpr (kVector) GscBlockingSimd(in.blocking.data(), 1, f, in.out[0].data());
+  else GscBlockingPlain(in.blocking.data(), 1, f, in.out[0].data());
+}
+
+template <bool kVector>
+void GscStep(Inputs& in) {
+  const auto* f = reinterpret_cast<const float(*)[512]>(in.spectra.data());
+  float* const filters[3] = {in.out[1].data(), in.out[2].data(), in.out[3].data()};
+  if constexpr (kVector) GscStepSimd(in.frame.data(), f, in.beam_noise.data(), filters);
+  else GscStepPlain(in.frame.data(), f, in.beam_noise.data(), filters);
+  in.out[0][5] = in.out[1][5];
+}
+
 void Copy512(Inputs& in) { std::memcpy(in.work.data(), in.frame.data(), 512 * sizeof(float)); }
 void Copy128(Inputs& in) { std::memcpy(in.work.data(), in.block.data(), 128 * sizeof(float)); }
 
@@ -237,6 +255,8 @@ const Kernel kKernels[] = {
     {"doa_search", "direction search, 72 directions x 205 bins", DirectionSearch<false>, DirectionSearch<true>},
     {"doa_weights", "direction search's bin weights, 256 bins", DirectionWeights<false>, DirectionWeights<true>},
     {"doa_unit_bins", "direction search's unit-magnitude bins, 3 x 205", UnitBins<false>, UnitBins<true>},
+    {"gsc_blocking", "adaptive beam's blocking output, 257 bins", GscBlocking<false>, GscBlocking<true>},
+    {"gsc_step", "adaptive beam's filter step, 3 filters x 257 bins", GscStep<false>, GscStep<true>},
     {"aec_cft1st", "canceller transform, first radix-4 stage", RdftStage<false, 0>, RdftStage<true, 0>},
     {"aec_cftmdl", "canceller transform, middle radix-4 stage", RdftStage<false, 1>, RdftStage<true, 1>},
     {"aec_rftfsub", "canceller transform, forward real split", RdftStage<false, 2>, RdftStage<true, 2>},

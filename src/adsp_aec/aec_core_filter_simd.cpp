@@ -124,8 +124,7 @@ bool FarSpanAboveSimd(const float* x_re, const float* x_im, int n, float divisor
 namespace {
 
 // The gradient spectra of partitions p0..p0+3 in four lanes: element i of
-// partition p0 + l goes to lanes[stride * i + l], so a batch of eight
-// transforms takes two of these side by side.
+// partition p0 + l goes to lanes[stride * i + l].
 void GatherGradients(const AecCore* aec, const float ef[2][kAecBins], int p0, float* lanes, int stride) {
   constexpr int kLast = kAecBins - 1;
   const float* xr[4];
@@ -217,18 +216,107 @@ void FilterAdaptationSimd(AecCore* aec, float ef[2][kAecBins]) {
 }
 
 #if defined(VORN_AVX2)
+namespace {
+
+// Turns eight rows of eight floats: row i of the result is element i of each.
+VORN_TARGET_AVX2 inline void Transpose8(__m256 (&r)[8]) {
+  __m256 t[8], s[8];
+  for (int i = 0; i < 8; i += 2) {
+    t[i] = _mm256_unpacklo_ps(r[i], r[i + 1]);
+    t[i + 1] = _mm256_unpackhi_ps(r[i], r[i + 1]);
+  }
+  for (int i = 0; i < 8; i += 4) {
+    s[i] = _mm256_shuffle_ps(t[i], t[i + 2], _MM_SHUFFLE(1, 0, 1, 0));
+    s[i + 1] = _mm256_shuffle_ps(t[i], t[i + 2], _MM_SHUFFLE(3, 2, 3, 2));
+    s[i + 2] = _mm256_shuffle_ps(t[i + 1], t[i + 3], _MM_SHUFFLE(1, 0, 1, 0));
+    s[i + 3] = _mm256_shuffle_ps(t[i + 1], t[i + 3], _MM_SHUFFLE(3, 2, 3, 2));
+  }
+  for (int i = 0; i < 4; ++i) {
+    r[i] = _mm256_permute2f128_ps(s[i], s[i + 4], 0x20);
+    r[i + 4] = _mm256_permute2f128_ps(s[i], s[i + 4], 0x31);
+  }
+}
+
+// Four partitions of one filter: the lanes of an eight-partition batch that
+// they fill, four each.
+struct Group {
+  const float (*ef)[kAecBins];
+  float* w_re;
+  float* w_im;
+  int p0;
+};
+
+// GatherGradients for two groups side by side, eight bins of all eight
+// partitions per step with one 8 x 8 turn for each of the real and the
+// imaginary parts.
+VORN_TARGET_AVX2 void GatherGradients8(const AecCore* aec, const Group& lo, const Group& hi, float* lanes) {
+  constexpr int kLast = kAecBins - 1;
+  const float* xr[8];
+  const float* xi[8];
+  const float(*ef[8])[kAecBins];
+  for (int l = 0; l < 8; ++l) {
+    const Group& g = l < 4 ? lo : hi;
+    const int xpos = PartitionOffset(aec, g.p0 + l % 4);
+    xr[l] = &aec->xfBuf[0][xpos];
+    xi[l] = &aec->xfBuf[1][xpos];
+    ef[l] = g.ef;
+  }
+  for (int k = 0; k < kLast; k += 8) {
+    const __m256 e0[2] = {_mm256_loadu_ps(lo.ef[0] + k), _mm256_loadu_ps(hi.ef[0] + k)};
+    const __m256 e1[2] = {_mm256_loadu_ps(lo.ef[1] + k), _mm256_loadu_ps(hi.ef[1] + k)};
+    __m256 re[8], im[8];
+    for (int l = 0; l < 8; ++l) {
+      const __m256 vxr = _mm256_loadu_ps(xr[l] + k), vxi = _mm256_loadu_ps(xi[l] + k);
+      re[l] = _mm256_add_ps(_mm256_mul_ps(vxr, e0[l / 4]), _mm256_mul_ps(vxi, e1[l / 4]));
+      im[l] = _mm256_sub_ps(_mm256_mul_ps(vxr, e1[l / 4]), _mm256_mul_ps(vxi, e0[l / 4]));
+    }
+    Transpose8(re);
+    Transpose8(im);
+    for (int i = 0; i < 8; ++i) {
+      _mm256_store_ps(lanes + 8 * (2 * (k + i)), re[i]);
+      _mm256_store_ps(lanes + 8 * (2 * (k + i) + 1), im[i]);
+    }
+  }
+  for (int l = 0; l < 8; ++l) lanes[8 + l] = xr[l][kLast] * ef[l][0][kLast] + xi[l][kLast] * ef[l][1][kLast];
+}
+
+// AddGradients for two groups side by side.
+VORN_TARGET_AVX2 void AddGradients8(const float* lanes, const Group& lo, const Group& hi) {
+  constexpr int kLast = kAecBins - 1;
+  float* wr[8];
+  float* wi[8];
+  for (int l = 0; l < 8; ++l) {
+    const Group& g = l < 4 ? lo : hi;
+    wr[l] = g.w_re + (g.p0 + l % 4) * kAecBins;
+    wi[l] = g.w_im + (g.p0 + l % 4) * kAecBins;
+  }
+  for (int k = 0; k < kLast; k += 8) {
+    __m256 re[8], im[8];
+    for (int i = 0; i < 8; ++i) {
+      re[i] = _mm256_load_ps(lanes + 8 * (2 * (k + i)));
+      im[i] = _mm256_load_ps(lanes + 8 * (2 * (k + i) + 1));
+    }
+    Transpose8(re);
+    Transpose8(im);
+    for (int l = 0; l < 8; ++l) {
+      _mm256_storeu_ps(wr[l] + k, _mm256_add_ps(_mm256_loadu_ps(wr[l] + k), re[l]));
+      const __m256 old = _mm256_loadu_ps(wi[l] + k);
+      const __m256 sum = _mm256_add_ps(old, im[l]);
+      // Bin 0 has no imaginary part: its slot held bin 64.
+      _mm256_storeu_ps(wi[l] + k, k == 0 ? _mm256_blend_ps(sum, old, 0x01) : sum);
+    }
+  }
+  for (int l = 0; l < 8; ++l) wr[l][kLast] += lanes[8 + l];
+}
+
+}  // namespace
+
 // Both filters in one pass: their partitions, in groups of four, make batches
 // of eight (the short filters' 24 partitions are three batches, where one
 // filter at a time would take four). Each filter's adaptation reads only the
 // far history and its own error, so the order of the batches does not matter.
 VORN_TARGET_AVX2 void FilterAdaptationBothAvx2(AecCore* aec, const float ef_adaptive[2][kAecBins],
                                                const float ef_main[2][kAecBins]) {
-  struct Group {
-    const float (*ef)[kAecBins];
-    float* w_re;
-    float* w_im;
-    int p0;
-  };
   Group groups[2 * kMaxPartitions / 4];
   int count = 0;
   for (int p0 = 0; p0 < aec->num_partitions; p0 += 4) groups[count++] = {ef_adaptive, aec->wfBuf[0], aec->wfBuf[1], p0};
@@ -241,13 +329,11 @@ VORN_TARGET_AVX2 void FilterAdaptationBothAvx2(AecCore* aec, const float ef_adap
     const Group& hi = groups[g + 1];
     alignas(32) __m256 a[kAecBlockLen2];
     float* lanes = reinterpret_cast<float*>(a);
-    GatherGradients(aec, lo.ef, lo.p0, lanes, 8);
-    GatherGradients(aec, hi.ef, hi.p0, lanes + 4, 8);
+    GatherGradients8(aec, lo, hi, lanes);
     aec_rdft_inverse_128_x8(a);
     KeepFirstTaps(lanes, 8);
     aec_rdft_forward_128_x8(a);
-    AddGradients(lanes, 8, lo.p0, lo.w_re, lo.w_im);
-    AddGradients(lanes + 4, 8, hi.p0, hi.w_re, hi.w_im);
+    AddGradients8(lanes, lo, hi);
   }
   for (; g < count; ++g) AdaptFourPartitions(aec, groups[g].ef, groups[g].p0, groups[g].w_re, groups[g].w_im);
 }

@@ -12,8 +12,9 @@
 // speech-presence estimate of its own: the caller's is not known here).
 // The same pass learns the noise's own phase-transformed cross-spectra from
 // the bins that hold noise alone; what the noise added to the counted bins
-// is then taken out, so that a steady interferer's swings above the test
-// do not pull the answer toward it. Pooling the cross-spectra rather than per-hop scores
+// is then taken out (harder the more the learnt noise points one way), so
+// that a steady interferer's swings above the test do not pull the answer
+// toward it. Pooling the cross-spectra rather than per-hop scores
 // gives the same steered response at the cost of one evaluation for the
 // whole stretch, and keeps memory constant: a stretch of any length is used
 // whole. The search covers elevations 0-40 degrees in 5-degree steps (a
@@ -35,11 +36,24 @@ constexpr int kElevationStep = 5;
 constexpr float kHopSnrLow = 2.0f, kHopSnrHigh = 8.0f;
 // A bin under kNoiseLike times the noise is taken as noise alone when the
 // noise's cross-spectrum is learnt. Its part in a counted bin is removed
-// kNoiseRemoved times over: the noise's share of a counted bin's power
-// (noise over power) understates it, the bin having been counted because
-// it stood high, and the more so the steeper the rise a counted bin needs.
+// more than once over: the noise's share of a counted bin's power (noise
+// over power) understates it, the bin having been counted because it stood
+// high, and the more so the steeper the rise a counted bin needs. How much
+// more depends on what the learnt cross-spectrum is. When it points one
+// way as firmly as a lone source's direct sound does (its agreement,
+// searched as the talker's evidence is, near kPointAgreement), it is the
+// noise's and is removed kNoiseRemovedPoint times over. When it is loose
+// (diffuse noise, babble, or a source heard mostly through the room's
+// reflections: agreement at kLooseAgreement or below) the noise-like bins
+// also hold the talker's own reverberant sound, which the learnt
+// cross-spectrum then partly points toward; removing it as hard takes the
+// talker's evidence with it, so it is removed kNoiseRemovedLoose times.
+// Between the two the factor follows the agreement linearly.
 constexpr float kNoiseLike = 2.0f;
-constexpr float kNoiseRemoved = 3.0f;
+constexpr float kNoiseRemovedLoose = 2.0f;
+constexpr float kNoiseRemovedPoint = 3.0f;
+constexpr float kLooseAgreement = 0.6f;
+constexpr float kPointAgreement = 0.9f;
 
 // The unwindowed spectra of hop h's 512-sample frame, microphone rows in order.
 void FrameBand(const short* inp, const short order[kBfChannels], int hop, GccBand* band) {
@@ -50,6 +64,20 @@ void FrameBand(const short* inp, const short order[kBfChannels], int hop, GccBan
     fft_rel(spectra[m], kBfFftLen, kBfFftOrder);
   }
   GccBandOf(spectra, band);
+}
+
+// How many times over the noise's part is removed from the counted bins,
+// from how firmly the noise's learnt cross-spectrum points one way.
+float NoiseRemovedFactor(const GccCross& noise_cross, const float noise_hops[kGccBins]) {
+  float learnt = 0.0f;
+  for (int b = 0; b < kGccBins; ++b) learnt += noise_hops[b];
+  if (!(learnt > 0.0f)) return kNoiseRemovedLoose;
+  GccLags lags;
+  GccCrossToLags(noise_cross, lags);
+  const float agreement = GccAgreement(GccSearch(lags, kElevationStep).score, learnt);
+  float t = (agreement - kLooseAgreement) / (kPointAgreement - kLooseAgreement);
+  t = t < 0.0f ? 0.0f : t > 1.0f ? 1.0f : t;
+  return kNoiseRemovedLoose + t * (kNoiseRemovedPoint - kNoiseRemovedLoose);
 }
 
 }  // namespace
@@ -100,9 +128,10 @@ DoaTrack DoaUtteranceEnhanced(const short* inp, const short order[kBfChannels], 
   if (!(pooled_weight > 0.0f)) return {0.0f, 0.0f, false};
   // What the noise put into the pooled bins: its mean phase-transformed
   // cross-spectrum, times the share of each counted bin's power it held.
+  const float removed = NoiseRemovedFactor(noise_cross, noise_hops);
   for (int b = 0; b < kGccBins; ++b) {
     if (!(noise_hops[b] > 0.0f)) continue;
-    const float scale = kNoiseRemoved * noise_share[b] / noise_hops[b];
+    const float scale = removed * noise_share[b] / noise_hops[b];
     for (int p = 0; p < kGccPairs; ++p) {
       cross.re[p][b] -= scale * noise_cross.re[p][b];
       cross.im[p][b] -= scale * noise_cross.im[p][b];
