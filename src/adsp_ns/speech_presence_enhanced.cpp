@@ -26,7 +26,9 @@
 // talker has to stand above the echo the reference predicts as well. With
 // the canceller on, the cues are taken from its input rather than its
 // output: the talker is whole there, and the noise there does not step up
-// and down as the canceller's suppression engages.
+// and down as the canceller's suppression engages. Behind a beam they are
+// taken from one microphone, whose noise the beam's blend does not reshape
+// from hop to hop; the band presence then stays on the beam's output.
 #include <algorithm>
 #include <cmath>
 
