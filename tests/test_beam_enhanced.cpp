@@ -151,6 +151,43 @@ TEST(EnhancedBeam, LookDirectionIsFlatAndInPhaseWithMicrophoneZero) {
   }
 }
 
+// The microphone the speech presence reads behind the beam: the first one
+// left in, exactly, delayed like the beam's look direction (undelayed with
+// no beam, which passes it through).
+TEST(EnhancedBeam, ReferenceMicrophoneIsInStepWithTheBeam) {
+  const ThreeMics mics = {sim::WhiteNoise(16 * kHop, 2000.0, 61), sim::WhiteNoise(16 * kHop, 2000.0, 62),
+                          sim::WhiteNoise(16 * kHop, 2000.0, 63)};
+  const std::vector<short> pcm = Pcm(mics);
+  struct Case {
+    const char* name;
+    int bf_flag;
+    uint32_t excluded;
+    int mic, delay;
+  };
+  const Case cases[] = {
+      {"no beam", 0, 0u, 0, 0},
+      {"mvdr", 2, 0u, 0, kBeamDelay},
+      {"delay-and-sum without mic 0", 1, 1u, 1, kBeamDelay},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    Rig rig(c.bf_flag, 40);
+    EnhancedBeamExclude(&rig.beam, c.excluded);
+    short out[kHop], reference[kHop];
+    for (std::size_t h = 0; h < 8; ++h) {
+      rig.Hop(pcm, h, out);
+      const auto* analysis = static_cast<const T_AudioDspState*>(rig.pm.p_data);
+      const float* const latest[3] = {analysis->au[0] + kHop, analysis->au[1] + kHop, analysis->au[2] + kHop};
+      EnhancedBeamReference(&rig.beam, c.bf_flag, latest, reference);
+      if (h == 0) continue;
+      for (int n = 0; n < kHop; ++n)
+        ASSERT_EQ(reference[n], pcm[3 * (h * kHop + static_cast<std::size_t>(n - c.delay)) +
+                                    static_cast<std::size_t>(c.mic)])
+            << n;
+    }
+  }
+}
+
 TEST(EnhancedBeam, AttenuatesASourceBehindTheLookDirection) {
   // White noise from 180 degrees off: the beam must take off a good part of
   // it at mid and high frequencies, where a 7.8 cm array has directivity.

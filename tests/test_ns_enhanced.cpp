@@ -253,6 +253,59 @@ TEST(EnhancedSpeech, EchoSettlesOnlyAfterPlayAtOneLead) {
   EXPECT_TRUE(EnhancedVadEchoSettled(&st, 48.0f, true));
 }
 
+// Behind a beam the talker's presence is judged on one microphone and the
+// band presence on the suppressor's input. Each signal carries the talker
+// or pink noise alone, so each judgement shows which one it read.
+TEST(EnhancedSpeech, PresenceReadsTheSignalItIsGiven) {
+  constexpr std::size_t kHop = kNsHop;
+  const std::size_t n = 8 * kRate;
+  sim::SpeechLikeOptions voice;
+  voice.lead_silence_s = 2.0;
+  const sim::SpeechLike talker = sim::MakeSpeechLike(n, 51, voice);
+  const std::vector<std::int16_t> speech = sim::ToPcm(sim::Mix(talker.samples, sim::PinkNoise(n, 100.0, 52)));
+  const std::vector<std::int16_t> noise = sim::ToPcm(sim::PinkNoise(n, 100.0, 53));
+  struct Case {
+    const char* name;
+    const std::vector<std::int16_t>* in;    // the suppressor's input
+    const std::vector<std::int16_t>* near;  // what the talker is judged on (null: `in`)
+    bool bands_on_input;
+    bool talker_heard, bands_open;  // inside the syllables
+  };
+  const Case cases[] = {
+      {"one signal", &speech, nullptr, false, true, true},
+      {"judged apart, bands too", &noise, &speech, false, true, true},
+      {"talker only in the input", &speech, &noise, true, false, true},
+      {"talker only where it is judged", &noise, &speech, true, true, false},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    EnhancedPresenceState st;
+    EnhancedPresenceInit(&st);
+    NsHopAnalysis hop;
+    double prob = 0.0, band = 0.0;
+    std::size_t hops = 0;
+    for (std::size_t at = 0; at + kHop <= n; at += kHop) {
+      const NsEchoCues cues{nullptr, c.near != nullptr ? &(*c.near)[at] : nullptr, c.bands_on_input};
+      EnhancedPresenceHop(&st, &(*c.in)[at], cues, &hop);
+      if (at < 3 * kRate || talker.active[at] == 0) continue;
+      prob += hop.prob;
+      for (int b = 1; b < 20; ++b) band += hop.band_prob[b] / 19.0;
+      ++hops;
+    }
+    ASSERT_GT(hops, 0u);
+    prob /= static_cast<double>(hops);
+    band /= static_cast<double>(hops);
+    if (c.talker_heard)
+      EXPECT_GT(prob, 0.6);
+    else
+      EXPECT_LT(prob, 0.2);
+    if (c.bands_open)
+      EXPECT_GT(band, 0.5);
+    else
+      EXPECT_LT(band, 0.3);
+  }
+}
+
 TEST(EnhancedSpeech, SameInputSameBytes) {
   const sim::Signal mic = sim::Mix(sim::MakeSpeechLike(4 * kRate, 41).samples, sim::WhiteNoise(4 * kRate, 200.0, 42));
   const ChainRun a = RunEnhanced(mic), b = RunEnhanced(mic);

@@ -365,6 +365,13 @@ void EnhancedBeamProc(EnhancedBeamState* st, const BeamRequest& rq, const float*
   RoundToPcm(y + kHalf, out, kBfHop);
 }
 
+void EnhancedBeamReference(const EnhancedBeamState* st, int32_t bf_flag, const float* const latest[kBfChannels],
+                           short* out) {
+  // The analysis buffer holds the previous hop ahead of `latest`.
+  const float* mic = latest[LowestMic(MicHealthLive(&st->health))];
+  RoundToPcm(bf_flag == 0 ? mic : mic - kBeamDelay, out, kBfHop);
+}
+
 void EnhancedBeamExclude(EnhancedBeamState* st, uint32_t mask) { st->health.excluded_mask = mask & kAllMics; }
 
 uint32_t EnhancedBeamWarnings(const EnhancedBeamState* st) {

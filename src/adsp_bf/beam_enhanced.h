@@ -83,6 +83,13 @@ void EnhancedBeamInit(EnhancedBeamState* st);
 void EnhancedBeamProc(EnhancedBeamState* st, const BeamRequest& rq, const float* const latest[kBfChannels],
                       float spectrum[kBfChannels][kBfFftLen], short* out);
 
+// After EnhancedBeamProc: the microphone the beam is in phase with (the
+// first working one), delayed as the beam delays the look direction, as 256
+// samples: one microphone's view of the talker and the noise, in step with
+// the beam's output (`latest` as for EnhancedBeamProc).
+void EnhancedBeamReference(const EnhancedBeamState* st, int32_t bf_flag, const float* const latest[kBfChannels],
+                           short* out);
+
 // The microphone faults as the public VORN_WARN_MIC_DEAD / _CLIPPED bits.
 uint32_t EnhancedBeamWarnings(const EnhancedBeamState* st);
 

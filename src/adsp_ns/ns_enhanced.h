@@ -38,14 +38,18 @@ constexpr std::array<int, kPresenceBands + 1> MakeBandEdges() {
 constexpr std::array<int, kPresenceBands + 1> kBandEdges = MakeBandEdges();
 static_assert(kBandEdges[8] == 16 && kBandEdges[12] == 32 && kBandEdges[23] == 224 && kBandEdges[24] == 257);
 
-// ---- what the canceller tells the presence estimate ------------------------
-// With the canceller on, the presence is judged on the canceller's input
-// (the talker as the microphones hear it, before any echo suppression) with
-// the loudspeaker's echo predicted from the reference; the suppressor still
-// works on the canceller's output.
+// ---- what the presence is judged on ----------------------------------------
+// The presence may be judged on another signal than the one suppressed: the
+// canceller's input (the talker as the microphones hear it, before any echo
+// suppression), or behind a beam one microphone, whose noise the beam has
+// not reshaped. With the canceller on, the loudspeaker's echo there is
+// predicted from the reference. The suppressor's noise and gains stay on its
+// own input; so, behind a beam, does the band presence that gates its bins,
+// since the beam lifts the talker's bands above its own noise.
 struct NsEchoCues {
   const short* reference;  // the loudspeaker's 128 samples of this hop; null when the canceller is off
-  const short* near;       // the canceller's input for this hop; null when the canceller is off
+  const short* near;       // the 128 samples the talker is judged on; null: the suppressor's input
+  bool bands_on_input = false;  // with `near`: the band presence judged on the suppressor's input
 };
 
 // ---- the cues a hop's presence is judged by ---------------------------------

@@ -26,7 +26,9 @@
 // talker has to stand above the echo the reference predicts as well. With
 // the canceller on, the cues are taken from its input rather than its
 // output: the talker is whole there, and the noise there does not step up
-// and down as the canceller's suppression engages.
+// and down as the canceller's suppression engages. Behind a beam they are
+// taken from one microphone, whose noise the beam's blend does not reshape
+// from hop to hop; the band presence then stays on the beam's output.
 #include <algorithm>
 #include <cmath>
 
@@ -162,12 +164,20 @@ void HopPower(float* au, const short* in, float* spectrum, float* power) {
   GetPsd(spectrum, kNsFftLen, power);
 }
 
-// The canceller's input and the loudspeaker: the input's power, its noise,
-// and the echo the loudspeaker is predicted to put there (per bin).
+// The signal the talker is judged on and the loudspeaker: that signal's
+// power, its noise, and the echo the loudspeaker is predicted to put there
+// (per bin; none without the canceller).
 void AnalyseNear(EnhancedPresenceState* st, const NsEchoCues& echo, float* power, float* noise, float* echo_power) {
   float spectrum[kNsFftLen], reference[kNsBins];
   HopPower(st->near_au, echo.near, spectrum, power);
   TrackNoise(&st->near_noise, power);
+  if (echo.reference == nullptr) {
+    for (int k = 0; k < kNsBins; ++k) {
+      noise[k] = std::max(st->near_noise.noise[k], kNoiseFloorPower);
+      echo_power[k] = 0.0f;
+    }
+    return;
+  }
   HopPower(st->reference_au, echo.reference, spectrum, reference);
   for (int k = 0; k < kNsBins; ++k) {
     st->reference_held[k] = std::max(reference[k], kEchoHeldDecay * st->reference_held[k]);
@@ -236,33 +246,41 @@ void EnhancedPresenceHop(EnhancedPresenceState* st, const short* in, const NsEch
   TrackNoise(&st->noise, hop->power);
 
   // What the talker has to stand above: the noise, and where the loudspeaker
-  // plays, its echo. With the canceller on, both are judged on its input.
+  // plays, its echo. With the canceller on, both are judged on its input;
+  // behind a beam, on one microphone.
   float near_power[kNsBins], near_noise[kNsBins], echo_power[kNsBins];
-  const bool far_end = echo.reference != nullptr && echo.near != nullptr;
-  if (far_end) AnalyseNear(st, echo, near_power, near_noise, echo_power);
-  const float* power = far_end ? near_power : hop->power;
+  const bool judged_apart = echo.near != nullptr;
+  if (judged_apart) AnalyseNear(st, echo, near_power, near_noise, echo_power);
+  const float* power = judged_apart ? near_power : hop->power;
   float floor[kNsBins];
   float echo_sum = 0.0f, speech_band_power = 0.0f;
   for (int k = 0; k < kNsBins; ++k) {
-    floor[k] = far_end ? near_noise[k] + echo_power[k] : std::max(st->noise.noise[k], kNoiseFloorPower);
+    floor[k] = judged_apart ? near_noise[k] + echo_power[k] : std::max(st->noise.noise[k], kNoiseFloorPower);
     if (k >= kCueFirstBin && k <= kCueLastBin) {
-      echo_sum += far_end ? echo_power[k] : 0.0f;
+      echo_sum += judged_apart ? echo_power[k] : 0.0f;
       speech_band_power += power[k];
     }
   }
   hop->echo = std::min(echo_sum / (speech_band_power + kNoiseFloorPower), 1.0f);
 
-  // Band cue.
+  // Band cue, and the band presence: on the same signal, or on the
+  // suppressor's input against its own noise (and the echo predicted).
+  const bool own_bands = judged_apart && echo.bands_on_input;
   float excess_sum = 0.0f;
   float top[kTopBands] = {};  // the highest band excesses, falling
   for (int b = 0; b < kPresenceBands; ++b) {
-    float p = 0.0f, n = 0.0f;
+    float p = 0.0f, n = 0.0f, own_p = 0.0f, own_n = 0.0f;
     for (int k = kBandEdges[b]; k < kBandEdges[b + 1]; ++k) {
       p += power[k];
       n += floor[k];
+      if (own_bands) {
+        own_p += hop->power[k];
+        own_n += std::max(st->noise.noise[k], kNoiseFloorPower) + echo_power[k];
+      }
     }
     const float excess_db = Db(std::max(p / n - 1.0f, 0.01f));
-    const float now = Logistic(kBandSlope * (excess_db - kBandCentreDb));
+    const float band_db = own_bands ? Db(std::max(own_p / own_n - 1.0f, 0.01f)) : excess_db;
+    const float now = Logistic(kBandSlope * (band_db - kBandCentreDb));
     st->band_prob[b] = std::max(now, kBandRelease * st->band_prob[b] + (1.0f - kBandRelease) * now);
     hop->band_prob[b] = st->band_prob[b];
     if (b >= kCueFirstBand && b <= kCueLastBand) {

@@ -54,6 +54,11 @@ struct EnhancedFrame {
   bool reference_loud;  // aec_ref is given and above -60 dBFS: a far end the room could echo
   const short* mic_order;
   short beam[kFrameLen];      // the beamformer's output
+  // The microphone the beam is in phase with, in step with the beam: what
+  // the talker's presence is judged on, as the single-microphone chain
+  // judges it (a beam's residual noise is coloured and varies with its
+  // blend, and passes for speech more often than one microphone's).
+  short reference_mic[kFrameLen];
   short echo_out[kFrameLen];  // after the canceller (the beam when it is off)
   short vad_in[kFrameLen];    // the canceller's communication output, for aec_flag 3
   short aligned_ref[kFrameLen];  // the reference delayed by the lead the canceller follows: in step with its echo

@@ -56,6 +56,7 @@ int32_t BeamStage(const T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
   const float* const latest[kBfChannels] = {analysis->au[0] + kBfHop, analysis->au[1] + kBfHop,
                                             analysis->au[2] + kBfHop};
   EnhancedBeamProc(&EnhancedStateOf(st)->modules.beam, request, latest, fr.mic_spectra, fr.beam);
+  EnhancedBeamReference(&EnhancedStateOf(st)->modules.beam, pm->bf_flag, latest, fr.reference_mic);
   return 0;
 }
 
@@ -70,10 +71,17 @@ void PresenceStage(const T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
   // A reference that is a microphone's own signal predicts the talker, not
   // an echo: it is no cue then. The reference comes delayed by the lead the
   // canceller found, so that it predicts the echo when it arrives.
+  // Behind a beam, whether the talker speaks is judged on the microphone the
+  // beam is in phase with, as the single-microphone chain judges it: the
+  // beam's residual noise, coloured and moving with its blend, passed for
+  // speech more often and the suppressor left about 2 dB more of it in. The
+  // band presence, which gates the suppressor's bins, stays on the beam's
+  // output, where the beam has lifted the talker's bands.
   const bool far_end = pm->aec_flag >= 1 && !fr.echo.reference_is_microphone;
+  const bool beam = pm->bf_flag != 0;
   for (int h = 0; h < 2; ++h) {
     const NsEchoCues cues{far_end ? fr.aligned_ref + h * kHalfLen : nullptr,
-                          far_end ? fr.beam + h * kHalfLen : nullptr};
+                          far_end || beam ? fr.reference_mic + h * kHalfLen : nullptr, beam};
     EnhancedPresenceHop(&speech.presence, fr.echo_out + h * kHalfLen, cues, &fr.ns_hops[h]);
   }
   SpeechPresence& p = fr.presence;
