@@ -103,14 +103,16 @@ void PresenceStage(const T_VornParam* pm, TVornState* st, EnhancedFrame& fr) {
 //     remove; a hop with next to no speech stays as judged, since the
 //     canceller holds its verdict through the talker's pauses);
 //   - where it heard the talker in any block of the two frames, in the
-//     bands where the residual echo it estimates it let through is 10 dB
+//     bands where the residual echo it estimates it let through is 11.5 dB
 //     under all it let through: the rest there is the talker's. Bands with
-//     a fair share of residue stay as judged (lifting them too lets the
-//     residue of music through in the talker's pauses, 13 dB of it).
+//     a fair share of residue stay as judged. Music's note onsets, which
+//     the canceller can take for a talker for a block or two, leave about
+//     10 dB between the two in most bands; lifting those let about 4 dB more
+//     of the music's echo through in its far single talk.
 constexpr float kLiftNearShare = 0.5f;
 constexpr float kLiftPresence = 0.2f;
 constexpr float kLiftBandShare = 0.125f;  // one block of eight
-constexpr float kLiftEchoLeft = 0.1f;
+constexpr float kLiftEchoLeft = 0.07f;
 
 void LiftPresenceBesideEcho(EnhancedFrame& fr) {
   if (fr.echo.near_activity_held < kLiftBandShare) return;
