@@ -51,6 +51,7 @@ struct Answers {
   std::vector<double> confidence;   // per frame; empty when the system gives none
   double sentence_deg = 0.0, keyword_deg = 0.0;
   double pooled_deg = -1.0;  // negative when the system has no such answer
+  double stretch_confidence[2] = {-1.0, -1.0};  // 10 s, 0.5 s; negative when the system gives none
 };
 
 FrameRange Frames(double begin_s, double end_s, std::size_t frames) {
@@ -96,13 +97,17 @@ bool RunVornDirection(int profile, const DirectionRender& r, const FrameRange& s
     out->pooled_deg = pm.azimuth;
   }
   pm.doa_flag = 2;
-  for (auto [range, answer] : {std::pair{sentence, &out->sentence_deg}, std::pair{keyword, &out->keyword_deg}}) {
+  for (int s = 0; s < 2; ++s) {
+    const FrameRange range = s == 0 ? sentence : keyword;
     const int samples = static_cast<int>((range.end - range.begin) * kFrame);
     if (const int code = VornDoa(&pm, &mics[range.begin * kFrame * kMics], order, samples); code != 0) {
       *error = "VornDoa returned " + std::to_string(code);
       return false;
     }
-    *answer = pm.azimuth;
+    (s == 0 ? out->sentence_deg : out->keyword_deg) = pm.azimuth;
+    float confidence = 0.0f;
+    if (profile == VORN_PROFILE_ENHANCED && VornGetDoaConfidence(&pm, &confidence) == 0)
+      out->stretch_confidence[s] = confidence;
   }
   return true;
 }
@@ -458,6 +463,7 @@ int RunDirectionBench(const std::filesystem::path& out_dir, const std::string& m
     const std::size_t frames = WholeFrames(r.rendered);
     const FrameRange sentence = Frames(cell.scene.talker_begin_s, cell.scene.talker_end_s, frames);
     const FrameRange keyword = Frames(cell.scene.talker_begin_s, cell.scene.talker_begin_s + kKeywordS, frames);
+    Answers enhanced;
     for (auto [name, profile] :
          {std::pair{kClassic, VORN_PROFILE_CLASSIC}, std::pair{kEnhanced, VORN_PROFILE_ENHANCED}}) {
       Answers answers;
@@ -466,6 +472,7 @@ int RunDirectionBench(const std::filesystem::path& out_dir, const std::string& m
         return 1;
       }
       results[name][cell.name] = ScoreAnswers(cell, r, answers);
+      if (profile == VORN_PROFILE_ENHANCED) enhanced = answers;
       if (answers.pooled_deg >= 0.0) {
         Score pooled;
         pooled.sentence_error = results[name][cell.name].pooled_error;
@@ -481,11 +488,16 @@ int RunDirectionBench(const std::filesystem::path& out_dir, const std::string& m
       results[BaselineName(b)][cell.name] = ScoreAnswers(cell, r, answers);
     }
     // Per scene, for a quick look while developing: the enhanced answers'
-    // errors and the per-frame share within 10 degrees.
+    // errors (the 10 s and 0.5 s answers with their confidence) and the
+    // per-frame share within 10 degrees.
     const Score& e = results[kEnhanced][cell.name];
     const Figure track = Summarise(e.speech_errors);
-    std::fprintf(stderr, "scored %s: enhanced 10 s %.1f, 0.5 s %.1f, pooled %.1f, track %.0f %%%s\n", cell.name.c_str(),
-                 e.sentence_error, e.keyword_error, e.pooled_error, 100.0 * track.within,
+    std::fprintf(stderr,
+                 "scored %s: enhanced 10 s %.1f (%.0f, confidence %.2f), 0.5 s %.1f (%.0f, confidence %.2f), pooled "
+                 "%.1f, track %.0f %%%s\n",
+                 cell.name.c_str(), e.sentence_error, enhanced.sentence_deg, enhanced.stretch_confidence[0],
+                 e.keyword_error, enhanced.keyword_deg, enhanced.stretch_confidence[1], e.pooled_error,
+                 100.0 * track.within,
                  cell.walk_deg != 0.0 ? (", catch-up " + Fixed(e.catch_up_s, 2) + " s").c_str() : "");
   }
   const std::string md = Markdown(results, cells);

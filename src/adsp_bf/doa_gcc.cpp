@@ -253,4 +253,14 @@ GccPeak GccSearch(const GccLags lags, int elevation_step_deg) {
   return {azimuth, static_cast<float>(fine_el), best};
 }
 
+float GccPeakContrast(const GccLags lags, const GccPeak& peak) {
+  constexpr int kSweepDeg = 5;
+  if (!(peak.score > 0.0f)) return 0.0f;
+  const int elevation = static_cast<int>(peak.elevation_deg);
+  float sum = 0.0f;
+  for (int az = 0; az < 360; az += kSweepDeg) sum += GccScore(lags, az, elevation);
+  const float mean = sum / static_cast<float>(360 / kSweepDeg);
+  return mean < peak.score ? (peak.score - mean) / peak.score : 0.0f;
+}
+
 }  // namespace vorn

@@ -124,6 +124,11 @@ float GccAgreement(float score, float weight);
 // The agreement, scaled down while little evidence has been pooled.
 float GccConfidence(float score, float weight);
 
+// How far the peak stands out of the score swept round the array at the
+// peak's height (every 5 degrees): the peak over the sweep's mean, relative
+// to the peak (0 when the peak does not stand above the mean).
+float GccPeakContrast(const GccLags lags, const GccPeak& peak);
+
 // The summed correlations at one direction (integer degrees).
 float GccScore(const GccLags lags, int azimuth_deg, int elevation_deg);
 

@@ -55,6 +55,26 @@ constexpr float kNoiseRemovedPoint = 3.0f;
 constexpr float kLooseAgreement = 0.6f;
 constexpr float kPointAgreement = 0.9f;
 
+// The evidence can agree well and still not tell directions apart: bins
+// below about 1 kHz see phase differences across this small array too
+// small to change much with azimuth, so a stretch whose counted bins are
+// all low (diffuse noise in a reverberant room leaves little else) scores
+// nearly the same all round, and its peak is as much the noise's as the
+// talker's. The confidence is therefore also scaled by how far the peak
+// stands out of the score swept round the array: a contrast of
+// kFlatContrast or less (measured 1-1.3 % on such stretches, some of them
+// wrong by half a circle) gives nothing, one of kSharpContrast or more
+// (stretches holding speech above 1 kHz: 2.3-4 % in diffuse noise and
+// reverberation, 20-40 % in a quiet or babbling room) leaves the
+// agreement's figure as it is; linear between.
+constexpr float kFlatContrast = 0.01f;
+constexpr float kSharpContrast = 0.03f;
+
+float Sharpness(float contrast) {
+  const float t = (contrast - kFlatContrast) / (kSharpContrast - kFlatContrast);
+  return t < 0.0f ? 0.0f : t > 1.0f ? 1.0f : t;
+}
+
 // The unwindowed spectra of hop h's 512-sample frame, microphone rows in order.
 void FrameBand(const short* inp, const short order[kBfChannels], int hop, GccBand* band) {
   float spectra[kBfChannels][kBfFftLen];
@@ -140,7 +160,7 @@ DoaTrack DoaUtteranceEnhanced(const short* inp, const short order[kBfChannels], 
   GccLags lags;
   GccCrossToLags(cross, lags);
   const GccPeak peak = GccSearch(lags, kElevationStep);
-  return {peak.azimuth_deg, GccConfidence(peak.score, pooled_weight), true};
+  return {peak.azimuth_deg, GccConfidence(peak.score, pooled_weight) * Sharpness(GccPeakContrast(lags, peak)), true};
 }
 
 }  // namespace vorn
