@@ -71,6 +71,8 @@ Spectrum Transform(const std::vector<T>& x, const Spectrum& twiddle) {
 
 }  // namespace
 
+void Fft(std::vector<std::complex<double>>& a, bool inverse) { Fft(a, Twiddles(a.size()), inverse); }
+
 void AddFractionalImpulse(double delay, double gain, std::vector<double>& h) {
   const long centre = static_cast<long>(std::floor(delay));
   const double frac = delay - static_cast<double>(centre);

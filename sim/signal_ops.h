@@ -4,6 +4,7 @@
 // a scene of a few tens of seconds in well under a second per source.
 #pragma once
 
+#include <complex>
 #include <cstddef>
 #include <vector>
 
@@ -25,6 +26,9 @@ void AddFractionalImpulse(double delay, double gain, std::vector<double>& h);
 Signal Convolve(const Signal& x, const std::vector<double>& h);
 // x through each kernel, transforming x once.
 std::vector<Signal> ConvolveEach(const Signal& x, const std::vector<std::vector<double>>& kernels);
+
+// In-place radix-2 transform of a power-of-two length; `inverse` scales by 1/n.
+void Fft(std::vector<std::complex<double>>& a, bool inverse);
 
 // c[k] = sum_n y[n + lag] * x[n] for lag = k - max_lag, k = 0 .. 2 * max_lag.
 std::vector<double> CrossCorrelation(const Signal& x, const Signal& y, std::size_t max_lag);

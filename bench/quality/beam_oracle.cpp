@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "sim/metrics.h"
+#include "sim/signal_ops.h"
 
 namespace vorn::bench {
 namespace {
@@ -24,29 +25,6 @@ constexpr int kBins = kLen / 2 + 1;
 constexpr int kMics = 3;
 constexpr double kPi = 3.14159265358979323846;
 
-void Transform(std::vector<Complex>& a, bool inverse) {
-  const std::size_t n = a.size();
-  for (std::size_t i = 1, j = 0; i < n; ++i) {
-    std::size_t bit = n >> 1;
-    for (; j & bit; bit >>= 1) j ^= bit;
-    j ^= bit;
-    if (i < j) std::swap(a[i], a[j]);
-  }
-  for (std::size_t len = 2; len <= n; len <<= 1) {
-    const Complex turn = std::polar(1.0, (inverse ? 2.0 : -2.0) * kPi / static_cast<double>(len));
-    for (std::size_t i = 0; i < n; i += len) {
-      Complex w = 1.0;
-      for (std::size_t j = 0; j < len / 2; ++j, w *= turn) {
-        const Complex u = a[i + j], v = a[i + j + len / 2] * w;
-        a[i + j] = u + v;
-        a[i + j + len / 2] = u - v;
-      }
-    }
-  }
-  if (inverse)
-    for (Complex& x : a) x /= static_cast<double>(n);
-}
-
 double Window(int i) { return std::sqrt(0.5 - 0.5 * std::cos(2.0 * kPi * (i + 0.5) / kLen)); }
 
 using Spectra = std::vector<std::vector<Complex>>;  // [frame][bin]
@@ -56,7 +34,7 @@ Spectra Analyse(const std::vector<double>& x) {
   for (std::size_t at = 0; at + kLen <= x.size(); at += kHop) {
     std::vector<Complex> a(kLen);
     for (int i = 0; i < kLen; ++i) a[i] = x[at + i] * Window(i);
-    Transform(a, false);
+    sim::Fft(a, false);
     a.resize(kBins);
     s.push_back(std::move(a));
   }
@@ -69,7 +47,7 @@ sim::Signal Synthesise(const Spectra& s, std::size_t length) {
     std::vector<Complex> a(kLen);
     for (int k = 0; k < kBins; ++k) a[k] = s[f][k];
     for (int k = 1; k < kLen / 2; ++k) a[kLen - k] = std::conj(s[f][k]);
-    Transform(a, true);
+    sim::Fft(a, true);
     for (int i = 0; i < kLen && f * kHop + i < length; ++i) y[f * kHop + i] += a[i].real() * Window(i);
   }
   return sim::Signal(y.begin(), y.end());
