@@ -1,6 +1,7 @@
 // Cost of the shared real FFT at the size every caller uses (512 points):
 // one forward and one inverse transform, as each analysis/synthesis hop of
-// the suppressor, the VAD path and the post filter runs them; and of the
+// the suppressor, the VAD path and the post filter runs them, alone and
+// several blocks at once as the beamformer runs them; and of the
 // suppressor's widest spectral smoothing (31 taps over 257 bins), plain and
 // with four-lane vectors.
 #include <benchmark/benchmark.h>
@@ -9,6 +10,7 @@
 
 #include "common/adsp_common_fft_rel.h"
 #include "common/adsp_common_util.h"
+#include "common/fft_rel_lanes.h"
 #include "sim/signals.h"
 
 namespace {
@@ -25,6 +27,23 @@ void BM_FftRelPair512(benchmark::State& state) {
   state.SetItemsProcessed(state.iterations());
 }
 BENCHMARK(BM_FftRelPair512);
+
+// The same pair on 1 to 4 blocks at once (one per lane); items are blocks.
+void BM_FftRelLanesPair512(benchmark::State& state) {
+  const int count = static_cast<int>(state.range(0));
+  std::vector<std::vector<float>> blocks;
+  for (int b = 0; b < count; ++b) blocks.push_back(vorn::sim::WhiteNoise(512, 3000.0, 45u + b));
+  float* x[vorn::kFftRelLanes] = {};
+  for (int b = 0; b < count; ++b) x[b] = blocks[b].data();
+  for (auto _ : state) {
+    vorn::FftRelLanes(x, count, 512, 9);
+    vorn::IfftRelLanes(x, count, 512, 9);
+    benchmark::DoNotOptimize(x[0]);
+    benchmark::ClobberMemory();
+  }
+  state.SetItemsProcessed(state.iterations() * count);
+}
+BENCHMARK(BM_FftRelLanesPair512)->DenseRange(1, vorn::kFftRelLanes);
 
 void BM_FftRel512(benchmark::State& state) {
   const std::vector<float> input = vorn::sim::WhiteNoise(512, 3000.0, 43u);

@@ -19,6 +19,7 @@
 #include "common/adsp_common_fft_rel.h"
 #include "common/adsp_common_rom.h"
 #include "common/adsp_common_util.h"
+#include "common/fft_rel_lanes.h"
 #include "sim/signals.h"
 
 namespace vorn {
@@ -167,6 +168,60 @@ TEST(FftRel, VectorTransformsGiveThePlainBits) {
 #else
   GTEST_SKIP() << "no four-lane vectors in this build";
 #endif
+}
+
+// Blocks transformed together against each transformed alone by the plain
+// routines, bit for bit: every batch size, the sizes with lanes and one
+// without, and a different input in every block (noise, tiny and huge
+// values, signed zeros with an infinity and a NaN), so a block that took
+// another's values or its neighbour's lane shows.
+TEST(FftRel, BlocksTransformedTogetherGiveThePlainBits) {
+  const float inf = std::numeric_limits<float>::infinity();
+  for (short n : {64, 128, 256, 512}) {
+    const short m = Log2(n);
+    Floats special(n, -0.0f);
+    special[n / 2 - 1] = inf;
+    special[n - 3] = kNaN;
+    Floats mixed = sim::WhiteNoise(n, 1.0, 62u + n);
+    for (int i = 0; i < n; i += 7) mixed[i] *= 1e20f;
+    const std::vector<Floats> inputs = {sim::WhiteNoise(n, 1000.0, 60u + n), special,
+                                        sim::WhiteNoise(n, 1e-30, 61u + n), mixed};
+    for (int count = 1; count <= kFftRelLanes; ++count) {
+      for (int rotate = 0; rotate < 4; ++rotate) {
+        SCOPED_TRACE("n = " + std::to_string(n) + ", blocks = " + std::to_string(count) +
+                     ", first input " + std::to_string(rotate));
+        std::vector<Floats> plain, lanes;
+        for (int b = 0; b < count; ++b) plain.push_back(inputs[(b + rotate) % 4]);
+        lanes = plain;
+        std::vector<Floats> four = plain;
+        float* x[kFftRelLanes] = {};
+        float* x4[kFftRelLanes] = {};
+        for (int b = 0; b < count; ++b) x[b] = lanes[b].data(), x4[b] = four[b].data();
+        FftRelLanes(x, count, n, m);
+#if defined(VORN_SIMD4)
+        FftRelLanesSimd(x4, count, n, m, false);
+#else
+        FftRelLanes(x4, count, n, m);
+#endif
+        for (int b = 0; b < count; ++b) {
+          FftRelPlain(plain[b].data(), n, m);
+          ASSERT_TRUE(SameBitsOrBothNaN(plain[b], lanes[b])) << "forward, block " << b;
+          ASSERT_TRUE(SameBitsOrBothNaN(plain[b], four[b])) << "forward, four lanes, block " << b;
+        }
+        IfftRelLanes(x, count, n, m);
+#if defined(VORN_SIMD4)
+        IfftRelLanesSimd(x4, count, n, m, false);
+#else
+        IfftRelLanes(x4, count, n, m);
+#endif
+        for (int b = 0; b < count; ++b) {
+          IfftRelPlain(plain[b].data(), n, m);
+          ASSERT_TRUE(SameBitsOrBothNaN(plain[b], lanes[b])) << "inverse, block " << b;
+          ASSERT_TRUE(SameBitsOrBothNaN(plain[b], four[b])) << "inverse, four lanes, block " << b;
+        }
+      }
+    }
+  }
 }
 
 TEST(CommonUtil, TruncSaturatesAndZeroesTheExactLimits) {

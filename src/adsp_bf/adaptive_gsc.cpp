@@ -15,6 +15,7 @@
 #include "adsp_bf/util.h"
 #include "adsp_bf/weight_tables.h"
 #include "common/adsp_common_fft_rel.h"
+#include "common/fft_rel_lanes.h"
 
 namespace vorn {
 
@@ -110,33 +111,40 @@ void GscBlockingSimd(const float* bm, int j, const float f[3][512], float* block
 
 // Stack: a device thread has little of it, so the hop keeps only what must
 // outlive a step: the three reference spectra (read again by the detector and
-// the filter update) and the running sum of the filtered references. One
-// work block serves in turn as the fixed beam in time, each blocking output
-// and each filtered reference, which are dead once consumed. The filtered
-// references are summed as they come, in the same order (0 + 1, then + 2),
-// so the sum is the same to the bit as summing three stored ones.
+// the filter update) and the running sum of the filtered references. The
+// blocking outputs are formed in the reference blocks and go back to time
+// there together with the fixed beam (four transforms at once); one work
+// block then serves as each filtered reference, dead once consumed. The
+// filtered references are summed as they come, in the same order (0 + 1,
+// then + 2), so the sum is the same to the bit as summing three stored ones.
 void Adapt_GSC(T_AudioDspState* st, float f[3][512], float* fbf, int angle, float* out) {
   const float* bm = BlockingMatrix(angle);
 
   float work[kBfFftLen];
   CopyBlock(fbf, work);
-  ifft_rel(work, kBfFftLen, kBfFftOrder);
-  FrameShiftSave(st->td_fbf_out, work + kHalf);
-
-  // Each blocking output goes back to time so that its reference spectrum
-  // is that of the last two hops, as overlap-save filtering needs.
   float ref[kOutputs][kBfFftLen];
-  float noise_est[kBfFftLen];
   for (int j = 0; j < kOutputs; ++j) {
 #if defined(VORN_SIMD4)
-    GscBlockingSimd(bm, j, f, work);
+    GscBlockingSimd(bm, j, f, ref[j]);
 #else
-    GscBlockingPlain(bm, j, f, work);
+    GscBlockingPlain(bm, j, f, ref[j]);
 #endif
-    ifft_rel(work, kBfFftLen, kBfFftOrder);
-    FrameShiftSave(st->td_bm_out[j], work + kHalf);
+  }
+  float* const to_time[kOutputs + 1] = {work, ref[0], ref[1], ref[2]};
+  IfftRelLanes(to_time, kOutputs + 1, kBfFftLen, kBfFftOrder);
+  FrameShiftSave(st->td_fbf_out, work + kHalf);
+
+  // Each blocking output's reference spectrum is that of its last two hops,
+  // as overlap-save filtering needs.
+  for (int j = 0; j < kOutputs; ++j) {
+    FrameShiftSave(st->td_bm_out[j], ref[j] + kHalf);
     CopyBlock(st->td_bm_out[j], ref[j]);
-    fft_rel(ref[j], kBfFftLen, kBfFftOrder);
+  }
+  float* const refs[kOutputs] = {ref[0], ref[1], ref[2]};
+  FftRelLanes(refs, kOutputs, kBfFftLen, kBfFftOrder);
+
+  float noise_est[kBfFftLen];
+  for (int j = 0; j < kOutputs; ++j) {
     FreqFilter(ref[j], st->fd_g[j], j == 0 ? noise_est : work);
     if (j > 0)
       for (int i = 0; i < kBfFftLen; ++i) noise_est[i] += work[i];
@@ -273,20 +281,18 @@ void UpdateFilter(T_AudioDspState* st, float* td_out, float fd_ref[3][512]) {
   // three filters before any can be scaled, and a separate copy of them
   // would cost 6 KB of stack.
   float energy = 0.0f;
-  for (int j = 0; j < kOutputs; ++j) {
-    ifft_rel(st->fd_g[j], kBfFftLen, kBfFftOrder);
+  IfftRelLanes(filters, kOutputs, kBfFftLen, kBfFftOrder);
+  for (int j = 0; j < kOutputs; ++j)
     for (int n = 0; n < kHalf; ++n) energy += st->fd_g[j][n] * st->fd_g[j][n];
-  }
   const float norm = std::sqrt(energy);
   if (norm > kTapNormLimit) {
     const float scale = kTapNormLimit / norm;
     for (int j = 0; j < kOutputs; ++j)
       for (int n = 0; n < kHalf; ++n) st->fd_g[j][n] *= scale;
   }
-  for (int j = 0; j < kOutputs; ++j) {
+  for (int j = 0; j < kOutputs; ++j)
     for (int n = kHalf; n < kBfFftLen; ++n) st->fd_g[j][n] = 0.0f;
-    fft_rel(st->fd_g[j], kBfFftLen, kBfFftOrder);
-  }
+  FftRelLanes(filters, kOutputs, kBfFftLen, kBfFftOrder);
 }
 
 }  // namespace vorn

@@ -14,6 +14,7 @@
 #include "common/adsp_common_fft_rel.h"
 #include "common/adsp_common_rom.h"
 #include "common/adsp_common_util.h"
+#include "common/fft_rel_lanes.h"
 
 namespace vorn {
 
@@ -24,28 +25,38 @@ constexpr float kInitPower = 1e-8f;
 
 bool IsGscAngle(int angle) { return angle == 0 || angle == 60 || angle == 300; }
 
+void Windowed(const float* au, float* block) {
+  for (int n = 0; n < kBfFftLen; ++n) block[n] = au[n] * hanmming_win[n];
+}
+
 void WindowedSpectrum(const float* au, float* spectrum) {
-  for (int n = 0; n < kBfFftLen; ++n) spectrum[n] = au[n] * hanmming_win[n];
+  Windowed(au, spectrum);
   fft_rel(spectrum, kBfFftLen, kBfFftOrder);
+}
+
+// The three microphones' or beams' blocks of a hop go through the transform
+// together.
+void ForwardThree(float block[kBfChannels][kBfFftLen]) {
+  float* const blocks[kBfChannels] = {block[0], block[1], block[2]};
+  FftRelLanes(blocks, kBfChannels, kBfFftLen, kBfFftOrder);
 }
 
 // The multi-beam and direction steps run in functions of their own, kept
 // out of line: their blocks then live on the stack only while they run, not
 // through the whole hop and the adaptive beam's deeper calls.
 [[gnu::noinline]] void MultiBeamOutputs(T_AudioDspState* st, float spectrum[kBfChannels][kBfFftLen], int angle) {
-  // One beam at a time: each is consumed before the next is formed.
-  float beam[kBfFftLen];
+  float beam[kBfChannels][kBfFftLen];
   MbfCarry carry;
-  for (int b = 0; b < kBfChannels; ++b) {
-    MbfBeam(spectrum, beam, b, angle, carry);
-    ifft_rel(beam, kBfFftLen, kBfFftOrder);
-    Float2PCM(beam + kBfHop, st->inner_data_exchange.mbf_au[b], kBfHop);
-  }
+  for (int b = 0; b < kBfChannels; ++b) MbfBeam(spectrum, beam[b], b, angle, carry);
+  float* const beams[kBfChannels] = {beam[0], beam[1], beam[2]};
+  IfftRelLanes(beams, kBfChannels, kBfFftLen, kBfFftOrder);
+  for (int b = 0; b < kBfChannels; ++b) Float2PCM(beam[b] + kBfHop, st->inner_data_exchange.mbf_au[b], kBfHop);
 }
 
 [[gnu::noinline]] int TrackDirection(T_AudioDspState* st) {
   float windowed[kBfChannels][kBfFftLen];
-  for (int m = 0; m < kBfChannels; ++m) WindowedSpectrum(st->au[m], windowed[m]);
+  for (int m = 0; m < kBfChannels; ++m) Windowed(st->au[m], windowed[m]);
+  ForwardThree(windowed);
   return DOA(st, windowed);
 }
 
@@ -111,10 +122,9 @@ int AnalyseHop(T_AudioDspParam* pm, const short* inp, const short* mic_order, fl
     float* au = st->au[m];
     for (int n = 0; n < kBfHop; ++n) au[n] = au[n + kBfHop];
     for (int n = 0; n < kBfHop; ++n) au[kBfHop + n] = static_cast<float>(inp[kBfChannels * n + order[m]]);
-    if (!spectra_wanted) continue;
-    CopyData(spectrum[m], au, kBfFftLen);
-    fft_rel(spectrum[m], kBfFftLen, kBfFftOrder);
+    if (spectra_wanted) CopyData(spectrum[m], au, kBfFftLen);
   }
+  if (spectra_wanted) ForwardThree(spectrum);
 
   if (pm->inner_interface_flag == 1) MultiBeamOutputs(st, spectrum, pm->bf_azimuth);
   if (st->doa_update_flag != 0 && pm->ext_doa_update_flag != 0) {

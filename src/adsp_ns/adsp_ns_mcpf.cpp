@@ -18,6 +18,7 @@
 #include "common/adsp_common_fft_rel.h"
 #include "common/adsp_common_rom.h"
 #include "common/adsp_common_util.h"
+#include "common/fft_rel_lanes.h"
 
 namespace vorn {
 namespace {
@@ -31,6 +32,17 @@ void VornMcpfGains(T_AdspNsParam* pm, short mbf_time_signal[][256], float* spect
   int votes = 0;
   NsSharedTerms terms;  // beam 0's, which the gain rule reads: beam 0 runs first
 
+  // The three beams' blocks go through the transform together; beam 2's
+  // is formed in the caller's spectrum buffer.
+  float other[kBeams - 1][kNsFftLen];
+  float* const spectra[kBeams] = {other[0], other[1], spectrum};
+  for (int b = 0; b < kBeams; ++b) {
+    auto* st = static_cast<T_AdspNsState*>(pm[b].p_data);
+    SaveFrameMoveAu(st->au, mbf_time_signal[b], kNsFftLen, kNsHop);
+    AddWin(st->au, hanmming_win, kNsFftLen, spectra[b]);
+  }
+  FftRelLanes(spectra, kBeams, kNsFftLen, kNsFftOrder);
+
   *p_vad_flag = 1;
   for (int b = 0; b < kBeams; ++b) {
     auto* st = static_cast<T_AdspNsState*>(pm[b].p_data);
@@ -40,10 +52,7 @@ void VornMcpfGains(T_AdspNsParam* pm, short mbf_time_signal[][256], float* spect
     else
       st->frame = kNsFrameMax;
 
-    SaveFrameMoveAu(st->au, mbf_time_signal[b], kNsFftLen, kNsHop);
-    AddWin(st->au, hanmming_win, kNsFftLen, spectrum);
-    fft_rel(spectrum, kNsFftLen, kNsFftOrder);
-    GetPsd(spectrum, kNsFftLen, psd);
+    GetPsd(spectra[b], kNsFftLen, psd);
     NsSharedTerms other_terms;
     NoiseEst(st, psd, b == 0 ? &terms : &other_terms);
     votes += VadDet(st, -100.0f);
