@@ -78,9 +78,11 @@ float SuppressHop(T_AdspNsState *st, const short *au, short *ns_au, bool measure
 
   NoiseEst(st, psd, &terms);
   const bool synthesise = ns_au != nullptr;
-  // An empty range still runs the absence estimate for the state it keeps.
-  const int first = synthesise ? 0 : (measure_band ? kVadBandLow : 1);
-  const int last = synthesise ? kNsBins - 1 : (measure_band ? kVadBandHigh : 0);
+  // An empty range still runs the absence estimate for the state it keeps;
+  // the synthesis passes only the bins the frequency filter keeps.
+  static_assert(kNsFirstPassedBin <= kVadBandLow && kNsLastPassedBin >= kVadBandHigh, "the VAD band must be formed");
+  const int first = synthesise ? kNsFirstPassedBin : (measure_band ? kVadBandLow : 1);
+  const int last = synthesise ? kNsLastPassedBin : (measure_band ? kVadBandHigh : 0);
   EstAbsenceProb(st, absence, first, last);
   if (!synthesise && !measure_band) return 0.0f;
   if (st->frame > kAbsenceUpdateStart) UpdateAbsenceProb(st->lambda_dav_long, absence, first, last);

@@ -159,7 +159,11 @@ void GetNsScale(const float *amp, int len, const float *min, float *scale);
 void EstAbsenceProb(T_AdspNsState *ns_st, float *q, int first_bin, int last_bin);
 void UpdateAbsenceProb(float *lambda_dav_long, float *q, int first_bin, int last_bin);
 void EstGain(T_AdspNsState *ns_st, float *q, const NsSharedTerms &terms, float *g, int first_bin, int last_bin);
-// Zeroes gain[0..4] and gain[256] in place, then out = spectrum * gain; out may be spectrum.
+// Zeroes gain[0 .. kNsFirstPassedBin - 1] and gain[256] in place, then out =
+// spectrum * gain; out may be spectrum. The gains of those bins are never
+// read, so a caller need not form them.
+constexpr int kNsFirstPassedBin = 5;
+constexpr int kNsLastPassedBin = kNsBins - 2;
 void NsFreqFilter(float *spectrum, float *gain, float *out);
 
 // ---- voice activity detection ---------------------------------------------

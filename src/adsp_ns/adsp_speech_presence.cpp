@@ -149,8 +149,8 @@ void EstGain(T_AdspNsState *ns_st, float *q, const NsSharedTerms &terms, float *
 
 void NsFreqFilter(float *spectrum, float *gain, float *out) {
   // Below 156 Hz and at Nyquist there is no speech worth keeping.
-  for (int k = 0; k < 5; ++k) gain[k] = 0.0f;
-  gain[kNsBins - 1] = 0.0f;
+  for (int k = 0; k < kNsFirstPassedBin; ++k) gain[k] = 0.0f;
+  for (int k = kNsLastPassedBin + 1; k < kNsBins; ++k) gain[k] = 0.0f;
   out[0] = 0.0f;
   out[kNsFftLen / 2] = 0.0f;
   for (int k = 1; k < kNsFftLen / 2; ++k) {
