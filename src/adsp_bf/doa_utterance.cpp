@@ -18,6 +18,7 @@
 #include "adsp_bf/util.h"
 #include "adsp_ns/adsp_ns_proc.h"
 #include "common/adsp_common_fft_rel.h"
+#include "common/fft_rel_lanes.h"
 #include "common/adsp_common_rom.h"
 
 namespace vorn {
@@ -58,11 +59,11 @@ int CoarseBest(const T_AudioDspState* st, int hops) {
   float weight[kBfFftLen / 2];
   GetBfWeight(psd, noise, weight, kBfFftLen / 2);
 
-  for (int m = 0; m < kBfChannels; ++m) {
+  for (int m = 0; m < kBfChannels; ++m)
     for (int n = 0; n < kBfFftLen; ++n)
       spectrum[m][n] = static_cast<float>(frame[kBfChannels * n + order[m]]) * hanmming_win[n];
-    fft_rel(spectrum[m], kBfFftLen, kBfFftOrder);
-  }
+  float* const spectra[kBfChannels] = {spectrum[0], spectrum[1], spectrum[2]};
+  FftRelLanes(spectra, kBfChannels, kBfFftLen, kBfFftOrder);
   DoaSelectBfElevationAzimuth(st, spectrum, weight);
 }
 

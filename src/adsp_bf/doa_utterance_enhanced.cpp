@@ -25,6 +25,7 @@
 
 #include "adsp_bf/doa_tracker_enhanced.h"
 #include "common/adsp_common_fft_rel.h"
+#include "common/fft_rel_lanes.h"
 
 namespace vorn {
 namespace {
@@ -79,10 +80,10 @@ float Sharpness(float contrast) {
 void FrameBand(const short* inp, const short order[kBfChannels], int hop, GccBand* band) {
   float spectra[kBfChannels][kBfFftLen];
   const short* frame = inp + static_cast<long>(hop) * kBfHop * kBfChannels;
-  for (int m = 0; m < kBfChannels; ++m) {
+  for (int m = 0; m < kBfChannels; ++m)
     for (int n = 0; n < kBfFftLen; ++n) spectra[m][n] = static_cast<float>(frame[kBfChannels * n + order[m]]);
-    fft_rel(spectra[m], kBfFftLen, kBfFftOrder);
-  }
+  float* const blocks[kBfChannels] = {spectra[0], spectra[1], spectra[2]};
+  FftRelLanes(blocks, kBfChannels, kBfFftLen, kBfFftOrder);
   GccBandOf(spectra, band);
 }
 

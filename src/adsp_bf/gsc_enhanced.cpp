@@ -21,6 +21,7 @@
 
 #include "adsp_bf/gsc_enhanced.h"
 #include "common/adsp_common_fft_rel.h"
+#include "common/fft_rel_lanes.h"
 
 namespace vorn {
 namespace {
@@ -73,6 +74,7 @@ void Blocking(float spectrum[kBfChannels][kBfFftLen], int j, int ref, float azim
 // One normalised LMS step of every filter from the hop's error samples, then
 // the constraint: 256 causal taps, their joint norm capped.
 void Adapt(GscState* gsc, const float* error_td, float blocked[kGscOutputs][kBfFftLen], int outputs) {
+  static_assert(kGscOutputs <= kFftRelLanes, "the filters go through the transform together");
   float err[kBfFftLen];
   for (int n = 0; n < kHalf; ++n) err[n] = 0.0f;
   for (int n = 0; n < kHalf; ++n) err[kHalf + n] = error_td[n];
@@ -101,9 +103,11 @@ void Adapt(GscState* gsc, const float* error_td, float blocked[kGscOutputs][kBfF
       g[kBfFftLen - k] += norm * (e_im * r_re - e_re * r_im);
     }
   }
+  float* filters[kGscOutputs];
+  for (int j = 0; j < outputs; ++j) filters[j] = gsc->filter[j];
+  IfftRelLanes(filters, outputs, kBfFftLen, kBfFftOrder);
   float energy = 0.0f;
   for (int j = 0; j < outputs; ++j) {
-    ifft_rel(gsc->filter[j], kBfFftLen, kBfFftOrder);
     for (int n = kHalf; n < kBfFftLen; ++n) gsc->filter[j][n] = 0.0f;
     for (int n = 0; n < kHalf; ++n) energy += gsc->filter[j][n] * gsc->filter[j][n];
   }
@@ -111,8 +115,8 @@ void Adapt(GscState* gsc, const float* error_td, float blocked[kGscOutputs][kBfF
   for (int j = 0; j < outputs; ++j) {
     if (scale != 1.0f)
       for (int n = 0; n < kHalf; ++n) gsc->filter[j][n] *= scale;
-    fft_rel(gsc->filter[j], kBfFftLen, kBfFftOrder);
   }
+  FftRelLanes(filters, outputs, kBfFftLen, kBfFftOrder);
 }
 
 }  // namespace
