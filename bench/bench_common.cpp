@@ -45,6 +45,30 @@ void BM_FftRelLanesPair512(benchmark::State& state) {
 }
 BENCHMARK(BM_FftRelLanesPair512)->DenseRange(1, vorn::kFftRelLanes);
 
+// One direction alone on 3 or 4 blocks (the inverse on spectra).
+template <bool kInverse>
+void BM_FftRelLanes512(benchmark::State& state) {
+  const int count = static_cast<int>(state.range(0));
+  std::vector<std::vector<float>> inputs, blocks(count);
+  for (int b = 0; b < count; ++b) {
+    inputs.push_back(vorn::sim::WhiteNoise(512, 3000.0, 55u + b));
+    if (kInverse) vorn::fft_rel(inputs.back().data(), 512, 9);
+  }
+  float* x[vorn::kFftRelLanes] = {};
+  for (auto _ : state) {
+    for (int b = 0; b < count; ++b) {
+      blocks[b] = inputs[b];
+      x[b] = blocks[b].data();
+    }
+    (kInverse ? vorn::IfftRelLanes : vorn::FftRelLanes)(x, count, 512, 9);
+    benchmark::DoNotOptimize(x[0]);
+    benchmark::ClobberMemory();
+  }
+  state.SetItemsProcessed(state.iterations() * count);
+}
+BENCHMARK(BM_FftRelLanes512<false>)->Name("BM_FftRelLanes512")->DenseRange(3, vorn::kFftRelLanes);
+BENCHMARK(BM_FftRelLanes512<true>)->Name("BM_IfftRelLanes512")->DenseRange(3, vorn::kFftRelLanes);
+
 void BM_FftRel512(benchmark::State& state) {
   const std::vector<float> input = vorn::sim::WhiteNoise(512, 3000.0, 43u);
   std::vector<float> x(512);

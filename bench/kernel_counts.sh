@@ -71,6 +71,7 @@ net() {
   local target=$1 name=$2 variant=$3 copy=
   case $name in
     fft_512 | ifft_512) copy=copy_512 ;;
+    fft_512_x4 | ifft_512_x4) copy=copy_512_x4 ;;
     aec_*) copy=copy_128 ;;
   esac
   local n=${count[$target,$name,$variant]}

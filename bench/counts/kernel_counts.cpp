@@ -28,6 +28,7 @@
 #include "adsp_ns/adsp_ns_kernels.h"
 #include "adsp_ns/adsp_ns_proc.h"
 #include "common/adsp_common_fft_rel.h"
+#include "common/fft_rel_lanes.h"
 #include "common/adsp_common_util.h"
 #include "common/pcm_round.h"
 #include "common/simd4.h"
@@ -236,6 +237,20 @@ void GscStep(Inputs& in) {
   in.out[0][5] = in.out[1][5];
 }
 
+// Four blocks at once, one per lane, against four plain transforms.
+template <bool kVector, bool kInverse>
+void Transform512x4(Inputs& in) {
+  float* const blocks[4] = {in.out[0].data(), in.out[1].data(), in.out[2].data(), in.out[3].data()};
+  for (float* block : blocks) std::memcpy(block, in.frame.data(), 512 * sizeof(float));
+  if constexpr (kVector) (kInverse ? IfftRelLanesSimd : FftRelLanesSimd)(blocks, 4, 512, 9, false);
+  else
+    for (float* block : blocks) (kInverse ? IfftRelPlain : FftRelPlain)(block, 512, 9);
+}
+
+void Copy512x4(Inputs& in) {
+  for (int b = 0; b < 4; ++b) std::memcpy(in.out[b].data(), in.frame.data(), 512 * sizeof(float));
+}
+
 void Copy512(Inputs& in) { std::memcpy(in.work.data(), in.frame.data(), 512 * sizeof(float)); }
 void Copy128(Inputs& in) { std::memcpy(in.work.data(), in.block.data(), 128 * sizeof(float)); }
 
@@ -252,6 +267,10 @@ const Kernel kKernels[] = {
     {"smooth_31", "31-tap smoothing, 257 bins", Smooth<false, 31>, Smooth<true, 31>},
     {"fft_512", "512-point forward transform", Transform512<false, false>, Transform512<true, false>},
     {"ifft_512", "512-point inverse transform", Transform512<false, true>, Transform512<true, true>},
+    {"fft_512_x4", "four 512-point forward transforms, one per lane", Transform512x4<false, false>,
+     Transform512x4<true, false>},
+    {"ifft_512_x4", "four 512-point inverse transforms, one per lane", Transform512x4<false, true>,
+     Transform512x4<true, true>},
     {"doa_search", "direction search, 72 directions x 205 bins", DirectionSearch<false>, DirectionSearch<true>},
     {"doa_weights", "direction search's bin weights, 256 bins", DirectionWeights<false>, DirectionWeights<true>},
     {"doa_unit_bins", "direction search's unit-magnitude bins, 3 x 205", UnitBins<false>, UnitBins<true>},
@@ -268,6 +287,7 @@ const Kernel kKernels[] = {
      FilterConstraint<true>},
     // The input copy the transforms above include, to subtract.
     {"copy_512", "the 512-float input copy alone", Copy512, Copy512},
+    {"copy_512_x4", "four 512-float input copies alone", Copy512x4, Copy512x4},
     {"copy_128", "the 128-float input copy alone", Copy128, Copy128},
 };
 

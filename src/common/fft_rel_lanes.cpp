@@ -378,9 +378,19 @@ void IfftRelLanesSimd(float *const *x, int count, int n, int m, bool wide) {
   for (int b = 0; b < count; ++b) ifft_rel(x[b], static_cast<short>(n), static_cast<short>(m));
 }
 
-void FftRelLanes(float *const *x, int count, int n, int m) { FftRelLanesSimd(x, count, n, m, CpuHasAvx2()); }
+// A batch costs about as much whatever its count, and one or two blocks run
+// faster through the single transforms.
+constexpr int kFewestForLanes = 3;
 
-void IfftRelLanes(float *const *x, int count, int n, int m) { IfftRelLanesSimd(x, count, n, m, CpuHasAvx2()); }
+void FftRelLanes(float *const *x, int count, int n, int m) {
+  if (count >= kFewestForLanes) return FftRelLanesSimd(x, count, n, m, CpuHasAvx2());
+  for (int b = 0; b < count; ++b) fft_rel(x[b], static_cast<short>(n), static_cast<short>(m));
+}
+
+void IfftRelLanes(float *const *x, int count, int n, int m) {
+  if (count >= kFewestForLanes) return IfftRelLanesSimd(x, count, n, m, CpuHasAvx2());
+  for (int b = 0; b < count; ++b) ifft_rel(x[b], static_cast<short>(n), static_cast<short>(m));
+}
 
 #else
 

@@ -5,7 +5,8 @@
 // 512, up to four blocks run as one, element i of each in lane i of a vector:
 // every operation of the plain transform becomes one vector operation, in the
 // plain order, so each block gets the plain transform's bits. Elsewhere the
-// blocks go through fft_rel / ifft_rel one by one. With AVX2 two
+// blocks go through fft_rel / ifft_rel one by one, and so do batches of one
+// or two, which a batch of lanes does not make faster. With AVX2 two
 // neighbouring butterflies of each block share an eight-lane vector.
 #pragma once
 
