@@ -25,6 +25,8 @@ constexpr float kMinLikelihood = 0.005f;
 constexpr float kMaxAbsence = 0.998f;
 constexpr int kPeakFirstBin = 6;  // tonal-peak rules cover bins 6..199
 constexpr int kPeakLastBin = 199;
+constexpr int kLocalTestFirst = 3;  // the local likelihood's mean test reads bins 3 .. 125
+constexpr int kLocalTestPast = 126;
 
 }  // namespace
 
@@ -35,18 +37,23 @@ void EstAbsenceProb(T_AdspNsState *ns_st, float *q, int first_bin, int last_bin)
   float local_likelihood[kNsBins];
 
   SmoothData(st.xi, st.eta, 0.7f, kNsBins);
-  Conv(st.b_xi_local, 3, st.xi, kNsBins, local_xi);
+  // The local likelihood is read over the band of its mean test and over the
+  // bins asked for; only those are formed.
+  const int local_first = first_bin < kLocalTestFirst ? first_bin : kLocalTestFirst;
+  const int local_last = last_bin > kLocalTestPast - 1 ? last_bin : kLocalTestPast - 1;
+  ConvRange(st.b_xi_local, 3, st.xi, kNsBins, local_first, local_last + 1, local_xi);
   ConvRange(st.b_xi_global, 31, st.xi, kNsBins, first_bin, last_bin + 1, global_xi);
 
   const float previous_frame_xi = st.xi_frame;
   st.xi_frame = DataMean(st.xi, 2, kNsBins);
   const float frame_db = NsPowerDb(st.xi_frame);
 
-  NsRampOfRatio(local_xi, local_likelihood, kNsBins);
-  for (int k = 0; k < kNsBins; ++k) local_likelihood[k] = local_likelihood[k] > 1.0f ? 1.0f : local_likelihood[k];
+  NsRampOfRatio(local_xi + local_first, local_likelihood + local_first, local_last - local_first + 1);
+  for (int k = local_first; k <= local_last; ++k)
+    local_likelihood[k] = local_likelihood[k] > 1.0f ? 1.0f : local_likelihood[k];
   // A frame whose low and middle band looks like noise throughout loses its
   // local evidence in the speech band, so isolated noise bins do not pass.
-  if (DataMean(local_likelihood, 3, 126) < 0.25f) {
+  if (DataMean(local_likelihood, kLocalTestFirst, kLocalTestPast) < 0.25f) {
     for (int k = 16; k < 114; ++k) local_likelihood[k] = kMinLikelihood;
   }
 
