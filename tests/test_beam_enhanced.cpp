@@ -555,6 +555,13 @@ TEST(EnhancedBeam, BeamKernelsMatchADirectSumAndTheirPlainTwins) {
     EXPECT_EQ(0, std::memcmp(beam_plain, beam_fast, sizeof(beam_plain)));
     EXPECT_EQ(0, std::memcmp(blended, blended_fast, sizeof(blended)));
 #endif
+#if defined(VORN_AVX2)
+    if (CpuHasAvx2()) {
+      float beam_wide[kBfFftLen];
+      ApplyBeamAvx2(weights, x, beam_wide);
+      EXPECT_EQ(0, std::memcmp(beam_plain, beam_wide, sizeof(beam_plain)));
+    }
+#endif
   }
 }
 

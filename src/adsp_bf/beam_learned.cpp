@@ -227,12 +227,14 @@ void TalkerTransfer(const HermitianBands& loaded, const HermitianBands& loaded_i
     Times(rs, v, &t);
     Times(loaded_inv, t, &v);
     // Only v's direction matters: the sum of its parts' magnitudes keeps it
-    // in range. A v that has vanished stays 0 and is not heard.
+    // in range. A v that has vanished stays 0 and is not heard; divisions
+    // are kept safe in every band so that the loop runs on whole vectors.
     for (int b = 0; b < kBands; ++b) {
       const float size = (std::fabs(v.re[0][b]) + std::fabs(v.im[0][b])) +
                          (std::fabs(v.re[1][b]) + std::fabs(v.im[1][b])) +
                          (std::fabs(v.re[2][b]) + std::fabs(v.im[2][b]));
-      const float scale = size > 0.0f ? 1.0f / size : 0.0f;
+      const float safe = size > 0.0f ? size : 1.0f;
+      const float scale = size > 0.0f ? 1.0f / safe : 0.0f;
       for (int m = 0; m < kBfChannels; ++m) {
         v.re[m][b] *= scale;
         v.im[m][b] *= scale;
@@ -252,7 +254,7 @@ void TalkerTransfer(const HermitianBands& loaded, const HermitianBands& loaded_i
                       (h.re[2][b] * h.re[2][b] + h.im[2][b] * h.im[2][b]);
     heard[b] = talker[b] > kMinTalker * noise[b] && h0 > 1e-12f * all;
     // h / h_0 = h conj(h_0) / |h_0|^2.
-    const float to_unit = heard[b] ? 1.0f / h0 : 0.0f;
+    const float to_unit = 1.0f / (heard[b] ? h0 : 1.0f);
     for (int m = 0; m < kBfChannels; ++m) {
       const float re = (h.re[m][b] * h0r + h.im[m][b] * h0i) * to_unit;
       const float im = (h.im[m][b] * h0r - h.re[m][b] * h0i) * to_unit;
@@ -359,18 +361,22 @@ bool LearnedBeamDesign(LearnedBeam* lb, float azimuth_deg, BeamWeights* weights)
   // power there: neither the talker's transfer function nor the weights
   // change with a common scale, and the determinants stay far inside float
   // range however loud the room.
-  HermitianBands loaded, loaded_inv, rs;
-  for (int b = 0; b < kBands; ++b) {
-    const int nb = kNoisyBandBins * b / kNoiseBandBins;
+  float scale[kNoiseBands], loading[kNoiseBands];
+  for (int nb = 0; nb < kNoiseBands; ++nb) {
     const float mean = (lb->noise[0][nb] + lb->noise[1][nb] + lb->noise[2][nb]) / 3.0f;
-    const float scale = mean > 1e-20f ? 1.0f / mean : 1.0f;
-    for (int e = 0; e < kHermitian3; ++e) {
-      loaded.e[e][b] = lb->noise[e][nb] * scale;
-      rs.e[e][b] = lb->noisy[e][b] * scale - loaded.e[e][b];
-    }
-    const float loading = (kLoading * mean + 1e-9f) * scale;
-    for (int m = 0; m < kBfChannels; ++m) loaded.e[m][b] += loading;
+    scale[nb] = mean > 1e-20f ? 1.0f / mean : 1.0f;
+    loading[nb] = (kLoading * mean + 1e-9f) * scale[nb];
   }
+  HermitianBands loaded, loaded_inv, rs;
+  for (int e = 0; e < kHermitian3; ++e) {
+    for (int b = 0; b < kBands; ++b) {
+      const int nb = kNoisyBandBins * b / kNoiseBandBins;
+      loaded.e[e][b] = lb->noise[e][nb] * scale[nb];
+      rs.e[e][b] = lb->noisy[e][b] * scale[nb] - loaded.e[e][b];
+    }
+  }
+  for (int m = 0; m < kBfChannels; ++m)
+    for (int b = 0; b < kBands; ++b) loaded.e[m][b] += loading[kNoisyBandBins * b / kNoiseBandBins];
   Inverse(loaded, &loaded_inv);
   VectorBands look, rtf;
   {
