@@ -44,8 +44,8 @@ constexpr float kTalkerAbove = 0.7f;  // and over which it is the talker
 constexpr int32_t kNoiseHops = 16;    // the noise is averaged over about a second
 constexpr int32_t kNoisyHops = 47;    // the talker over about three seconds of speech
 constexpr int32_t kMinHops = 8;       // half a second of each before the first design
-constexpr float kLoading = 0.5f;       // diagonal loading of the noise, relative to its mean power
-constexpr float kMinTalker = 0.1f;     // whitened talker-to-noise ratio a band needs
+constexpr float kLoading = 0.5f;      // diagonal loading of the noise, relative to its mean power
+constexpr float kMinTalker = 0.1f;    // whitened talker-to-noise ratio a band needs
 constexpr int kPowerSteps = 3;
 // The learned talker is taken as the one in the look direction when its
 // transfer function, over 1 to 4 kHz where the array resolves direction,
