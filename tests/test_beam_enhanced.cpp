@@ -449,6 +449,59 @@ TEST(EnhancedBeam, LearnedBeamKeepsMicrophoneZerosImageOfATalkerInARoom) {
   EXPECT_TRUE(held);
 }
 
+TEST(EnhancedBeam, LearnedDesignPassesTheTalkerAtAnyLevel) {
+  // Covariances learned from spectra of a plane-wave talker at 40 degrees
+  // over independent noise, once at a quiet room's level and once 2^17 times
+  // louder (full-scale speech in a 512-point transform, where products of
+  // three powers leave float's range). The design depends on the
+  // statistics' shape alone: both must find the talker and pass it as
+  // microphone 0 hears it, and since 2^17 scales every product exactly, with
+  // the same bits.
+  constexpr int kHalf = kBfFftLen / 2;
+  constexpr double kAzimuth = 40.0;
+  constexpr int kSnapshots = 40;
+  constexpr float kLouder = 131072.0f;
+  LearnedBeam quiet, loud;
+  LearnedBeamReset(&quiet);
+  LearnedBeamReset(&loud);
+  for (int i = 0; i < 2 * kSnapshots; ++i) {
+    const bool talker = i >= kSnapshots;
+    const Signal source = sim::WhiteNoise(kBfFftLen, 100.0, 100u + static_cast<std::uint32_t>(i));
+    float x[kBfChannels][kBfFftLen], louder[kBfChannels][kBfFftLen];
+    for (int m = 0; m < kBfChannels; ++m) {
+      const Signal noise = sim::WhiteNoise(kBfFftLen, 10.0, 1000u + static_cast<std::uint32_t>(3 * i + m));
+      std::copy(noise.begin(), noise.end(), x[m]);
+      for (int k = 1; talker && k < kHalf; ++k) {
+        const std::complex<double> v = std::complex<double>(source[k], source[kBfFftLen - k]) *
+                                       std::polar(1.0, 2.0 * kPi * k * Lead(m, kAzimuth) / kBfFftLen);
+        x[m][k] += static_cast<float>(v.real());
+        x[m][kBfFftLen - k] += static_cast<float>(v.imag());
+      }
+      for (int k = 0; k < kBfFftLen; ++k) louder[m][k] = x[m][k] * kLouder;
+    }
+    for (int hop = 0; hop < 4; ++hop) {  // every fourth hop is taken in
+      LearnedBeamObserve(&quiet, x, talker ? 1.0f : 0.0f);
+      LearnedBeamObserve(&loud, louder, talker ? 1.0f : 0.0f);
+    }
+  }
+  ASSERT_TRUE(LearnedBeamReady(&quiet));
+  BeamWeights w_quiet, w_loud;
+  EXPECT_TRUE(LearnedBeamDesign(&quiet, static_cast<float>(kAzimuth), &w_quiet));
+  EXPECT_TRUE(LearnedBeamDesign(&loud, static_cast<float>(kAzimuth), &w_loud));
+  EXPECT_EQ(0, std::memcmp(&w_quiet, &w_loud, sizeof w_quiet));
+  // The talker comes out as microphone 0 hears it, kBeamDelay later.
+  double worst = 0.0;
+  for (int k = 16; k <= 240; ++k) {
+    std::complex<double> y = 0.0;
+    for (int m = 0; m < kBfChannels; ++m)
+      y += std::complex<double>(w_quiet.re[m][k], w_quiet.im[m][k]) *
+           std::polar(1.0, 2.0 * kPi * k * Lead(m, kAzimuth) / kBfFftLen);
+    const std::complex<double> want = std::polar(1.0, 2.0 * kPi * k * (Lead(0, kAzimuth) - kBeamDelay) / kBfFftLen);
+    worst = std::max(worst, std::abs(y / want - 1.0));
+  }
+  EXPECT_LT(worst, 0.05);
+}
+
 TEST(EnhancedBeam, FastPathsGiveTheBitsOfTheirPlainTwins) {
 #if defined(VORN_SIMD4)
   // Rounding to PCM: ties, the rails and just past them, infinities, NaN,
@@ -554,6 +607,13 @@ TEST(EnhancedBeam, BeamKernelsMatchADirectSumAndTheirPlainTwins) {
     EXPECT_EQ(0, std::memcmp(plain, fast, sizeof(plain)));
     EXPECT_EQ(0, std::memcmp(beam_plain, beam_fast, sizeof(beam_plain)));
     EXPECT_EQ(0, std::memcmp(blended, blended_fast, sizeof(blended)));
+#endif
+#if defined(VORN_AVX2)
+    if (CpuHasAvx2()) {
+      float beam_wide[kBfFftLen];
+      ApplyBeamAvx2(weights, x, beam_wide);
+      EXPECT_EQ(0, std::memcmp(beam_plain, beam_wide, sizeof(beam_plain)));
+    }
 #endif
   }
 }

@@ -29,6 +29,7 @@ using Spectrum = float[2][kAecBins];
 
 constexpr float kDoubleTalkStep = 0.1f;
 constexpr int kDoubleTalkHoldBlocks = 25;  // 100 ms after the talker was last heard
+constexpr int kHoldPerHeardBlock = 2;      // once the filters model the echo: twice the blocks heard in a row
 constexpr int kSettledEveryBlocks = 25;    // the settled filter is retaken every 100 ms
 constexpr float kSettledErleDb = 12.0f;    // linear ERLE, smoothed, at which the filters cancel well
 
@@ -107,6 +108,8 @@ void AecEnhancedInit(AecEnhanced* st) {
   st->settled_age = 0;
   std::memset(&st->probe, 0, sizeof(st->probe));
   st->applied_lag = -1;
+  st->near_hold = 0;
+  st->near_run = 0;
 }
 
 int32_t AecEnhancedProcess(void* aec_instance, AecEnhanced* st, const float* near, const float* far, float* out,
@@ -139,7 +142,19 @@ int32_t AecEnhancedProcess(void* aec_instance, AecEnhanced* st, const float* nea
   const int strongest = AecStrongestPartition(core);
   AecResidualProcess(&st->residual, core, strongest, out, near_power, coherence, report);
   report->lag_blocks = st->lead.lag_blocks;
-  st->near_hold = report->near_active ? kDoubleTalkHoldBlocks : std::max(st->near_hold - 1, 0);
+  // The slow step is held after a talker: one heard for a while is likely
+  // still there through the detector's gaps. Once the filters model the
+  // echo, though, a block or two heard is as likely an error they have not
+  // yet learnt (new notes, a room ringing on after the old ones for longer
+  // than their 48 ms), and holding them slow for 100 ms then only makes them
+  // miss the next change as well: the hold lasts twice as long as the talker
+  // was heard in a row. Before that, anything heard beside the echo is held
+  // off in full (a talker under the echo while the filters learn the room).
+  st->near_run = report->near_active ? st->near_run + 1 : 0;
+  const int hold = st->residual.echo_only_erle > kModelledErleDb
+                       ? std::min(kDoubleTalkHoldBlocks, kHoldPerHeardBlock * st->near_run)
+                       : kDoubleTalkHoldBlocks;
+  st->near_hold = report->near_active ? hold : std::max(st->near_hold - 1, 0);
   AecLeadTrackerUpdate(&st->lead, far_power, near_power, report->far_active);
   const AecLeadChange change =
       AecLeadTrackerDecide(&st->lead, core, strongest, st->residual.linear_erle, report->far_active,

@@ -50,6 +50,9 @@ struct AecLeadTracker {
 
 // ---- residual echo suppressor ------------------------------------------------
 
+// Echo-alone ERLE (dB) from which the filters count as modelling the echo.
+constexpr float kModelledErleDb = 10.0f;
+
 constexpr int kResidualFloorWindows = 8;   // noise floor: minimum over 8 sub-windows
 constexpr int kResidualFloorWindowBlocks = 50;   // of 200 ms each
 
@@ -133,6 +136,7 @@ struct AecEnhanced {
   AecLagProbe probe;
   int applied_lag;  // the lag the filters' far history was last built for
   int near_hold;    // blocks the filters keep adapting slowly after a near talker was heard
+  int near_run;     // consecutive blocks a near talker has been heard in, up to this one
 };
 
 void AecLeadTrackerInit(AecLeadTracker* lead);

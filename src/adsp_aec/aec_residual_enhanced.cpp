@@ -81,7 +81,6 @@ constexpr float kStrongExcess = 2.5f;    // excess no misfit of the filters prod
 constexpr float kEchoCoherent = 0.45f;   // error coherence above which the error is echo
 constexpr float kIncoherent = 0.3f;      // below which it is surely not
 constexpr float kLevelMargin = 1.4f;     // microphone above the far end's echo level: 1.5 dB
-constexpr float kModelledErleDb = 10.0f; // echo-alone ERLE from which the filters model the echo
 constexpr int kEchoGainWarmup = 100;     // far-end blocks learnt from at the start
 constexpr float kEchoGainWarmupRate = 0.05f;
 constexpr float kEchoGainRate = 0.01f;

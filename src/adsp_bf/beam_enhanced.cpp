@@ -267,14 +267,23 @@ void LearnHop(EnhancedBeamState* st, const BeamDesign& wanted, Learning learning
   LearnedBeamObserve(lb, spectrum, presence);
 }
 
-void DesignSlot(EnhancedBeamState* st, const BeamDesign& wanted, bool learned, BeamSlot* slot) {
-  slot->design = wanted;
-  slot->learned = learned && LearnedBeamDesign(&st->learned, wanted.azimuth_deg, &slot->weights) ? 1 : 0;
-  if (!learned) DesignBeam(wanted, &slot->weights);
-}
-
 bool SameDesign(const BeamDesign& a, const BeamDesign& b) {
   return a.kind == b.kind && a.live_mask == b.live_mask && a.azimuth_deg == b.azimuth_deg;
+}
+
+// Designs `wanted` into `slot`: learned where it may be and the learned
+// talker is in the look direction, free-field otherwise. Returns false, with
+// nothing designed, where that gives the free-field weights `in_use` (if
+// given) holds already, as every renewal does while the learned talker is
+// not found: the free-field design costs more than the learned one.
+bool DesignSlot(EnhancedBeamState* st, const BeamDesign& wanted, bool learned, const BeamSlot* in_use,
+                BeamSlot* slot) {
+  const bool found = learned && LearnedBeamDesign(&st->learned, wanted.azimuth_deg, &slot->weights);
+  if (!found && in_use != nullptr && in_use->learned == 0 && SameDesign(in_use->design, wanted)) return false;
+  slot->design = wanted;
+  slot->learned = found ? 1 : 0;
+  if (!found) DesignBeam(wanted, &slot->weights);
+  return true;
 }
 
 }  // namespace
@@ -312,7 +321,7 @@ void EnhancedBeamProc(EnhancedBeamState* st, const BeamRequest& rq, const float*
   int faded_from = -1;
   if (st->active < 0) {
     st->active = 0;
-    DesignSlot(st, wanted, learned, &st->slot[0]);
+    DesignSlot(st, wanted, learned, nullptr, &st->slot[0]);
   } else if (const bool resteer = NeedsResteer(st->slot[st->active].design, wanted, following, st->frames_since_steer);
              resteer || renew) {
     // A microphone that has just failed is not faded out: the old beam would
@@ -322,14 +331,11 @@ void EnhancedBeamProc(EnhancedBeamState* st, const BeamRequest& rq, const float*
     faded_from = lost_mic ? -1 : st->active;
     if (resteer) st->frames_since_steer = 0;
     const int old = st->active;
-    st->active = 1 - st->active;
-    DesignSlot(st, wanted, learned, &st->slot[st->active]);
+    if (DesignSlot(st, wanted, learned, resteer ? nullptr : &st->slot[old], &st->slot[1 - old]))
+      st->active = 1 - old;
+    else
+      faded_from = -1;  // the same free-field weights: nothing to fade
     if (learned) st->hops_since_learned = 0;
-    if (!resteer && st->slot[old].learned == 0 && st->slot[st->active].learned == 0 &&
-        SameDesign(st->slot[old].design, wanted)) {
-      st->active = old;  // the same free-field weights: nothing to fade
-      faded_from = -1;
-    }
   }
   const BeamSlot& slot = st->slot[st->active];
 

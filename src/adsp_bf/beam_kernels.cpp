@@ -122,6 +122,32 @@ void ApplyBeamSimd4(const BeamWeights& weights, float x[kBfChannels][kBfFftLen],
   ApplyEdges(weights, x, y);
 }
 
+#if defined(VORN_AVX2)
+// Bins 1..248 eight at a time, 249..255 alone: the four-lane kernel's
+// operations lane by lane, the beam being the enhanced hop's largest pass.
+VORN_TARGET_AVX2 void ApplyBeamAvx2(const BeamWeights& weights, float x[kBfChannels][kBfFftLen], float* y) {
+  constexpr int kVectorEnd = 1 + (kHalf - 1) / 8 * 8;
+  const __m256i reverse = _mm256_setr_epi32(7, 6, 5, 4, 3, 2, 1, 0);
+  for (int k = 1; k < kVectorEnd; k += 8) {
+    __m256 sum_re = _mm256_setzero_ps(), sum_im = _mm256_setzero_ps();
+    for (int m = 0; m < kBfChannels; ++m) {
+      const __m256 x_re = _mm256_loadu_ps(x[m] + k);
+      const __m256 x_im = _mm256_permutevar8x32_ps(_mm256_loadu_ps(x[m] + kBfFftLen - k - 7), reverse);
+      const __m256 w_re = _mm256_loadu_ps(weights.re[m] + k);
+      const __m256 w_im = _mm256_loadu_ps(weights.im[m] + k);
+      const __m256 re = _mm256_sub_ps(_mm256_mul_ps(w_re, x_re), _mm256_mul_ps(w_im, x_im));
+      const __m256 im = _mm256_add_ps(_mm256_mul_ps(w_im, x_re), _mm256_mul_ps(w_re, x_im));
+      sum_re = m == 0 ? re : _mm256_add_ps(sum_re, re);
+      sum_im = m == 0 ? im : _mm256_add_ps(sum_im, im);
+    }
+    _mm256_storeu_ps(y + k, sum_re);
+    _mm256_storeu_ps(y + kBfFftLen - k - 7, _mm256_permutevar8x32_ps(sum_im, reverse));
+  }
+  ApplyBins(weights, x, y, kVectorEnd, kHalf);
+  ApplyEdges(weights, x, y);
+}
+#endif
+
 // Bands 1..60 four at a time (a transpose turns four bands' bin powers into
 // four sums), 61..63 alone.
 void BandPowersSimd4(const float* spectrum, float power[kBlendBands]) {

@@ -4,6 +4,7 @@
 #pragma once
 
 #include "adsp_bf/audio_dsp_proc.h"
+#include "common/cpu_avx2.h"
 
 namespace vorn {
 
@@ -17,6 +18,10 @@ constexpr int kBlendBands = (kBfNumBins + kBlendBandBins - 1) / kBlendBandBins; 
 // y = sum over microphones of w_m x_m, bin by bin.
 void ApplyBeamPlain(const BeamWeights& weights, float x[kBfChannels][kBfFftLen], float* y);
 void ApplyBeamSimd4(const BeamWeights& weights, float x[kBfChannels][kBfFftLen], float* y);
+#if defined(VORN_AVX2)
+// Eight bins at a time, on processors with AVX2 (CpuHasAvx2).
+void ApplyBeamAvx2(const BeamWeights& weights, float x[kBfChannels][kBfFftLen], float* y);
+#endif
 
 // The power of a packed spectrum in each blend band.
 void BandPowersPlain(const float* spectrum, float power[kBlendBands]);

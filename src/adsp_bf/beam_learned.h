@@ -54,11 +54,12 @@ bool LearnedBeamReady(const LearnedBeam* lb);
 // Designs the beam into `weights`, in phase with microphone 0's image and
 // delayed by kBeamDelay like the designed beams. Bands where the talker has
 // left no trace above the noise take the look direction's free-field
-// steering against the learned noise; when the learned talker is not in the
-// look direction `azimuth_deg` (or was heard in too few bands to tell) the
-// weights are the free-field MVDR design (DesignBeam) whole.
-// Returns whether the weights are the learned ones; the design also marks
-// the talker hops seen so far as used (fresh_talker).
+// steering against the learned noise. When the learned talker is not in the
+// look direction `azimuth_deg` (or was heard in too few bands to tell) it
+// returns false and leaves `weights` alone: the free-field MVDR design
+// (DesignBeam) is wanted whole, and the caller may hold it already.
+// Either way the design marks the talker hops seen so far as used
+// (fresh_talker).
 bool LearnedBeamDesign(LearnedBeam* lb, float azimuth_deg, BeamWeights* weights);
 
 }  // namespace vorn

@@ -48,14 +48,27 @@ struct FrameFacts {
   float power;  // mean square
 };
 
-// The four lanes' partial results, combined the same way by both paths.
-FrameStats CombineLanes(const float lo[4], const float hi[4], const float energy[4]) {
-  FrameStats stats{lo[0], hi[0], 0.0f};
-  for (int j = 1; j < 4; ++j) {
-    stats.lo = lo[j] < stats.lo ? lo[j] : stats.lo;
-    stats.hi = hi[j] > stats.hi ? hi[j] : stats.hi;
+// Sixteen lanes (four vectors of four, so that the additions of one vector
+// do not wait for those of the last) combined the same way by both paths:
+// lane j of each vector first, then the four lanes.
+constexpr int kLanes = 16;
+static_assert(kFrame % kLanes == 0, "whole rounds of the lanes");
+
+FrameStats CombineLanes(const float lo[kLanes], const float hi[kLanes], const float energy[kLanes]) {
+  float l[4], h[4], e[4];
+  for (int j = 0; j < 4; ++j) {
+    const float l01 = lo[j] < lo[4 + j] ? lo[j] : lo[4 + j], l23 = lo[8 + j] < lo[12 + j] ? lo[8 + j] : lo[12 + j];
+    const float h01 = hi[j] > hi[4 + j] ? hi[j] : hi[4 + j], h23 = hi[8 + j] > hi[12 + j] ? hi[8 + j] : hi[12 + j];
+    l[j] = l01 < l23 ? l01 : l23;
+    h[j] = h01 > h23 ? h01 : h23;
+    e[j] = (energy[j] + energy[4 + j]) + (energy[8 + j] + energy[12 + j]);
   }
-  stats.energy = (energy[0] + energy[1]) + (energy[2] + energy[3]);
+  FrameStats stats{l[0], h[0], 0.0f};
+  for (int j = 1; j < 4; ++j) {
+    stats.lo = l[j] < stats.lo ? l[j] : stats.lo;
+    stats.hi = h[j] > stats.hi ? h[j] : stats.hi;
+  }
+  stats.energy = (e[0] + e[1]) + (e[2] + e[3]);
   return stats;
 }
 
@@ -99,13 +112,13 @@ void Judge(uint32_t& mask, int m, uint16_t score) {
 void MicHealthInit(MicHealth* health) { *health = MicHealth{}; }
 
 FrameStats FrameStatsPlain(const float* x) {
-  float lo[4], hi[4], energy[4];
-  for (int j = 0; j < 4; ++j) {
+  float lo[kLanes], hi[kLanes], energy[kLanes];
+  for (int j = 0; j < kLanes; ++j) {
     lo[j] = hi[j] = x[j];
     energy[j] = 0.0f;
   }
-  for (int n = 0; n < kFrame; n += 4) {
-    for (int j = 0; j < 4; ++j) {
+  for (int n = 0; n < kFrame; n += kLanes) {
+    for (int j = 0; j < kLanes; ++j) {
       const float v = x[n + j];
       lo[j] = v < lo[j] ? v : lo[j];
       hi[j] = v > hi[j] ? v : hi[j];
@@ -116,19 +129,39 @@ FrameStats FrameStatsPlain(const float* x) {
 }
 
 #if defined(VORN_SIMD4)
+// v < lo ? v : lo and v > hi ? v : hi lane by lane, as the plain twin takes
+// them; SSE has each as one instruction with exactly that rule.
+namespace {
+#if defined(__SSE2__)
+simd::F4 Lower(simd::F4 v, simd::F4 lo) { return _mm_min_ps(v, lo); }
+simd::F4 Higher(simd::F4 v, simd::F4 hi) { return _mm_max_ps(v, hi); }
+#else
+simd::F4 Lower(simd::F4 v, simd::F4 lo) { return simd::Min(v, lo); }
+simd::F4 Higher(simd::F4 v, simd::F4 hi) { return simd::Select(simd::Gt(v, hi), v, hi); }
+#endif
+}  // namespace
+
 FrameStats FrameStatsSimd(const float* x) {
   using namespace simd;
-  F4 lo = Load(x), hi = lo, energy = Zero();
-  for (int n = 0; n < kFrame; n += 4) {
-    const F4 v = Load(x + n);
-    lo = Min(v, lo);
-    hi = Select(Gt(v, hi), v, hi);
-    energy = Add(energy, Mul(v, v));
+  F4 lo[4], hi[4], energy[4];
+  for (int a = 0; a < 4; ++a) {
+    lo[a] = hi[a] = Load(x + 4 * a);
+    energy[a] = Zero();
   }
-  float l[4], h[4], e[4];
-  Store(l, lo);
-  Store(h, hi);
-  Store(e, energy);
+  for (int n = 0; n < kFrame; n += kLanes) {
+    for (int a = 0; a < 4; ++a) {
+      const F4 v = Load(x + n + 4 * a);
+      lo[a] = Lower(v, lo[a]);
+      hi[a] = Higher(v, hi[a]);
+      energy[a] = Add(energy[a], Mul(v, v));
+    }
+  }
+  float l[kLanes], h[kLanes], e[kLanes];
+  for (int a = 0; a < 4; ++a) {
+    Store(l + 4 * a, lo[a]);
+    Store(h + 4 * a, hi[a]);
+    Store(e + 4 * a, energy[a]);
+  }
   return CombineLanes(l, h, e);
 }
 #endif

@@ -28,8 +28,9 @@ void MicHealthInit(MicHealth* health);
 void MicHealthUpdate(MicHealth* health, const float* const latest[3]);
 
 // Smallest and largest sample and energy of a frame of 256: the reference
-// (plain) and, where the build has four-lane vectors (SSE2 or NEON), four
-// samples at a time with the same partial sums, so both give the same bits.
+// (plain) and, where the build has four-lane vectors (SSE2 or NEON), sixteen
+// samples at a time in four vectors with the same partial sums, so both give
+// the same bits.
 struct FrameStats {
   float lo, hi, energy;
 };

@@ -87,6 +87,9 @@ void DesignBeam(const BeamDesign& design, BeamWeights* weights) {
 }
 
 void ApplyBeam(const BeamWeights& weights, float x[kBfChannels][kBfFftLen], float* y) {
+#if defined(VORN_AVX2)
+  if (CpuHasAvx2()) return ApplyBeamAvx2(weights, x, y);
+#endif
 #if defined(VORN_SIMD4)
   ApplyBeamSimd4(weights, x, y);
 #else
