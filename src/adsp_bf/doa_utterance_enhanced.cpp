@@ -1,9 +1,10 @@
 // Direction of a whole stretch of speech (a keyword of half a second, a
 // sentence of ten), for the enhanced profile.
 //
-// The stretch is read twice. The first pass follows each bin's noise over
-// the whole stretch, so that the second weighs every hop, the first ones
-// too, against a settled estimate. The second pass pools the
+// The stretch is read until each bin's noise is settled (from the bin's
+// quietest moment up, over the whole stretch, again where it is short), so
+// that the last pass weighs every hop, the first ones too, against a
+// settled estimate. The last pass pools the
 // phase-transformed pair cross-spectra of every hop, each bin weighted by
 // its onset above the noise (as the tracker weighs it, but with the noise
 // test spread over neighbouring bins, which lets weaker speech count: a
