@@ -72,7 +72,6 @@ int Wrap360(int deg) { return ((deg % 360) + 360) % 360; }
 constexpr float kNoiseLike = 3.0f;
 constexpr float kNoiseAverage = 0.1f;  // about 10 hops (160 ms) of memory
 constexpr float kNoiseClimb = 1.01f;   // 2.7 dB/s while a bin stays loud
-constexpr int kNoiseStartHops = 10;    // a plain mean over the first hops
 // Evidence: a bin counts once its smoothed power is above kNoiseMargin
 // times the noise (9 dB: a noise bin gets there about once in a thousand
 // hops) and, in a stretch, the sound it holds above the noise at least
@@ -107,7 +106,7 @@ void GccBandPower(const GccBand& band, float power[kGccBins]) {
 }
 
 void GccFollowNoise(const float power[kGccBins], int learnt, GccNoise* noise) {
-  if (learnt < kNoiseStartHops) {
+  if (learnt < kGccNoiseStartHops) {
     const float step = 1.0f / static_cast<float>(learnt + 1);
     for (int b = 0; b < kGccBins; ++b) noise->power[b] += step * (power[b] - noise->power[b]);
     return;

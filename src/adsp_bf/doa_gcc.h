@@ -66,6 +66,7 @@ struct GccNoise {
 // hops followed before this one: over the first few the estimate is their
 // plain mean.
 void GccFollowNoise(const float power[kGccBins], int learnt, GccNoise* noise);
+constexpr int kGccNoiseStartHops = 10;  // hops of plain mean before the estimate is followed
 
 // Per-bin weight of the evidence. Only onsets count: the direct sound
 // reaches the array a few milliseconds before the room's reflections build

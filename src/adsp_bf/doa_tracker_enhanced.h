@@ -65,8 +65,8 @@ DoaTrack DoaTrackerHop(TDoaTrackerEnhanced* t, const float spectra[kBfChannels][
 DoaTrack DoaTrackerPooled(TDoaTrackerEnhanced* t);
 
 // Direction of a stretch of interleaved three-microphone samples, searched
-// over its whole length in two passes (the noise floor first, then the
-// weighted evidence); memory does not grow with the stretch. `order` gives
+// over its whole length (the noise floor first, then the weighted
+// evidence); memory does not grow with the stretch. `order` gives
 // the interleaved slot of microphone rows 0, 1, 2. Not found when the
 // stretch is shorter than one 512-sample frame.
 DoaTrack DoaUtteranceEnhanced(const short* inp, const short order[kBfChannels], int samples_per_channel);

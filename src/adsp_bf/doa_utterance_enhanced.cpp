@@ -1,9 +1,10 @@
 // Direction of a whole stretch of speech (a keyword of half a second, a
 // sentence of ten), for the enhanced profile.
 //
-// The stretch is read twice. The first pass follows each bin's noise over
-// the whole stretch, so that the second weighs every hop, the first ones
-// too, against a settled estimate. The second pass pools the
+// The stretch is read until each bin's noise is settled (from the bin's
+// quietest moment up, over the whole stretch, again where it is short), so
+// that the last pass weighs every hop, the first ones too, against a
+// settled estimate. The last pass pools the
 // phase-transformed pair cross-spectra of every hop, each bin weighted by
 // its onset above the noise (as the tracker weighs it, but with the noise
 // test spread over neighbouring bins, which lets weaker speech count: a
@@ -31,6 +32,10 @@ namespace vorn {
 namespace {
 
 constexpr float kRecentKeep = 0.5f;
+// The noise follower runs over the stretch, as many times as it takes,
+// for at least this many hops (2 s): from a start at the quietest moment it
+// needs a few dozen hops of noise to settle.
+constexpr int kSettleHops = 128;
 constexpr int kElevationStep = 5;
 // Band SNR (power over floor) at which a hop starts to count, and at which
 // it counts fully.
@@ -107,17 +112,39 @@ DoaTrack DoaUtteranceEnhanced(const short* inp, const short order[kBfChannels], 
   if (samples_per_channel < kBfFftLen) return {0.0f, 0.0f, false};
   const int hops = (samples_per_channel - kBfFftLen) / kBfHop + 1;
 
-  // The noise estimate follows the whole stretch once before any evidence
-  // is weighted by it. It starts from zero: the first hop's step replaces
-  // it, but only an exact zero makes that step give the hop's power.
-  GccNoise noise{};
+  // The noise estimate is settled over the stretch before any evidence is
+  // weighted by it. A stretch often opens with the talk (a keyword handed
+  // over by a detector), and a follower started on its first hops takes the
+  // first syllable for noise and, over half a second, never unlearns it: in
+  // babble as loud as the talker the talker's bins then rarely stand clear
+  // and the keyword's direction goes to the babble. So a first pass finds
+  // each bin's quietest moment (its power smoothed over neighbouring hops),
+  // and the follower starts there and rises, averaging in what stays near
+  // its estimate, toward the noise of the pauses whatever the stretch opens
+  // with; a short stretch is followed over again until it settles. A bin
+  // silent at its quietest (zero samples) starts from a follower run the
+  // usual way instead, since an estimate of zero never rises.
+  GccNoise noise{}, quietest;
   GccBand band;
-  float power[kGccBins];
+  float power[kGccBins], smoothed[kGccBins];
   for (int h = 0; h < hops; ++h) {
     FrameBand(inp, order, h, &band);
     GccBandPower(band, power);
     GccFollowNoise(power, h, &noise);
+    for (int b = 0; b < kGccBins; ++b) {
+      smoothed[b] = h == 0 ? power[b] : kRecentKeep * smoothed[b] + (1.0f - kRecentKeep) * power[b];
+      if (h == 0 || smoothed[b] < quietest.power[b]) quietest.power[b] = smoothed[b];
+    }
   }
+  for (int b = 0; b < kGccBins; ++b)
+    if (quietest.power[b] > 0.0f) noise.power[b] = quietest.power[b];
+  const int rounds = (kSettleHops + hops - 1) / hops;
+  for (int r = 0; r < rounds; ++r)
+    for (int h = 0; h < hops; ++h) {
+      FrameBand(inp, order, h, &band);
+      GccBandPower(band, power);
+      GccFollowNoise(power, kGccNoiseStartHops + h, &noise);
+    }
 
   GccCross cross{}, noise_cross{};
   float recent[kGccBins], weight[kGccBins], noise_like[kGccBins];
