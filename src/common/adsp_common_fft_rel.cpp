@@ -42,6 +42,7 @@
 #include "common/adsp_common_rom.h"
 #include "common/constexpr_trig.h"
 #include "common/cpu_avx2.h"
+#include "common/fft_rel_columns.h"
 #include "common/simd4.h"
 
 namespace vorn {
@@ -50,7 +51,7 @@ namespace {
 constexpr int kMaxTablePoints = 512;
 constexpr int kTwiddleTurn = 1024;  // sincos_t_ext holds sin over this many steps per turn
 constexpr int kCosOffset = kTwiddleTurn / 4;
-constexpr float kSqrtHalf = 0.70710677f;
+constexpr float kSqrtHalf = fft_columns::kFftSqrtHalf;
 
 // y[p] = x[rev_m(p)] for n = 128, 256, 512. Bit reversal is its own inverse,
 // so the same gather serves both directions.
@@ -578,98 +579,21 @@ VORN_TARGET_AVX2 void InverseSizeBlocksAvx2(float *x, int n, int group) {
 // wherever it lies, so four blocks of one kind, turned so that vector p holds
 // float p of each, run them with one vector operation for each plain one, in
 // the plain order, down to the length-2 butterflies and the 1/n scale.
-inline void InverseButterflyColumns(simd::F4 *c, int i, int j, int n4, const InverseTwiddles &w) {
-  using namespace simd;
-  const int i1 = i + j;
-  const int i2 = i1 + n4;
-  const int i3 = i2 + n4;
-  const int i4 = i3 + n4;
-  const int i5 = i + n4 - j;
-  const int i6 = i5 + n4;
-  const int i7 = i6 + n4;
-  const int i8 = i7 + n4;
-  F4 t1 = Sub(c[i1], c[i6]);
-  c[i1] = Add(c[i1], c[i6]);
-  F4 t2 = Sub(c[i5], c[i2]);
-  c[i5] = Add(c[i2], c[i5]);
-  const F4 t3 = Add(c[i8], c[i3]);
-  c[i6] = Sub(c[i8], c[i3]);
-  F4 t4 = Add(c[i4], c[i7]);
-  c[i2] = Sub(c[i4], c[i7]);
-  const F4 t5 = Sub(t1, t4);
-  t1 = Add(t1, t4);
-  t4 = Sub(t2, t3);
-  t2 = Add(t2, t3);
-  const F4 cc1 = Set1(w.cc1), ss1 = Set1(w.ss1), cc3 = Set1(w.cc3), ss3 = Set1(w.ss3);
-  c[i3] = Add(Mul(t5, cc1), Mul(t4, ss1));
-  c[i7] = Sub(Mul(t5, ss1), Mul(t4, cc1));
-  c[i4] = Sub(Mul(t1, cc3), Mul(t2, ss3));
-  c[i8] = Add(Mul(t2, cc3), Mul(t1, ss3));
-}
-
+//
 // The whole inverse of a group of kN floats (16 or 32) below its own size,
 // as the plain transform runs it, on columns.
 template <int kN>
 void InverseGroupColumns(simd::F4 *c, float inv_n) {
   using namespace simd;
-  const F4 two = Set1(2.0f), sqrt_half = Set1(kSqrtHalf);
-  int group = 2 * kN;
-  for (; group > 4;) {
-    int start = 0;
-    int stride = group;
-    group >>= 1;
-    const int n4 = group >> 2;
-    const int n8 = n4 >> 1;
+  for (int group = kN; group >= 4; group >>= 1) {
+    fft_columns::InverseQuarterPass(c, kN, group);
     const int step = kTwiddleTurn / group;
-    do {
-      for (int i = start; i < kN; i += stride) {
-        int i1 = i;
-        int i2 = i1 + n4;
-        int i3 = i2 + n4;
-        int i4 = i3 + n4;
-        F4 t1 = Sub(c[i1], c[i3]);
-        c[i1] = Add(c[i1], c[i3]);
-        c[i2] = Mul(two, c[i2]);
-        c[i3] = Sub(t1, Mul(two, c[i4]));
-        c[i4] = Add(t1, Mul(two, c[i4]));
-        if (n4 != 1) {
-          i1 += n8;
-          i2 += n8;
-          i3 += n8;
-          i4 += n8;
-          t1 = Mul(Sub(c[i2], c[i1]), sqrt_half);
-          const F4 t2 = Mul(Add(c[i4], c[i3]), sqrt_half);
-          c[i1] = Add(c[i1], c[i2]);
-          c[i2] = Sub(c[i4], c[i3]);
-          c[i3] = Mul(two, Sub(Neg(t2), t1));
-          c[i4] = Mul(two, Add(Neg(t2), t1));
-        }
-      }
-      start = 2 * stride - group;
-      stride = 4 * stride;
-    } while (start < kN - 1);
-    for (int j = 1; j < n8; ++j) {
+    for (int j = 1; j < group / 8; ++j) {
       const InverseTwiddles w = InverseTwiddlesOf(j, step);
-      start = 0;
-      stride = 2 * group;
-      do {
-        for (int i = start; i < kN; i += stride) InverseButterflyColumns(c, i, j, n4, w);
-        start = 2 * stride - group;
-        stride = 4 * stride;
-      } while (start < kN - 1);
+      fft_columns::InverseTwiddledPass(c, kN, j, group, {Set1(w.cc1), Set1(w.ss1), Set1(w.cc3), Set1(w.ss3)});
     }
   }
-  int start = 0;
-  int stride = 4;
-  do {
-    for (int i = start; i < kN; i += stride) {
-      const F4 t = c[i];
-      c[i] = Add(t, c[i + 1]);
-      c[i + 1] = Sub(t, c[i + 1]);
-    }
-    start = 2 * stride - 2;
-    stride = 4 * stride;
-  } while (start < kN - 1);
+  fft_columns::InverseLastPass(c, kN);
   const F4 scale = Set1(inv_n);
   for (int p = 0; p < kN; ++p) c[p] = Mul(c[p], scale);
 }

@@ -11,6 +11,7 @@
 #include "common/adsp_common_fft_rel.h"
 #include "common/adsp_common_rom.h"
 #include "common/cpu_avx2.h"
+#include "common/fft_rel_columns.h"
 #include "common/simd4.h"
 
 namespace vorn {
@@ -22,7 +23,6 @@ using simd::F4;
 
 constexpr int kTwiddleTurn = 1024;  // sincos_t_ext: sin over this many steps per turn
 constexpr int kCosOffset = kTwiddleTurn / 4;
-constexpr float kSqrtHalf = 0.70710677f;
 
 // rev_m(p) for n = 128, 256, 512, from the 8-bit reversal table.
 inline int Reversed(int p, int n) {
@@ -111,44 +111,11 @@ inline void ForwardTwiddled(F4 *x, int n, int j, int quarter, int step) {
   }
 }
 
-// Butterfly j of every group of size 4 * n4 at the walk's places.
-inline void InverseTwiddled(F4 *x, int n, int j, int group, int step) {
+// The twiddles of butterfly j of a group size (step: kTwiddleTurn / group).
+inline fft_columns::InverseTwiddleVectors InverseTwiddlesAt(int j, int step) {
   using namespace simd;
-  const int n4 = group >> 2;
-  const F4 cc1 = Set1(sincos_t_ext[kCosOffset + j * step]), ss1 = Set1(sincos_t_ext[j * step]);
-  const F4 cc3 = Set1(sincos_t_ext[kCosOffset + 3 * j * step]), ss3 = Set1(sincos_t_ext[3 * j * step]);
-  int start = 0;
-  int stride = 2 * group;
-  do {
-    for (int i = start; i < n; i += stride) {
-      const int i1 = i + j;
-      const int i2 = i1 + n4;
-      const int i3 = i2 + n4;
-      const int i4 = i3 + n4;
-      const int i5 = i + n4 - j;
-      const int i6 = i5 + n4;
-      const int i7 = i6 + n4;
-      const int i8 = i7 + n4;
-      F4 t1 = Sub(x[i1], x[i6]);
-      x[i1] = Add(x[i1], x[i6]);
-      F4 t2 = Sub(x[i5], x[i2]);
-      x[i5] = Add(x[i2], x[i5]);
-      const F4 t3 = Add(x[i8], x[i3]);
-      x[i6] = Sub(x[i8], x[i3]);
-      F4 t4 = Add(x[i4], x[i7]);
-      x[i2] = Sub(x[i4], x[i7]);
-      const F4 t5 = Sub(t1, t4);
-      t1 = Add(t1, t4);
-      t4 = Sub(t2, t3);
-      t2 = Add(t2, t3);
-      x[i3] = Add(Mul(t5, cc1), Mul(t4, ss1));
-      x[i7] = Sub(Mul(t5, ss1), Mul(t4, cc1));
-      x[i4] = Sub(Mul(t1, cc3), Mul(t2, ss3));
-      x[i8] = Add(Mul(t2, cc3), Mul(t1, ss3));
-    }
-    start = 2 * stride - group;
-    stride = 4 * stride;
-  } while (start < n - 1);
+  return {Set1(sincos_t_ext[kCosOffset + j * step]), Set1(sincos_t_ext[j * step]),
+          Set1(sincos_t_ext[kCosOffset + 3 * j * step]), Set1(sincos_t_ext[3 * j * step])};
 }
 
 #if defined(VORN_AVX2)
@@ -201,7 +168,7 @@ VORN_TARGET_AVX2 void ForwardTwiddledAvx2(F4 *x, int n, int quarter, int step) {
 VORN_TARGET_AVX2 void InverseTwiddledAvx2(F4 *x, int n, int group, int step) {
   const int n4 = group >> 2;
   const int n8 = n4 >> 1;
-  if (n8 > 1) InverseTwiddled(x, n, 1, group, step);
+  if (n8 > 1) fft_columns::InverseTwiddledPass(x, n, 1, group, InverseTwiddlesAt(1, step));
   for (int j = 2; j < n8; j += 2) {
     const __m256 cc1 = TwiddlePair(kCosOffset + j * step, kCosOffset + (j + 1) * step);
     const __m256 ss1 = TwiddlePair(j * step, (j + 1) * step);
@@ -284,64 +251,19 @@ void ForwardColumns(F4 *x, [[maybe_unused]] bool wide) {
 // and the scale come with the turn out.
 template <int n, int m>
 void InverseColumns(F4 *x, [[maybe_unused]] bool wide) {
-  using namespace simd;
-  const F4 two = Set1(2.0f), sqrt_half = Set1(kSqrtHalf);
-  int group = 2 * n;
-  for (int k = 1; k <= m - 1; ++k) {
-    int start = 0;
-    int stride = group;
-    group >>= 1;
-    const int n4 = group >> 2;
-    const int n8 = n4 >> 1;
+  static_assert(n == 1 << m);
+  for (int group = n; group >= 4; group >>= 1) {
+    fft_columns::InverseQuarterPass(x, n, group);
     const int step = kTwiddleTurn / group;
-    do {
-      for (int i = start; i < n; i += stride) {
-        int i1 = i;
-        int i2 = i1 + n4;
-        int i3 = i2 + n4;
-        int i4 = i3 + n4;
-        F4 t1 = Sub(x[i1], x[i3]);
-        x[i1] = Add(x[i1], x[i3]);
-        x[i2] = Mul(two, x[i2]);
-        x[i3] = Sub(t1, Mul(two, x[i4]));
-        x[i4] = Add(t1, Mul(two, x[i4]));
-        if (n4 != 1) {
-          i1 += n8;
-          i2 += n8;
-          i3 += n8;
-          i4 += n8;
-          t1 = Mul(Sub(x[i2], x[i1]), sqrt_half);
-          const F4 t2 = Mul(Add(x[i4], x[i3]), sqrt_half);
-          x[i1] = Add(x[i1], x[i2]);
-          x[i2] = Sub(x[i4], x[i3]);
-          x[i3] = Mul(two, Sub(Neg(t2), t1));
-          x[i4] = Mul(two, Add(Neg(t2), t1));
-        }
-      }
-      start = 2 * stride - group;
-      stride = 4 * stride;
-    } while (start < n - 1);
-
 #if defined(VORN_AVX2)
     if (wide) {
       InverseTwiddledAvx2(x, n, group, step);
       continue;
     }
 #endif
-    for (int j = 1; j < n8; ++j) InverseTwiddled(x, n, j, group, step);
+    for (int j = 1; j < group / 8; ++j) fft_columns::InverseTwiddledPass(x, n, j, group, InverseTwiddlesAt(j, step));
   }
-
-  int start = 0;
-  int stride = 4;
-  do {
-    for (int i = start; i < n; i += stride) {
-      const F4 t = x[i];
-      x[i] = Add(t, x[i + 1]);
-      x[i + 1] = Sub(t, x[i + 1]);
-    }
-    start = 2 * stride - 2;
-    stride = 4 * stride;
-  } while (start < n - 1);
+  fft_columns::InverseLastPass(x, n);
 }
 
 template <int n, int m>
