@@ -16,9 +16,13 @@ if [ "${1:-}" != "--tools" ]; then
   # The 64-bit Arm build of the tests: cross compiler, emulator, GoogleTest's sources.
   command -v aarch64-linux-gnu-g++ >/dev/null || need+=(g++-aarch64-linux-gnu)
   command -v qemu-aarch64 >/dev/null || command -v qemu-aarch64-static >/dev/null || need+=(qemu-user)
-  # The 32-bit build: the multilib compiler, the i386 kernel headers and
-  # GoogleTest's sources (built for i386 by scripts/test.sh).
-  echo 'int main() { return 0; }' | g++ -m32 -x c++ - -o /dev/null 2>/dev/null || need+=(g++-multilib)
+  # The 32-bit build: the compiler's i386 C and C++ runtimes, the i386 kernel
+  # headers and GoogleTest's sources (built for i386 by scripts/test.sh). Not
+  # the g++-multilib package: it conflicts with the aarch64 cross compiler
+  # above, so a fresh machine could not take both; the runtimes alone can.
+  gcc_major=$(g++ -dumpversion 2>/dev/null | cut -d. -f1)
+  echo 'int main() { return 0; }' | g++ -m32 -x c++ - -o /dev/null 2>/dev/null ||
+    need+=(libc6-dev-i386 "lib32gcc-${gcc_major:-12}-dev" "lib32stdc++-${gcc_major:-12}-dev")
   [ -f /usr/i686-linux-gnu/include/asm/errno.h ] || need+=(linux-libc-dev-i386-cross)
   [ -f /usr/src/googletest/CMakeLists.txt ] || need+=(googletest)
   # scripts/check_install.sh builds against vorn.pc; the Debian package reads
