@@ -69,7 +69,9 @@ struct AecResidualState {
   float noise_minima[kAecBins][kResidualFloorWindows];  // sub-window minima of noise_smooth
   float noise_current[kAecBins];                   // minimum of the sub-window under way
   int noise_slot;
-  float gain[kAecBins];         // last block's suppression gains
+  float distortion_num[kAecBins];  // distortion slope per bin: the unexplained error's covariance
+  float distortion_den;            // with the far end's whole-band tail, over that tail's variance,
+  float drive_mean;                // both about the tail's running mean
   float prior_ser[kAecBins];    // last block's near-end-to-residual ratio after suppression
   float sx[kAecBins], se[kAecBins], sd[kAecBins];  // smoothed auto spectra (coherence)
   float sxe[kAecBins][2], sxd[kAecBins][2];        // smoothed cross spectra
