@@ -200,6 +200,34 @@ TEST(VornMbf, ThreeBeamsWithTheirEdgeBinCarries) {
       EXPECT_NEAR(beams[b][256], nyquist_sum, 1e-3) << b;
     }
   }
+#if defined(VORN_SIMD4)
+  // The vector twins give the plain bits, carries included, for every set,
+  // with signed zeros (a sum of -0 terms that starts from +0), infinities and
+  // NaN in some bins.
+  const float specials[] = {0.0f, -0.0f, std::numeric_limits<float>::infinity(),
+                            std::numeric_limits<float>::quiet_NaN(), 1e-30f};
+  for (int k = 3; k < 512; k += 37)
+    for (int m = 0; m < 3; ++m) f[m][k] = specials[(k / 37 + m) % 5];
+  // Bin 17 of the first beam at 0 degrees: every product of the real part -0.
+  for (int m = 0; m < 3; ++m) {
+    f[m][17] = std::copysign(0.0f, -doa_tab[0][6 * 17 + 2 * m]);
+    f[m][512 - 17] = std::copysign(0.0f, doa_tab[0][6 * 17 + 2 * m + 1]);
+  }
+  for (int angle = -5; angle <= 365; angle += 5) {
+    float plain[3][512], vector[3][512];
+    MbfCarry plain_carry, vector_carry;
+    for (int b = 0; b < 3; ++b) {
+      MbfBeamPlain(f, plain[b], b, angle, plain_carry);
+      MbfBeamSimd(f, vector[b], b, angle, vector_carry);
+    }
+    ASSERT_EQ(std::memcmp(plain, vector, sizeof plain), 0) << angle;
+    for (int type = 0; type <= 8; ++type) {  // and the fixed beam's, which shares its four bins
+      FixedBFPlain(f, plain[0], type, angle);
+      FixedBFSimd(f, vector[0], type, angle);
+      ASSERT_EQ(std::memcmp(plain[0], vector[0], sizeof plain[0]), 0) << "type " << type << " at " << angle;
+    }
+  }
+#endif
 }
 
 // The dispatch hands the canceller one block as fixed beam and output: all must be exactly as with

@@ -1,6 +1,6 @@
 // Tests of the echo canceller's building blocks: ring buffer, 128-point real
 // FFT (against a direct DFT in double, vector against plain stages, four lanes
-// at once against one at a time), the filter kernels' vector twins, random
+// at once against one at a time), the filter and coherence kernels' vector twins, random
 // generators, resampler and skew fit, stored-filter reader, delay estimator.
 #include <gtest/gtest.h>
 
@@ -283,6 +283,48 @@ TEST(AecFilterKernels, VectorTwinsGiveThePlainBits) {
           << "flag " << c.filter_flag << " partitions " << c.partitions << " at " << i;
     }
   }
+}
+
+// The coherence kernels' vector twins against the plain loops, with and
+// without the post filter's spectrum, far powers below the floor, ratios
+// above 1, zeros, infinities and NaN among the bins.
+TEST(AecCoherenceKernels, VectorTwinsGiveThePlainBits) {
+#if defined(VORN_SIMD4)
+  std::mt19937 rng(65);
+  std::normal_distribution<float> normal(0.0f, 30.0f);
+  const float specials[] = {0.0f, -0.0f, 1e-30f, std::numeric_limits<float>::infinity(),
+                            std::numeric_limits<float>::quiet_NaN(), 2.0f};
+  float spectra[4][2][kAecBins];
+  for (auto& spectrum : spectra)
+    for (auto& part : spectrum)
+      for (int k = 0; k < kAecBins; ++k) part[k] = k % 11 == 3 ? specials[k % 6] : normal(rng) * (k % 3 ? 1.0f : 0.05f);
+  auto plain = std::make_unique<AecCore>();
+  for (int k = 0; k < kAecBins; ++k) {
+    for (float* field : {plain->sd, plain->se, plain->sx, plain->sc, plain->sAEC}) field[k] = std::fabs(normal(rng));
+    for (complex_t* cross : {plain->sde, plain->sxd, plain->sxe}) cross[k][0] = normal(rng), cross[k][1] = normal(rng);
+  }
+  plain->sd[5] = 0.0f;  // a coherence of 1e10 times the cross power: clamped to 1
+  const float g[2] = {0.9f, 0.1f};
+  for (bool post_filter : {false, true}) {
+    auto vector = std::make_unique<AecCore>(*plain);
+    const CoherenceSpectra in{spectra[0], spectra[1], spectra[2], post_filter ? spectra[3] : nullptr};
+    SmoothSpectraPlain(plain.get(), in, g);
+    SmoothSpectraSimd(vector.get(), in, g);
+    for (const auto& [a, b] : {std::pair{plain->sd, vector->sd}, {plain->se, vector->se}, {plain->sx, vector->sx},
+                               {plain->sc, vector->sc}, {plain->sAEC, vector->sAEC}})
+      EXPECT_EQ(std::memcmp(a, b, sizeof(float) * kAecBins), 0) << post_filter;
+    EXPECT_EQ(std::memcmp(plain->sde, vector->sde, sizeof plain->sde), 0) << post_filter;
+    EXPECT_EQ(std::memcmp(plain->sxd, vector->sxd, sizeof plain->sxd), 0) << post_filter;
+    EXPECT_EQ(std::memcmp(plain->sxe, vector->sxe, sizeof plain->sxe), 0) << post_filter;
+    float coherence_plain[kAecBins], coherence_vector[kAecBins];
+    CoherencePlain(plain->sde, plain->sd, plain->se, coherence_plain);
+    CoherenceSimd(plain->sde, plain->sd, plain->se, coherence_vector);
+    EXPECT_EQ(std::memcmp(coherence_plain, coherence_vector, sizeof coherence_plain), 0) << post_filter;
+    EXPECT_EQ(std::count(coherence_plain, coherence_plain + kAecBins, 1.0f) > 0, true);
+  }
+#else
+  GTEST_SKIP() << "no four-lane vectors in this build";
+#endif
 }
 
 // The far end's activity over the filter span: the same decision as the float

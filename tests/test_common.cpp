@@ -20,6 +20,7 @@
 #include "common/adsp_common_rom.h"
 #include "common/adsp_common_util.h"
 #include "common/fft_rel_lanes.h"
+#include "common/pcm_round.h"
 #include "sim/signals.h"
 
 namespace vorn {
@@ -241,6 +242,19 @@ TEST(CommonUtil, TruncSaturatesAndZeroesTheExactLimits) {
   short out[3];
   Float2PCM(in, out, 3);
   EXPECT_EQ(std::vector<short>(out, out + 3), (std::vector<short>{0, 32767, -1}));
+#if defined(VORN_SIMD4)
+  // The vector truncation gives the plain bits on every case, in each lane,
+  // among noise past the rails, with an odd tail.
+  std::vector<float> x = sim::WhiteNoise(203, 30000.0, 4);
+  for (std::size_t i = 0; i < std::size(cases); ++i) {
+    x[i] = cases[i].x;
+    x[2 * std::size(cases) + 3 * i] = cases[i].x;
+  }
+  std::vector<short> plain(x.size()), vector(x.size());
+  Float2PCMPlain(x.data(), plain.data(), static_cast<int>(x.size()));
+  TruncToPcmSimd(x.data(), vector.data(), static_cast<int>(x.size()));
+  EXPECT_EQ(plain, vector);
+#endif
 }
 
 TEST(CommonUtil, FrameSlidesKeepTheTailAndAppend) {

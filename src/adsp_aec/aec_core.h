@@ -224,6 +224,27 @@ void OverdriveAndSuppress(AecCore* aec, float* hNl, const float hNlFb, float efw
                           int EnableFlag);
 void ComfortNoise(AecCore* aec, float efw[2][kAecBins], complex_t* comfortNoiseHband,
                   const float* noisePow, const float* lambda);
+// This block's spectra of the near end d, the main filter's error e, the far
+// end x and, for the post-filter variant, the adaptive filter's error c
+// (else null).
+struct CoherenceSpectra {
+  const float (*d)[kAecBins];
+  const float (*e)[kAecBins];
+  const float (*x)[kAecBins];
+  const float (*c)[kAecBins];
+};
+// Moves the smoothed spectra sd, se, sx (at least 15) and the cross spectra
+// sde, sxd, sxe (and sc, with sAEC the error's power, when c is given)
+// towards this block's: g[0] * old + g[1] * new.
+void SmoothSpectra(AecCore* aec, const CoherenceSpectra& in, const float g[2]);
+void SmoothSpectraPlain(AecCore* aec, const CoherenceSpectra& in, const float g[2]);
+// min(1, |cross|^2 / (a * b + 1e-10)) per bin.
+void Coherence(const complex_t* cross, const float* a, const float* b, float* coherence);
+void CoherencePlain(const complex_t* cross, const float* a, const float* b, float* coherence);
+#if defined(VORN_SIMD4)
+void SmoothSpectraSimd(AecCore* aec, const CoherenceSpectra& in, const float g[2]);
+void CoherenceSimd(const complex_t* cross, const float* a, const float* b, float* coherence);
+#endif
 void SubbandCoherence(AecCore* aec, float efw[2][kAecBins], float xfw[2][kAecBins], float* fft,
                       float* cohde, float* cohxd, float* cohxe, float* Rbb, int PostFilterflag);
 

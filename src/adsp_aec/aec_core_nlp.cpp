@@ -62,7 +62,6 @@ constexpr std::array<float, kAecBins> MakeWeightCurve() {
 
 constexpr float kNormalSmoothingCoefficients[2][2] = {{0.9f, 0.1f}, {0.93f, 0.07f}};
 constexpr float kExtendedSmoothingCoefficients[2][2] = {{0.9f, 0.1f}, {0.92f, 0.08f}};
-constexpr float kMinFarendPSD = 15.0f;
 constexpr float kNormalMinOverDrive[3] = {1.0f, 2.0f, 5.0f};
 constexpr float kExtendedMinOverDrive[3] = {3.0f, 6.0f, 15.0f};
 constexpr float kTargetSupp[3] = {-6.9f, -11.5f, -18.4f};
@@ -225,25 +224,10 @@ void SubbandCoherence(AecCore* aec, float efw[2][kAecBins], float xfw[2][kAecBin
 
   const float* g = aec->extended_filter_enabled ? kExtendedSmoothingCoefficients[aec->mult - 1]
                                                 : kNormalSmoothingCoefficients[aec->mult - 1];
+  SmoothSpectra(aec, {dfw, efw, xfw, PostFilterflag == 1 ? cfw : nullptr}, g);
   float sd_sum = 0.0f;
   float se_sum = 0.0f;
   for (int k = 0; k < kAecBins; ++k) {
-    const float dr = dfw[0][k], di = dfw[1][k];
-    const float er = efw[0][k], ei = efw[1][k];
-    const float xr = xfw[0][k], xi = xfw[1][k];
-    aec->sd[k] = g[0] * aec->sd[k] + g[1] * (dr * dr + di * di);
-    aec->se[k] = g[0] * aec->se[k] + g[1] * (er * er + ei * ei);
-    aec->sx[k] = g[0] * aec->sx[k] + g[1] * std::max(xr * xr + xi * xi, kMinFarendPSD);
-    aec->sde[k][0] = g[0] * aec->sde[k][0] + g[1] * (dr * er + di * ei);
-    aec->sde[k][1] = g[0] * aec->sde[k][1] + g[1] * (dr * ei - di * er);
-    aec->sxd[k][0] = g[0] * aec->sxd[k][0] + g[1] * (xr * dr + xi * di);
-    aec->sxd[k][1] = g[0] * aec->sxd[k][1] + g[1] * (xr * di - xi * dr);
-    if (PostFilterflag == 1) {
-      aec->sAEC[k] = er * er + ei * ei;
-      aec->sc[k] = g[0] * aec->sc[k] + g[1] * (cfw[0][k] * cfw[0][k] + cfw[1][k] * cfw[1][k]);
-    }
-    aec->sxe[k][0] = g[0] * aec->sxe[k][0] + g[1] * (xr * er + xi * ei);
-    aec->sxe[k][1] = g[0] * aec->sxe[k][1] + g[1] * (xr * ei - xi * er);
     const float weight = k == kAecBlockLen ? 0.5f : 1.0f;
     sd_sum += weight * aec->sd[k];
     se_sum += weight * aec->se[k];
@@ -258,20 +242,13 @@ void SubbandCoherence(AecCore* aec, float efw[2][kAecBins], float xfw[2][kAecBin
   // A coherence cannot exceed 1, but for two nearly identical signals the
   // rounding of the smoothed sums can put it a hair above; 1 - coherence must
   // not go negative, since the gains are raised to fractional powers.
-  for (int k = 0; k < kAecBins; ++k) {
-    cohde[k] = std::min(1.0f, (aec->sde[k][0] * aec->sde[k][0] + aec->sde[k][1] * aec->sde[k][1]) /
-                                  (aec->sd[k] * aec->se[k] + 1e-10f));
-    cohxd[k] = std::min(1.0f, (aec->sxd[k][0] * aec->sxd[k][0] + aec->sxd[k][1] * aec->sxd[k][1]) /
-                                  (aec->sx[k] * aec->sd[k] + 1e-10f));
-  }
+  Coherence(aec->sde, aec->sd, aec->se, cohde);
+  Coherence(aec->sxd, aec->sx, aec->sd, cohxd);
   // Post-filter variant: the far/error coherence, and from it the part of the
   // error power that is still echo.
   if (PostFilterflag == 1) {
-    for (int k = 0; k < kAecBins; ++k) {
-      cohxe[k] = std::min(1.0f, (aec->sxe[k][0] * aec->sxe[k][0] + aec->sxe[k][1] * aec->sxe[k][1]) /
-                                    (aec->sx[k] * aec->se[k] + 1e-10f));
-      Rbb[k] = cohxe[k] * aec->se[k];
-    }
+    Coherence(aec->sxe, aec->sx, aec->se, cohxe);
+    for (int k = 0; k < kAecBins; ++k) Rbb[k] = cohxe[k] * aec->se[k];
   }
   if (aec->subcohXd != nullptr) {
     for (int k = 0; k < kAecBins; ++k) {
@@ -374,19 +351,29 @@ void SmoothOverdrive(AecCore* aec) {
   if (aec->overDriveSm > ceiling) aec->overDriveSm = ceiling;
 }
 
+// The synthesis takes the spectrum conjugated.
+void Conjugate(const float in[2][kAecBins], float out[2][kAecBins]) {
+  for (int k = 0; k < kAecBins; ++k) {
+    out[0][k] = in[0][k];
+    out[1][k] = -in[1][k];
+  }
+}
+
+// Without suppression the gains are left as they are: no caller reads them
+// then (the comfort noise is only added to a suppressed block).
 void OverdriveAndSuppress(AecCore* aec, float* hNl, const float hNlFb, float efw[2][kAecBins],
                           int EnableFlag) {
+  if (EnableFlag != 1) {
+    Conjugate(efw, efw);
+    return;
+  }
   for (int k = 0; k < kAecBins; ++k) {
     if (hNl[k] > hNlFb) {
       hNl[k] = AdspAec_weightCurve[k] * hNlFb + (1.0f - AdspAec_weightCurve[k]) * hNl[k];
     }
     hNl[k] = std::pow(hNl[k], aec->overDriveSm * AdspAec_overDriveCurve[k]);
-    if (EnableFlag == 1) {
-      efw[0][k] *= hNl[k];
-      efw[1][k] = -(efw[1][k] * hNl[k]);
-    } else {
-      efw[1][k] = -efw[1][k];
-    }
+    efw[0][k] *= hNl[k];
+    efw[1][k] = -(efw[1][k] * hNl[k]);
   }
 }
 
@@ -435,11 +422,9 @@ void ProcessNlpBlock(AecCore* aec, float far_mean_square) {
                            : 0;
   const float upper_gain = suppress ? UpperBandGain(hNl) : 1.0f;
   if (aec->NlpPf == 3) {
+    // The linear output takes no gains.
     float linear[2][kAecBins];
-    float linear_gains[kAecBins];
-    std::memcpy(linear, efw, sizeof(linear));
-    std::memcpy(linear_gains, hNl, sizeof(linear_gains));
-    OverdriveAndSuppress(aec, linear_gains, hNlFb, linear, 0);
+    Conjugate(efw, linear);
     Synthesize(aec, linear, 0, 1.0f);
     OverdriveAndSuppress(aec, hNl, hNlFb, efw, suppress);
     if (suppress) ComfortNoise(aec, efw, comfort_noise_hband, comfort_pow, hNl);

@@ -50,5 +50,9 @@ struct MbfCarry {
 // Beam b (0, 1, 2) of VornMbf into y, given the carries of beams 0..b-1;
 // called for b = 0, 1, 2 in turn it forms the same beams one block at a time.
 void MbfBeam(float f[3][512], float* y, int b, int angle, MbfCarry& carry);
+void MbfBeamPlain(float f[3][512], float* y, int b, int angle, MbfCarry& carry);
+#if defined(VORN_SIMD4)
+void MbfBeamSimd(float f[3][512], float* y, int b, int angle, MbfCarry& carry);
+#endif
 
 }  // namespace vorn

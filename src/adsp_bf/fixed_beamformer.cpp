@@ -4,6 +4,8 @@
 // the 128-sample common delay, so the caller's overlap-save inverse
 // transform yields the beam in the kept half without further alignment.
 // Spectra are packed 512-point real spectra (re of bin k at k, im at 512-k).
+// The vector twin forms four bins at a time with the plain bin's operations
+// in its order.
 #include "adsp_bf/fixed_beamformer.h"
 
 #include "adsp_bf/weight_tables.h"
@@ -75,11 +77,8 @@ inline void WeightedBin(float f[3][kFftLen], const float* w, int k, float& re, f
   }
 }
 
-}  // namespace
-
-void FixedBF(float f[3][512], float* out, int fbf_type, int angle) {
-  const float* w = SelectSet(f, fbf_type, angle);
-  // DC and Nyquist are real in both spectrum and weights.
+// DC and Nyquist are real in both spectrum and weights.
+void EdgeBins(float f[3][kFftLen], const float* w, float* out) {
   float dc = 0.0f;
   float nyquist = 0.0f;
   for (int m = 0; m < kBfMics; ++m) {
@@ -88,7 +87,37 @@ void FixedBF(float f[3][512], float* out, int fbf_type, int angle) {
   }
   out[0] = dc;
   out[kNyquist] = nyquist;
+}
+
+}  // namespace
+
+void FixedBFPlain(float f[3][512], float* out, int fbf_type, int angle) {
+  const float* w = SelectSet(f, fbf_type, angle);
+  EdgeBins(f, w, out);
   for (int k = 1; k < kNyquist; ++k) WeightedBin(f, w, k, out[k], out[kFftLen - k]);
+}
+
+#if defined(VORN_SIMD4)
+void FixedBFSimd(float f[3][512], float* out, int fbf_type, int angle) {
+  const float* w = SelectSet(f, fbf_type, angle);
+  EdgeBins(f, w, out);
+  int k = 1;
+  for (; k + 4 <= kNyquist; k += 4) {
+    simd::F4 re, im;
+    WeightedBins4(f, w, k, re, im);
+    simd::Store(out + k, re);
+    simd::StoreReversed(out + kFftLen - k, im);
+  }
+  for (; k < kNyquist; ++k) WeightedBin(f, w, k, out[k], out[kFftLen - k]);
+}
+#endif
+
+void FixedBF(float f[3][512], float* out, int fbf_type, int angle) {
+#if defined(VORN_SIMD4)
+  FixedBFSimd(f, out, fbf_type, angle);
+#else
+  FixedBFPlain(f, out, fbf_type, angle);
+#endif
 }
 
 int SelectBf(float f[3][512]) {

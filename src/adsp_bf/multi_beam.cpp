@@ -7,13 +7,20 @@
 // accumulator doubles as the per-bin real accumulator), and the Nyquist bin
 // sums the Nyquist products of beams 0..b. The carries are part of what these
 // beams are and stay; they touch only the two real-only edge bins.
+//
+// The vector twin forms four bins per vector as the fixed beam's does.
 #include "adsp_bf/beamformer.h"
+#include "adsp_bf/fixed_beamformer.h"
 #include "adsp_bf/weight_tables.h"
+#include "common/simd4.h"
 
 namespace vorn {
+namespace {
 
-void MbfBeam(float f[3][512], float* y, int b, int angle, MbfCarry& carry) {
-  constexpr int kHalf = kBfFftLen / 2;
+constexpr int kHalf = kBfFftLen / 2;
+
+// The weight set of beam b: 120 degrees on per beam from the look direction.
+const float* BeamWeights(int b, int angle) {
   // The call record bounds bf_azimuth only for the steered fixed beams; an
   // angle outside 0..359 is taken modulo 360 here so that it can never pick
   // a set outside the table.
@@ -23,27 +30,63 @@ void MbfBeam(float f[3][512], float* y, int b, int angle, MbfCarry& carry) {
     beam_angle += 120;
     if (beam_angle > 359) beam_angle -= 360;
   }
-  const float* w = doa_tab[beam_angle / 5];
+  return doa_tab[beam_angle / 5];
+}
 
-  float& acc_re = carry.re;
-  for (int m = 0; m < kBfChannels; ++m) acc_re += w[2 * m] * f[m][0];
-  y[0] = acc_re;
+// Bins 0 and 256, with the carries.
+void EdgeBins(float f[3][512], const float* w, float* y, MbfCarry& carry) {
+  for (int m = 0; m < kBfChannels; ++m) carry.re += w[2 * m] * f[m][0];
+  y[0] = carry.re;
   for (int m = 0; m < kBfChannels; ++m) carry.nyquist += w[6 * kHalf + 2 * m] * f[m][kHalf];
   y[kHalf] = carry.nyquist;
+}
 
-  for (int k = 1; k < kHalf; ++k) {
-    const float* wk = w + 6 * k;
-    acc_re = 0.0f;
-    float acc_im = 0.0f;
-    for (int m = 0; m < kBfChannels; ++m) {
-      const float w_re = wk[2 * m], w_im = wk[2 * m + 1];
-      const float x_re = f[m][k], x_im = f[m][kBfFftLen - k];
-      acc_re += w_re * x_re - w_im * x_im;
-      acc_im += w_im * x_re + w_re * x_im;
-    }
-    y[k] = acc_re;
-    y[kBfFftLen - k] = acc_im;
+void BinAt(float f[3][512], const float* w, float* y, MbfCarry& carry, int k) {
+  const float* wk = w + 6 * k;
+  float acc_re = 0.0f;
+  float acc_im = 0.0f;
+  for (int m = 0; m < kBfChannels; ++m) {
+    const float w_re = wk[2 * m], w_im = wk[2 * m + 1];
+    const float x_re = f[m][k], x_im = f[m][kBfFftLen - k];
+    acc_re += w_re * x_re - w_im * x_im;
+    acc_im += w_im * x_re + w_re * x_im;
   }
+  y[k] = acc_re;
+  y[kBfFftLen - k] = acc_im;
+  carry.re = acc_re;
+}
+
+}  // namespace
+
+void MbfBeamPlain(float f[3][512], float* y, int b, int angle, MbfCarry& carry) {
+  const float* w = BeamWeights(b, angle);
+  EdgeBins(f, w, y, carry);
+  for (int k = 1; k < kHalf; ++k) BinAt(f, w, y, carry, k);
+}
+
+#if defined(VORN_SIMD4)
+void MbfBeamSimd(float f[3][512], float* y, int b, int angle, MbfCarry& carry) {
+  using namespace simd;
+  const float* w = BeamWeights(b, angle);
+  EdgeBins(f, w, y, carry);
+  int k = 1;
+  for (; k + 4 <= kHalf; k += 4) {
+    F4 re, im;
+    WeightedBins4(f, w, k, re, im);
+    Store(y + k, re);
+    StoreReversed(y + kBfFftLen - k, im);
+  }
+  // The tail ends on bin 255, whose real part is the carry.
+  for (; k < kHalf; ++k) BinAt(f, w, y, carry, k);
+}
+#endif
+
+void MbfBeam(float f[3][512], float* y, int b, int angle, MbfCarry& carry) {
+#if defined(VORN_SIMD4)
+  MbfBeamSimd(f, y, b, angle, carry);
+#else
+  MbfBeamPlain(f, y, b, angle, carry);
+#endif
 }
 
 void VornMbf(float f[3][512], float out[3][512], int angle) {

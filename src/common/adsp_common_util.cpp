@@ -9,6 +9,8 @@
 #include <cstdio>
 #include <cstring>
 
+#include "common/pcm_round.h"
+
 namespace vorn {
 
 short TRUNC(float x) {
@@ -18,8 +20,17 @@ short TRUNC(float x) {
   return 0;  // exactly 32767.0, exactly -32768.0, NaN
 }
 
-void Float2PCM(float *inp, short *out, int len) {
+void Float2PCMPlain(const float *inp, short *out, int len) {
   for (int i = 0; i < len; ++i) out[i] = TRUNC(inp[i]);
+}
+
+// Eight samples at a time where the build has vectors (pcm_round).
+void Float2PCM(float *inp, short *out, int len) {
+#if defined(VORN_SIMD4)
+  TruncToPcmSimd(inp, out, len);
+#else
+  Float2PCMPlain(inp, out, len);
+#endif
 }
 
 void InitData(float *x, float a, int len) {

@@ -14,6 +14,7 @@ namespace vorn {
 // beyond; exactly 32767.0, exactly -32768.0 and NaN give 0.
 short TRUNC(float x);
 void Float2PCM(float *inp, short *out, int len);
+void Float2PCMPlain(const float *inp, short *out, int len);
 
 void InitData(float *x, float a, int len);
 void CopyData(float *dst, float *src, int len);

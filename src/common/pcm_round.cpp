@@ -1,4 +1,4 @@
-// Rounding float blocks to 16-bit PCM. The vector paths clear NaNs, clamp,
+// Float blocks to 16-bit PCM: rounding, and the classic truncation. The vector paths clear NaNs, clamp,
 // convert to nearest with ties to even (SSE2: the processor's rounding mode;
 // NEON: the conversion that always rounds so) and narrow with saturation; the
 // plain path does the same one sample at a time with
@@ -7,6 +7,8 @@
 #include "common/pcm_round.h"
 
 #include <cmath>
+
+#include "common/adsp_common_util.h"
 
 
 namespace vorn {
@@ -47,6 +49,42 @@ void RoundToPcmSimd(const float* x, short* out, int n) {
     vst1q_s16(out + i, vcombine_s16(vqmovn_s32(a), vqmovn_s32(b)));
   }
   RoundToPcmPlain(x + i, out + i, n - i);
+}
+#endif
+
+// TRUNC's cases as masks: inside the open range the value truncated toward
+// zero, past the rails the rail, and 0 for the rails themselves and NaN.
+#if defined(__SSE2__)
+void TruncToPcmSimd(const float* x, short* out, int n) {
+  const __m128 top = _mm_set1_ps(32767.0f), bottom = _mm_set1_ps(-32768.0f);
+  const __m128i top_i = _mm_set1_epi32(32767), bottom_i = _mm_set1_epi32(-32768);
+  const auto trunc = [&](__m128 v) {
+    const __m128i inside = _mm_castps_si128(_mm_and_ps(_mm_cmpgt_ps(v, bottom), _mm_cmplt_ps(v, top)));
+    const __m128i above = _mm_castps_si128(_mm_cmpgt_ps(v, top));
+    const __m128i below = _mm_castps_si128(_mm_cmplt_ps(v, bottom));
+    return _mm_or_si128(_mm_and_si128(inside, _mm_cvttps_epi32(v)),
+                        _mm_or_si128(_mm_and_si128(above, top_i), _mm_and_si128(below, bottom_i)));
+  };
+  int i = 0;
+  for (; i + 8 <= n; i += 8) {
+    const __m128i packed = _mm_packs_epi32(trunc(_mm_loadu_ps(x + i)), trunc(_mm_loadu_ps(x + i + 4)));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(out + i), packed);
+  }
+  for (; i < n; ++i) out[i] = TRUNC(x[i]);
+}
+#elif defined(VORN_SIMD4)
+void TruncToPcmSimd(const float* x, short* out, int n) {
+  const float32x4_t top = vdupq_n_f32(32767.0f), bottom = vdupq_n_f32(-32768.0f);
+  const int32x4_t top_i = vdupq_n_s32(32767), bottom_i = vdupq_n_s32(-32768), zero = vdupq_n_s32(0);
+  const auto trunc = [&](float32x4_t v) {
+    const uint32x4_t inside = vandq_u32(vcgtq_f32(v, bottom), vcltq_f32(v, top));
+    const int32x4_t rail = vbslq_s32(vcgtq_f32(v, top), top_i, vbslq_s32(vcltq_f32(v, bottom), bottom_i, zero));
+    return vbslq_s32(inside, vcvtq_s32_f32(v), rail);
+  };
+  int i = 0;
+  for (; i + 8 <= n; i += 8)
+    vst1q_s16(out + i, vcombine_s16(vmovn_s32(trunc(vld1q_f32(x + i))), vmovn_s32(trunc(vld1q_f32(x + i + 4)))));
+  for (; i < n; ++i) out[i] = TRUNC(x[i]);
 }
 #endif
 

@@ -11,6 +11,12 @@
 namespace vorn {
 
 void RoundToPcm(const float* x, short* out, int n);
+
+// The classic paths' truncation (TRUNC, adsp_common_util.h) eight samples at
+// a time, with its bits; Float2PCM takes it where the build has vectors.
+#if defined(VORN_SIMD4)
+void TruncToPcmSimd(const float* x, short* out, int n);
+#endif
 void RoundToPcmPlain(const float* x, short* out, int n);
 #if defined(VORN_SIMD4)
 void RoundToPcmSimd(const float* x, short* out, int n);

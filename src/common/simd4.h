@@ -74,6 +74,15 @@ inline F4 NegateOdd(F4 v) { return _mm_xor_ps(v, _mm_castsi128_ps(_mm_setr_epi32
 
 // Rows r0..r3 become columns: r_i lane j moves to r_j lane i.
 inline void Transpose(F4& r0, F4& r1, F4& r2, F4& r3) { _MM_TRANSPOSE4_PS(r0, r1, r2, r3); }
+// Four (re, im) pairs held in a, b split into their parts, and back.
+inline void Deinterleave(F4 a, F4 b, F4& even, F4& odd) {
+  even = _mm_shuffle_ps(a, b, _MM_SHUFFLE(2, 0, 2, 0));
+  odd = _mm_shuffle_ps(a, b, _MM_SHUFFLE(3, 1, 3, 1));
+}
+inline void Interleave(F4 even, F4 odd, F4& a, F4& b) {
+  a = _mm_unpacklo_ps(even, odd);
+  b = _mm_unpackhi_ps(even, odd);
+}
 
 // Two-lane doubles, for the steps the plain code rounds through double.
 using D2 = __m128d;
@@ -151,6 +160,14 @@ inline void Transpose(F4& r0, F4& r1, F4& r2, F4& r3) {
   r1 = vcombine_f32(vget_low_f32(t01.val[1]), vget_low_f32(t23.val[1]));
   r2 = vcombine_f32(vget_high_f32(t01.val[0]), vget_high_f32(t23.val[0]));
   r3 = vcombine_f32(vget_high_f32(t01.val[1]), vget_high_f32(t23.val[1]));
+}
+inline void Deinterleave(F4 a, F4 b, F4& even, F4& odd) {
+  even = vuzp1q_f32(a, b);
+  odd = vuzp2q_f32(a, b);
+}
+inline void Interleave(F4 even, F4 odd, F4& a, F4& b) {
+  a = vzip1q_f32(even, odd);
+  b = vzip2q_f32(even, odd);
 }
 
 using D2 = float64x2_t;
