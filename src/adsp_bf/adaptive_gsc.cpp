@@ -12,6 +12,7 @@
 #include <cmath>
 
 #include "adsp_bf/beamformer.h"
+#include "adsp_bf/fixed_beamformer.h"
 #include "adsp_bf/util.h"
 #include "adsp_bf/weight_tables.h"
 #include "common/adsp_common_fft_rel.h"
@@ -47,14 +48,8 @@ float BandPower(const float* spectrum) {
 }
 
 void BlockingBinAt(const float* bm, int j, const float f[3][512], float* blocked, int k) {
-  const float* w = bm + 18 * k + 6 * j;
-  float re = 0.0f, im = 0.0f;
-  for (int m = 0; m < kBfChannels; ++m) {
-    const float w_re = w[2 * m], w_im = w[2 * m + 1];
-    const float x_re = f[m][k], x_im = f[m][kBfFftLen - k];
-    re += w_re * x_re - w_im * x_im;
-    im += w_im * x_re + w_re * x_im;
-  }
+  float re, im;
+  WeightedBin(f, bm + 18 * k + 6 * j, k, re, im);
   blocked[k] = re;
   blocked[kBfFftLen - k] = im;
 }

@@ -63,20 +63,6 @@ const float* SelectSet(float f[3][kFftLen], int fbf_type, int angle) {
   }
 }
 
-// One bin k in 1..255 of the weighted sum, microphones added in order 0, 1, 2.
-inline void WeightedBin(float f[3][kFftLen], const float* w, int k, float& re, float& im) {
-  re = 0.0f;
-  im = 0.0f;
-  for (int m = 0; m < kBfMics; ++m) {
-    const float w_re = w[(3 * k + m) * 2];
-    const float w_im = w[(3 * k + m) * 2 + 1];
-    const float x_re = f[m][k];
-    const float x_im = f[m][kFftLen - k];
-    re += w_re * x_re - w_im * x_im;
-    im += w_im * x_re + w_re * x_im;
-  }
-}
-
 // DC and Nyquist are real in both spectrum and weights.
 void EdgeBins(float f[3][kFftLen], const float* w, float* out) {
   float dc = 0.0f;
@@ -94,7 +80,7 @@ void EdgeBins(float f[3][kFftLen], const float* w, float* out) {
 void FixedBFPlain(float f[3][512], float* out, int fbf_type, int angle) {
   const float* w = SelectSet(f, fbf_type, angle);
   EdgeBins(f, w, out);
-  for (int k = 1; k < kNyquist; ++k) WeightedBin(f, w, k, out[k], out[kFftLen - k]);
+  for (int k = 1; k < kNyquist; ++k) WeightedBin(f, w + 6 * k, k, out[k], out[kFftLen - k]);
 }
 
 #if defined(VORN_SIMD4)
@@ -108,7 +94,7 @@ void FixedBFSimd(float f[3][512], float* out, int fbf_type, int angle) {
     simd::Store(out + k, re);
     simd::StoreReversed(out + kFftLen - k, im);
   }
-  for (; k < kNyquist; ++k) WeightedBin(f, w, k, out[k], out[kFftLen - k]);
+  for (; k < kNyquist; ++k) WeightedBin(f, w + 6 * k, k, out[k], out[kFftLen - k]);
 }
 #endif
 
@@ -127,7 +113,7 @@ int SelectBf(float f[3][512]) {
     float energy = 0.0f;
     for (int k = kSelectFirstBin; k <= kSelectLastBin; ++k) {
       float re, im;
-      WeightedBin(f, mbf_tab[sector], k, re, im);
+      WeightedBin(f, mbf_tab[sector] + 6 * k, k, re, im);
       energy += re * re + im * im;
     }
     if (energy > best_energy) {

@@ -13,6 +13,22 @@ namespace vorn {
 void FixedBF(float f[3][512], float* out, int fbf_type, int angle);
 void FixedBFPlain(float f[3][512], float* out, int fbf_type, int angle);
 
+// Bin k in 1..255 of a weighted sum of the three microphones' packed
+// spectra; wk points at the bin's weights (the microphones' re, im). The
+// microphones are added in order 0, 1, 2 to +0: every beam and blocking
+// output of the classic path sums a bin this way, and its vector twins
+// follow the same order.
+inline void WeightedBin(const float f[3][512], const float* wk, int k, float& re, float& im) {
+  re = 0.0f;
+  im = 0.0f;
+  for (int m = 0; m < 3; ++m) {
+    const float w_re = wk[2 * m], w_im = wk[2 * m + 1];
+    const float x_re = f[m][k], x_im = f[m][512 - k];
+    re += w_re * x_re - w_im * x_im;
+    im += w_im * x_re + w_re * x_im;
+  }
+}
+
 #if defined(VORN_SIMD4)
 void FixedBFSimd(float f[3][512], float* out, int fbf_type, int angle);
 

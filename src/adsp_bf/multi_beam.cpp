@@ -42,15 +42,8 @@ void EdgeBins(float f[3][512], const float* w, float* y, MbfCarry& carry) {
 }
 
 void BinAt(float f[3][512], const float* w, float* y, MbfCarry& carry, int k) {
-  const float* wk = w + 6 * k;
-  float acc_re = 0.0f;
-  float acc_im = 0.0f;
-  for (int m = 0; m < kBfChannels; ++m) {
-    const float w_re = wk[2 * m], w_im = wk[2 * m + 1];
-    const float x_re = f[m][k], x_im = f[m][kBfFftLen - k];
-    acc_re += w_re * x_re - w_im * x_im;
-    acc_im += w_im * x_re + w_re * x_im;
-  }
+  float acc_re, acc_im;
+  WeightedBin(f, w + 6 * k, k, acc_re, acc_im);
   y[k] = acc_re;
   y[kBfFftLen - k] = acc_im;
   carry.re = acc_re;
