@@ -81,6 +81,8 @@ void KeepSettledFilter(AecEnhanced* st, const AecCore* core, int far_active) {
   const bool cancelling = far_active && st->near_hold == 0 && st->residual.linear_erle > kSettledErleDb &&
                           st->residual.echo_only_erle > kSettledErleDb;
   if (!cancelling || (st->settled != 0 && st->settled_age < kSettledEveryBlocks)) return;
+  // While a jump is probed the kept response is the probe's yardstick.
+  if (st->settled != 0 && st->probe.blocks_left > 0) return;
   for (int plane = 0; plane < 2; ++plane)
     std::memcpy(st->settled_filter[plane], core->wfBuf_main[plane], sizeof(float) * n * kAecBins);
   st->settled = 1;
@@ -166,14 +168,27 @@ int32_t AecEnhancedProcess(void* aec_instance, AecEnhanced* st, const float* nea
   } else {
     // The echo arrives `late` samples after the filters place it: the far
     // end moves by the whole blocks nearest, the filters by what is left.
-    const int late = AecLagProbeUpdate(&st->probe, core, st->lead.lag_blocks, AecLeadMaxLag(core),
+    // The probe judges by the response kept from before the jump where
+    // there is one: the filters in use adapt to the placement in force.
+    const bool kept = st->settled != 0 && core->num_partitions <= kNormalNumPartitions;
+    const float* const response[2] = {kept ? st->settled_filter[0] : core->wfBuf_main[0],
+                                      kept ? st->settled_filter[1] : core->wfBuf_main[1]};
+    const int late = AecLagProbeUpdate(&st->probe, core, response, st->lead.lag_blocks, AecLeadMaxLag(core),
                                        report->far_active && !report->near_by_level);
     if (late != 0) {
       const int blocks = std::clamp(static_cast<int>(std::lround(static_cast<float>(late) / kAecBlockLen)),
                                     -st->lead.lag_blocks, AecLeadMaxLag(core) - st->lead.lag_blocks);
       st->lead.lag_blocks += blocks;
-      AecShiftFilterSamples(core, late - blocks * kAecBlockLen);
-      st->settled = 0;
+      if (kept) {
+        // Both filters start again from the kept response, moved: what they
+        // learnt meanwhile was learnt at the wrong placement.
+        AecShiftResponseSamples(st->settled_filter[0], st->settled_filter[1], core->num_partitions,
+                                late - blocks * kAecBlockLen);
+        RestoreSettledFilter(st, core);
+      } else {
+        AecShiftFilterSamples(core, late - blocks * kAecBlockLen);
+        st->settled = 0;
+      }
     }
   }
   // Filters moved against the far end: what was kept no longer fits the lag.

@@ -8,7 +8,7 @@
 //     reference runs ahead of the microphones (0 to 280 ms) and places the
 //     filters' 48 ms window on the echo, following jumps, and a lag probe
 //     (aec_lag_probe_enhanced.cpp) that sets a jump's new placement to the
-//     sample from the filters' own prediction;
+//     sample from the prediction of the response kept from before it;
 //   - a residual echo suppressor (aec_residual_enhanced.cpp) that estimates
 //     the echo left after the filters from the filters' own echo estimate,
 //     tells the near talker from echo, removes the residue and fills what it
@@ -110,20 +110,19 @@ struct AecEnhancedBlock {
 // ---- lag probe ----------------------------------------------------------------
 
 constexpr int kLagProbeBlockReach = 4;  // whole blocks either side of the far end's placement
-constexpr int kLagProbeBlockLags = 2 * kLagProbeBlockReach + 1;
-constexpr int kLagProbeReach = 64;      // then samples either side
-constexpr int kLagProbeLags = 2 * kLagProbeReach + 1;
+constexpr int kLagProbeReach = kLagProbeBlockReach * kAecBlockLen;  // the same in samples
+constexpr int kLagProbeShifts = 2 * kLagProbeReach + 1;
 
 // After a jump the envelope correlation knows the new lead only to a few
-// blocks, and a jump need not be a whole number of blocks; the filters,
-// which still hold the room, tell the exact one.
+// blocks, and a jump need not be a whole number of blocks; the response
+// kept from before the jump, which still holds the room, tells the exact
+// one.
 struct AecLagProbe {
-  int blocks_left;    // of the probing window opened by a jump; 0: not probing
-  int blocks;         // echo-alone blocks summed into block_error and corr
-  float block_error[kLagProbeBlockLags];  // the main filter's error with the far end index - reach blocks later
-  float near[kLagProbeReach + kAecBlockLen];      // the microphone's last samples (differenced)
-  float echo[2 * kLagProbeReach + kAecBlockLen];  // the main filter's echo estimate's (differenced)
-  float corr[kLagProbeLags];  // microphone against the estimate moved by index - kLagProbeReach samples
+  int blocks_left;  // of the probing window opened by a jump; 0: not probing
+  int blocks;       // echo-alone blocks summed into error
+  // The kept response's error (differenced) with the echo taken
+  // kLagProbeReach - index samples later than placed.
+  float error[kLagProbeShifts];
 };
 
 struct AecEnhanced {
@@ -177,13 +176,17 @@ void AecResidualProcess(AecResidualState* res, const AecCore* core, int echo_par
 
 // Opens a probing window after a jump of the lead.
 void AecLagProbeStart(AecLagProbe* probe);
-// Adds the block the core has just filtered (its near and error blocks, the
-// far history read `lag` blocks behind the newest) to the probe; returns how
-// many samples later the echo arrives than the filters place it, once that
-// is clear, else 0.
-int AecLagProbeUpdate(AecLagProbe* probe, const AecCore* core, int lag, int max_lag, int echo_alone);
+// Adds the block the core has just taken in (its near block, the far
+// history read `lag` blocks behind the newest) to the probe, judged by the
+// echo `response` (two planes of the core's partitions) predicts; returns
+// how many samples later the echo arrives than the response places it, once
+// that is clear, else 0.
+int AecLagProbeUpdate(AecLagProbe* probe, const AecCore* core, const float* const response[2], int lag, int max_lag,
+                      int echo_alone);
 // Moves both filters' responses `samples` later (negative: earlier).
 void AecShiftFilterSamples(AecCore* core, int samples);
+// The same for one response of `partitions` partitions, given by its planes.
+void AecShiftResponseSamples(float* re, float* im, int partitions, int samples);
 
 void AecEnhancedInit(AecEnhanced* st);
 // One block: 64 far-end and 64 near-end samples in, 64 output samples out

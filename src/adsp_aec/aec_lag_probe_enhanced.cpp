@@ -1,22 +1,33 @@
-// Lag probe: the exact lead after a jump, from the filters themselves.
+// Lag probe: the exact lead after a jump, from the response the filters
+// kept.
 //
 // The lead tracker correlates log envelopes, which places a jump to within
 // a block or two, and a link that drops samples moves the lead by any
 // number of them, not whole blocks. A learned response a quarter block off
 // the echo cancels nothing above a few hundred hertz, and NLMS takes
-// seconds to slide its taps over. But the filters, put back as they last
-// cancelled, still hold the room: the echo they predict from the far end
-// as now placed is the real echo moved by the placement's error. For a
-// short window after a jump, on blocks of echo alone, the main filter
-// predicts the echo from the far end read up to four blocks either side of
-// the lag in force, and the microphone is correlated with the prediction at
-// the lag in force moved by up to 64 samples either way (both differenced,
-// so that the correlation peaks sharply instead of spreading with their low
-// frequencies). Every 100 ms of echo a verdict: a whole-block lag that
-// leaves a quarter of the error or less is taken first; else a sample shift
-// whose correlation doubles that of the placement in force, taken as whole
-// blocks for the far end and the samples left over for the filters'
-// responses. Outside that window nothing is computed.
+// seconds to slide its taps over. But the response kept from before the
+// jump still holds the room: the echo it predicts from the far end as now
+// placed is the real echo moved by the placement's error. The filters in
+// use are no judge of that: within a few blocks NLMS bends them towards
+// whatever placement is in force, so every other one looks worse than it
+// is. And the search must reach every offset the tracker may have missed by
+// in one piece: searched as whole blocks and then samples around the
+// placement in force, a steady voice's pitch period offers a false match
+// within the narrower reach, and the next search starts from that.
+//
+// So for a short window after a jump, on blocks of echo alone, the kept
+// response predicts the current block from the far end read 4 blocks
+// either side of the lag in force. The prediction read k blocks later is
+// the one at the lag in force k blocks earlier, so the nine laid end to end
+// are 576 samples of the echo as placed, and the microphone block is
+// compared with every 64 of them: the error for each shift of the echo by
+// -256 to +256 samples, both differenced so that a shift's error is not
+// hidden by the low frequencies they share. Every 100 ms of echo a verdict:
+// the shift that leaves half the error at the placement in force or less
+// (the room's reverberation past the response's 48 ms, which no shift
+// predicts, is in both), taken as whole blocks for the far end and the
+// samples left over for the responses. Outside that window nothing is
+// computed.
 #include <algorithm>
 #include <cstring>
 
@@ -28,24 +39,22 @@ namespace {
 
 constexpr int kProbeWindowBlocks = 250;  // 1 s after a jump
 constexpr int kProbeDecideBlocks = 25;   // 100 ms of echo alone per verdict
-constexpr float kProbeWinRatio = 2.0f;   // correlation peak over the placement in force
-constexpr float kProbeBlockWinRatio = 0.25f;  // error at the best whole-block lag over the lag in force's
-constexpr int kNearLen = kLagProbeReach + kAecBlockLen;
-constexpr int kEchoLen = 2 * kLagProbeReach + kAecBlockLen;
-constexpr int kFillBlocks = kEchoLen / kAecBlockLen;  // blocks before the histories are full
+constexpr float kProbeWinRatio = 0.5f;  // error at the best shift over the placement in force's
+constexpr int kPredictedBlocks = 2 * kLagProbeBlockReach + 1;
+constexpr int kPredictedLen = kPredictedBlocks * kAecBlockLen;
 
 // Shifts one filter (both planes, `n` partitions) by `samples`: each
 // partition's 64 taps (the filters keep the second half of every 128-point
 // response zero) are laid end to end, moved, and transformed back.
-void ShiftFilter(float (*filter)[kFilterPlaneLen], int n, int samples) {
+void ShiftFilter(float* re, float* im, int n, int samples) {
   constexpr int kTaps = kMaxPartitions * kAecBlockLen;
   float taps[kTaps] = {};
   alignas(16) float fft[kAecBlockLen2];
   const float scale = 2.0f / kAecBlockLen2;
   float spectrum[2][kAecBins];
   for (int p = 0; p < n; ++p) {
-    std::memcpy(spectrum[0], &filter[0][p * kAecBins], sizeof(float) * kAecBins);
-    std::memcpy(spectrum[1], &filter[1][p * kAecBins], sizeof(float) * kAecBins);
+    std::memcpy(spectrum[0], &re[p * kAecBins], sizeof(float) * kAecBins);
+    std::memcpy(spectrum[1], &im[p * kAecBins], sizeof(float) * kAecBins);
     aec_rdft_pack_128(spectrum, fft);
     aec_rdft_inverse_128(fft);
     for (int i = 0; i < kAecBlockLen; ++i) taps[p * kAecBlockLen + i] = fft[i] * scale;
@@ -60,8 +69,8 @@ void ShiftFilter(float (*filter)[kFilterPlaneLen], int n, int samples) {
     std::memcpy(fft, &moved[p * kAecBlockLen], sizeof(float) * kAecBlockLen);
     aec_rdft_forward_128(fft);
     aec_rdft_unpack_128(fft, spectrum);
-    std::memcpy(&filter[0][p * kAecBins], spectrum[0], sizeof(float) * kAecBins);
-    std::memcpy(&filter[1][p * kAecBins], spectrum[1], sizeof(float) * kAecBins);
+    std::memcpy(&re[p * kAecBins], spectrum[0], sizeof(float) * kAecBins);
+    std::memcpy(&im[p * kAecBins], spectrum[1], sizeof(float) * kAecBins);
   }
 }
 
@@ -69,17 +78,18 @@ using Spectrum = float[2][kAecBins];
 
 int Wrapped(int index, int count) { return ((index % count) + count) % count; }
 
-// Error energy of the main filter over the current near block with the far
-// history read `lag` blocks behind the newest far spectrum.
-float ErrorAtLag(const AecCore* core, int lag) {
+// The echo `response` (both planes, partition-major) predicts for the
+// current block with the far history read `lag` blocks behind the newest
+// far spectrum: 64 samples into `echo`.
+void PredictAtLag(const AecCore* core, const float* const response[2], int lag, float* echo) {
   const int count = static_cast<int>(core->far_buf.element_count);
   const int newest = static_cast<int>(core->far_buf.write_pos) - 1;
   const auto* ring = reinterpret_cast<const Spectrum*>(Adsp_BufferData(&core->far_buf));
   float yf[2][kAecBins] = {};
   for (int p = 0; p < core->num_partitions; ++p) {
     const Spectrum& x = ring[Wrapped(newest - lag - p, count)];
-    const float* w_re = &core->wfBuf_main[0][p * kAecBins];
-    const float* w_im = &core->wfBuf_main[1][p * kAecBins];
+    const float* w_re = &response[0][p * kAecBins];
+    const float* w_im = &response[1][p * kAecBins];
     for (int k = 0; k < kAecBins; ++k) {
       yf[0][k] += x[0][k] * w_re[k] - x[1][k] * w_im[k];
       yf[1][k] += x[0][k] * w_im[k] + x[1][k] * w_re[k];
@@ -89,19 +99,18 @@ float ErrorAtLag(const AecCore* core, int lag) {
   aec_rdft_pack_128(yf, fft);
   aec_rdft_inverse_128(fft);
   const float scale = 2.0f / kAecBlockLen2;
-  float energy = 0.0f;
-  for (int i = 0; i < kAecBlockLen; ++i) {
-    const float e = core->dBuf[kAecBlockLen + i] - fft[kAecBlockLen + i] * scale;
-    energy += e * e;
-  }
-  return energy;
+  for (int i = 0; i < kAecBlockLen; ++i) echo[i] = fft[kAecBlockLen + i] * scale;
 }
 
 }  // namespace
 
 void AecShiftFilterSamples(AecCore* core, int samples) {
-  ShiftFilter(core->wfBuf, core->num_partitions, samples);
-  ShiftFilter(core->wfBuf_main, core->num_partitions, samples);
+  ShiftFilter(core->wfBuf[0], core->wfBuf[1], core->num_partitions, samples);
+  ShiftFilter(core->wfBuf_main[0], core->wfBuf_main[1], core->num_partitions, samples);
+}
+
+void AecShiftResponseSamples(float* re, float* im, int partitions, int samples) {
+  ShiftFilter(re, im, partitions, samples);
 }
 
 void AecLagProbeStart(AecLagProbe* probe) {
@@ -109,48 +118,43 @@ void AecLagProbeStart(AecLagProbe* probe) {
   probe->blocks_left = kProbeWindowBlocks;
 }
 
-int AecLagProbeUpdate(AecLagProbe* probe, const AecCore* core, int lag, int max_lag, int echo_alone) {
+int AecLagProbeUpdate(AecLagProbe* probe, const AecCore* core, const float* const response[2], int lag, int max_lag,
+                      int echo_alone) {
   if (probe->blocks_left <= 0) return 0;
   probe->blocks_left -= 1;
-  std::memmove(probe->near, probe->near + kAecBlockLen, sizeof(float) * (kNearLen - kAecBlockLen));
-  std::memmove(probe->echo, probe->echo + kAecBlockLen, sizeof(float) * (kEchoLen - kAecBlockLen));
+  if (!echo_alone) return 0;
+  // Block b holds the echo as placed, 4 - b blocks before the current one.
+  const int first = std::max(-kLagProbeBlockReach, -lag);
+  const int last = std::min(kLagProbeBlockReach, max_lag - lag);
+  if (first > last) return 0;
+  float placed[kPredictedLen] = {};
+  for (int k = first; k <= last; ++k)
+    PredictAtLag(core, response, lag + k, &placed[(kLagProbeBlockReach - k) * kAecBlockLen]);
+  for (int m = kPredictedLen - 1; m > 0; --m) placed[m] -= placed[m - 1];
+  float near[kAecBlockLen];
+  for (int i = 0; i < kAecBlockLen; ++i) near[i] = core->dBuf[kAecBlockLen + i] - core->dBuf[kAecBlockLen + i - 1];
+  // The echo `shift` samples later than placed: the microphone's sample i
+  // matches placed[i + kLagProbeReach - shift], so error[kLagProbeReach -
+  // shift] sums what that leaves (the loop over shifts is the inner one, a
+  // plain vector loop).
+  const int from = kLagProbeReach - last * kAecBlockLen;
+  const int to = kLagProbeReach - first * kAecBlockLen;
   for (int i = 0; i < kAecBlockLen; ++i) {
-    const int at = kAecBlockLen + i;
-    probe->near[kNearLen - kAecBlockLen + i] = core->dBuf[at] - core->dBuf[at - 1];
-    probe->echo[kEchoLen - kAecBlockLen + i] =
-        (core->dBuf[at] - core->eBuf[at]) - (core->dBuf[at - 1] - core->eBuf[at - 1]);
-  }
-  if (!echo_alone || probe->blocks_left > kProbeWindowBlocks - kFillBlocks) return 0;
-  // The microphone's block kLagProbeReach samples back (the first 64 of its
-  // history) against the estimate moved by every shift.
-  for (int j = 0; j < kLagProbeLags; ++j) {
-    const float* echo = probe->echo + 2 * kLagProbeReach - j;
-    float sum = 0.0f;
-    for (int i = 0; i < kAecBlockLen; ++i) sum += probe->near[i] * echo[i];
-    probe->corr[j] += sum;
-  }
-  for (int o = 0; o < kLagProbeBlockLags; ++o) {
-    const int candidate = lag + o - kLagProbeBlockReach;
-    if (candidate >= 0 && candidate <= max_lag) probe->block_error[o] += ErrorAtLag(core, candidate);
+    const float n = near[i];
+    const float* echo = &placed[i];
+    for (int j = from; j <= to; ++j) {
+      const float e = n - echo[j];
+      probe->error[j] += e * e;
+    }
   }
   if (++probe->blocks < kProbeDecideBlocks) return 0;
-  int best_block = kLagProbeBlockReach;
-  for (int o = 0; o < kLagProbeBlockLags; ++o) {
-    const int candidate = lag + o - kLagProbeBlockReach;
-    if (candidate >= 0 && candidate <= max_lag && probe->block_error[o] < probe->block_error[best_block])
-      best_block = o;
-  }
-  const bool block_clear =
-      probe->block_error[best_block] < kProbeBlockWinRatio * probe->block_error[kLagProbeBlockReach];
   int best = kLagProbeReach;
-  for (int j = 0; j < kLagProbeLags; ++j)
-    if (probe->corr[j] > probe->corr[best]) best = j;
-  const bool clear = probe->corr[best] > kProbeWinRatio * std::max(probe->corr[kLagProbeReach], 0.0f);
+  for (int j = from; j <= to; ++j)
+    if (probe->error[j] < probe->error[best]) best = j;
+  const bool clear = probe->error[best] < kProbeWinRatio * probe->error[kLagProbeReach];
   probe->blocks = 0;
-  std::memset(probe->corr, 0, sizeof(probe->corr));
-  std::memset(probe->block_error, 0, sizeof(probe->block_error));
-  if (block_clear) return (best_block - kLagProbeBlockReach) * kAecBlockLen;
-  return clear ? best - kLagProbeReach : 0;
+  std::memset(probe->error, 0, sizeof(probe->error));
+  return clear ? kLagProbeReach - best : 0;
 }
 
 }  // namespace vorn
