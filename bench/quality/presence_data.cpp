@@ -251,6 +251,52 @@ Capture PlainScene(std::uint32_t seed) {
   return c;
 }
 
+// A fingerprint of everything a scene is rendered from, so that a cached
+// render is only read back for the recipe it was made from: keyed by the
+// seed alone, a changed recipe silently trained on the old scenes.
+class RecipeKey {
+ public:
+  void Add(double v) { Bytes(&v, sizeof v); }
+  void Add(const std::vector<float>& v) {
+    Add(static_cast<double>(v.size()));
+    Bytes(v.data(), v.size() * sizeof(float));
+  }
+  void Add(const std::vector<std::uint8_t>& v) {
+    Add(static_cast<double>(v.size()));
+    Bytes(v.data(), v.size());
+  }
+  std::string Hex() const {
+    char text[17];
+    std::snprintf(text, sizeof text, "%016llx", static_cast<unsigned long long>(hash_));
+    return text;
+  }
+
+ private:
+  void Bytes(const void* data, std::size_t n) {  // 64-bit FNV-1a
+    const auto* b = static_cast<const unsigned char*>(data);
+    for (std::size_t i = 0; i < n; ++i) hash_ = (hash_ ^ b[i]) * 0x100000001b3ULL;
+  }
+  std::uint64_t hash_ = 0xcbf29ce484222325ULL;
+};
+
+std::string SceneKey(const Scene& s, const std::vector<std::uint8_t>& talker_active, double step_db) {
+  RecipeKey k;
+  for (double v : {s.room.size.x, s.room.size.y, s.room.size.z, s.room.rt60_s, s.array_centre.x, s.array_centre.y,
+                   s.array_centre.z, s.duration_s, static_cast<double>(s.seed), s.azimuth_deg, s.elevation_deg,
+                   s.distance_m, s.talker_level_dbfs, s.talker_begin_s, s.talker_end_s, s.loudspeaker_offset.x,
+                   s.loudspeaker_offset.y, s.loudspeaker_offset.z, s.far_begin_s, s.far_end_s, s.far_level_dbfs,
+                   s.echo_level_dbfs, s.clip_fraction, s.echo_delay_ms, step_db})
+    k.Add(v);
+  for (const auto& n : s.noises)
+    for (double v : {static_cast<double>(n.kind), static_cast<double>(n.colour), n.snr_db, n.azimuth_deg,
+                     n.elevation_deg, n.distance_m, static_cast<double>(n.talkers)})
+      k.Add(v);
+  k.Add(s.talker);
+  k.Add(s.far_end);
+  k.Add(talker_active);
+  return k.Hex();
+}
+
 // Microphone 0 and the frame labels of a training scene, rendered or read back.
 bool Load(std::uint32_t seed, Capture* c) {
   if (seed >= kFirstPlainSeed) {
@@ -264,7 +310,9 @@ bool Load(std::uint32_t seed, Capture* c) {
   c->far_begin_s = scene.far_begin_s;
   c->far_end_s = scene.far_end_s;
   const char* cache = std::getenv("VORN_FIT_CACHE");
-  const std::string path = cache ? std::string(cache) + "/fit_" + std::to_string(seed) + ".bin" : "";
+  const std::string path =
+      cache ? std::string(cache) + "/fit_" + std::to_string(seed) + "_" + SceneKey(scene, talker_active, step_db) + ".bin"
+            : "";
   if (!path.empty() && std::filesystem::exists(path)) {
     std::ifstream in(path, std::ios::binary);
     Get(in, c->mics);
