@@ -43,37 +43,6 @@ constexpr float kProbeWinRatio = 0.5f;  // error at the best shift over the plac
 constexpr int kPredictedBlocks = 2 * kLagProbeBlockReach + 1;
 constexpr int kPredictedLen = kPredictedBlocks * kAecBlockLen;
 
-// Shifts one filter (both planes, `n` partitions) by `samples`: each
-// partition's 64 taps (the filters keep the second half of every 128-point
-// response zero) are laid end to end, moved, and transformed back.
-void ShiftFilter(float* re, float* im, int n, int samples) {
-  constexpr int kTaps = kMaxPartitions * kAecBlockLen;
-  float taps[kTaps] = {};
-  alignas(16) float fft[kAecBlockLen2];
-  const float scale = 2.0f / kAecBlockLen2;
-  float spectrum[2][kAecBins];
-  for (int p = 0; p < n; ++p) {
-    std::memcpy(spectrum[0], &re[p * kAecBins], sizeof(float) * kAecBins);
-    std::memcpy(spectrum[1], &im[p * kAecBins], sizeof(float) * kAecBins);
-    aec_rdft_pack_128(spectrum, fft);
-    aec_rdft_inverse_128(fft);
-    for (int i = 0; i < kAecBlockLen; ++i) taps[p * kAecBlockLen + i] = fft[i] * scale;
-  }
-  float moved[kTaps] = {};
-  for (int i = 0; i < n * kAecBlockLen; ++i) {
-    const int from = i - samples;
-    if (from >= 0 && from < n * kAecBlockLen) moved[i] = taps[from];
-  }
-  for (int p = 0; p < n; ++p) {
-    std::memset(fft, 0, sizeof(fft));
-    std::memcpy(fft, &moved[p * kAecBlockLen], sizeof(float) * kAecBlockLen);
-    aec_rdft_forward_128(fft);
-    aec_rdft_unpack_128(fft, spectrum);
-    std::memcpy(&re[p * kAecBins], spectrum[0], sizeof(float) * kAecBins);
-    std::memcpy(&im[p * kAecBins], spectrum[1], sizeof(float) * kAecBins);
-  }
-}
-
 using Spectrum = float[2][kAecBins];
 
 int Wrapped(int index, int count) { return ((index % count) + count) % count; }
@@ -104,13 +73,40 @@ void PredictAtLag(const AecCore* core, const float* const response[2], int lag, 
 
 }  // namespace
 
-void AecShiftFilterSamples(AecCore* core, int samples) {
-  ShiftFilter(core->wfBuf[0], core->wfBuf[1], core->num_partitions, samples);
-  ShiftFilter(core->wfBuf_main[0], core->wfBuf_main[1], core->num_partitions, samples);
+// Shifts one filter (both planes, `n` partitions) by `samples`: each
+// partition's 64 taps (the filters keep the second half of every 128-point
+// response zero) are laid end to end, moved, and transformed back.
+void AecShiftResponseSamples(float* re, float* im, int n, int samples) {
+  constexpr int kTaps = kMaxPartitions * kAecBlockLen;
+  float taps[kTaps] = {};
+  alignas(16) float fft[kAecBlockLen2];
+  const float scale = 2.0f / kAecBlockLen2;
+  float spectrum[2][kAecBins];
+  for (int p = 0; p < n; ++p) {
+    std::memcpy(spectrum[0], &re[p * kAecBins], sizeof(float) * kAecBins);
+    std::memcpy(spectrum[1], &im[p * kAecBins], sizeof(float) * kAecBins);
+    aec_rdft_pack_128(spectrum, fft);
+    aec_rdft_inverse_128(fft);
+    for (int i = 0; i < kAecBlockLen; ++i) taps[p * kAecBlockLen + i] = fft[i] * scale;
+  }
+  float moved[kTaps] = {};
+  for (int i = 0; i < n * kAecBlockLen; ++i) {
+    const int from = i - samples;
+    if (from >= 0 && from < n * kAecBlockLen) moved[i] = taps[from];
+  }
+  for (int p = 0; p < n; ++p) {
+    std::memset(fft, 0, sizeof(fft));
+    std::memcpy(fft, &moved[p * kAecBlockLen], sizeof(float) * kAecBlockLen);
+    aec_rdft_forward_128(fft);
+    aec_rdft_unpack_128(fft, spectrum);
+    std::memcpy(&re[p * kAecBins], spectrum[0], sizeof(float) * kAecBins);
+    std::memcpy(&im[p * kAecBins], spectrum[1], sizeof(float) * kAecBins);
+  }
 }
 
-void AecShiftResponseSamples(float* re, float* im, int partitions, int samples) {
-  ShiftFilter(re, im, partitions, samples);
+void AecShiftFilterSamples(AecCore* core, int samples) {
+  AecShiftResponseSamples(core->wfBuf[0], core->wfBuf[1], core->num_partitions, samples);
+  AecShiftResponseSamples(core->wfBuf_main[0], core->wfBuf_main[1], core->num_partitions, samples);
 }
 
 void AecLagProbeStart(AecLagProbe* probe) {
