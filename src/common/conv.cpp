@@ -104,12 +104,71 @@ void ConvRangeSimd(const float *a, int alen, const float *b, int blen, int first
 #endif
 
 #if defined(VORN_AVX2)
-// The same with eight outputs per vector, 32 per pass.
+namespace {
+
+// The signal between zeros, so the edge outputs run in vectors too: a term
+// past an edge becomes k[j] * 0, a zero, and a sum that starts at +0 is not
+// changed by adding a zero (it never becomes -0 in round-to-nearest), so each
+// output keeps the plain loop's bits. That needs finite taps (Inf * 0 is NaN).
+constexpr int kPaddedSignalMax = 512;
+constexpr int kPaddedKernelMax = 64;
+
+bool FitsPadded(const ConvShape &c) {
+  if (c.signal_len > kPaddedSignalMax || c.kernel_len > kPaddedKernelMax) return false;
+  for (int j = 0; j < c.kernel_len; ++j)
+    if (!(c.kernel[j] - c.kernel[j] == 0.0f)) return false;
+  return true;
+}
+
+// Eight outputs from `padded`, whose element o holds the first term's signal value of output o.
+VORN_TARGET_AVX2 __m256 ConvEight(const ConvShape &c, const float *padded, int o) {
+  __m256 acc = _mm256_setzero_ps();
+  for (int j = 0; j < c.kernel_len; ++j)
+    acc = _mm256_add_ps(acc, _mm256_mul_ps(_mm256_set1_ps(c.kernel[j]), _mm256_loadu_ps(padded + o + j)));
+  return acc;
+}
+
+VORN_TARGET_AVX2 void ConvPaddedAvx2(const ConvShape &c, int first, int past, float *out) {
+  alignas(32) float padded[kPaddedKernelMax + kPaddedSignalMax + kPaddedKernelMax];
+  const int tail = c.kernel_len - c.lead;  // the last output's terms run this far past the signal
+  for (int i = 0; i < c.lead; ++i) padded[i] = 0.0f;
+  for (int i = 0; i < c.signal_len; ++i) padded[c.lead + i] = c.signal[i];
+  for (int i = 0; i < tail; ++i) padded[c.lead + c.signal_len + i] = 0.0f;
+  int o = first;
+  for (; o + 32 <= past; o += 32) {
+    __m256 acc0 = _mm256_setzero_ps(), acc1 = _mm256_setzero_ps(), acc2 = _mm256_setzero_ps(),
+           acc3 = _mm256_setzero_ps();
+    const float *window = padded + o;
+    for (int j = 0; j < c.kernel_len; ++j) {
+      const __m256 tap = _mm256_set1_ps(c.kernel[j]);
+      acc0 = _mm256_add_ps(acc0, _mm256_mul_ps(tap, _mm256_loadu_ps(window + j)));
+      acc1 = _mm256_add_ps(acc1, _mm256_mul_ps(tap, _mm256_loadu_ps(window + j + 8)));
+      acc2 = _mm256_add_ps(acc2, _mm256_mul_ps(tap, _mm256_loadu_ps(window + j + 16)));
+      acc3 = _mm256_add_ps(acc3, _mm256_mul_ps(tap, _mm256_loadu_ps(window + j + 24)));
+    }
+    _mm256_storeu_ps(out + o, acc0);
+    _mm256_storeu_ps(out + o + 8, acc1);
+    _mm256_storeu_ps(out + o + 16, acc2);
+    _mm256_storeu_ps(out + o + 24, acc3);
+  }
+  for (; o + 8 <= past; o += 8) _mm256_storeu_ps(out + o, ConvEight(c, padded, o));
+  // The last few outputs: the eight ending at `past` (recomputing some, to the same bits).
+  if (o < past) _mm256_storeu_ps(out + past - 8, ConvEight(c, padded, past - 8));
+}
+
+}  // namespace
+
+// The same with eight outputs per vector, 32 per pass; the edges too where the
+// signal fits the padded copy.
 VORN_TARGET_AVX2 void ConvRangeAvx2(const float *a, int alen, const float *b, int blen, int first, int past,
                                     float *out) {
   if (alen <= 0 || blen <= 0) return;
   const ConvShape c = ShapeOf(a, alen, b, blen);
   if (!ClipRange(c, &first, &past)) return;
+  if (past - first >= 8 && FitsPadded(c)) {
+    ConvPaddedAvx2(c, first, past, out);
+    return;
+  }
   const int full_first = Max(c.lead, first);
   const int full_past = Min(c.signal_len - c.kernel_len + c.lead + 1, past);
   if (full_past - full_first < 8) {
