@@ -311,7 +311,8 @@ std::string Markdown(const Results& r) {
   line("## Reference lead (recognition chain)");
   line("");
   line("The reference runs ahead of its echo by the lead given (playback buffering); far end alone for 12 s. The "
-       "jump scene moves the lead from 40 to 117 ms at 7 s.");
+       "jump scenes move the lead from 40 ms to the figure in their name at 7 s (over the same far end): a large jump, "
+       "one of 4.5 blocks down and one of three quarters of a block up.");
   line("");
   FigureTable(md, r, lead_scenes, Chain::kRecognition, "ERLE from 5 s on, dB", erle_converged, false);
   FigureTable(md, r, lead_scenes, Chain::kRecognition, "ERLE whole, dB", erle_whole, false);
@@ -391,17 +392,20 @@ std::string Markdown(const Results& r) {
   const double f1 = PooledVad(r, talker_scenes, Chain::kWakeUp, kEnhanced).f1;
   const double alone = AloneFlaggedShare(r, all, Chain::kWakeUp, kEnhanced);
   double worst_lead = INFINITY;
-  // The jump scene counts with its first lead, up to the jump; what follows
-  // the jump is the next criterion's.
+  // The jump scenes count with their first lead, up to the jump; what
+  // follows a jump is the next criteria's.
   for (const EchoScene* s : Of(r, {EchoKind::kLead, EchoKind::kJump}))
     if (const EchoScore* score = Find(r, s->name, Chain::kRecognition, kEnhanced))
       worst_lead = std::min(worst_lead,
                             s->kind == EchoKind::kJump ? score->erle_before_change : score->erle_converged);
+  // Every jump counts: the worst figure of them (a re-lock never found
+  // counts as the worst).
   double after_jump = NAN, relock = NAN;
   for (const EchoScene* s : Of(r, {EchoKind::kJump}))
     if (const EchoScore* score = Find(r, s->name, Chain::kRecognition, kEnhanced)) {
-      after_jump = score->erle_after_change;
-      relock = score->relock_s;
+      after_jump = std::isnan(after_jump) ? score->erle_after_change : std::min(after_jump, score->erle_after_change);
+      const double seconds = std::isnan(score->relock_s) ? INFINITY : score->relock_s;
+      relock = std::isnan(relock) ? seconds : std::max(relock, seconds);
     }
   const double com = Mean(r, all, Chain::kCommunication, kEnhanced, erle_converged);
   line("| criterion | measured | verdict |");
@@ -414,12 +418,13 @@ std::string Markdown(const Results& r) {
        " dB converged, " + Fixed(level_whole) + " dB whole | " + Verdict(level >= 35.0) + " |");
   line("| echo scenes: VAD F1 >= 0.80 | " + Fixed(f1, 3) + " | " + Verdict(f1 >= 0.80) + " |");
   line("| echo alone: < 5 % of frames flagged | " + Fixed(alone) + " % | " + Verdict(alone < 5.0) + " |");
-  line("| every lead 0-250 ms (the jump scene up to its jump): ERLE >= 35 dB from 5 s on | lowest " + Fixed(worst_lead) +
-       " dB | " + Verdict(worst_lead >= 35.0) + " |");
-  line("| after a jump of the lead: ERLE >= 25 dB within 1 s (1-3 s after it) | " + Fixed(after_jump) + " dB | " +
-       Verdict(after_jump >= 25.0) + " |");
-  line("| after a jump of the lead: re-locked within 1 s (ERLE back within 3 dB) | " + Fixed(relock, 2) + " s | " +
-       Verdict(relock <= 1.0) + " |");
+  line("| every lead 0-250 ms (the jump scenes up to their jump): ERLE >= 35 dB from 5 s on | lowest " +
+       Fixed(worst_lead) + " dB | " + Verdict(worst_lead >= 35.0) + " |");
+  line("| after every jump of the lead: ERLE >= 25 dB within 1 s (1-3 s after it; the worst jump) | " +
+       Fixed(after_jump) + " dB | " + Verdict(after_jump >= 25.0) + " |");
+  const std::string relock_text = std::isinf(relock) ? std::string("never") : Fixed(relock, 2) + " s";
+  line("| after every jump of the lead: re-locked within 1 s (ERLE back within 3 dB; the slowest) | " + relock_text +
+       " | " + Verdict(relock <= 1.0) + " |");
   line("| communication chain (`ns_flag` 2): ERLE >= 40 dB converged | " + Fixed(com) + " dB | " +
        Verdict(com >= 40.0) + " |");
   line("");

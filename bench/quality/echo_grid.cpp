@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstddef>
 #include <cstdio>
 #include <numbers>
 #include <random>
@@ -52,10 +53,17 @@ Scene Base(std::uint32_t seed, double duration_s, double far_end_s, double talke
 }
 
 // The reference from `at` on moved `shift` samples earlier (a link that
-// drops samples: the reference then leads its echo by `shift` more).
-void JumpLead(std::vector<std::int16_t>& reference, std::size_t at, std::size_t shift) {
-  for (std::size_t i = at; i < reference.size(); ++i)
-    reference[i] = i + shift < reference.size() ? reference[i + shift] : 0;
+// drops samples: the reference then leads its echo by `shift` more), or
+// later for a negative shift (a link that pads with silence: it leads by
+// less).
+void JumpLead(std::vector<std::int16_t>& reference, std::size_t at, std::ptrdiff_t shift) {
+  const auto size = static_cast<std::ptrdiff_t>(reference.size());
+  const auto begin = static_cast<std::ptrdiff_t>(at);
+  if (shift >= 0) {
+    for (std::ptrdiff_t i = begin; i < size; ++i) reference[i] = i + shift < size ? reference[i + shift] : 0;
+  } else {
+    for (std::ptrdiff_t i = size - 1; i >= begin; --i) reference[i] = i + shift >= begin ? reference[i + shift] : 0;
+  }
 }
 
 // Spans of the frames where `want_far` and `want_near` hold.
@@ -163,11 +171,14 @@ std::vector<EchoScene> EchoGrid() {
     s.converged_from_s = 5.0;
     grid.push_back(s);
   }
-  {
-    EchoScene s{"lead_jump_40_117ms", EchoKind::kJump, Base(seed++, 16.0, 14.0, 14.0)};
+  // A large jump, and small ones down and up that stay within or near the
+  // filters' window (a few blocks, and less than one), over the same far end.
+  const std::uint32_t jump_seed = seed++;
+  for (double to_ms : {117.0, 22.0, 43.0}) {
+    EchoScene s{Name("lead_jump_40_%.0fms", to_ms), EchoKind::kJump, Base(jump_seed, 16.0, 14.0, 14.0)};
     s.scene.echo_delay_ms = 40.0;
     s.change_s = 7.0;
-    s.jump_to_ms = 117.0;
+    s.jump_to_ms = to_ms;
     s.converged_from_s = 5.0;
     grid.push_back(s);
   }
@@ -207,7 +218,8 @@ bool RenderEchoScene(const EchoScene& echo, RenderedScene* out, std::string* err
     // reaches the change.
     const double extra_ms = echo.jump_to_ms - echo.scene.echo_delay_ms;
     const std::size_t lead = static_cast<std::size_t>(echo.scene.echo_delay_ms * kSampleRate / 1000.0);
-    JumpLead(out->reference, at > lead ? at - lead : 0, static_cast<std::size_t>(extra_ms * kSampleRate / 1000.0));
+    JumpLead(out->reference, at > lead ? at - lead : 0,
+             static_cast<std::ptrdiff_t>(std::lround(extra_ms * kSampleRate / 1000.0)));
   } else if (echo.kind == EchoKind::kPathChange) {
     // Someone stands next to the loudspeaker: the same scene with the
     // loudspeaker's surroundings moved, spliced in with a 10 ms cross-fade.

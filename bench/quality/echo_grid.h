@@ -1,5 +1,5 @@
 // The echo bench's scenes: double talk over a grid of signal-to-echo ratios,
-// reference leads from 0 to 250 ms and a jump of the lead, an echo path that
+// reference leads from 0 to 250 ms and jumps of the lead, an echo path that
 // changes, music as the far end, and a distorting loudspeaker. A scene the
 // simulator cannot express by itself (a jump, a path change) is rendered as
 // the simulator's scene and then edited the way the device would have

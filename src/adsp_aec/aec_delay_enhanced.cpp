@@ -20,7 +20,12 @@
 // has been found yet or the filters have stopped cancelling (a jump) while
 // the held lag's correlation fell 0.2 below the peak's and the microphone's
 // level shows no near talker: double talk also spoils cancellation and blurs
-// the correlation, but does not move the echo. An echo inside the window is
+// the correlation, but does not move the echo. A jump of a few blocks moves
+// the peak less than the correlation is wide, so the held lag keeps most of
+// it; for a peak within eight blocks of the held lag, 200 ms of lost
+// cancellation with the far end playing and no talker heard (after the
+// filters had cancelled at that lag) stands for that fall; the lag probe
+// then sets the new placement to the sample. An echo inside the window is
 // the filters' to follow. Once they have converged their strongest
 // partition shows where the echo really sits; when it stays off its place
 // (two partitions from the start, so that the rest of the 48 ms covers the
@@ -46,6 +51,8 @@ constexpr int kPeakSpreadBlocks = 3;
 constexpr int kConfirmBlocks = 50;         // 200 ms
 constexpr float kLostErleDb = 8.0f;        // below this the filters no longer match the echo
 constexpr float kJumpMargin = 0.2f;        // new peak over the held lag's correlation
+constexpr int kLostConfirmBlocks = 50;     // 200 ms of far end lost without a talker
+constexpr int kSlideBlocks = 2 * kLagProbeBlockReach;  // how far from the held lag a loss alone moves it
 constexpr float kConvergedErleDb = 15.0f;
 constexpr int kRecentreBlocks = 125;       // 0.5 s off place before moving
 
@@ -85,6 +92,7 @@ void AecLeadTrackerInit(AecLeadTracker* lead) {
   std::memset(lead, 0, sizeof(*lead));
   lead->candidate = -1;
   lead->settled_offset = -1;
+  lead->lost_blocks = -1;
 }
 
 void AecLeadTrackerUpdate(AecLeadTracker* lead, const float* far_power, const float* near_power, int far_active) {
@@ -177,7 +185,17 @@ AecLeadChange AecLeadTrackerDecide(AecLeadTracker* lead, AecCore* core, int stro
   // A jump must also show in the correlation: the lag the filters hold has
   // lost what the new one gained. Double talk blurs both alike.
   const int held = std::clamp(lead->lag_blocks + kLeadMarginBlocks, 0, kLeadHistoryBlocks - 1);
-  const bool moved = lead->locked == 0 || best > normalised[held] + kJumpMargin;
+  // A small jump moves the peak less than the envelopes' correlation is
+  // wide, so the held lag keeps much of it. For a peak near the held lag the
+  // filters' loss stands for its move instead: held for 200 ms of far end
+  // with no talker heard, after they had cancelled at the lag in force (not
+  // while they still learn the room). A talker under the echo spoils the
+  // cancellation as long, but leaves no clear peak a few blocks off.
+  if (linear_erle_db > kConvergedErleDb) lead->lost_blocks = 0;
+  if (lead->lost_blocks >= 0 && far_active && !near_talks)
+    lead->lost_blocks = linear_erle_db < kLostErleDb ? lead->lost_blocks + 1 : 0;
+  const bool slid = lead->lost_blocks >= kLostConfirmBlocks && std::abs(best_lag - held) <= kSlideBlocks;
+  const bool moved = lead->locked == 0 || best > normalised[held] + kJumpMargin || slid;
   const bool lost = lead->locked == 0 || (far_active && !near_talks && linear_erle_db < kLostErleDb && moved);
   if (clear && lost && outside) {
     // A jump moves the echo and its correlation peak alike: the far end
@@ -186,6 +204,7 @@ AecLeadChange AecLeadTrackerDecide(AecLeadTracker* lead, AecCore* core, int stro
     const int offset = lead->locked != 0 && lead->settled_offset >= 0 ? lead->settled_offset : kLeadMarginBlocks;
     lead->lag_blocks = std::clamp(best_lag - offset, 0, AecLeadMaxLag(core));
     lead->recentre_blocks = 0;
+    lead->lost_blocks = -1;
     // The first lead found moves the window over an echo that stayed where
     // it was: what the filters learned so far moves with it. After a jump
     // the echo itself has moved, and the filters' shape goes with it.

@@ -46,6 +46,8 @@ struct AecLeadTracker {
   float peak_corr;        // normalised correlation at the last peak
   int recentre_blocks;    // blocks the filter's peak has sat off its place
   int settled_offset;     // correlation peak minus lag while the filters cancelled; -1: none yet
+  int lost_blocks;        // far-end blocks without a near talker the filters have cancelled poorly in, in a
+                          // row; -1 until they have cancelled at the lag in force
 };
 
 // ---- residual echo suppressor ------------------------------------------------

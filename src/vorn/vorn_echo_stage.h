@@ -19,8 +19,8 @@ struct ReferenceCheck {
 };
 
 // The reference kept long enough to be delayed by any lead the canceller
-// follows (up to 71 blocks of 64 samples) plus a frame.
-constexpr int kReferenceRing = 8192;
+// follows (up to 71 blocks of 64 samples) plus a frame: twenty frames.
+constexpr int kReferenceRing = 5120;
 
 struct EchoStageState {
   AecEnhanced canceller;
