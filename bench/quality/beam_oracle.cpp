@@ -1,4 +1,4 @@
-// The offline MVDR beam of beam_oracle.h.
+// The offline filters of beam_oracle.h.
 //
 // The noise is the capture less a rendering of the talker alone (the same
 // scene with every noise source 300 dB down), so the two share every sample
@@ -9,6 +9,7 @@
 
 #include <cmath>
 #include <complex>
+#include <functional>
 #include <utility>
 #include <vector>
 
@@ -86,10 +87,13 @@ Matrix3 Inverse(const Matrix3& m) {
   return c;
 }
 
-}  // namespace
+// Per-bin weights from the noise and the talker's covariances.
+using Design = std::function<void(Matrix3 rn, const Matrix3& rs, Complex w[kMics])>;
 
-bool RunOracleBeam(const sim::Scene& scene, const sim::RenderedScene& rendered, double loading, SystemRun* run,
-                   std::string* error) {
+// Renders the talker alone, splits the capture into talker and noise, and
+// runs the weights `design` gives each bin over the capture.
+bool RunOracle(const sim::Scene& scene, const sim::RenderedScene& rendered, const Design& design, SystemRun* run,
+               std::string* error) {
   sim::Scene talker_only = scene;
   for (sim::NoiseSource& n : talker_only.noises) n.snr_db = 300.0;
   sim::RenderedScene talker;
@@ -109,24 +113,55 @@ bool RunOracleBeam(const sim::Scene& scene, const sim::RenderedScene& rendered, 
   }
   Spectra y(x[0].size(), std::vector<Complex>(kBins));
   for (int k = 0; k < kBins; ++k) {
-    Matrix3 rn = Covariance(noise, k);
-    const Matrix3 rs = Covariance(speech, k);
-    const double load = loading * (rn.a[0][0] + rn.a[1][1] + rn.a[2][2]).real() / kMics + 1e-9;
-    for (int i = 0; i < kMics; ++i) rn.a[i][i] += load;
-    const Matrix3 rn_inv = Inverse(rn);
-    Complex h[kMics], g[kMics], den = 0.0;
-    for (int i = 0; i < kMics; ++i) h[i] = rs.a[i][0] / (rs.a[0][0] + 1e-9);
-    for (int i = 0; i < kMics; ++i) {
-      g[i] = rn_inv.a[i][0] * h[0] + rn_inv.a[i][1] * h[1] + rn_inv.a[i][2] * h[2];
-      den += std::conj(h[i]) * g[i];
-    }
+    Complex w[kMics];
+    design(Covariance(noise, k), Covariance(speech, k), w);
     for (std::size_t f = 0; f < y.size(); ++f)
-      for (int m = 0; m < kMics; ++m) y[f][k] += std::conj(g[m] / den) * x[m][f][k];
+      for (int m = 0; m < kMics; ++m) y[f][k] += std::conj(w[m]) * x[m][f][k];
   }
   const std::size_t frames = WholeFrames(rendered);
   run->output = Synthesise(y, frames * sim::kFrame);
   run->speech.assign(frames, 1);
   return true;
+}
+
+}  // namespace
+
+bool RunOracleBeam(const sim::Scene& scene, const sim::RenderedScene& rendered, double loading, SystemRun* run,
+                   std::string* error) {
+  const auto mvdr = [loading](Matrix3 rn, const Matrix3& rs, Complex w[kMics]) {
+    const double load = loading * (rn.a[0][0] + rn.a[1][1] + rn.a[2][2]).real() / kMics + 1e-9;
+    for (int i = 0; i < kMics; ++i) rn.a[i][i] += load;
+    const Matrix3 rn_inv = Inverse(rn);
+    Complex h[kMics], den = 0.0;
+    for (int i = 0; i < kMics; ++i) h[i] = rs.a[i][0] / (rs.a[0][0] + 1e-9);
+    for (int i = 0; i < kMics; ++i) {
+      w[i] = rn_inv.a[i][0] * h[0] + rn_inv.a[i][1] * h[1] + rn_inv.a[i][2] * h[2];
+      den += std::conj(h[i]) * w[i];
+    }
+    for (int i = 0; i < kMics; ++i) w[i] /= den;
+  };
+  return RunOracle(scene, rendered, mvdr, run, error);
+}
+
+bool RunOracleWiener(const sim::Scene& scene, const sim::RenderedScene& rendered, double mu, bool microphone_0_only,
+                     SystemRun* run, std::string* error) {
+  const auto mwf = [mu, microphone_0_only](const Matrix3& rn, const Matrix3& rs, Complex w[kMics]) {
+    if (microphone_0_only) {
+      w[0] = rs.a[0][0] / (rs.a[0][0] + mu * rn.a[0][0] + 1e-9);
+      w[1] = w[2] = 0.0;
+      return;
+    }
+    Matrix3 sum;
+    for (int i = 0; i < kMics; ++i)
+      for (int j = 0; j < kMics; ++j) sum.a[i][j] = rs.a[i][j] + mu * rn.a[i][j];
+    // A whisker of loading keeps a silent bin (below the talker's band) invertible.
+    const double load = 1e-9 * (sum.a[0][0] + sum.a[1][1] + sum.a[2][2]).real() + 1e-9;
+    for (int i = 0; i < kMics; ++i) sum.a[i][i] += load;
+    const Matrix3 inv = Inverse(sum);
+    for (int i = 0; i < kMics; ++i)
+      w[i] = inv.a[i][0] * rs.a[0][0] + inv.a[i][1] * rs.a[1][0] + inv.a[i][2] * rs.a[2][0];
+  };
+  return RunOracle(scene, rendered, mwf, run, error);
 }
 
 }  // namespace vorn::bench
