@@ -306,6 +306,26 @@ TEST(NsKernels, VectorTwinsGiveThePlainBits) {
     NsRampOfRatioSimd(ratios.data(), ramp_b.data(), len);
     ASSERT_EQ(std::memcmp(ramp_a.data(), ramp_b.data(), len * sizeof(float)), 0) << "ramp from " << ratios[0];
   }
+#if defined(VORN_AVX2)
+  // The eight-lane gain presence forms a missing exponential itself and must
+  // round the presence as the plain step does, over many bins of every scale.
+  if (CpuHasAvx2()) {
+    const int bins = test::UnderEmulation() ? 4096 : 1 << 20;
+    const std::vector<float> noise_q = sim::WhiteNoise(bins, 1.0, 40u), noise_eta = sim::WhiteNoise(bins, 1.0, 41u),
+                             noise_v = sim::WhiteNoise(bins, 1.0, 42u);
+    std::vector<float> q(bins), eta(bins), v(bins), plain(bins), lanes(bins);
+    for (int k = 0; k < bins; ++k) {
+      q[k] = std::fmod(std::fabs(noise_q[k]), 0.95f);
+      eta[k] = std::pow(10.0f, std::fmod(noise_eta[k], 3.0f));
+      v[k] = (k % 7 == 0 ? -1.0f : 1.0f) * std::fabs(noise_v[k]) * static_cast<float>(1 << (k % 10));
+    }
+    v[5] = 700.0f, v[6] = -700.0f, v[9] = 699.9f, v[10] = std::numeric_limits<float>::quiet_NaN();
+    const std::vector<double> none(bins, -1.0);
+    NsGainPresencePlain(q.data(), eta.data(), v.data(), none.data(), plain.data(), bins);
+    NsGainPresenceAvx2(q.data(), eta.data(), v.data(), none.data(), lanes.data(), bins);
+    EXPECT_EQ(std::memcmp(plain.data(), lanes.data(), bins * sizeof(float)), 0) << "eight-lane gain presence";
+  }
+#endif
 #else
   GTEST_SKIP() << "no four-lane vectors in this build";
 #endif

@@ -105,24 +105,66 @@ VORN_TARGET_AVX2 void NsLsaGainAvx2(const float *v, const float *eta, const floa
 // Four bins per double vector. A bin whose exponential the noise estimate did
 // not form gets it here from the same double call the plain step makes, and
 // joins the vector with it.
+namespace {
+
+// exp(-v) for |v| < 700, within 1e-15 of the true value relative to it:
+// exp(-v) = 2^n exp(r) with n the nearest integer to -v / ln 2, r = -v - n ln 2
+// (ln 2 in two parts, the first of which n multiplies exactly), |r| < 0.35,
+// and exp(r) by its series to r^13 (the rest is below 1e-17).
+VORN_TARGET_AVX2 __m256d ExpNegNear(__m128 v) {
+  const __m256d x = _mm256_sub_pd(_mm256_setzero_pd(), _mm256_cvtps_pd(v));
+  const __m256d n = _mm256_round_pd(_mm256_mul_pd(x, _mm256_set1_pd(1.4426950408889634)),
+                                    _MM_FROUND_TO_NEAREST_INT | _MM_FROUND_NO_EXC);
+  const __m256d r = _mm256_sub_pd(_mm256_sub_pd(x, _mm256_mul_pd(n, _mm256_set1_pd(6.93147180369123816490e-01))),
+                                  _mm256_mul_pd(n, _mm256_set1_pd(1.90821492927058770002e-10)));
+  constexpr double kInverseFactorial[14] = {1.0,
+                                            1.0,
+                                            1.0 / 2,
+                                            1.0 / 6,
+                                            1.0 / 24,
+                                            1.0 / 120,
+                                            1.0 / 720,
+                                            1.0 / 5040,
+                                            1.0 / 40320,
+                                            1.0 / 362880,
+                                            1.0 / 3628800,
+                                            1.0 / 39916800,
+                                            1.0 / 479001600,
+                                            1.0 / 6227020800};
+  __m256d series = _mm256_set1_pd(kInverseFactorial[13]);
+  for (int i = 12; i >= 0; --i) series = _mm256_add_pd(_mm256_mul_pd(series, r), _mm256_set1_pd(kInverseFactorial[i]));
+  const __m128i biased = _mm_add_epi32(_mm256_cvtpd_epi32(n), _mm_set1_epi32(1023));
+  return _mm256_mul_pd(series, _mm256_castsi256_pd(_mm256_slli_epi64(_mm256_cvtepi32_epi64(biased), 52)));
+}
+
+}  // namespace
+
+// A bin whose exponential the noise estimate did not form gets ExpNegNear's
+// instead of the library's: the presence moves by less than 1e-14 of itself
+// between the two, so wherever it plus or minus 1e-12 of itself rounds to one
+// float, both give that float. The rare bin near a rounding boundary, and one
+// whose v is out of ExpNegNear's range or NaN, takes the plain step.
 VORN_TARGET_AVX2 void NsGainPresenceAvx2(const float *q, const float *eta, const float *v, const double *exp_neg_v,
                                          float *presence, int len) {
   const __m256d one = _mm256_set1_pd(1.0), zero = _mm256_setzero_pd();
-  const __m128 absence_max = _mm_set1_ps(kGainAbsenceMax);
+  const __m256d below = _mm256_set1_pd(1.0 - 1e-12), above = _mm256_set1_pd(1.0 + 1e-12);
+  const __m128 absence_max = _mm_set1_ps(kGainAbsenceMax), v_max = _mm_set1_ps(700.0f);
+  const __m128 sign = _mm_set1_ps(-0.0f);
   int k = 0;
   for (; k + 4 <= len; k += 4) {
     const __m128 absence = _mm_loadu_ps(q + k);
     const __m128 open = _mm_cmplt_ps(absence, absence_max);
     __m256d e = _mm256_loadu_pd(exp_neg_v + k);
     const int missing = _mm_movemask_ps(open) & ~_mm256_movemask_pd(_mm256_cmp_pd(e, zero, _CMP_GE_OQ));
+    int near = 0;
     if (missing != 0) {
-      alignas(32) double lanes[4];
-      _mm256_store_pd(lanes, e);
-      for (int bits = missing; bits != 0; bits &= bits - 1) {
-        const int i = __builtin_ctz(static_cast<unsigned>(bits));
-        lanes[i] = NsExpNeg(v[k + i]);
+      const __m128 v4 = _mm_loadu_ps(v + k);
+      near = missing & _mm_movemask_ps(_mm_cmplt_ps(_mm_andnot_ps(sign, v4), v_max));
+      if (near != 0) {
+        const __m256d lanes_near = _mm256_castsi256_pd(
+            _mm256_cvtepi32_epi64(_mm_castps_si128(_mm_cmplt_ps(_mm_andnot_ps(sign, v4), v_max))));
+        e = _mm256_blendv_pd(e, ExpNegNear(v4), lanes_near);
       }
-      e = _mm256_load_pd(lanes);
     }
     const __m256d a = _mm256_cvtps_pd(absence);
     const __m256d eta_d = _mm256_cvtps_pd(_mm_loadu_ps(eta + k));
@@ -131,6 +173,14 @@ VORN_TARGET_AVX2 void NsGainPresenceAvx2(const float *q, const float *eta, const
                                                             _mm256_add_pd(one, eta_d)),
                                               e)));
     _mm_storeu_ps(presence + k, _mm_and_ps(open, _mm256_cvtpd_ps(p)));
+    if (missing != 0) {
+      const __m128 low = _mm256_cvtpd_ps(_mm256_mul_pd(p, below)), high = _mm256_cvtpd_ps(_mm256_mul_pd(p, above));
+      const int plain = missing & ~(near & _mm_movemask_ps(_mm_cmpeq_ps(low, high)));
+      for (int bits = plain; bits != 0; bits &= bits - 1) {
+        const int i = k + __builtin_ctz(static_cast<unsigned>(bits));
+        NsGainPresencePlain(q + i, eta + i, v + i, exp_neg_v + i, presence + i, 1);
+      }
+    }
   }
   if (k < len) NsGainPresenceSimd(q + k, eta + k, v + k, exp_neg_v + k, presence + k, len - k);
 }
