@@ -324,6 +324,22 @@ TEST(NsKernels, VectorTwinsGiveThePlainBits) {
     NsGainPresencePlain(q.data(), eta.data(), v.data(), none.data(), plain.data(), bins);
     NsGainPresenceAvx2(q.data(), eta.data(), v.data(), none.data(), lanes.data(), bins);
     EXPECT_EQ(std::memcmp(plain.data(), lanes.data(), bins * sizeof(float)), 0) << "eight-lane gain presence";
+    // The gain blend forms floor^(1 - p) * speech^p itself, likewise: floors
+    // and gains of every scale, the weights' ends, and specials.
+    std::vector<float> floors(bins), speech(bins), weights(bins);
+    const float odd_values[] = {0.0f, 1e-40f, 1.0f, std::numeric_limits<float>::infinity(), -0.5f,
+                              std::numeric_limits<float>::quiet_NaN()};
+    for (int k = 0; k < bins; ++k) {
+      floors[k] = std::fabs(noise_q[k]) * std::pow(10.0f, -static_cast<float>(k % 23));
+      speech[k] = std::fmod(std::fabs(noise_eta[k]), 1.0f) + 1e-7f;
+      weights[k] = std::fmod(std::fabs(noise_v[k]), 1.0f);
+      if (k % 97 == 0) floors[k] = odd_values[(k / 97) % 6];
+      if (k % 89 == 0) speech[k] = odd_values[(k / 89) % 6];
+      if (k % 83 == 0) weights[k] = odd_values[(k / 83) % 6];
+    }
+    NsGainBlendPlain(floors.data(), speech.data(), weights.data(), plain.data(), bins);
+    NsGainBlendAvx2(floors.data(), speech.data(), weights.data(), lanes.data(), bins);
+    EXPECT_EQ(std::memcmp(plain.data(), lanes.data(), bins * sizeof(float)), 0) << "eight-lane gain blend";
   }
 #endif
 #else

@@ -173,6 +173,20 @@ void NsGainPresencePlain(const float *q, const float *eta, const float *v, const
   for (int k = 0; k < len; ++k) presence[k] = GainPresenceAt(q, eta, v, exp_neg_v, k);
 }
 
+void NsGainBlendPlain(const float *floor, const float *speech, const float *presence, float *gain, int len) {
+  for (int k = 0; k < len; ++k) {
+    if (presence[k] == 0.0f) {
+      gain[k] = floor[k];  // x^1 * y^0 is x exactly
+    } else if (presence[k] == 1.0f) {
+      gain[k] = speech[k];  // x^0 * y^1 is y exactly
+    } else {
+      const double weight = presence[k];
+      gain[k] = static_cast<float>(std::pow(static_cast<double>(floor[k]), 1.0 - weight) *
+                                   std::pow(static_cast<double>(speech[k]), weight));
+    }
+  }
+}
+
 void NsNoiseIndicatorPlain(const float *psd, const float *smoothed, const float *minimum, float *indicator,
                            int len) {
   for (int k = 0; k < len; ++k) indicator[k] = NoiseIndicatorAt(psd[k], smoothed[k], minimum[k]);
@@ -471,6 +485,13 @@ void NsGainPresence(const float *q, const float *eta, const float *v, const doub
 #else
   NsGainPresencePlain(q, eta, v, exp_neg_v, presence, len);
 #endif
+}
+
+void NsGainBlend(const float *floor, const float *speech, const float *presence, float *gain, int len) {
+#if defined(VORN_AVX2)
+  if (CpuHasAvx2()) return NsGainBlendAvx2(floor, speech, presence, gain, len);
+#endif
+  NsGainBlendPlain(floor, speech, presence, gain, len);
 }
 
 void NsNoiseIndicator(const float *psd, const float *smoothed, const float *minimum, float *indicator, int len) {
