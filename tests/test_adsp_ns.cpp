@@ -320,6 +320,8 @@ TEST(NsKernels, VectorTwinsGiveThePlainBits) {
       v[k] = (k % 7 == 0 ? -1.0f : 1.0f) * std::fabs(noise_v[k]) * static_cast<float>(1 << (k % 10));
     }
     v[5] = 700.0f, v[6] = -700.0f, v[9] = 699.9f, v[10] = std::numeric_limits<float>::quiet_NaN();
+    v[11] = v[12] = v[13] = 800.0f, eta[11] = std::numeric_limits<float>::infinity(), eta[12] = 3e38f;
+    q[13] = -std::numeric_limits<float>::infinity();
     const std::vector<double> none(bins, -1.0);
     NsGainPresencePlain(q.data(), eta.data(), v.data(), none.data(), plain.data(), bins);
     NsGainPresenceAvx2(q.data(), eta.data(), v.data(), none.data(), lanes.data(), bins);

@@ -171,40 +171,43 @@ VORN_TARGET_AVX2 __m256d LnNear(__m256d x) {
 // A bin whose exponential the noise estimate did not form gets ExpNegNear's
 // instead of the library's: the presence moves by less than 1e-14 of itself
 // between the two, so wherever it plus or minus 1e-12 of itself rounds to one
-// float, both give that float. The rare bin near a rounding boundary, and one
-// whose v is out of ExpNegNear's range or NaN, takes the plain step.
+// float, both give that float. From v = 700 on, exp(-v) is below 1e-304, so
+// with the factor before it below 1e200 in magnitude, 1 plus their product
+// rounds to 1 and the presence is 1 whatever the exponential's last bits:
+// those bins take 0 for it. The rare bin near a rounding boundary, and one
+// whose v or factor is out of these ranges or NaN, takes the plain step.
 VORN_TARGET_AVX2 void NsGainPresenceAvx2(const float *q, const float *eta, const float *v, const double *exp_neg_v,
                                          float *presence, int len) {
   const __m256d one = _mm256_set1_pd(1.0), zero = _mm256_setzero_pd();
   const __m256d below = _mm256_set1_pd(1.0 - 1e-12), above = _mm256_set1_pd(1.0 + 1e-12);
+  const __m256d factor_max = _mm256_set1_pd(1e200), sign_d = _mm256_set1_pd(-0.0);
   const __m128 absence_max = _mm_set1_ps(kGainAbsenceMax), v_max = _mm_set1_ps(700.0f);
   const __m128 sign = _mm_set1_ps(-0.0f);
   int k = 0;
   for (; k + 4 <= len; k += 4) {
     const __m128 absence = _mm_loadu_ps(q + k);
     const __m128 open = _mm_cmplt_ps(absence, absence_max);
-    __m256d e = _mm256_loadu_pd(exp_neg_v + k);
-    const int missing = _mm_movemask_ps(open) & ~_mm256_movemask_pd(_mm256_cmp_pd(e, zero, _CMP_GE_OQ));
-    int near = 0;
-    if (missing != 0) {
-      const __m128 v4 = _mm_loadu_ps(v + k);
-      near = missing & _mm_movemask_ps(_mm_cmplt_ps(_mm_andnot_ps(sign, v4), v_max));
-      if (near != 0) {
-        const __m256d lanes_near = _mm256_castsi256_pd(
-            _mm256_cvtepi32_epi64(_mm_castps_si128(_mm_cmplt_ps(_mm_andnot_ps(sign, v4), v_max))));
-        e = _mm256_blendv_pd(e, ExpNegNear(v4), lanes_near);
-      }
-    }
     const __m256d a = _mm256_cvtps_pd(absence);
     const __m256d eta_d = _mm256_cvtps_pd(_mm_loadu_ps(eta + k));
-    const __m256d p = _mm256_div_pd(
-        one, _mm256_add_pd(one, _mm256_mul_pd(_mm256_mul_pd(_mm256_div_pd(a, _mm256_sub_pd(one, a)),
-                                                            _mm256_add_pd(one, eta_d)),
-                                              e)));
+    const __m256d factor = _mm256_mul_pd(_mm256_div_pd(a, _mm256_sub_pd(one, a)), _mm256_add_pd(one, eta_d));
+    __m256d e = _mm256_loadu_pd(exp_neg_v + k);
+    const int missing = _mm_movemask_ps(open) & ~_mm256_movemask_pd(_mm256_cmp_pd(e, zero, _CMP_GE_OQ));
+    int sure = 0;
+    if (missing != 0) {
+      const __m128 v4 = _mm_loadu_ps(v + k);
+      const __m128 near = _mm_cmplt_ps(_mm_andnot_ps(sign, v4), v_max);
+      const __m256d far = _mm256_and_pd(_mm256_cvtps_pd(_mm_cmpge_ps(v4, v_max)),
+                                        _mm256_cmp_pd(_mm256_andnot_pd(sign_d, factor), factor_max, _CMP_LT_OQ));
+      if (_mm_movemask_ps(near) & missing)
+        e = _mm256_blendv_pd(e, ExpNegNear(v4), _mm256_castsi256_pd(_mm256_cvtepi32_epi64(_mm_castps_si128(near))));
+      e = _mm256_andnot_pd(far, e);
+      sure = missing & (_mm_movemask_ps(near) | _mm256_movemask_pd(far));
+    }
+    const __m256d p = _mm256_div_pd(one, _mm256_add_pd(one, _mm256_mul_pd(factor, e)));
     _mm_storeu_ps(presence + k, _mm_and_ps(open, _mm256_cvtpd_ps(p)));
     if (missing != 0) {
       const __m128 low = _mm256_cvtpd_ps(_mm256_mul_pd(p, below)), high = _mm256_cvtpd_ps(_mm256_mul_pd(p, above));
-      const int plain = missing & ~(near & _mm_movemask_ps(_mm_cmpeq_ps(low, high)));
+      const int plain = missing & ~(sure & _mm_movemask_ps(_mm_cmpeq_ps(low, high)));
       for (int bits = plain; bits != 0; bits &= bits - 1) {
         const int i = k + __builtin_ctz(static_cast<unsigned>(bits));
         NsGainPresencePlain(q + i, eta + i, v + i, exp_neg_v + i, presence + i, 1);
