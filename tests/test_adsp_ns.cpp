@@ -342,6 +342,25 @@ TEST(NsKernels, VectorTwinsGiveThePlainBits) {
     NsGainBlendPlain(floors.data(), speech.data(), weights.data(), plain.data(), bins);
     NsGainBlendAvx2(floors.data(), speech.data(), weights.data(), lanes.data(), bins);
     EXPECT_EQ(std::memcmp(plain.data(), lanes.data(), bins * sizeof(float)), 0) << "eight-lane gain blend";
+    // The presence estimate likewise; where it formed the exponential itself
+    // it keeps none (-1), and the gain rule forms the library's again.
+    std::vector<float> gamma_min(bins), zeta(bins);
+    for (int k = 0; k < bins; ++k) {
+      gamma_min[k] = 0.9f + 2.2f * std::fmod(std::fabs(noise_eta[k]), 1.0f);
+      zeta[k] = 1.8f * std::fmod(std::fabs(noise_q[k] + noise_v[k]), 1.0f);
+      if (k % 101 == 0) eta[k] = odd_values[(k / 101) % 6];
+    }
+    std::vector<double> exp_plain(bins), exp_lanes(bins);
+    NsPresencePlain(gamma_min.data(), zeta.data(), v.data(), eta.data(), plain.data(), exp_plain.data(), bins);
+    NsPresenceAvx2(gamma_min.data(), zeta.data(), v.data(), eta.data(), lanes.data(), exp_lanes.data(), bins);
+    EXPECT_EQ(std::memcmp(plain.data(), lanes.data(), bins * sizeof(float)), 0) << "eight-lane presence";
+    int kept_other = 0;
+    for (int k = 0; k < bins; ++k)
+      if (std::memcmp(&exp_plain[k], &exp_lanes[k], sizeof(double)) != 0 && exp_lanes[k] != -1.0) ++kept_other;
+    EXPECT_EQ(kept_other, 0) << "an exponential kept that is not the library's";
+    NsGainPresencePlain(q.data(), eta.data(), v.data(), exp_plain.data(), plain.data(), bins);
+    NsGainPresencePlain(q.data(), eta.data(), v.data(), exp_lanes.data(), lanes.data(), bins);
+    EXPECT_EQ(std::memcmp(plain.data(), lanes.data(), bins * sizeof(float)), 0) << "gain presence after it";
   }
 #endif
 #else

@@ -512,6 +512,9 @@ void NsHeldRatio(const float *sum, const float *weight, const float *held, float
 
 void NsPresence(const float *gamma_min, const float *zeta, const float *v, const float *eta, float *presence,
                 double *exp_neg_v, int len) {
+#if defined(VORN_AVX2)
+  if (CpuHasAvx2()) return NsPresenceAvx2(gamma_min, zeta, v, eta, presence, exp_neg_v, len);
+#endif
 #if defined(VORN_SIMD4)
   NsPresenceSimd(gamma_min, zeta, v, eta, presence, exp_neg_v, len);
 #else

@@ -70,7 +70,10 @@ void NsHeldRatioPlain(const float *sum, const float *weight, const float *held, 
 // The conditional speech-presence probability of the noise estimate: 0 where
 // the periodogram is at or below its minimum, 1 where the bin is surely
 // speech, and between (in double, with exp(-v), which is kept in exp_neg_v;
-// -1 elsewhere) where the minimum leaves it open.
+// -1 elsewhere) where the minimum leaves it open. The eight-lane twin keeps
+// the exponential only where it took the library's, and leaves -1 where it
+// formed its own: the gain rule then forms it again, and either way gives the
+// same bits.
 void NsPresence(const float *gamma_min, const float *zeta, const float *v, const float *eta, float *presence,
                 double *exp_neg_v, int len);
 void NsPresencePlain(const float *gamma_min, const float *zeta, const float *v, const float *eta, float *presence,
@@ -125,6 +128,8 @@ void NsLsaGainAvx2(const float *v, const float *eta, const float *gamma, float *
 void NsGainPresenceAvx2(const float *q, const float *eta, const float *v, const double *exp_neg_v, float *presence,
                         int len);
 void NsGainBlendAvx2(const float *floor, const float *speech, const float *presence, float *gain, int len);
+void NsPresenceAvx2(const float *gamma_min, const float *zeta, const float *v, const float *eta, float *presence,
+                    double *exp_neg_v, int len);
 #endif
 
 // exp(-v) in double, as the presence terms take it.

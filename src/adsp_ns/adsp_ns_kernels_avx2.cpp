@@ -217,6 +217,60 @@ VORN_TARGET_AVX2 void NsGainPresenceAvx2(const float *q, const float *eta, const
   if (k < len) NsGainPresenceSimd(q + k, eta + k, v + k, exp_neg_v + k, presence + k, len - k);
 }
 
+// The presence where the minimum leaves it open, (1 - a) / ((1 - a) + (1 +
+// eta) a exp(-v)) with a = (3 - gamma_min) / 2, from ExpNegNear's exponential:
+// with every term positive (gamma_min in 1..3, eta not negative) it moves by
+// less than 1e-14 of itself between the two, so wherever it plus or minus
+// 1e-12 of itself rounds to one float, both give that float. From v = 700
+// on, with eta finite, (1 + eta) a exp(-v) is below 1e-265, under half a unit
+// of 1 - a's last place (1 - a is at least 2^-24), and the presence is 1
+// whatever the exponential's bits. Those bins keep no exponential (-1), so
+// the gain rule forms its own; the others take the plain step.
+VORN_TARGET_AVX2 void NsPresenceAvx2(const float *gamma_min, const float *zeta, const float *v, const float *eta,
+                                     float *presence, double *exp_neg_v, int len) {
+  const __m128 one_f = _mm_set1_ps(1.0f), gamma_max = _mm_set1_ps(3.0f), zeta_max = _mm_set1_ps(1.67f);
+  const __m128 v_max = _mm_set1_ps(700.0f), sign = _mm_set1_ps(-0.0f), zero_f = _mm_setzero_ps();
+  const __m128 inf = _mm_set1_ps(__builtin_inff());
+  const __m256d one = _mm256_set1_pd(1.0), half = _mm256_set1_pd(0.5), three = _mm256_set1_pd(3.0);
+  const __m256d below = _mm256_set1_pd(1.0 - 1e-12), above = _mm256_set1_pd(1.0 + 1e-12);
+  const __m256d none = _mm256_set1_pd(-1.0);
+  int k = 0;
+  for (; k + 4 <= len; k += 4) {
+    const __m128 g = _mm_loadu_ps(gamma_min + k), z = _mm_loadu_ps(zeta + k);
+    const __m128 sure_speech = _mm_or_ps(_mm_cmpgt_ps(g, gamma_max), _mm_cmpgt_ps(z, zeta_max));
+    __m128 out = _mm_and_ps(sure_speech, one_f);
+    _mm256_storeu_pd(exp_neg_v + k, none);
+    int open = _mm_movemask_ps(
+        _mm_and_ps(_mm_and_ps(_mm_cmpgt_ps(g, one_f), _mm_cmplt_ps(g, gamma_max)), _mm_cmplt_ps(z, zeta_max)));
+    if (open != 0) {
+      const __m128 v4 = _mm_loadu_ps(v + k), eta4 = _mm_loadu_ps(eta + k);
+      const __m128 eta_usable = _mm_and_ps(_mm_cmpge_ps(eta4, zero_f), _mm_cmplt_ps(eta4, inf));
+      const __m128 near = _mm_and_ps(eta_usable, _mm_cmplt_ps(_mm_andnot_ps(sign, v4), v_max));
+      const __m128 far = _mm_and_ps(eta_usable, _mm_cmpge_ps(v4, v_max));
+      const __m256d absence = _mm256_mul_pd(_mm256_sub_pd(three, _mm256_cvtps_pd(g)), half);
+      const __m256d not_absent = _mm256_sub_pd(one, absence);
+      const __m256d e = _mm256_andnot_pd(_mm256_cvtps_pd(far), ExpNegNear(v4));
+      const __m256d p = _mm256_div_pd(
+          not_absent,
+          _mm256_add_pd(not_absent, _mm256_mul_pd(_mm256_mul_pd(_mm256_add_pd(one, _mm256_cvtps_pd(eta4)), absence), e)));
+      const __m128 p4 = _mm256_cvtpd_ps(p);
+      const __m128 steady = _mm_cmpeq_ps(_mm256_cvtpd_ps(_mm256_mul_pd(p, below)),
+                                         _mm256_cvtpd_ps(_mm256_mul_pd(p, above)));
+      const int formed = open & _mm_movemask_ps(_mm_and_ps(_mm_or_ps(near, far), steady));
+      const __m128 formed_lanes = _mm_castsi128_ps(
+          _mm_cmpgt_epi32(_mm_and_si128(_mm_set1_epi32(formed), _mm_setr_epi32(1, 2, 4, 8)), _mm_setzero_si128()));
+      out = _mm_or_ps(out, _mm_and_ps(formed_lanes, p4));
+      open &= ~formed;
+    }
+    _mm_storeu_ps(presence + k, out);
+    for (; open != 0; open &= open - 1) {
+      const int i = k + __builtin_ctz(static_cast<unsigned>(open));
+      NsPresencePlain(gamma_min + i, zeta + i, v + i, eta + i, presence + i, exp_neg_v + i, 1);
+    }
+  }
+  if (k < len) NsPresencePlain(gamma_min + k, zeta + k, v + k, eta + k, presence + k, exp_neg_v + k, len - k);
+}
+
 // floor^(1 - p) * speech^p as exp((1 - p) ln floor + p ln speech): the
 // exponent is within 2e-14 of the true one (|ln| < 104 for positive finite
 // floats), so the result within 3e-14 of itself, and the library's two pow
