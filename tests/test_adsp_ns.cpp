@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <bit>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
@@ -16,6 +17,7 @@
 #include "common/adsp_common_rom.h"
 #include "sim/ns_harness.h"
 #include "sim/signals.h"
+#include "support/emulation.h"
 
 namespace vorn {
 namespace {
@@ -289,6 +291,78 @@ TEST(NsKernels, VectorTwinsGiveThePlainBits) {
       EXPECT_TRUE(std::count_if(a[2].begin(), a[2].end(), [](float x) { return x > 0.01f && x < 0.998f; }) > 0);
     }
   }
+  // The vector ramp forms its own logarithm and must round it to the float the
+  // library's gives: every float of the bracket (every 97th under emulation).
+  const int stride = test::UnderEmulation() ? 97 : 1;
+  std::vector<float> ratios, ramp_a, ramp_b;
+  for (float x = 0.0995f; x <= 0.317f;) {
+    ratios.clear();
+    for (; x <= 0.317f && ratios.size() < 4096; x = std::bit_cast<float>(std::bit_cast<int>(x) + stride))
+      ratios.push_back(x);
+    const int len = static_cast<int>(ratios.size());
+    ramp_a.resize(len);
+    ramp_b.resize(len);
+    NsRampOfRatioPlain(ratios.data(), ramp_a.data(), len);
+    NsRampOfRatioSimd(ratios.data(), ramp_b.data(), len);
+    ASSERT_EQ(std::memcmp(ramp_a.data(), ramp_b.data(), len * sizeof(float)), 0) << "ramp from " << ratios[0];
+  }
+#if defined(VORN_AVX2)
+  // The eight-lane gain presence forms a missing exponential itself and must
+  // round the presence as the plain step does, over many bins of every scale.
+  if (CpuHasAvx2()) {
+    const int bins = test::UnderEmulation() ? 4096 : 1 << 20;
+    const std::vector<float> noise_q = sim::WhiteNoise(bins, 1.0, 40u), noise_eta = sim::WhiteNoise(bins, 1.0, 41u),
+                             noise_v = sim::WhiteNoise(bins, 1.0, 42u);
+    std::vector<float> q(bins), eta(bins), v(bins), plain(bins), lanes(bins);
+    for (int k = 0; k < bins; ++k) {
+      q[k] = std::fmod(std::fabs(noise_q[k]), 0.95f);
+      eta[k] = std::pow(10.0f, std::fmod(noise_eta[k], 3.0f));
+      v[k] = (k % 7 == 0 ? -1.0f : 1.0f) * std::fabs(noise_v[k]) * static_cast<float>(1 << (k % 10));
+    }
+    v[5] = 700.0f, v[6] = -700.0f, v[9] = 699.9f, v[10] = std::numeric_limits<float>::quiet_NaN();
+    v[11] = v[12] = v[13] = 800.0f, eta[11] = std::numeric_limits<float>::infinity(), eta[12] = 3e38f;
+    q[13] = -std::numeric_limits<float>::infinity();
+    const std::vector<double> none(bins, -1.0);
+    NsGainPresencePlain(q.data(), eta.data(), v.data(), none.data(), plain.data(), bins);
+    NsGainPresenceAvx2(q.data(), eta.data(), v.data(), none.data(), lanes.data(), bins);
+    EXPECT_EQ(std::memcmp(plain.data(), lanes.data(), bins * sizeof(float)), 0) << "eight-lane gain presence";
+    // The gain blend forms floor^(1 - p) * speech^p itself, likewise: floors
+    // and gains of every scale, the weights' ends, and specials.
+    std::vector<float> floors(bins), speech(bins), weights(bins);
+    const float odd_values[] = {0.0f, 1e-40f, 1.0f, std::numeric_limits<float>::infinity(), -0.5f,
+                              std::numeric_limits<float>::quiet_NaN()};
+    for (int k = 0; k < bins; ++k) {
+      floors[k] = std::fabs(noise_q[k]) * std::pow(10.0f, -static_cast<float>(k % 23));
+      speech[k] = std::fmod(std::fabs(noise_eta[k]), 1.0f) + 1e-7f;
+      weights[k] = std::fmod(std::fabs(noise_v[k]), 1.0f);
+      if (k % 97 == 0) floors[k] = odd_values[(k / 97) % 6];
+      if (k % 89 == 0) speech[k] = odd_values[(k / 89) % 6];
+      if (k % 83 == 0) weights[k] = odd_values[(k / 83) % 6];
+    }
+    NsGainBlendPlain(floors.data(), speech.data(), weights.data(), plain.data(), bins);
+    NsGainBlendAvx2(floors.data(), speech.data(), weights.data(), lanes.data(), bins);
+    EXPECT_EQ(std::memcmp(plain.data(), lanes.data(), bins * sizeof(float)), 0) << "eight-lane gain blend";
+    // The presence estimate likewise; where it formed the exponential itself
+    // it keeps none (-1), and the gain rule forms the library's again.
+    std::vector<float> gamma_min(bins), zeta(bins);
+    for (int k = 0; k < bins; ++k) {
+      gamma_min[k] = 0.9f + 2.2f * std::fmod(std::fabs(noise_eta[k]), 1.0f);
+      zeta[k] = 1.8f * std::fmod(std::fabs(noise_q[k] + noise_v[k]), 1.0f);
+      if (k % 101 == 0) eta[k] = odd_values[(k / 101) % 6];
+    }
+    std::vector<double> exp_plain(bins), exp_lanes(bins);
+    NsPresencePlain(gamma_min.data(), zeta.data(), v.data(), eta.data(), plain.data(), exp_plain.data(), bins);
+    NsPresenceAvx2(gamma_min.data(), zeta.data(), v.data(), eta.data(), lanes.data(), exp_lanes.data(), bins);
+    EXPECT_EQ(std::memcmp(plain.data(), lanes.data(), bins * sizeof(float)), 0) << "eight-lane presence";
+    int kept_other = 0;
+    for (int k = 0; k < bins; ++k)
+      if (std::memcmp(&exp_plain[k], &exp_lanes[k], sizeof(double)) != 0 && exp_lanes[k] != -1.0) ++kept_other;
+    EXPECT_EQ(kept_other, 0) << "an exponential kept that is not the library's";
+    NsGainPresencePlain(q.data(), eta.data(), v.data(), exp_plain.data(), plain.data(), bins);
+    NsGainPresencePlain(q.data(), eta.data(), v.data(), exp_lanes.data(), lanes.data(), bins);
+    EXPECT_EQ(std::memcmp(plain.data(), lanes.data(), bins * sizeof(float)), 0) << "gain presence after it";
+  }
+#endif
 #else
   GTEST_SKIP() << "no four-lane vectors in this build";
 #endif

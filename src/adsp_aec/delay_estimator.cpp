@@ -76,10 +76,13 @@ bool RobustValidation(const BinaryDelayEstimator* self, int candidate, bool plai
 }  // namespace
 
 void Adsp_MeanEstimatorFix(int32_t new_value, int factor, int32_t* mean_value) {
-  int32_t diff = new_value - *mean_value;
-  // Shift the magnitude so that a falling mean moves by as much as a rising one.
-  diff = diff < 0 ? -((-diff) >> factor) : (diff >> factor);
-  *mean_value += diff;
+  const int32_t diff = new_value - *mean_value;
+  // Shift the magnitude so that a falling mean moves by as much as a rising
+  // one: -((-diff) >> factor) for a negative difference, formed with its sign
+  // mask rather than a branch, which the sign of a delay's match would make
+  // as good as random.
+  const int32_t sign = diff >> 31;
+  *mean_value += ((((diff ^ sign) - sign) >> factor) ^ sign) - sign;
 }
 
 int Adsp_CreateBinaryDelayEstimatorFarend(BinaryDelayEstimatorFarend* self, int history_size) {

@@ -173,6 +173,20 @@ void NsGainPresencePlain(const float *q, const float *eta, const float *v, const
   for (int k = 0; k < len; ++k) presence[k] = GainPresenceAt(q, eta, v, exp_neg_v, k);
 }
 
+void NsGainBlendPlain(const float *floor, const float *speech, const float *presence, float *gain, int len) {
+  for (int k = 0; k < len; ++k) {
+    if (presence[k] == 0.0f) {
+      gain[k] = floor[k];  // x^1 * y^0 is x exactly
+    } else if (presence[k] == 1.0f) {
+      gain[k] = speech[k];  // x^0 * y^1 is y exactly
+    } else {
+      const double weight = presence[k];
+      gain[k] = static_cast<float>(std::pow(static_cast<double>(floor[k]), 1.0 - weight) *
+                                   std::pow(static_cast<double>(speech[k]), weight));
+    }
+  }
+}
+
 void NsNoiseIndicatorPlain(const float *psd, const float *smoothed, const float *minimum, float *indicator,
                            int len) {
   for (int k = 0; k < len; ++k) indicator[k] = NoiseIndicatorAt(psd[k], smoothed[k], minimum[k]);
@@ -406,19 +420,55 @@ void NsLsaGainSimd(const float *v, const float *eta, const float *gamma, float *
   for (; k < len; ++k) LsaGainAt(v, eta, gamma, lsa_gain, eta_2term, k);
 }
 
+namespace {
+
+// 10 log10(r) for a ratio inside the ramp's bracket, to within 1e-13 dB:
+// ln r = ln c + 2 atanh(s) with s = (r - c) / (r + c) about the bracket's
+// geometric centre c = 10^-0.75, where |s| < 0.281 and the atanh series
+// stopped after s^23 leaves less than 1e-15.
+simd::D2 BracketDb(simd::D2 r) {
+  using namespace simd;
+  const D2 centre = Set1D(0.17782794100389228);  // 10^-0.75
+  const D2 s = DivD(SubD(r, centre), AddD(r, centre));
+  const D2 s2 = MulD(s, s);
+  D2 series = Set1D(1.0 / 23.0);
+  for (int odd = 21; odd >= 1; odd -= 2) series = AddD(MulD(series, s2), Set1D(1.0 / odd));
+  return AddD(Set1D(-7.5), MulD(Set1D(8.6858896380650366), MulD(s, series)));  // 20 / ln 10
+}
+
+}  // namespace
+
+// The plain step rounds the double 10 log10(r) to a float. BracketDb is
+// within 1e-13 dB of the true value and the library's log10 within about
+// 1e-14, so wherever the true value plus or minus 1e-11 dB rounds to one
+// float, both give that float; the rare bin near a rounding boundary (and
+// NaN) takes the plain step instead. The ramp on the float is the plain
+// step's float arithmetic.
 void NsRampOfRatioSimd(const float *ratio, float *likelihood, int len) {
   using namespace simd;
   const F4 low = Set1(kRampLowRatio), high = Set1(kRampHighRatio);
   const F4 floor = Set1(kMinLikelihood), one = Set1(1.0f);
+  const D2 margin = Set1D(1e-11);
   int k = 0;
   for (; k + 4 <= len; k += 4) {
     const F4 r = Load(ratio + k);
     const M4 below = Lt(r, low), above = Gt(r, high);
-    Store(likelihood + k, Select(below, floor, one));
-    // Bins inside the bracket (and NaN) take the logarithm, one at a time.
-    if (!All(Or(below, above)))
-      for (int i = k; i < k + 4; ++i)
-        if (!(ratio[i] < kRampLowRatio) && !(ratio[i] > kRampHighRatio)) likelihood[i] = RampOfRatioAt(ratio[i]);
+    if (All(Or(below, above))) {
+      Store(likelihood + k, Select(below, floor, one));
+      continue;
+    }
+    const D2 db_lo = BracketDb(LowToDouble(r)), db_hi = BracketDb(HighToDouble(r));
+    const F4 db = ToFloat(SubD(db_lo, margin), SubD(db_hi, margin));
+    const M4 sure = And(Eq(db, ToFloat(AddD(db_lo, margin), AddD(db_hi, margin))), And(Ge(r, low), Le(r, high)));
+    F4 ramp = Add(Mul(Div(Add(db, Set1(10.0f)), Set1(5.0f)), Set1(0.995f)), floor);
+    ramp = Select(Ge(db, Set1(-5.0f)), one, ramp);
+    ramp = Select(Le(db, Set1(-10.0f)), floor, ramp);
+    Store(likelihood + k, Select(sure, ramp, Select(below, floor, one)));
+    const int unsure = ~Bits(Or(sure, Or(below, above))) & 0xf;
+    for (int bits = unsure; bits != 0; bits &= bits - 1) {
+      const int i = k + __builtin_ctz(static_cast<unsigned>(bits));
+      likelihood[i] = RampOfRatioAt(ratio[i]);
+    }
   }
   for (; k < len; ++k) likelihood[k] = RampOfRatioAt(ratio[k]);
 }
@@ -435,6 +485,13 @@ void NsGainPresence(const float *q, const float *eta, const float *v, const doub
 #else
   NsGainPresencePlain(q, eta, v, exp_neg_v, presence, len);
 #endif
+}
+
+void NsGainBlend(const float *floor, const float *speech, const float *presence, float *gain, int len) {
+#if defined(VORN_AVX2)
+  if (CpuHasAvx2()) return NsGainBlendAvx2(floor, speech, presence, gain, len);
+#endif
+  NsGainBlendPlain(floor, speech, presence, gain, len);
 }
 
 void NsNoiseIndicator(const float *psd, const float *smoothed, const float *minimum, float *indicator, int len) {
@@ -455,6 +512,9 @@ void NsHeldRatio(const float *sum, const float *weight, const float *held, float
 
 void NsPresence(const float *gamma_min, const float *zeta, const float *v, const float *eta, float *presence,
                 double *exp_neg_v, int len) {
+#if defined(VORN_AVX2)
+  if (CpuHasAvx2()) return NsPresenceAvx2(gamma_min, zeta, v, eta, presence, exp_neg_v, len);
+#endif
 #if defined(VORN_SIMD4)
   NsPresenceSimd(gamma_min, zeta, v, eta, presence, exp_neg_v, len);
 #else

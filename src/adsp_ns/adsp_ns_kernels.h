@@ -6,8 +6,11 @@
 // (common/simd4.h) that performs the same operations in the same order per
 // bin and so gives the same bits; the undecorated name runs the twin where
 // the build has one. Steps the plain code rounds through a double library
-// call (exp, log10) stay scalar in both: the twins hand those bins to the
-// plain per-bin code.
+// call (exp, log10, pow) stay scalar in both and the twins hand those bins to
+// the plain per-bin code, except where a twin forms the function itself to
+// far better than a float's precision and keeps a result only where that
+// error cannot change the float it rounds to (the ramp, the gain presence's
+// missing exponentials, the gain blend).
 #pragma once
 
 #include "common/cpu_avx2.h"
@@ -67,7 +70,10 @@ void NsHeldRatioPlain(const float *sum, const float *weight, const float *held, 
 // The conditional speech-presence probability of the noise estimate: 0 where
 // the periodogram is at or below its minimum, 1 where the bin is surely
 // speech, and between (in double, with exp(-v), which is kept in exp_neg_v;
-// -1 elsewhere) where the minimum leaves it open.
+// -1 elsewhere) where the minimum leaves it open. The eight-lane twin keeps
+// the exponential only where it took the library's, and leaves -1 where it
+// formed its own: the gain rule then forms it again, and either way gives the
+// same bits.
 void NsPresence(const float *gamma_min, const float *zeta, const float *v, const float *eta, float *presence,
                 double *exp_neg_v, int len);
 void NsPresencePlain(const float *gamma_min, const float *zeta, const float *v, const float *eta, float *presence,
@@ -81,6 +87,11 @@ void NsGainPresence(const float *q, const float *eta, const float *v, const doub
                     int len);
 void NsGainPresencePlain(const float *q, const float *eta, const float *v, const double *exp_neg_v, float *presence,
                          int len);
+
+// The suppression gain of each bin: the floor where the presence probability
+// is 0, the speech gain where it is 1, else floor^(1 - p) * speech^p in double.
+void NsGainBlend(const float *floor, const float *speech, const float *presence, float *gain, int len);
+void NsGainBlendPlain(const float *floor, const float *speech, const float *presence, float *gain, int len);
 
 // The post filter's absence probability of each output bin, from three beams'
 // smoothed periodograms s and noise estimates and beam 0's a posteriori SNR:
@@ -110,12 +121,15 @@ void NsRampOfRatioSimd(const float *ratio, float *likelihood, int len);
 #endif
 
 #if defined(VORN_AVX2)
-// Eight-lane twins of the costliest three, compiled for AVX2 alone; the
+// Eight-lane twins of the costliest kernels, compiled for AVX2 alone; the
 // undecorated names take them where the processor has it (CpuHasAvx2).
 void NsSnrTermsAvx2(const NsSnrIn &in, const NsSnrOut &out, int len);
 void NsLsaGainAvx2(const float *v, const float *eta, const float *gamma, float *lsa_gain, float *eta_2term, int len);
 void NsGainPresenceAvx2(const float *q, const float *eta, const float *v, const double *exp_neg_v, float *presence,
                         int len);
+void NsGainBlendAvx2(const float *floor, const float *speech, const float *presence, float *gain, int len);
+void NsPresenceAvx2(const float *gamma_min, const float *zeta, const float *v, const float *eta, float *presence,
+                    double *exp_neg_v, int len);
 #endif
 
 // exp(-v) in double, as the presence terms take it.

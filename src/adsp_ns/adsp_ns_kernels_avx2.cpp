@@ -15,6 +15,8 @@ constexpr float kBiasMinimum = 1.66f;
 constexpr float kNewTermWeight = 1.0f - 0.95f;
 constexpr float kMemoryWeight = 0.95f;
 constexpr float kGainAbsenceMax = 0.9f;
+constexpr double kLn2High = 6.93147180369123816490e-01;  // ln 2's leading 32 bits: n * kLn2High is exact
+constexpr double kLn2Low = 1.90821492927058770002e-10;   // ln 2 - kLn2High
 
 VORN_TARGET_AVX2 inline __m256 Select8(__m256 mask, __m256 a, __m256 b) { return _mm256_blendv_ps(b, a, mask); }
 VORN_TARGET_AVX2 inline __m256 Lt8(__m256 a, __m256 b) { return _mm256_cmp_ps(a, b, _CMP_LT_OQ); }
@@ -105,34 +107,210 @@ VORN_TARGET_AVX2 void NsLsaGainAvx2(const float *v, const float *eta, const floa
 // Four bins per double vector. A bin whose exponential the noise estimate did
 // not form gets it here from the same double call the plain step makes, and
 // joins the vector with it.
+namespace {
+
+// exp(x) for |x| < 700, within 1e-15 of the true value relative to it:
+// exp(x) = 2^n exp(r) with n the nearest integer to x / ln 2, r = x - n ln 2
+// (ln 2 in two parts, the first of which n multiplies exactly), |r| < 0.35,
+// and exp(r) by its series to r^13 (the rest is below 1e-17).
+VORN_TARGET_AVX2 __m256d ExpNear(__m256d x) {
+  const __m256d n = _mm256_round_pd(_mm256_mul_pd(x, _mm256_set1_pd(1.4426950408889634)),
+                                    _MM_FROUND_TO_NEAREST_INT | _MM_FROUND_NO_EXC);
+  const __m256d r = _mm256_sub_pd(_mm256_sub_pd(x, _mm256_mul_pd(n, _mm256_set1_pd(kLn2High))),
+                                  _mm256_mul_pd(n, _mm256_set1_pd(kLn2Low)));
+  constexpr double kInverseFactorial[14] = {1.0,
+                                            1.0,
+                                            1.0 / 2,
+                                            1.0 / 6,
+                                            1.0 / 24,
+                                            1.0 / 120,
+                                            1.0 / 720,
+                                            1.0 / 5040,
+                                            1.0 / 40320,
+                                            1.0 / 362880,
+                                            1.0 / 3628800,
+                                            1.0 / 39916800,
+                                            1.0 / 479001600,
+                                            1.0 / 6227020800};
+  __m256d series = _mm256_set1_pd(kInverseFactorial[13]);
+  for (int i = 12; i >= 0; --i) series = _mm256_add_pd(_mm256_mul_pd(series, r), _mm256_set1_pd(kInverseFactorial[i]));
+  const __m128i biased = _mm_add_epi32(_mm256_cvtpd_epi32(n), _mm_set1_epi32(1023));
+  return _mm256_mul_pd(series, _mm256_castsi256_pd(_mm256_slli_epi64(_mm256_cvtepi32_epi64(biased), 52)));
+}
+
+VORN_TARGET_AVX2 __m256d ExpNegNear(__m128 v) { return ExpNear(_mm256_sub_pd(_mm256_setzero_pd(), _mm256_cvtps_pd(v))); }
+
+// ln x for a positive normal double, within 1e-16 of the true value plus
+// 1e-16 of it: x = 2^e m with m in [sqrt 1/2, sqrt 2), ln m = 2 atanh(s) for
+// s = (m - 1) / (m + 1), |s| < 0.172, by its series to s^21.
+VORN_TARGET_AVX2 __m256d LnNear(__m256d x) {
+  const __m256i bits = _mm256_castpd_si256(x);
+  const __m256d two52 = _mm256_set1_pd(4503599627370496.0);
+  // The biased exponent as a double: its integer placed under 2^52's exponent.
+  __m256d e = _mm256_sub_pd(
+      _mm256_castsi256_pd(_mm256_or_si256(_mm256_srli_epi64(bits, 52), _mm256_castpd_si256(two52))),
+      _mm256_set1_pd(4503599627370496.0 + 1023.0));
+  __m256d m = _mm256_castsi256_pd(_mm256_or_si256(_mm256_and_si256(bits, _mm256_set1_epi64x(0x000fffffffffffffLL)),
+                                                  _mm256_castpd_si256(_mm256_set1_pd(1.0))));
+  const __m256d high = _mm256_cmp_pd(m, _mm256_set1_pd(1.4142135623730951), _CMP_GT_OQ);
+  m = _mm256_blendv_pd(m, _mm256_mul_pd(m, _mm256_set1_pd(0.5)), high);
+  e = _mm256_add_pd(e, _mm256_and_pd(high, _mm256_set1_pd(1.0)));
+  const __m256d one = _mm256_set1_pd(1.0);
+  const __m256d s = _mm256_div_pd(_mm256_sub_pd(m, one), _mm256_add_pd(m, one));
+  const __m256d s2 = _mm256_mul_pd(s, s);
+  __m256d series = _mm256_set1_pd(1.0 / 21.0);
+  for (int odd = 19; odd >= 1; odd -= 2)
+    series = _mm256_add_pd(_mm256_mul_pd(series, s2), _mm256_set1_pd(1.0 / odd));
+  const __m256d atanh2 = _mm256_mul_pd(_mm256_add_pd(s, s), series);
+  return _mm256_add_pd(_mm256_mul_pd(e, _mm256_set1_pd(kLn2High)),
+                       _mm256_add_pd(_mm256_mul_pd(e, _mm256_set1_pd(kLn2Low)), atanh2));
+}
+
+}  // namespace
+
+// A bin whose exponential the noise estimate did not form gets ExpNegNear's
+// instead of the library's: the presence moves by less than 1e-14 of itself
+// between the two, so wherever it plus or minus 1e-12 of itself rounds to one
+// float, both give that float. From v = 700 on, exp(-v) is below 1e-304, so
+// with the factor before it below 1e200 in magnitude, 1 plus their product
+// rounds to 1 and the presence is 1 whatever the exponential's last bits:
+// those bins take 0 for it. The rare bin near a rounding boundary, and one
+// whose v or factor is out of these ranges or NaN, takes the plain step.
 VORN_TARGET_AVX2 void NsGainPresenceAvx2(const float *q, const float *eta, const float *v, const double *exp_neg_v,
                                          float *presence, int len) {
   const __m256d one = _mm256_set1_pd(1.0), zero = _mm256_setzero_pd();
-  const __m128 absence_max = _mm_set1_ps(kGainAbsenceMax);
+  const __m256d below = _mm256_set1_pd(1.0 - 1e-12), above = _mm256_set1_pd(1.0 + 1e-12);
+  const __m256d factor_max = _mm256_set1_pd(1e200), sign_d = _mm256_set1_pd(-0.0);
+  const __m128 absence_max = _mm_set1_ps(kGainAbsenceMax), v_max = _mm_set1_ps(700.0f);
+  const __m128 sign = _mm_set1_ps(-0.0f);
   int k = 0;
   for (; k + 4 <= len; k += 4) {
     const __m128 absence = _mm_loadu_ps(q + k);
     const __m128 open = _mm_cmplt_ps(absence, absence_max);
-    __m256d e = _mm256_loadu_pd(exp_neg_v + k);
-    const int missing = _mm_movemask_ps(open) & ~_mm256_movemask_pd(_mm256_cmp_pd(e, zero, _CMP_GE_OQ));
-    if (missing != 0) {
-      alignas(32) double lanes[4];
-      _mm256_store_pd(lanes, e);
-      for (int bits = missing; bits != 0; bits &= bits - 1) {
-        const int i = __builtin_ctz(static_cast<unsigned>(bits));
-        lanes[i] = NsExpNeg(v[k + i]);
-      }
-      e = _mm256_load_pd(lanes);
-    }
     const __m256d a = _mm256_cvtps_pd(absence);
     const __m256d eta_d = _mm256_cvtps_pd(_mm_loadu_ps(eta + k));
-    const __m256d p = _mm256_div_pd(
-        one, _mm256_add_pd(one, _mm256_mul_pd(_mm256_mul_pd(_mm256_div_pd(a, _mm256_sub_pd(one, a)),
-                                                            _mm256_add_pd(one, eta_d)),
-                                              e)));
+    const __m256d factor = _mm256_mul_pd(_mm256_div_pd(a, _mm256_sub_pd(one, a)), _mm256_add_pd(one, eta_d));
+    __m256d e = _mm256_loadu_pd(exp_neg_v + k);
+    const int missing = _mm_movemask_ps(open) & ~_mm256_movemask_pd(_mm256_cmp_pd(e, zero, _CMP_GE_OQ));
+    int sure = 0;
+    if (missing != 0) {
+      const __m128 v4 = _mm_loadu_ps(v + k);
+      const __m128 near = _mm_cmplt_ps(_mm_andnot_ps(sign, v4), v_max);
+      const __m256d far = _mm256_and_pd(_mm256_cvtps_pd(_mm_cmpge_ps(v4, v_max)),
+                                        _mm256_cmp_pd(_mm256_andnot_pd(sign_d, factor), factor_max, _CMP_LT_OQ));
+      if (_mm_movemask_ps(near) & missing)
+        e = _mm256_blendv_pd(e, ExpNegNear(v4), _mm256_castsi256_pd(_mm256_cvtepi32_epi64(_mm_castps_si128(near))));
+      e = _mm256_andnot_pd(far, e);
+      sure = missing & (_mm_movemask_ps(near) | _mm256_movemask_pd(far));
+    }
+    const __m256d p = _mm256_div_pd(one, _mm256_add_pd(one, _mm256_mul_pd(factor, e)));
     _mm_storeu_ps(presence + k, _mm_and_ps(open, _mm256_cvtpd_ps(p)));
+    if (missing != 0) {
+      const __m128 low = _mm256_cvtpd_ps(_mm256_mul_pd(p, below)), high = _mm256_cvtpd_ps(_mm256_mul_pd(p, above));
+      const int plain = missing & ~(sure & _mm_movemask_ps(_mm_cmpeq_ps(low, high)));
+      for (int bits = plain; bits != 0; bits &= bits - 1) {
+        const int i = k + __builtin_ctz(static_cast<unsigned>(bits));
+        NsGainPresencePlain(q + i, eta + i, v + i, exp_neg_v + i, presence + i, 1);
+      }
+    }
   }
   if (k < len) NsGainPresenceSimd(q + k, eta + k, v + k, exp_neg_v + k, presence + k, len - k);
+}
+
+// The presence where the minimum leaves it open, (1 - a) / ((1 - a) + (1 +
+// eta) a exp(-v)) with a = (3 - gamma_min) / 2, from ExpNegNear's exponential:
+// with every term positive (gamma_min in 1..3, eta not negative) it moves by
+// less than 1e-14 of itself between the two, so wherever it plus or minus
+// 1e-12 of itself rounds to one float, both give that float. From v = 700
+// on, with eta finite, (1 + eta) a exp(-v) is below 1e-265, under half a unit
+// of 1 - a's last place (1 - a is at least 2^-24), and the presence is 1
+// whatever the exponential's bits. Those bins keep no exponential (-1), so
+// the gain rule forms its own; the others take the plain step.
+VORN_TARGET_AVX2 void NsPresenceAvx2(const float *gamma_min, const float *zeta, const float *v, const float *eta,
+                                     float *presence, double *exp_neg_v, int len) {
+  const __m128 one_f = _mm_set1_ps(1.0f), gamma_max = _mm_set1_ps(3.0f), zeta_max = _mm_set1_ps(1.67f);
+  const __m128 v_max = _mm_set1_ps(700.0f), sign = _mm_set1_ps(-0.0f), zero_f = _mm_setzero_ps();
+  const __m128 inf = _mm_set1_ps(__builtin_inff());
+  const __m256d one = _mm256_set1_pd(1.0), half = _mm256_set1_pd(0.5), three = _mm256_set1_pd(3.0);
+  const __m256d below = _mm256_set1_pd(1.0 - 1e-12), above = _mm256_set1_pd(1.0 + 1e-12);
+  const __m256d none = _mm256_set1_pd(-1.0);
+  int k = 0;
+  for (; k + 4 <= len; k += 4) {
+    const __m128 g = _mm_loadu_ps(gamma_min + k), z = _mm_loadu_ps(zeta + k);
+    const __m128 sure_speech = _mm_or_ps(_mm_cmpgt_ps(g, gamma_max), _mm_cmpgt_ps(z, zeta_max));
+    __m128 out = _mm_and_ps(sure_speech, one_f);
+    _mm256_storeu_pd(exp_neg_v + k, none);
+    int open = _mm_movemask_ps(
+        _mm_and_ps(_mm_and_ps(_mm_cmpgt_ps(g, one_f), _mm_cmplt_ps(g, gamma_max)), _mm_cmplt_ps(z, zeta_max)));
+    if (open != 0) {
+      const __m128 v4 = _mm_loadu_ps(v + k), eta4 = _mm_loadu_ps(eta + k);
+      const __m128 eta_usable = _mm_and_ps(_mm_cmpge_ps(eta4, zero_f), _mm_cmplt_ps(eta4, inf));
+      const __m128 near = _mm_and_ps(eta_usable, _mm_cmplt_ps(_mm_andnot_ps(sign, v4), v_max));
+      const __m128 far = _mm_and_ps(eta_usable, _mm_cmpge_ps(v4, v_max));
+      const __m256d absence = _mm256_mul_pd(_mm256_sub_pd(three, _mm256_cvtps_pd(g)), half);
+      const __m256d not_absent = _mm256_sub_pd(one, absence);
+      const __m256d e = _mm256_andnot_pd(_mm256_cvtps_pd(far), ExpNegNear(v4));
+      const __m256d p = _mm256_div_pd(
+          not_absent,
+          _mm256_add_pd(not_absent, _mm256_mul_pd(_mm256_mul_pd(_mm256_add_pd(one, _mm256_cvtps_pd(eta4)), absence), e)));
+      const __m128 p4 = _mm256_cvtpd_ps(p);
+      const __m128 steady = _mm_cmpeq_ps(_mm256_cvtpd_ps(_mm256_mul_pd(p, below)),
+                                         _mm256_cvtpd_ps(_mm256_mul_pd(p, above)));
+      const int formed = open & _mm_movemask_ps(_mm_and_ps(_mm_or_ps(near, far), steady));
+      const __m128 formed_lanes = _mm_castsi128_ps(
+          _mm_cmpgt_epi32(_mm_and_si128(_mm_set1_epi32(formed), _mm_setr_epi32(1, 2, 4, 8)), _mm_setzero_si128()));
+      out = _mm_or_ps(out, _mm_and_ps(formed_lanes, p4));
+      open &= ~formed;
+    }
+    _mm_storeu_ps(presence + k, out);
+    for (; open != 0; open &= open - 1) {
+      const int i = k + __builtin_ctz(static_cast<unsigned>(open));
+      NsPresencePlain(gamma_min + i, zeta + i, v + i, eta + i, presence + i, exp_neg_v + i, 1);
+    }
+  }
+  if (k < len) NsPresencePlain(gamma_min + k, zeta + k, v + k, eta + k, presence + k, exp_neg_v + k, len - k);
+}
+
+// floor^(1 - p) * speech^p as exp((1 - p) ln floor + p ln speech): the
+// exponent is within 2e-14 of the true one (|ln| < 104 for positive finite
+// floats), so the result within 3e-14 of itself, and the library's two pow
+// and their product within 1e-15. Wherever the result plus or minus 1e-12 of
+// itself rounds to one float, both give that float; the rare bin near a
+// rounding boundary, or with a floor or speech gain that is not positive and
+// finite, or a weight outside 0..1, takes the plain step.
+VORN_TARGET_AVX2 void NsGainBlendAvx2(const float *floor, const float *speech, const float *presence, float *gain,
+                                      int len) {
+  const __m256d one = _mm256_set1_pd(1.0);
+  const __m256d below = _mm256_set1_pd(1.0 - 1e-12), above = _mm256_set1_pd(1.0 + 1e-12);
+  const __m128 zero = _mm_setzero_ps(), one_f = _mm_set1_ps(1.0f), inf = _mm_set1_ps(__builtin_inff());
+  int k = 0;
+  for (; k + 4 <= len; k += 4) {
+    const __m128 f = _mm_loadu_ps(floor + k), s = _mm_loadu_ps(speech + k), p = _mm_loadu_ps(presence + k);
+    const __m128 at_floor = _mm_cmpeq_ps(p, zero), at_speech = _mm_cmpeq_ps(p, one_f);
+    const __m128 weighs = _mm_andnot_ps(_mm_or_ps(at_floor, at_speech), _mm_and_ps(_mm_cmpgt_ps(p, zero),
+                                                                                   _mm_cmplt_ps(p, one_f)));
+    const __m128 usable = _mm_and_ps(_mm_and_ps(_mm_cmpgt_ps(f, zero), _mm_cmplt_ps(f, inf)),
+                                     _mm_and_ps(_mm_cmpgt_ps(s, zero), _mm_cmplt_ps(s, inf)));
+    __m128 out = _mm_or_ps(_mm_and_ps(at_floor, f), _mm_and_ps(at_speech, s));
+    int plain = 0xf & ~_mm_movemask_ps(_mm_or_ps(at_floor, at_speech));
+    if (plain != 0) {
+      const __m256d w = _mm256_cvtps_pd(p);
+      const __m256d exponent = _mm256_add_pd(_mm256_mul_pd(_mm256_sub_pd(one, w), LnNear(_mm256_cvtps_pd(f))),
+                                             _mm256_mul_pd(w, LnNear(_mm256_cvtps_pd(s))));
+      const __m256d blend = ExpNear(exponent);
+      const __m128 low = _mm256_cvtpd_ps(_mm256_mul_pd(blend, below));
+      const __m128 sure = _mm_and_ps(_mm_and_ps(weighs, usable),
+                                     _mm_cmpeq_ps(low, _mm256_cvtpd_ps(_mm256_mul_pd(blend, above))));
+      out = _mm_or_ps(out, _mm_and_ps(sure, _mm256_cvtpd_ps(blend)));
+      plain &= ~_mm_movemask_ps(sure);
+    }
+    _mm_storeu_ps(gain + k, out);
+    for (int bits = plain; bits != 0; bits &= bits - 1) {
+      const int i = k + __builtin_ctz(static_cast<unsigned>(bits));
+      NsGainBlendPlain(floor + i, speech + i, presence + i, gain + i, 1);
+    }
+  }
+  if (k < len) NsGainBlendPlain(floor + k, speech + k, presence + k, gain + k, len - k);
 }
 
 }  // namespace vorn

@@ -106,17 +106,16 @@ void EstGain(T_AdspNsState *ns_st, float *q, const NsSharedTerms &terms, float *
   const float snr_weight = 2.0f * st.long_eta / (st.long_eta + 5.0f);
   int peak_count = 0;  // the tonal-peak run starts at kPeakFirstBin, so a range starting later replays it
   float presences[kNsBins];
-  if (last_bin >= first_bin)
-    NsGainPresence(q + first_bin, st.eta + first_bin, st.v + first_bin, terms.exp_neg_v + first_bin,
-                   presences + first_bin, last_bin - first_bin + 1);
+  float floors[kNsBins];
+  if (last_bin < first_bin) return;
+  NsGainPresence(q + first_bin, st.eta + first_bin, st.v + first_bin, terms.exp_neg_v + first_bin,
+                 presences + first_bin, last_bin - first_bin + 1);
 
   for (int k = first_bin < kPeakFirstBin ? first_bin : kPeakFirstBin; k <= last_bin; ++k) {
     if (k < first_bin) {
       if (k <= kPeakLastBin) peak_count = ldl[k + 1] > 2.07f * (ldl[k - 1] + ldl[k + 3]) ? 2 : peak_count - 1;
       continue;
     }
-    const float presence = presences[k];
-
     float floor = st.g_f;
     if (k >= kPeakFirstBin && k <= kPeakLastBin) {
       // Near a long-term noise peak the floor follows the local noise valley,
@@ -135,23 +134,10 @@ void EstGain(T_AdspNsState *ns_st, float *q, const NsSharedTerms &terms, float *
         floor = (st.g_f * valley / (st.s[k] + 1e-8f)) * snr_weight;
       }
     }
-    const float scaled_floor = floor * st.external_ns_level;
-
-    if (presence == 0.0f) {
-      // x^1 * y^0 is x exactly; the speech gain would be discarded.
-      g[k] = scaled_floor;
-      continue;
-    }
-    const float speech_gain = terms.lsa_gain[k];
-    if (presence == 1.0f) {
-      // x^0 * y^1 is y exactly; the floor would be discarded.
-      g[k] = speech_gain;
-      continue;
-    }
-    const double weight = presence;
-    g[k] = static_cast<float>(std::pow(static_cast<double>(scaled_floor), 1.0 - weight) *
-                              std::pow(static_cast<double>(speech_gain), weight));
+    floors[k] = floor * st.external_ns_level;
   }
+  NsGainBlend(floors + first_bin, terms.lsa_gain + first_bin, presences + first_bin, g + first_bin,
+              last_bin - first_bin + 1);
 }
 
 void NsFreqFilter(float *spectrum, float *gain, float *out) {
