@@ -120,25 +120,14 @@ bool FitsPadded(const ConvShape &c) {
   return true;
 }
 
-// Eight outputs from `padded`, whose element o holds the first term's signal value of output o.
-VORN_TARGET_AVX2 __m256 ConvEight(const ConvShape &c, const float *padded, int o) {
-  __m256 acc = _mm256_setzero_ps();
-  for (int j = 0; j < c.kernel_len; ++j)
-    acc = _mm256_add_ps(acc, _mm256_mul_ps(_mm256_set1_ps(c.kernel[j]), _mm256_loadu_ps(padded + o + j)));
-  return acc;
-}
-
-VORN_TARGET_AVX2 void ConvPaddedAvx2(const ConvShape &c, int first, int past, float *out) {
-  alignas(32) float padded[kPaddedKernelMax + kPaddedSignalMax + kPaddedKernelMax];
-  const int tail = c.kernel_len - c.lead;  // the last output's terms run this far past the signal
-  for (int i = 0; i < c.lead; ++i) padded[i] = 0.0f;
-  for (int i = 0; i < c.signal_len; ++i) padded[c.lead + i] = c.signal[i];
-  for (int i = 0; i < tail; ++i) padded[c.lead + c.signal_len + i] = 0.0f;
-  int o = first;
+// Outputs [o, past) in vectors, eight at a time and 32 per pass, where
+// output o's first term reads src[o - shift]; returns the first output not
+// formed (fewer than eight remain).
+VORN_TARGET_AVX2 int ConvVectors(const ConvShape &c, const float *src, int shift, int o, int past, float *out) {
   for (; o + 32 <= past; o += 32) {
     __m256 acc0 = _mm256_setzero_ps(), acc1 = _mm256_setzero_ps(), acc2 = _mm256_setzero_ps(),
            acc3 = _mm256_setzero_ps();
-    const float *window = padded + o;
+    const float *window = src + (o - shift);
     for (int j = 0; j < c.kernel_len; ++j) {
       const __m256 tap = _mm256_set1_ps(c.kernel[j]);
       acc0 = _mm256_add_ps(acc0, _mm256_mul_ps(tap, _mm256_loadu_ps(window + j)));
@@ -151,9 +140,24 @@ VORN_TARGET_AVX2 void ConvPaddedAvx2(const ConvShape &c, int first, int past, fl
     _mm256_storeu_ps(out + o + 16, acc2);
     _mm256_storeu_ps(out + o + 24, acc3);
   }
-  for (; o + 8 <= past; o += 8) _mm256_storeu_ps(out + o, ConvEight(c, padded, o));
+  for (; o + 8 <= past; o += 8) {
+    __m256 acc = _mm256_setzero_ps();
+    const float *window = src + (o - shift);
+    for (int j = 0; j < c.kernel_len; ++j)
+      acc = _mm256_add_ps(acc, _mm256_mul_ps(_mm256_set1_ps(c.kernel[j]), _mm256_loadu_ps(window + j)));
+    _mm256_storeu_ps(out + o, acc);
+  }
+  return o;
+}
+
+VORN_TARGET_AVX2 void ConvPaddedAvx2(const ConvShape &c, int first, int past, float *out) {
+  alignas(32) float padded[kPaddedKernelMax + kPaddedSignalMax + kPaddedKernelMax];
+  const int tail = c.kernel_len - c.lead;  // the last output's terms run this far past the signal
+  for (int i = 0; i < c.lead; ++i) padded[i] = 0.0f;
+  for (int i = 0; i < c.signal_len; ++i) padded[c.lead + i] = c.signal[i];
+  for (int i = 0; i < tail; ++i) padded[c.lead + c.signal_len + i] = 0.0f;
   // The last few outputs: the eight ending at `past` (recomputing some, to the same bits).
-  if (o < past) _mm256_storeu_ps(out + past - 8, ConvEight(c, padded, past - 8));
+  if (ConvVectors(c, padded, 0, first, past, out) < past) ConvVectors(c, padded, 0, past - 8, past, out);
 }
 
 }  // namespace
@@ -176,30 +180,7 @@ VORN_TARGET_AVX2 void ConvRangeAvx2(const float *a, int alen, const float *b, in
     return;
   }
   ConvOutputs(c, first, full_first, out);
-  int o = full_first;
-  for (; o + 32 <= full_past; o += 32) {
-    __m256 acc0 = _mm256_setzero_ps(), acc1 = _mm256_setzero_ps(), acc2 = _mm256_setzero_ps(),
-           acc3 = _mm256_setzero_ps();
-    const float *window = c.signal + o - c.lead;
-    for (int j = 0; j < c.kernel_len; ++j) {
-      const __m256 tap = _mm256_set1_ps(c.kernel[j]);
-      acc0 = _mm256_add_ps(acc0, _mm256_mul_ps(tap, _mm256_loadu_ps(window + j)));
-      acc1 = _mm256_add_ps(acc1, _mm256_mul_ps(tap, _mm256_loadu_ps(window + j + 8)));
-      acc2 = _mm256_add_ps(acc2, _mm256_mul_ps(tap, _mm256_loadu_ps(window + j + 16)));
-      acc3 = _mm256_add_ps(acc3, _mm256_mul_ps(tap, _mm256_loadu_ps(window + j + 24)));
-    }
-    _mm256_storeu_ps(out + o, acc0);
-    _mm256_storeu_ps(out + o + 8, acc1);
-    _mm256_storeu_ps(out + o + 16, acc2);
-    _mm256_storeu_ps(out + o + 24, acc3);
-  }
-  for (; o + 8 <= full_past; o += 8) {
-    __m256 acc = _mm256_setzero_ps();
-    const float *window = c.signal + o - c.lead;
-    for (int j = 0; j < c.kernel_len; ++j)
-      acc = _mm256_add_ps(acc, _mm256_mul_ps(_mm256_set1_ps(c.kernel[j]), _mm256_loadu_ps(window + j)));
-    _mm256_storeu_ps(out + o, acc);
-  }
+  const int o = ConvVectors(c, c.signal, c.lead, full_first, full_past, out);
   ConvOutputs(c, o, past, out);
 }
 #endif
