@@ -23,13 +23,15 @@ VORN_TARGET_AVX2 inline __m256 Lt8(__m256 a, __m256 b) { return _mm256_cmp_ps(a,
 VORN_TARGET_AVX2 inline __m256 Gt8(__m256 a, __m256 b) { return _mm256_cmp_ps(a, b, _CMP_GT_OQ); }
 VORN_TARGET_AVX2 inline __m256 Ge8(__m256 a, __m256 b) { return _mm256_cmp_ps(a, b, _CMP_GE_OQ); }
 
-// (a x x + b x + c) / (x x + d x + e), grouped as ExpExpint groups it.
-VORN_TARGET_AVX2 inline __m256 Rational8(__m256 x, float a, float b, float c, float d, float e) {
-  const __m256 num = _mm256_add_ps(
-      _mm256_add_ps(_mm256_mul_ps(_mm256_mul_ps(_mm256_set1_ps(a), x), x), _mm256_mul_ps(_mm256_set1_ps(b), x)),
-      _mm256_set1_ps(c));
-  const __m256 den =
-      _mm256_add_ps(_mm256_add_ps(_mm256_mul_ps(x, x), _mm256_mul_ps(_mm256_set1_ps(d), x)), _mm256_set1_ps(e));
+// (a x x + b x + c) / (x x + d x + e), grouped as ExpExpint groups it, with
+// each lane's own coefficients.
+struct RationalCoefficients8 {
+  __m256 a, b, c, d, e;
+};
+
+VORN_TARGET_AVX2 inline __m256 Rational8(__m256 x, const RationalCoefficients8 &k) {
+  const __m256 num = _mm256_add_ps(_mm256_add_ps(_mm256_mul_ps(_mm256_mul_ps(k.a, x), x), _mm256_mul_ps(k.b, x)), k.c);
+  const __m256 den = _mm256_add_ps(_mm256_add_ps(_mm256_mul_ps(x, x), _mm256_mul_ps(k.d, x)), k.e);
   return _mm256_div_ps(num, den);
 }
 
@@ -37,15 +39,26 @@ VORN_TARGET_AVX2 inline __m256 InRange8(__m256 x, float lo, float hi) {
   return _mm256_and_ps(Ge8(x, _mm256_set1_ps(lo)), Lt8(x, _mm256_set1_ps(hi)));
 }
 
-// ExpExpint on eight lanes: every branch formed, each lane taking its own.
+// Where in_range is set, the lane takes the branch's coefficients.
+VORN_TARGET_AVX2 inline void TakeBranch(__m256 in_range, float a, float b, float c, float d, float e,
+                                        RationalCoefficients8 &k) {
+  k.a = Select8(in_range, _mm256_set1_ps(a), k.a);
+  k.b = Select8(in_range, _mm256_set1_ps(b), k.b);
+  k.c = Select8(in_range, _mm256_set1_ps(c), k.c);
+  k.d = Select8(in_range, _mm256_set1_ps(d), k.d);
+  k.e = Select8(in_range, _mm256_set1_ps(e), k.e);
+}
+
+// ExpExpint on eight lanes. The three rational branches share one form, so
+// each lane picks its branch's coefficients and a single rational (one
+// division) serves them all, every lane doing what the plain branch does.
 VORN_TARGET_AVX2 __m256 ExpExpint8(__m256 x) {
-  const __m256 low = Rational8(x, 1.092f, 0.2034f, 0.001081f, 0.03076f, 2.257e-5f);
-  const __m256 middle = Rational8(x, 0.9287f, 1.045f, 0.3339f, 0.991f, 0.0774f);
-  const __m256 high = Rational8(x, 1.01f, 0.1371f, 0.7789f, 0.2453f, 0.4813f);
-  __m256 e = _mm256_set1_ps(1.0f);
-  e = Select8(InRange8(x, 1.0f, 5.0f), high, e);
-  e = Select8(InRange8(x, 0.25f, 1.0f), middle, e);
-  e = Select8(InRange8(x, 0.001f, 0.25f), low, e);
+  const __m256 high = InRange8(x, 1.0f, 5.0f), middle = InRange8(x, 0.25f, 1.0f), low = InRange8(x, 0.001f, 0.25f);
+  RationalCoefficients8 k{_mm256_set1_ps(1.01f), _mm256_set1_ps(0.1371f), _mm256_set1_ps(0.7789f),
+                          _mm256_set1_ps(0.2453f), _mm256_set1_ps(0.4813f)};
+  TakeBranch(middle, 0.9287f, 1.045f, 0.3339f, 0.991f, 0.0774f, k);
+  TakeBranch(low, 1.092f, 0.2034f, 0.001081f, 0.03076f, 2.257e-5f, k);
+  __m256 e = Select8(_mm256_or_ps(high, _mm256_or_ps(middle, low)), Rational8(x, k), _mm256_set1_ps(1.0f));
   const __m256 tiny = _mm256_and_ps(Gt8(x, _mm256_setzero_ps()), Lt8(x, _mm256_set1_ps(0.001f)));
   if (_mm256_movemask_ps(tiny) != 0) {
     const __m256d c = _mm256_set1_pd(0.7497);
