@@ -562,6 +562,9 @@ void NsLsaGain(const float *v, const float *eta, const float *gamma, float *lsa_
 }
 
 void NsBeamAbsence(const NsBeamPowers &in, float *q, int len) {
+#if defined(VORN_AVX2)
+  if (CpuHasAvx2()) return NsBeamAbsenceAvx2(in, q, len);
+#endif
 #if defined(VORN_SIMD4)
   NsBeamAbsenceSimd(in, q, len);
 #else

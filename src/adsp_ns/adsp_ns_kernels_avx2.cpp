@@ -15,6 +15,9 @@ constexpr float kBiasMinimum = 1.66f;
 constexpr float kNewTermWeight = 1.0f - 0.95f;
 constexpr float kMemoryWeight = 0.95f;
 constexpr float kGainAbsenceMax = 0.9f;
+constexpr float kBeamTiny = 1e-8f;
+constexpr float kBeamMaxAbsence = 0.998f;
+constexpr float kBeamMinAbsence = 0.01f;
 constexpr double kLn2High = 6.93147180369123816490e-01;  // ln 2's leading 32 bits: n * kLn2High is exact
 constexpr double kLn2Low = 1.90821492927058770002e-10;   // ln 2 - kLn2High
 
@@ -115,6 +118,41 @@ VORN_TARGET_AVX2 void NsLsaGainAvx2(const float *v, const float *eta, const floa
     _mm256_storeu_ps(eta_2term + k, _mm256_mul_ps(_mm256_mul_ps(gain, gain), _mm256_loadu_ps(gamma + k)));
   }
   if (k < len) NsLsaGainSimd(v + k, eta + k, gamma + k, lsa_gain + k, eta_2term + k, len - k);
+}
+
+// The four-lane twin's rule eight bins at a time; the last bin (compared
+// against nothing) and those past the last full vector go to it.
+VORN_TARGET_AVX2 void NsBeamAbsenceAvx2(const NsBeamPowers &in, float *q, int len) {
+  const __m256 tiny = _mm256_set1_ps(kBeamTiny), zero = _mm256_setzero_ps(), one = _mm256_set1_ps(1.0f);
+  const __m256 two = _mm256_set1_ps(2.0f), half = _mm256_set1_ps(0.5f), ratio_knee = _mm256_set1_ps(1.75f);
+  const __m256 low = _mm256_set1_ps(kBeamMinAbsence), high = _mm256_set1_ps(kBeamMaxAbsence);
+  const auto excess = [&](int b, int k) VORN_TARGET_AVX2 {
+    const __m256 d = _mm256_sub_ps(_mm256_loadu_ps(in.s[b] + k), _mm256_loadu_ps(in.noise[b] + k));
+    return Select8(Ge8(d, tiny), d, tiny);
+  };
+  int k = 0;
+  for (; k + 8 <= len - 1; k += 8) {
+    const __m256 noise_raw = _mm256_loadu_ps(in.noise[0] + k);
+    const __m256 above =
+        Gt8(_mm256_div_ps(_mm256_loadu_ps(in.s[0] + k), Select8(Gt8(noise_raw, tiny), noise_raw, tiny)), one);
+    const __m256 e1 = excess(1, k), e2 = excess(2, k);
+    __m256 dmax = Select8(Gt8(e1, zero), e1, zero);
+    dmax = Select8(Gt8(e2, dmax), e2, dmax);
+    const __m256 rho = Select8(Gt8(dmax, zero), _mm256_div_ps(excess(0, k), dmax), _mm256_set1_ps(__builtin_inff()));
+    const __m256 z = _mm256_loadu_ps(in.gamma0 + k);
+    __m256 r = _mm256_div_ps(_mm256_sub_ps(two, z), _mm256_set1_ps(1.5f));
+    const __m256 by_ratio = _mm256_div_ps(_mm256_sub_ps(ratio_knee, rho), _mm256_set1_ps(1.4f));
+    r = Select8(Gt8(by_ratio, r), by_ratio, r);
+    r = Select8(Lt8(r, low), low, r);
+    r = Select8(Gt8(r, high), high, r);
+    r = Select8(_mm256_and_ps(Gt8(z, two), Gt8(rho, ratio_knee)), low, r);
+    r = Select8(_mm256_or_ps(Lt8(rho, one), _mm256_cmp_ps(z, half, _CMP_LE_OQ)), high, r);
+    _mm256_storeu_ps(q + k, Select8(above, r, high));
+  }
+  const NsBeamPowers rest{{in.s[0] + k, in.s[1] + k, in.s[2] + k},
+                          {in.noise[0] + k, in.noise[1] + k, in.noise[2] + k},
+                          in.gamma0 + k};
+  NsBeamAbsenceSimd(rest, q + k, len - k);
 }
 
 // Four bins per double vector. A bin whose exponential the noise estimate did
