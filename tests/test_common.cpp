@@ -315,6 +315,14 @@ TEST(CommonUtil, ElementwiseRoutinesAndMeans) {
       DataMinAvx2(y.data(), wide.data(), len, wide.data());
       EXPECT_TRUE(same(plain, wide)) << "min in place, " << len;
     }
+    for (int n : {512, 20}) {  // the bin powers, their mirrored half read backwards
+      Floats f = sim::WhiteNoise(n, 1.0, 43u);
+      for (int k = 0; k < n; k += 7) f[k] = specials[k % specials.size()];
+      Floats plain(n / 2 + 1), wide(n / 2 + 1);
+      GetPsdPlain(f.data(), n, plain.data());
+      GetPsdAvx2(f.data(), n, wide.data());
+      EXPECT_EQ(std::memcmp(plain.data(), wide.data(), plain.size() * sizeof(float)), 0) << "bin powers, " << n;
+    }
   }
 #endif
   // A plain truncating mean: no wrap-around at 360 and no overflow.

@@ -87,6 +87,13 @@ void AddWin(float *au, const float *win, int len, float *win_out) {
 }
 
 void GetPsd(float *f, int fft_len, float *psd) {
+#if defined(VORN_AVX2)
+  if (CpuHasAvx2()) return GetPsdAvx2(f, fft_len, psd);
+#endif
+  GetPsdPlain(f, fft_len, psd);
+}
+
+void GetPsdPlain(const float *f, int fft_len, float *psd) {
   if (fft_len <= 0) return;
   const int half = fft_len / 2;
   psd[0] = f[0] * f[0];

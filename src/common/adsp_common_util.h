@@ -32,6 +32,11 @@ void AddWinPlain(const float *au, const float *win, int len, float *win_out);
 
 // Bin powers of a packed spectrum (see adsp_common_fft_rel.h): fft_len/2+1 outputs.
 void GetPsd(float *f, int fft_len, float *psd);
+void GetPsdPlain(const float *f, int fft_len, float *psd);
+#if defined(VORN_AVX2)
+// Eight bins per vector, the mirrored half read backwards (elementwise_avx2).
+void GetPsdAvx2(const float *f, int fft_len, float *psd);
+#endif
 
 // win[i-1] = 0.5*(1 - cos(i*6.2831852/(len+1))), i = 1..len; returns the sum
 // of the stored values (0 for len < 1).

@@ -1,4 +1,5 @@
-// Eight-lane twins of the element-wise array helpers. Each lane performs the
+// Eight-lane twins of the element-wise array helpers (and of the bin powers,
+// element-wise over the spectrum's mirrored halves). Each lane performs the
 // plain loop's operation on its element (vminps picks as a < b ? a : b does,
 // NaN and signed zeros included; the products and sums keep their order and
 // are never fused), so the bits are the plain loop's. An output that overlaps
@@ -55,6 +56,23 @@ VORN_TARGET_AVX2 void AddWinAvx2(const float *au, const float *win, int len, flo
   for (; i + 8 <= len; i += 8)
     _mm256_storeu_ps(win_out + i, _mm256_mul_ps(_mm256_loadu_ps(win + i), _mm256_loadu_ps(au + i)));
   if (i < len) AddWinPlain(au + i, win + i, len - i, win_out + i);
+}
+
+// psd[k] = f[k] f[k] + f[n - k] f[n - k], eight k at a time: the second
+// operand's eight floats are loaded from f[n - k - 7] up and reversed.
+VORN_TARGET_AVX2 void GetPsdAvx2(const float *f, int fft_len, float *psd) {
+  const int half = fft_len / 2;
+  if (fft_len <= 0 || OverlapsOffset(f, psd, fft_len)) return GetPsdPlain(f, fft_len, psd);
+  psd[0] = f[0] * f[0];
+  const __m256i backwards = _mm256_setr_epi32(7, 6, 5, 4, 3, 2, 1, 0);
+  int k = 1;
+  for (; k + 8 <= half; k += 8) {
+    const __m256 re = _mm256_loadu_ps(f + k);
+    const __m256 im = _mm256_permutevar8x32_ps(_mm256_loadu_ps(f + fft_len - k - 7), backwards);
+    _mm256_storeu_ps(psd + k, _mm256_add_ps(_mm256_mul_ps(re, re), _mm256_mul_ps(im, im)));
+  }
+  for (; k < half; ++k) psd[k] = f[k] * f[k] + f[fft_len - k] * f[fft_len - k];
+  psd[half] = f[half] * f[half];
 }
 
 }  // namespace vorn
