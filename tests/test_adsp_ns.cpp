@@ -286,6 +286,12 @@ TEST(NsKernels, VectorTwinsGiveThePlainBits) {
     NsBeamAbsencePlain(powers, a[2].data(), len);
     NsBeamAbsenceSimd(powers, b[2].data(), len);
     EXPECT_EQ(std::memcmp(a[2].data(), b[2].data(), len * sizeof(float)), 0) << "beam absence";
+#if defined(VORN_AVX2)
+    if (CpuHasAvx2()) {
+      NsBeamAbsenceAvx2(powers, b[2].data(), len);
+      EXPECT_EQ(std::memcmp(a[2].data(), b[2].data(), len * sizeof(float)), 0) << "eight-lane beam absence";
+    }
+#endif
     if (len == kNsBins) {  // every outcome of the rule is met
       EXPECT_TRUE(std::count(a[2].begin(), a[2].end(), 0.01f) > 0);
       EXPECT_TRUE(std::count_if(a[2].begin(), a[2].end(), [](float x) { return x > 0.01f && x < 0.998f; }) > 0);

@@ -128,6 +128,7 @@ void NsLsaGainAvx2(const float *v, const float *eta, const float *gamma, float *
 void NsGainPresenceAvx2(const float *q, const float *eta, const float *v, const double *exp_neg_v, float *presence,
                         int len);
 void NsGainBlendAvx2(const float *floor, const float *speech, const float *presence, float *gain, int len);
+void NsBeamAbsenceAvx2(const NsBeamPowers &in, float *q, int len);
 void NsPresenceAvx2(const float *gamma_min, const float *zeta, const float *v, const float *eta, float *presence,
                     double *exp_neg_v, int len);
 #endif

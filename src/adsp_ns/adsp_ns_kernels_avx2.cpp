@@ -15,6 +15,9 @@ constexpr float kBiasMinimum = 1.66f;
 constexpr float kNewTermWeight = 1.0f - 0.95f;
 constexpr float kMemoryWeight = 0.95f;
 constexpr float kGainAbsenceMax = 0.9f;
+constexpr float kBeamTiny = 1e-8f;
+constexpr float kBeamMaxAbsence = 0.998f;
+constexpr float kBeamMinAbsence = 0.01f;
 constexpr double kLn2High = 6.93147180369123816490e-01;  // ln 2's leading 32 bits: n * kLn2High is exact
 constexpr double kLn2Low = 1.90821492927058770002e-10;   // ln 2 - kLn2High
 
@@ -23,13 +26,15 @@ VORN_TARGET_AVX2 inline __m256 Lt8(__m256 a, __m256 b) { return _mm256_cmp_ps(a,
 VORN_TARGET_AVX2 inline __m256 Gt8(__m256 a, __m256 b) { return _mm256_cmp_ps(a, b, _CMP_GT_OQ); }
 VORN_TARGET_AVX2 inline __m256 Ge8(__m256 a, __m256 b) { return _mm256_cmp_ps(a, b, _CMP_GE_OQ); }
 
-// (a x x + b x + c) / (x x + d x + e), grouped as ExpExpint groups it.
-VORN_TARGET_AVX2 inline __m256 Rational8(__m256 x, float a, float b, float c, float d, float e) {
-  const __m256 num = _mm256_add_ps(
-      _mm256_add_ps(_mm256_mul_ps(_mm256_mul_ps(_mm256_set1_ps(a), x), x), _mm256_mul_ps(_mm256_set1_ps(b), x)),
-      _mm256_set1_ps(c));
-  const __m256 den =
-      _mm256_add_ps(_mm256_add_ps(_mm256_mul_ps(x, x), _mm256_mul_ps(_mm256_set1_ps(d), x)), _mm256_set1_ps(e));
+// (a x x + b x + c) / (x x + d x + e), grouped as ExpExpint groups it, with
+// each lane's own coefficients.
+struct RationalCoefficients8 {
+  __m256 a, b, c, d, e;
+};
+
+VORN_TARGET_AVX2 inline __m256 Rational8(__m256 x, const RationalCoefficients8 &k) {
+  const __m256 num = _mm256_add_ps(_mm256_add_ps(_mm256_mul_ps(_mm256_mul_ps(k.a, x), x), _mm256_mul_ps(k.b, x)), k.c);
+  const __m256 den = _mm256_add_ps(_mm256_add_ps(_mm256_mul_ps(x, x), _mm256_mul_ps(k.d, x)), k.e);
   return _mm256_div_ps(num, den);
 }
 
@@ -37,15 +42,26 @@ VORN_TARGET_AVX2 inline __m256 InRange8(__m256 x, float lo, float hi) {
   return _mm256_and_ps(Ge8(x, _mm256_set1_ps(lo)), Lt8(x, _mm256_set1_ps(hi)));
 }
 
-// ExpExpint on eight lanes: every branch formed, each lane taking its own.
+// Where in_range is set, the lane takes the branch's coefficients.
+VORN_TARGET_AVX2 inline void TakeBranch(__m256 in_range, float a, float b, float c, float d, float e,
+                                        RationalCoefficients8 &k) {
+  k.a = Select8(in_range, _mm256_set1_ps(a), k.a);
+  k.b = Select8(in_range, _mm256_set1_ps(b), k.b);
+  k.c = Select8(in_range, _mm256_set1_ps(c), k.c);
+  k.d = Select8(in_range, _mm256_set1_ps(d), k.d);
+  k.e = Select8(in_range, _mm256_set1_ps(e), k.e);
+}
+
+// ExpExpint on eight lanes. The three rational branches share one form, so
+// each lane picks its branch's coefficients and a single rational (one
+// division) serves them all, every lane doing what the plain branch does.
 VORN_TARGET_AVX2 __m256 ExpExpint8(__m256 x) {
-  const __m256 low = Rational8(x, 1.092f, 0.2034f, 0.001081f, 0.03076f, 2.257e-5f);
-  const __m256 middle = Rational8(x, 0.9287f, 1.045f, 0.3339f, 0.991f, 0.0774f);
-  const __m256 high = Rational8(x, 1.01f, 0.1371f, 0.7789f, 0.2453f, 0.4813f);
-  __m256 e = _mm256_set1_ps(1.0f);
-  e = Select8(InRange8(x, 1.0f, 5.0f), high, e);
-  e = Select8(InRange8(x, 0.25f, 1.0f), middle, e);
-  e = Select8(InRange8(x, 0.001f, 0.25f), low, e);
+  const __m256 high = InRange8(x, 1.0f, 5.0f), middle = InRange8(x, 0.25f, 1.0f), low = InRange8(x, 0.001f, 0.25f);
+  RationalCoefficients8 k{_mm256_set1_ps(1.01f), _mm256_set1_ps(0.1371f), _mm256_set1_ps(0.7789f),
+                          _mm256_set1_ps(0.2453f), _mm256_set1_ps(0.4813f)};
+  TakeBranch(middle, 0.9287f, 1.045f, 0.3339f, 0.991f, 0.0774f, k);
+  TakeBranch(low, 1.092f, 0.2034f, 0.001081f, 0.03076f, 2.257e-5f, k);
+  __m256 e = Select8(_mm256_or_ps(high, _mm256_or_ps(middle, low)), Rational8(x, k), _mm256_set1_ps(1.0f));
   const __m256 tiny = _mm256_and_ps(Gt8(x, _mm256_setzero_ps()), Lt8(x, _mm256_set1_ps(0.001f)));
   if (_mm256_movemask_ps(tiny) != 0) {
     const __m256d c = _mm256_set1_pd(0.7497);
@@ -104,46 +120,83 @@ VORN_TARGET_AVX2 void NsLsaGainAvx2(const float *v, const float *eta, const floa
   if (k < len) NsLsaGainSimd(v + k, eta + k, gamma + k, lsa_gain + k, eta_2term + k, len - k);
 }
 
+// The four-lane twin's rule eight bins at a time; the last bin (compared
+// against nothing) and those past the last full vector go to it.
+VORN_TARGET_AVX2 void NsBeamAbsenceAvx2(const NsBeamPowers &in, float *q, int len) {
+  const __m256 tiny = _mm256_set1_ps(kBeamTiny), zero = _mm256_setzero_ps(), one = _mm256_set1_ps(1.0f);
+  const __m256 two = _mm256_set1_ps(2.0f), half = _mm256_set1_ps(0.5f), ratio_knee = _mm256_set1_ps(1.75f);
+  const __m256 low = _mm256_set1_ps(kBeamMinAbsence), high = _mm256_set1_ps(kBeamMaxAbsence);
+  const auto excess = [&](int b, int k) VORN_TARGET_AVX2 {
+    const __m256 d = _mm256_sub_ps(_mm256_loadu_ps(in.s[b] + k), _mm256_loadu_ps(in.noise[b] + k));
+    return Select8(Ge8(d, tiny), d, tiny);
+  };
+  int k = 0;
+  for (; k + 8 <= len - 1; k += 8) {
+    const __m256 noise_raw = _mm256_loadu_ps(in.noise[0] + k);
+    const __m256 above =
+        Gt8(_mm256_div_ps(_mm256_loadu_ps(in.s[0] + k), Select8(Gt8(noise_raw, tiny), noise_raw, tiny)), one);
+    const __m256 e1 = excess(1, k), e2 = excess(2, k);
+    __m256 dmax = Select8(Gt8(e1, zero), e1, zero);
+    dmax = Select8(Gt8(e2, dmax), e2, dmax);
+    const __m256 rho = Select8(Gt8(dmax, zero), _mm256_div_ps(excess(0, k), dmax), _mm256_set1_ps(__builtin_inff()));
+    const __m256 z = _mm256_loadu_ps(in.gamma0 + k);
+    __m256 r = _mm256_div_ps(_mm256_sub_ps(two, z), _mm256_set1_ps(1.5f));
+    const __m256 by_ratio = _mm256_div_ps(_mm256_sub_ps(ratio_knee, rho), _mm256_set1_ps(1.4f));
+    r = Select8(Gt8(by_ratio, r), by_ratio, r);
+    r = Select8(Lt8(r, low), low, r);
+    r = Select8(Gt8(r, high), high, r);
+    r = Select8(_mm256_and_ps(Gt8(z, two), Gt8(rho, ratio_knee)), low, r);
+    r = Select8(_mm256_or_ps(Lt8(rho, one), _mm256_cmp_ps(z, half, _CMP_LE_OQ)), high, r);
+    _mm256_storeu_ps(q + k, Select8(above, r, high));
+  }
+  const NsBeamPowers rest{{in.s[0] + k, in.s[1] + k, in.s[2] + k},
+                          {in.noise[0] + k, in.noise[1] + k, in.noise[2] + k},
+                          in.gamma0 + k};
+  NsBeamAbsenceSimd(rest, q + k, len - k);
+}
+
 // Four bins per double vector. A bin whose exponential the noise estimate did
 // not form gets it here from the same double call the plain step makes, and
 // joins the vector with it.
 namespace {
 
-// exp(x) for |x| < 700, within 1e-15 of the true value relative to it:
+// c0 + c1 x, a leaf of the series trees below.
+VORN_TARGET_AVX2 inline __m256d Pair(__m256d x, double c0, double c1) {
+  return _mm256_add_pd(_mm256_set1_pd(c0), _mm256_mul_pd(x, _mm256_set1_pd(c1)));
+}
+
+// exp(x) for |x| < 700, within 2e-15 of the true value relative to it:
 // exp(x) = 2^n exp(r) with n the nearest integer to x / ln 2, r = x - n ln 2
 // (ln 2 in two parts, the first of which n multiplies exactly), |r| < 0.35,
-// and exp(r) by its series to r^13 (the rest is below 1e-17).
-VORN_TARGET_AVX2 __m256d ExpNear(__m256d x) {
+// and exp(r) by its series to r^13 (the rest is below 1e-17). The series is
+// summed as a tree over r^2, r^4 and r^8 rather than by Horner's rule: a
+// chain of four multiply-adds instead of thirteen, so the bins of a call
+// overlap instead of waiting on one another.
+VORN_TARGET_AVX2 inline __attribute__((always_inline)) __m256d ExpNear(__m256d x) {
   const __m256d n = _mm256_round_pd(_mm256_mul_pd(x, _mm256_set1_pd(1.4426950408889634)),
                                     _MM_FROUND_TO_NEAREST_INT | _MM_FROUND_NO_EXC);
   const __m256d r = _mm256_sub_pd(_mm256_sub_pd(x, _mm256_mul_pd(n, _mm256_set1_pd(kLn2High))),
                                   _mm256_mul_pd(n, _mm256_set1_pd(kLn2Low)));
-  constexpr double kInverseFactorial[14] = {1.0,
-                                            1.0,
-                                            1.0 / 2,
-                                            1.0 / 6,
-                                            1.0 / 24,
-                                            1.0 / 120,
-                                            1.0 / 720,
-                                            1.0 / 5040,
-                                            1.0 / 40320,
-                                            1.0 / 362880,
-                                            1.0 / 3628800,
-                                            1.0 / 39916800,
-                                            1.0 / 479001600,
-                                            1.0 / 6227020800};
-  __m256d series = _mm256_set1_pd(kInverseFactorial[13]);
-  for (int i = 12; i >= 0; --i) series = _mm256_add_pd(_mm256_mul_pd(series, r), _mm256_set1_pd(kInverseFactorial[i]));
+  const __m256d r2 = _mm256_mul_pd(r, r);
+  const __m256d r4 = _mm256_mul_pd(r2, r2);
+  const __m256d r8 = _mm256_mul_pd(r4, r4);
+  const __m256d to3 = _mm256_add_pd(Pair(r, 1.0, 1.0), _mm256_mul_pd(r2, Pair(r, 1.0 / 2, 1.0 / 6)));
+  const __m256d to7 = _mm256_add_pd(Pair(r, 1.0 / 24, 1.0 / 120), _mm256_mul_pd(r2, Pair(r, 1.0 / 720, 1.0 / 5040)));
+  const __m256d to11 =
+      _mm256_add_pd(Pair(r, 1.0 / 40320, 1.0 / 362880), _mm256_mul_pd(r2, Pair(r, 1.0 / 3628800, 1.0 / 39916800)));
+  const __m256d to13 = Pair(r, 1.0 / 479001600, 1.0 / 6227020800);
+  const __m256d series = _mm256_add_pd(_mm256_add_pd(to3, _mm256_mul_pd(r4, to7)),
+                                       _mm256_mul_pd(r8, _mm256_add_pd(to11, _mm256_mul_pd(r4, to13))));
   const __m128i biased = _mm_add_epi32(_mm256_cvtpd_epi32(n), _mm_set1_epi32(1023));
   return _mm256_mul_pd(series, _mm256_castsi256_pd(_mm256_slli_epi64(_mm256_cvtepi32_epi64(biased), 52)));
 }
 
-VORN_TARGET_AVX2 __m256d ExpNegNear(__m128 v) { return ExpNear(_mm256_sub_pd(_mm256_setzero_pd(), _mm256_cvtps_pd(v))); }
+VORN_TARGET_AVX2 inline __attribute__((always_inline)) __m256d ExpNegNear(__m128 v) { return ExpNear(_mm256_sub_pd(_mm256_setzero_pd(), _mm256_cvtps_pd(v))); }
 
-// ln x for a positive normal double, within 1e-16 of the true value plus
+// ln x for a positive normal double, within 1e-15 of the true value plus
 // 1e-16 of it: x = 2^e m with m in [sqrt 1/2, sqrt 2), ln m = 2 atanh(s) for
 // s = (m - 1) / (m + 1), |s| < 0.172, by its series to s^21.
-VORN_TARGET_AVX2 __m256d LnNear(__m256d x) {
+VORN_TARGET_AVX2 inline __attribute__((always_inline)) __m256d LnNear(__m256d x) {
   const __m256i bits = _mm256_castpd_si256(x);
   const __m256d two52 = _mm256_set1_pd(4503599627370496.0);
   // The biased exponent as a double: its integer placed under 2^52's exponent.
@@ -157,10 +210,16 @@ VORN_TARGET_AVX2 __m256d LnNear(__m256d x) {
   e = _mm256_add_pd(e, _mm256_and_pd(high, _mm256_set1_pd(1.0)));
   const __m256d one = _mm256_set1_pd(1.0);
   const __m256d s = _mm256_div_pd(_mm256_sub_pd(m, one), _mm256_add_pd(m, one));
-  const __m256d s2 = _mm256_mul_pd(s, s);
-  __m256d series = _mm256_set1_pd(1.0 / 21.0);
-  for (int odd = 19; odd >= 1; odd -= 2)
-    series = _mm256_add_pd(_mm256_mul_pd(series, s2), _mm256_set1_pd(1.0 / odd));
+  // The series in u = s^2 summed as a tree, like ExpNear's.
+  const __m256d u = _mm256_mul_pd(s, s);
+  const __m256d u2 = _mm256_mul_pd(u, u);
+  const __m256d u4 = _mm256_mul_pd(u2, u2);
+  const __m256d u8 = _mm256_mul_pd(u4, u4);
+  const __m256d to3 = _mm256_add_pd(Pair(u, 1.0, 1.0 / 3), _mm256_mul_pd(u2, Pair(u, 1.0 / 5, 1.0 / 7)));
+  const __m256d to7 = _mm256_add_pd(Pair(u, 1.0 / 9, 1.0 / 11), _mm256_mul_pd(u2, Pair(u, 1.0 / 13, 1.0 / 15)));
+  const __m256d to10 = _mm256_add_pd(Pair(u, 1.0 / 17, 1.0 / 19), _mm256_mul_pd(u2, _mm256_set1_pd(1.0 / 21)));
+  const __m256d series =
+      _mm256_add_pd(_mm256_add_pd(to3, _mm256_mul_pd(u4, to7)), _mm256_mul_pd(u8, to10));
   const __m256d atanh2 = _mm256_mul_pd(_mm256_add_pd(s, s), series);
   return _mm256_add_pd(_mm256_mul_pd(e, _mm256_set1_pd(kLn2High)),
                        _mm256_add_pd(_mm256_mul_pd(e, _mm256_set1_pd(kLn2Low)), atanh2));
@@ -272,8 +331,8 @@ VORN_TARGET_AVX2 void NsPresenceAvx2(const float *gamma_min, const float *zeta, 
 }
 
 // floor^(1 - p) * speech^p as exp((1 - p) ln floor + p ln speech): the
-// exponent is within 2e-14 of the true one (|ln| < 104 for positive finite
-// floats), so the result within 3e-14 of itself, and the library's two pow
+// exponent is within 3e-14 of the true one (|ln| < 104 for positive finite
+// floats), so the result within 4e-14 of itself, and the library's two pow
 // and their product within 1e-15. Wherever the result plus or minus 1e-12 of
 // itself rounds to one float, both give that float; the rare bin near a
 // rounding boundary, or with a floor or speech gain that is not positive and

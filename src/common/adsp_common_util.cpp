@@ -75,11 +75,25 @@ void AddZero(float *au_buff, int frame_len, int frame_move) {
   for (int i = 0; i < frame_move; ++i) au_buff[tail + i] = 0.0f;
 }
 
-void AddWin(float *au, const float *win, int len, float *win_out) {
+void AddWinPlain(const float *au, const float *win, int len, float *win_out) {
   for (int i = 0; i < len; ++i) win_out[i] = win[i] * au[i];
 }
 
+void AddWin(float *au, const float *win, int len, float *win_out) {
+#if defined(VORN_AVX2)
+  if (CpuHasAvx2()) return AddWinAvx2(au, win, len, win_out);
+#endif
+  AddWinPlain(au, win, len, win_out);
+}
+
 void GetPsd(float *f, int fft_len, float *psd) {
+#if defined(VORN_AVX2)
+  if (CpuHasAvx2()) return GetPsdAvx2(f, fft_len, psd);
+#endif
+  GetPsdPlain(f, fft_len, psd);
+}
+
+void GetPsdPlain(const float *f, int fft_len, float *psd) {
   if (fft_len <= 0) return;
   const int half = fft_len / 2;
   psd[0] = f[0] * f[0];
@@ -98,17 +112,38 @@ float GetHanningWin(int len, float *win) {
   return static_cast<float>(sum);
 }
 
-void SmoothData(float *y, float *x, float alpha, int length) {
+void SmoothDataPlain(float *y, const float *x, float alpha, int length) {
   const float beta = 1.0f - alpha;
   for (int i = 0; i < length; ++i) y[i] = alpha * y[i] + beta * x[i];
 }
 
-void DataMin(float *a, float *b, int length, float *c) {
+void DataMinPlain(const float *a, const float *b, int length, float *c) {
   for (int i = 0; i < length; ++i) c[i] = a[i] < b[i] ? a[i] : b[i];
 }
 
-void DataMult(float *a, float *b, int length, float scale, float *c) {
+void DataMultPlain(const float *a, const float *b, int length, float scale, float *c) {
   for (int i = 0; i < length; ++i) c[i] = a[i] * b[i] * scale;
+}
+
+void SmoothData(float *y, float *x, float alpha, int length) {
+#if defined(VORN_AVX2)
+  if (CpuHasAvx2()) return SmoothDataAvx2(y, x, alpha, length);
+#endif
+  SmoothDataPlain(y, x, alpha, length);
+}
+
+void DataMin(float *a, float *b, int length, float *c) {
+#if defined(VORN_AVX2)
+  if (CpuHasAvx2()) return DataMinAvx2(a, b, length, c);
+#endif
+  DataMinPlain(a, b, length, c);
+}
+
+void DataMult(float *a, float *b, int length, float scale, float *c) {
+#if defined(VORN_AVX2)
+  if (CpuHasAvx2()) return DataMultAvx2(a, b, length, scale, c);
+#endif
+  DataMultPlain(a, b, length, scale, c);
 }
 
 // Breakpoints belong to the branch above them; outside (0, 5) and for NaN the

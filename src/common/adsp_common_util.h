@@ -28,9 +28,15 @@ void SaveFrameMoveAu(float *au_buff, const short *new_au, int frame_len, int fra
 void AddZero(float *au_buff, int frame_len, int frame_move);
 // win_out[i] = win[i] * au[i]
 void AddWin(float *au, const float *win, int len, float *win_out);
+void AddWinPlain(const float *au, const float *win, int len, float *win_out);
 
 // Bin powers of a packed spectrum (see adsp_common_fft_rel.h): fft_len/2+1 outputs.
 void GetPsd(float *f, int fft_len, float *psd);
+void GetPsdPlain(const float *f, int fft_len, float *psd);
+#if defined(VORN_AVX2)
+// Eight bins per vector, the mirrored half read backwards (elementwise_avx2).
+void GetPsdAvx2(const float *f, int fft_len, float *psd);
+#endif
 
 // win[i-1] = 0.5*(1 - cos(i*6.2831852/(len+1))), i = 1..len; returns the sum
 // of the stored values (0 for len < 1).
@@ -63,6 +69,17 @@ void SmoothData(float *y, float *x, float alpha, int length);
 void DataMin(float *a, float *b, int length, float *c);
 // c[i] = a[i]*b[i]*scale
 void DataMult(float *a, float *b, int length, float scale, float *c);
+// The plain loops of the four above; where the processor has AVX2 they run
+// eight elements per vector (elementwise_avx2) with the same bits.
+void SmoothDataPlain(float *y, const float *x, float alpha, int length);
+void DataMinPlain(const float *a, const float *b, int length, float *c);
+void DataMultPlain(const float *a, const float *b, int length, float scale, float *c);
+#if defined(VORN_AVX2)
+void SmoothDataAvx2(float *y, const float *x, float alpha, int length);
+void DataMinAvx2(const float *a, const float *b, int length, float *c);
+void DataMultAvx2(const float *a, const float *b, int length, float scale, float *c);
+void AddWinAvx2(const float *au, const float *win, int len, float *win_out);
+#endif
 
 // Piecewise rational approximation used by the spectral gain rule.
 float ExpExpint(float x);
