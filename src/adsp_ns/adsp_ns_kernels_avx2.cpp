@@ -155,10 +155,18 @@ VORN_TARGET_AVX2 void NsBeamAbsenceAvx2(const NsBeamPowers &in, float *q, int le
   NsBeamAbsenceSimd(rest, q + k, len - k);
 }
 
-// Four bins per double vector. A bin whose exponential the noise estimate did
-// not form gets it here from the same double call the plain step makes, and
-// joins the vector with it.
 namespace {
+
+// The margin the kernels below keep their own functions' results by: a
+// hundred times and more their error bounds, and those of the library's
+// calls they stand in for. Where x shrunk and grown by it rounds to one
+// float, x and the library's value both round to that float.
+constexpr double kRoundingMargin = 1e-12;
+
+VORN_TARGET_AVX2 inline __m128 RoundsAsOneFloat(__m256d x) {
+  const __m128 low = _mm256_cvtpd_ps(_mm256_mul_pd(x, _mm256_set1_pd(1.0 - kRoundingMargin)));
+  return _mm_cmpeq_ps(low, _mm256_cvtpd_ps(_mm256_mul_pd(x, _mm256_set1_pd(1.0 + kRoundingMargin))));
+}
 
 // c0 + c1 x, a leaf of the series trees below.
 VORN_TARGET_AVX2 inline __m256d Pair(__m256d x, double c0, double c1) {
@@ -238,7 +246,6 @@ VORN_TARGET_AVX2 inline __attribute__((always_inline)) __m256d LnNear(__m256d x)
 VORN_TARGET_AVX2 void NsGainPresenceAvx2(const float *q, const float *eta, const float *v, const double *exp_neg_v,
                                          float *presence, int len) {
   const __m256d one = _mm256_set1_pd(1.0), zero = _mm256_setzero_pd();
-  const __m256d below = _mm256_set1_pd(1.0 - 1e-12), above = _mm256_set1_pd(1.0 + 1e-12);
   const __m256d factor_max = _mm256_set1_pd(1e200), sign_d = _mm256_set1_pd(-0.0);
   const __m128 absence_max = _mm_set1_ps(kGainAbsenceMax), v_max = _mm_set1_ps(700.0f);
   const __m128 sign = _mm_set1_ps(-0.0f);
@@ -265,8 +272,7 @@ VORN_TARGET_AVX2 void NsGainPresenceAvx2(const float *q, const float *eta, const
     const __m256d p = _mm256_div_pd(one, _mm256_add_pd(one, _mm256_mul_pd(factor, e)));
     _mm_storeu_ps(presence + k, _mm_and_ps(open, _mm256_cvtpd_ps(p)));
     if (missing != 0) {
-      const __m128 low = _mm256_cvtpd_ps(_mm256_mul_pd(p, below)), high = _mm256_cvtpd_ps(_mm256_mul_pd(p, above));
-      const int plain = missing & ~(sure & _mm_movemask_ps(_mm_cmpeq_ps(low, high)));
+      const int plain = missing & ~(sure & _mm_movemask_ps(RoundsAsOneFloat(p)));
       for (int bits = plain; bits != 0; bits &= bits - 1) {
         const int i = k + __builtin_ctz(static_cast<unsigned>(bits));
         NsGainPresencePlain(q + i, eta + i, v + i, exp_neg_v + i, presence + i, 1);
@@ -291,7 +297,6 @@ VORN_TARGET_AVX2 void NsPresenceAvx2(const float *gamma_min, const float *zeta, 
   const __m128 v_max = _mm_set1_ps(700.0f), sign = _mm_set1_ps(-0.0f), zero_f = _mm_setzero_ps();
   const __m128 inf = _mm_set1_ps(__builtin_inff());
   const __m256d one = _mm256_set1_pd(1.0), half = _mm256_set1_pd(0.5), three = _mm256_set1_pd(3.0);
-  const __m256d below = _mm256_set1_pd(1.0 - 1e-12), above = _mm256_set1_pd(1.0 + 1e-12);
   const __m256d none = _mm256_set1_pd(-1.0);
   int k = 0;
   for (; k + 4 <= len; k += 4) {
@@ -313,8 +318,7 @@ VORN_TARGET_AVX2 void NsPresenceAvx2(const float *gamma_min, const float *zeta, 
           not_absent,
           _mm256_add_pd(not_absent, _mm256_mul_pd(_mm256_mul_pd(_mm256_add_pd(one, _mm256_cvtps_pd(eta4)), absence), e)));
       const __m128 p4 = _mm256_cvtpd_ps(p);
-      const __m128 steady = _mm_cmpeq_ps(_mm256_cvtpd_ps(_mm256_mul_pd(p, below)),
-                                         _mm256_cvtpd_ps(_mm256_mul_pd(p, above)));
+      const __m128 steady = RoundsAsOneFloat(p);
       const int formed = open & _mm_movemask_ps(_mm_and_ps(_mm_or_ps(near, far), steady));
       const __m128 formed_lanes = _mm_castsi128_ps(
           _mm_cmpgt_epi32(_mm_and_si128(_mm_set1_epi32(formed), _mm_setr_epi32(1, 2, 4, 8)), _mm_setzero_si128()));
@@ -340,7 +344,6 @@ VORN_TARGET_AVX2 void NsPresenceAvx2(const float *gamma_min, const float *zeta, 
 VORN_TARGET_AVX2 void NsGainBlendAvx2(const float *floor, const float *speech, const float *presence, float *gain,
                                       int len) {
   const __m256d one = _mm256_set1_pd(1.0);
-  const __m256d below = _mm256_set1_pd(1.0 - 1e-12), above = _mm256_set1_pd(1.0 + 1e-12);
   const __m128 zero = _mm_setzero_ps(), one_f = _mm_set1_ps(1.0f), inf = _mm_set1_ps(__builtin_inff());
   int k = 0;
   for (; k + 4 <= len; k += 4) {
@@ -357,9 +360,7 @@ VORN_TARGET_AVX2 void NsGainBlendAvx2(const float *floor, const float *speech, c
       const __m256d exponent = _mm256_add_pd(_mm256_mul_pd(_mm256_sub_pd(one, w), LnNear(_mm256_cvtps_pd(f))),
                                              _mm256_mul_pd(w, LnNear(_mm256_cvtps_pd(s))));
       const __m256d blend = ExpNear(exponent);
-      const __m128 low = _mm256_cvtpd_ps(_mm256_mul_pd(blend, below));
-      const __m128 sure = _mm_and_ps(_mm_and_ps(weighs, usable),
-                                     _mm_cmpeq_ps(low, _mm256_cvtpd_ps(_mm256_mul_pd(blend, above))));
+      const __m128 sure = _mm_and_ps(_mm_and_ps(weighs, usable), RoundsAsOneFloat(blend));
       out = _mm_or_ps(out, _mm_and_ps(sure, _mm256_cvtpd_ps(blend)));
       plain &= ~_mm_movemask_ps(sure);
     }
