@@ -253,6 +253,20 @@ TEST(EnhancedSpeech, EchoSettlesOnlyAfterPlayAtOneLead) {
   EXPECT_TRUE(EnhancedVadEchoSettled(&st, 48.0f, true));
 }
 
+// The flag network reads hops well before the frame it judges, but only the
+// presence of the hops around that frame may agree with it: a syllable that
+// ended half a dozen hops ago must not let a frame of noise be called speech.
+TEST(EnhancedSpeech, OutputPresenceNeedsAPresentHopAroundTheFrame) {
+  EnhancedPresenceState st;
+  EnhancedPresenceInit(&st);
+  for (auto& hop : st.recent_cues)
+    for (int c = 0; c < kPresenceCues; ++c) hop[c] = kFlagNet.input_mean[c];
+  for (int back = kFlagAgreeHops + 1; back < kCueHistory; ++back) st.recent_prob[back] = 1.0f;
+  EXPECT_EQ(EnhancedOutputPresence(st), 0.0f);
+  st.recent_prob[kFlagAgreeHops] = 1.0f;
+  EXPECT_GT(EnhancedOutputPresence(st), 0.0f);
+}
+
 // Behind a beam the talker's presence is judged on one microphone and the
 // band presence on the suppressor's input. Each signal carries the talker
 // or pink noise alone, so each judgement shows which one it read.

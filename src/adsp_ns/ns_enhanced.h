@@ -64,12 +64,16 @@ enum PresenceCue {
   kPresenceCues
 };
 // The presence network reads the cues of this hop and the two before it;
-// the flag network those of the five hops before this one, which are
-// centred on the input frame 1.5 frames back: the frame the speech flag
-// labels (the suppressor's output lags its input by as much).
+// the flag network those of the kFlagContext hops before this one. The
+// newest five of them are centred on the input frame 1.5 frames back: the
+// frame the speech flag labels (the suppressor's output lags its input by as
+// much); the older ones show the speech or pause that led up to it. The
+// presence of at least one of those five hops must agree with the flag.
 constexpr int kNetContext = 3;
 constexpr int kNetInputs = kPresenceCues * kNetContext;
-constexpr int kFlagContext = 5;
+constexpr int kFlagContext = 13;
+constexpr int kFlagAgreeHops = 5;
+static_assert(kFlagAgreeHops <= kFlagContext);
 constexpr int kCueHistory = kFlagContext + 1;
 constexpr int kFlagInputs = kPresenceCues * kFlagContext;
 

@@ -227,10 +227,10 @@ static_assert(kBandEdges[kCueFirstBand] == kCueFirstBin && kBandEdges[kCueLastBa
 
 float EnhancedOutputPresence(const EnhancedPresenceState& st) {
   // The flag network judges the frame; the hop presence of at least one of
-  // its hops must agree, so that a frame neither network is sure of on its
-  // own is not called speech.
+  // the hops around it must agree, so that a frame neither network is sure
+  // of on its own is not called speech.
   float hop_prob = 0.0f;
-  for (int back = 1; back <= kFlagContext; ++back) hop_prob = std::max(hop_prob, st.recent_prob[back]);
+  for (int back = 1; back <= kFlagAgreeHops; ++back) hop_prob = std::max(hop_prob, st.recent_prob[back]);
   return std::min(Logistic(NetLogit(kFlagNet, &st.recent_cues[1][0])), hop_prob);
 }
 
