@@ -49,10 +49,13 @@ extern const float kFlagSureThreshold;
 // fixed order: the same inputs give the same bits everywhere).
 template <int Inputs, int Hidden>
 float NetLogit(const NetTable<Inputs, Hidden>& net, const float* inputs) {
+  // Normalised once, not once per hidden unit: every unit reads the same.
+  float normalised[Inputs];
+  for (int i = 0; i < Inputs; ++i) normalised[i] = (inputs[i] - net.input_mean[i]) * net.input_scale[i];
   float out = net.output_bias;
   for (int h = 0; h < Hidden; ++h) {
     float a = net.hidden_bias[h];
-    for (int i = 0; i < Inputs; ++i) a += net.hidden_weights[h][i] * ((inputs[i] - net.input_mean[i]) * net.input_scale[i]);
+    for (int i = 0; i < Inputs; ++i) a += net.hidden_weights[h][i] * normalised[i];
     out += net.output_weights[h] * std::tanh(a);
   }
   return out;
