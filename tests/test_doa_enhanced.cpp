@@ -82,6 +82,45 @@ TEST(GccBlocks, WindowAndCorrelationsMatchADirectComputation) {
     }
 }
 
+// The direct share reads a plane wave as direct, the coherence of a diffuse
+// field (a sinc of the pairs' spacing) as diffuse, and an equal mix of the
+// two as half and half, in every pair and bin.
+TEST(GccDirectShare, TellsAPlaneWaveFromADiffuseField) {
+  GccBand band;
+  for (int m = 0; m < kBfChannels; ++m)
+    for (int b = 0; b < kGccBins; ++b) {
+      const std::complex<double> x = std::polar(1.0, 2.0 * kPi * (b + kGccLowBin) * LeadSamples(m, 70.0, 10.0) / kBfFftLen);
+      band.re[m][b] = static_cast<float>(x.real());
+      band.im[m][b] = static_cast<float>(x.imag());
+    }
+  GccCovariance coherence;
+  GccFollowCoherence(band, true, &coherence);
+  float plane[kGccPairs][kGccBins];
+  GccDirectShare(coherence, plane);
+
+  const double spacing = sim::kArrayRadiusM * std::sqrt(3.0) / sim::kSpeedOfSound * sim::kSampleRate;
+  GccCovariance diffuse{}, mixed{};
+  for (int p = 0; p < kGccPairs; ++p)
+    for (int b = 0; b < kGccBins; ++b) {
+      const double x = 2.0 * kPi * (b + kGccLowBin) * spacing / kBfFftLen;
+      const std::complex<double> direct = std::polar(1.0, 0.3 * x);
+      diffuse.re[p][b] = static_cast<float>(std::sin(x) / x);
+      mixed.re[p][b] = static_cast<float>(0.5 * (direct.real() + std::sin(x) / x));
+      mixed.im[p][b] = static_cast<float>(0.5 * direct.imag());
+    }
+  for (int m = 0; m < kBfChannels; ++m)
+    for (int b = 0; b < kGccBins; ++b) diffuse.power[m][b] = mixed.power[m][b] = 1.0f;
+  float diffuse_share[kGccPairs][kGccBins], mixed_share[kGccPairs][kGccBins];
+  GccDirectShare(diffuse, diffuse_share);
+  GccDirectShare(mixed, mixed_share);
+  for (int p = 0; p < kGccPairs; ++p)
+    for (int b = 0; b < kGccBins; ++b) {
+      EXPECT_GT(plane[p][b], 0.98f) << p << " " << b;
+      EXPECT_LT(diffuse_share[p][b], 0.01f) << p << " " << b;
+      EXPECT_NEAR(mixed_share[p][b], 0.5f, 0.02f) << p << " " << b;
+    }
+}
+
 // A plane wave's pair cross-spectra, searched: the azimuth comes out between
 // the grid's degrees and does not depend on the talker's height.
 TEST(GccSearch, FindsPlaneWavesBetweenTheGridPointsAtAnyHeight) {

@@ -15,12 +15,6 @@
 
 namespace vorn {
 
-struct GccCovariance {
-  float power[kBfChannels][kGccBins];  // each microphone's power
-  float re[kGccPairs][kGccBins];       // the pairs' products a * conj(b)
-  float im[kGccPairs][kGccBins];
-};
-
 // c += weight[b] * x x^H per bin (every bin fully when weight is null).
 void GccAddCovariance(const GccBand& band, const float* weight, GccCovariance* c);
 
