@@ -67,8 +67,13 @@ if [ "${VORN_BENCH_REPEAT:-0}" = 1 ]; then
 fi
 
 # The direction and echo sections are pages of their own, linked from the
-# report (the echo page gets its cost line from the speed run below).
+# report (the echo page gets its cost line from the speed run below). The
+# direction section also runs on its fresh draw of scenes, which the
+# direction finder was never tuned on.
+echo "quality: the direction section on its fresh draw"
+"$build/bench/quality/vorn_bench_quality" "$data/fresh" --only direction --fresh 2>"$data/direction-fresh.log"
 cp "$data/direction.md" "$report/direction.md"
+cp "$data/fresh/direction_fresh.md" "$report/direction_fresh.md"
 cp "$data/echo.md" "$report/echo.md"
 
 echo "speed: Vorn against SpeexDSP"

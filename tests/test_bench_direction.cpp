@@ -65,6 +65,25 @@ TEST(BenchDirection, TheWalkingTalkerWalks) {
   EXPECT_LE(AzimuthErrorDeg(answers.stretch_deg[1], 30.0), 3.0);
 }
 
+// The fresh draw keeps every cell of the tuned grid (its room, noise and SNR,
+// its walk) but none of its talkers: a fresh page that repeated a tuned
+// scene, or dropped a cell, would not tell what the tuning fitted.
+TEST(BenchDirection, TheFreshDrawKeepsTheCellsAndChangesTheTalkers) {
+  const std::vector<DirectionScene> tuned = DirectionScenes(DirectionDraw::kTuned);
+  const std::vector<DirectionScene> fresh = DirectionScenes(DirectionDraw::kFresh);
+  ASSERT_EQ(fresh.size(), tuned.size());
+  for (std::size_t i = 0; i < tuned.size(); ++i) {
+    SCOPED_TRACE(tuned[i].name);
+    EXPECT_EQ(fresh[i].name, tuned[i].name);
+    EXPECT_EQ(fresh[i].scene.room.rt60_s, tuned[i].scene.room.rt60_s);
+    EXPECT_EQ(fresh[i].snr_db, tuned[i].snr_db);
+    EXPECT_EQ(fresh[i].noise, tuned[i].noise);
+    EXPECT_EQ(fresh[i].walk_deg, tuned[i].walk_deg);
+    for (const DirectionScene& other : tuned) EXPECT_NE(fresh[i].scene.seed, other.scene.seed);
+    EXPECT_GT(AzimuthErrorDeg(fresh[i].scene.azimuth_deg, tuned[i].scene.azimuth_deg), 1.0);
+  }
+}
+
 // A track that repeats the truth half a second late across 0/360 is found
 // half a second late and perfect there; pauses do not count.
 TEST(BenchDirection, TrackLagFindsTheDelayOverSpeechFrames) {

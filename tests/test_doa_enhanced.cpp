@@ -9,8 +9,10 @@
 #include <complex>
 #include <memory>
 #include <numbers>
+#include <random>
 #include <vector>
 
+#include "adsp_bf/doa_covariance.h"
 #include "adsp_bf/doa_gcc.h"
 #include "adsp_bf/doa_tracker_enhanced.h"
 #include "common/adsp_common_fft_rel.h"
@@ -80,6 +82,45 @@ TEST(GccBlocks, WindowAndCorrelationsMatchADirectComputation) {
     }
 }
 
+// The direct share reads a plane wave as direct, the coherence of a diffuse
+// field (a sinc of the pairs' spacing) as diffuse, and an equal mix of the
+// two as half and half, in every pair and bin.
+TEST(GccDirectShare, TellsAPlaneWaveFromADiffuseField) {
+  GccBand band;
+  for (int m = 0; m < kBfChannels; ++m)
+    for (int b = 0; b < kGccBins; ++b) {
+      const std::complex<double> x = std::polar(1.0, 2.0 * kPi * (b + kGccLowBin) * LeadSamples(m, 70.0, 10.0) / kBfFftLen);
+      band.re[m][b] = static_cast<float>(x.real());
+      band.im[m][b] = static_cast<float>(x.imag());
+    }
+  GccCovariance coherence;
+  GccFollowCoherence(band, true, &coherence);
+  float plane[kGccPairs][kGccBins];
+  GccDirectShare(coherence, plane);
+
+  const double spacing = sim::kArrayRadiusM * std::sqrt(3.0) / sim::kSpeedOfSound * sim::kSampleRate;
+  GccCovariance diffuse{}, mixed{};
+  for (int p = 0; p < kGccPairs; ++p)
+    for (int b = 0; b < kGccBins; ++b) {
+      const double x = 2.0 * kPi * (b + kGccLowBin) * spacing / kBfFftLen;
+      const std::complex<double> direct = std::polar(1.0, 0.3 * x);
+      diffuse.re[p][b] = static_cast<float>(std::sin(x) / x);
+      mixed.re[p][b] = static_cast<float>(0.5 * (direct.real() + std::sin(x) / x));
+      mixed.im[p][b] = static_cast<float>(0.5 * direct.imag());
+    }
+  for (int m = 0; m < kBfChannels; ++m)
+    for (int b = 0; b < kGccBins; ++b) diffuse.power[m][b] = mixed.power[m][b] = 1.0f;
+  float diffuse_share[kGccPairs][kGccBins], mixed_share[kGccPairs][kGccBins];
+  GccDirectShare(diffuse, diffuse_share);
+  GccDirectShare(mixed, mixed_share);
+  for (int p = 0; p < kGccPairs; ++p)
+    for (int b = 0; b < kGccBins; ++b) {
+      EXPECT_GT(plane[p][b], 0.98f) << p << " " << b;
+      EXPECT_LT(diffuse_share[p][b], 0.01f) << p << " " << b;
+      EXPECT_NEAR(mixed_share[p][b], 0.5f, 0.02f) << p << " " << b;
+    }
+}
+
 // A plane wave's pair cross-spectra, searched: the azimuth comes out between
 // the grid's degrees and does not depend on the talker's height.
 TEST(GccSearch, FindsPlaneWavesBetweenTheGridPointsAtAnyHeight) {
@@ -105,6 +146,56 @@ TEST(GccSearch, FindsPlaneWavesBetweenTheGridPointsAtAnyHeight) {
     EXPECT_GT(GccConfidence(peak.score, kGccBins), 0.95f);
     EXPECT_LT(GccConfidence(peak.score / 10, kGccBins), 0.3f);  // most of the evidence elsewhere
   }
+}
+
+// A talker at 123.4 degrees and 20 degrees up, under an interferer at 250
+// degrees twice as loud, each with its own random phase every hop. The
+// principal eigenvectors follow the louder source; once the interferer's
+// covariance, pooled from hops where it plays alone, is taken out, they
+// follow the talker to within a degree, every bin counting for about the
+// talker's share (a third) of its power.
+TEST(GccPrincipal, FollowsTheLoudestSourceAndTheTalkerOnceTheNoiseIsOut) {
+  constexpr int kHops = 64;
+  std::mt19937 random(11);
+  const auto phase = [&random] { return 2.0 * kPi * static_cast<double>(random()) / 4294967296.0; };
+  const auto steering = [](double az, double el, int m, int b) {
+    return std::polar(1.0, 2.0 * kPi * (b + kGccLowBin) * LeadSamples(m, az, el) / kBfFftLen);
+  };
+  GccCovariance pooled{}, noise{};
+  for (int h = 0; h < kHops; ++h) {
+    GccBand mixed, alone;
+    for (int b = 0; b < kGccBins; ++b) {
+      const std::complex<double> talker = std::polar(1.0, phase()), interferer = std::polar(std::sqrt(2.0), phase());
+      const std::complex<double> later = std::polar(std::sqrt(2.0), phase());
+      for (int m = 0; m < kBfChannels; ++m) {
+        const std::complex<double> x = talker * steering(123.4, 20.0, m, b) + interferer * steering(250.0, 0.0, m, b);
+        const std::complex<double> n = later * steering(250.0, 0.0, m, b);
+        mixed.re[m][b] = static_cast<float>(x.real()), mixed.im[m][b] = static_cast<float>(x.imag());
+        alone.re[m][b] = static_cast<float>(n.real()), alone.im[m][b] = static_cast<float>(n.imag());
+      }
+    }
+    GccAddCovariance(mixed, nullptr, &pooled);
+    GccAddCovariance(alone, nullptr, &noise);
+  }
+  for (const float removed : {0.0f, 1.0f}) {
+    SCOPED_TRACE(testing::Message() << "noise removed " << removed << " times");
+    float scale[kGccBins];
+    std::fill_n(scale, kGccBins, removed);
+    GccCross cross{};
+    const float weight = GccAddPrincipal(pooled, noise, scale, &cross);
+    GccLags lags;
+    GccCrossToLags(cross, lags);
+    const GccPeak peak = GccSearch(lags, 5);
+    EXPECT_LE(AngleError(peak.azimuth_deg, removed > 0.0f ? 123.4 : 250.0), removed > 0.0f ? 1.0 : 3.0);
+    if (removed > 0.0f) {
+      EXPECT_GT(weight, 0.25f * kGccBins);
+    }
+  }
+  // Where the noise was all there was, nothing is left to count.
+  float once[kGccBins];
+  std::fill_n(once, kGccBins, 1.0f);
+  GccCross cross{};
+  EXPECT_EQ(GccAddPrincipal(noise, noise, once, &cross), 0.0f);
 }
 
 // The speech presence rises a hop or two after a word's first onsets. A

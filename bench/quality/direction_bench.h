@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+#include "quality/direction_grid.h"
+
 namespace vorn::bench {
 
 // How far a per-frame track trails the truth over frames [begin, end): the
@@ -23,10 +25,13 @@ TrackLag FindTrackLag(const std::vector<double>& estimates_deg, const std::vecto
                       const std::vector<std::uint8_t>& speech, std::size_t begin, std::size_t end,
                       std::size_t max_lag);
 
-// Renders and scores the grid (only the scenes whose name contains `match`,
-// when it is not empty) and writes OUT_DIR/direction.md. Returns 0, or 1 with
-// a message on standard error when a scene or a system fails. Also writes
-// direction_headline.md, the classic | enhanced | best baseline summary.
-int RunDirectionBench(const std::filesystem::path& out_dir, const std::string& match = "");
+// Renders and scores the grid's chosen draw (only the scenes whose name
+// contains `match`, when it is not empty) and writes OUT_DIR/direction.md
+// (direction_fresh.md for the fresh draw). Returns 0, or 1 with a message on
+// standard error when a scene or a system fails. Also writes
+// direction_headline.md (direction_fresh_headline.md), the classic |
+// enhanced | best baseline summary.
+int RunDirectionBench(const std::filesystem::path& out_dir, const std::string& match = "",
+                      DirectionDraw draw = DirectionDraw::kTuned);
 
 }  // namespace vorn::bench

@@ -157,7 +157,19 @@ const char* NoiseName(DirectionNoise noise) {
   return "?";
 }
 
-std::vector<DirectionScene> DirectionScenes() {
+// Where each draw's scenes come from: seeds, the azimuth rule (a start and
+// a step) and the first cell's height.
+struct Draw {
+  std::uint32_t still_seed, walk_seed;
+  double first_deg, step_deg;
+  int first_height;
+  double walk_first_deg;
+};
+constexpr Draw kTunedDraw{500u, 700u, 17.0, 41.0, 0, 30.0};
+constexpr Draw kFreshDraw{9100u, 9700u, 53.0, 67.0, 3, 75.0};
+
+std::vector<DirectionScene> DirectionScenes(DirectionDraw which) {
+  const Draw& draw = which == DirectionDraw::kFresh ? kFreshDraw : kTunedDraw;
   std::vector<DirectionScene> grid;
   int cell = 0;
   for (double rt60 : kRt60s) {
@@ -169,9 +181,9 @@ std::vector<DirectionScene> DirectionScenes() {
         s.name = name;
         s.noise = noise;
         s.snr_db = snr;
-        s.scene = Talking(rt60, 500u + static_cast<std::uint32_t>(cell));
-        s.scene.azimuth_deg = Wrap360(17.0 + 41.0 * cell);
-        s.scene.elevation_deg = kElevationsDeg[cell % 7];
+        s.scene = Talking(rt60, draw.still_seed + static_cast<std::uint32_t>(cell));
+        s.scene.azimuth_deg = Wrap360(draw.first_deg + draw.step_deg * cell);
+        s.scene.elevation_deg = kElevationsDeg[(draw.first_height + cell) % 7];
         s.scene.noises.push_back(Noise(noise, snr, s.scene.azimuth_deg, cell));
         grid.push_back(s);
         ++cell;
@@ -186,8 +198,8 @@ std::vector<DirectionScene> DirectionScenes() {
       std::snprintf(name, sizeof name, "walk_rt%.1f_snr%.0f", rt60, snr);
       s.name = name;
       s.snr_db = snr;
-      s.scene = Talking(rt60, 700u + static_cast<std::uint32_t>(walk));
-      s.scene.azimuth_deg = Wrap360(30.0 + 77.0 * walk);
+      s.scene = Talking(rt60, draw.walk_seed + static_cast<std::uint32_t>(walk));
+      s.scene.azimuth_deg = Wrap360(draw.walk_first_deg + 77.0 * walk);
       s.scene.elevation_deg = 10.0;
       s.scene.noises.push_back(Noise(DirectionNoise::kDiffuse, snr, s.scene.azimuth_deg, walk));
       s.walk_deg = 90.0;

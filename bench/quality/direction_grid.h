@@ -30,8 +30,15 @@ struct DirectionRender {
   std::vector<double> azimuth_deg;  // per frame, on the microphones' time line
 };
 
+// Which draw of the grid's scenes: the one the direction finder was tuned
+// on, or a fresh one with the same cells (rooms, noises, SNRs, walks) but
+// other voices, noise, azimuths and heights, never looked at while tuning.
+// The fresh draw tells how much of the tuned figures is the method's and how
+// much the scenes'.
+enum class DirectionDraw { kTuned, kFresh };
+
 // Still talkers over the whole grid, then the walking ones.
-std::vector<DirectionScene> DirectionScenes();
+std::vector<DirectionScene> DirectionScenes(DirectionDraw draw = DirectionDraw::kTuned);
 
 // Renders a scene; a walking talker is taken through the room's response at
 // positions 3 degrees apart, cross-faded, on top of the scene's noise.

@@ -616,14 +616,18 @@ int main(int argc, char** argv) {
   // or echo; beam and level go to OUT_DIR/sections, which the report
   // links); --match TEXT keeps the direction, echo or noise_vad section's scenes whose
   // name contains TEXT, or the beam section's part so named (look, adaptive,
-  // fault): a quicker look while developing; --system TEXT
+  // fault): a quicker look while developing; --fresh runs the direction
+  // section on its fresh draw of scenes (direction_fresh.md); --system TEXT
   // keeps the echo section's systems whose "chain/system" label contains
   // TEXT and prints their figures per scene.
   std::string only, match, system_match;
+  bool fresh = false;
   std::vector<std::string> rest;
   for (int i = 1; i < argc; ++i) {
     const std::string arg = argv[i];
-    if ((arg == "--only" || arg == "--match" || arg == "--system") && i + 1 < argc)
+    if (arg == "--fresh")
+      fresh = true;
+    else if ((arg == "--only" || arg == "--match" || arg == "--system") && i + 1 < argc)
       (arg == "--only" ? only : arg == "--match" ? match : system_match) = argv[++i];
     else
       rest.push_back(arg);
@@ -633,13 +637,16 @@ int main(int argc, char** argv) {
   // An unknown option (--help among them) is a request for the usage, never
   // the name of an output directory to fill with a whole report.
   const bool dashed = !rest.empty() && rest[0].rfind("-", 0) == 0;
-  if (rest.size() != 1 || !known || dashed) {
-    std::fprintf(stderr, "usage: vorn_bench_quality OUT_DIR [--only direction|noise_vad|beam|level|echo] [--match TEXT] [--system TEXT]\n");
+  if (rest.size() != 1 || !known || dashed || (fresh && only != "direction")) {
+    std::fprintf(stderr,
+                 "usage: vorn_bench_quality OUT_DIR [--only direction|noise_vad|beam|level|echo] [--match TEXT] "
+                 "[--system TEXT] [--fresh (with --only direction)]\n");
     return 2;
   }
   const std::filesystem::path dir = rest[0];
   std::filesystem::create_directories(dir);
-  if (only == "direction") return RunDirectionBench(dir, match);
+  if (only == "direction")
+    return RunDirectionBench(dir, match, fresh ? DirectionDraw::kFresh : DirectionDraw::kTuned);
   if (only == "noise_vad") return vorn::bench::RunNoiseVadSection(dir, match);
   std::string echo_error;
   if (only == "echo") {

@@ -9,6 +9,7 @@
 // both factors come from tables computed at compile time.
 #include "adsp_bf/doa_gcc.h"
 
+#include <algorithm>
 #include <array>
 #include <cmath>
 
@@ -63,6 +64,24 @@ constexpr std::array<float, kGccMaxElevationDeg + 1> MakeElevationFactors() {
 }
 constexpr auto kElevationFactors = MakeElevationFactors();
 
+// Coherence of a spherically diffuse field between two microphones d apart,
+// sin(w d / c) / (w d / c), per band bin. The pairs are all d = sqrt(3) times
+// the radius apart; the bin's phase step w d / c is taken as an exact
+// fraction of a turn, k * kSpacingTicks / (512 * kTicksPerSample), with the
+// spacing in ten-thousandths of a sample (small enough for 32-bit longs).
+constexpr long kTicksPerSample = 10000;
+constexpr long kSpacingTicks = static_cast<long>(kRadiusSamples * 1.7320508075688772 * kTicksPerSample + 0.5);
+constexpr std::array<float, kGccBins> MakeDiffuseCoherence() {
+  std::array<float, kGccBins> t{};
+  for (int b = 0; b < kGccBins; ++b) {
+    const long k = kGccLowBin + b;
+    const double x = 2.0 * ct::kPi * static_cast<double>(k * kSpacingTicks) / (512.0 * kTicksPerSample);
+    t[b] = static_cast<float>(ct::SinTurn(k * kSpacingTicks, 512L * kTicksPerSample) / x);
+  }
+  return t;
+}
+constexpr auto kDiffuseCoherence = MakeDiffuseCoherence();
+
 static_assert(kGccLagZero > kRadiusSamples * 1.7320508 * kGccLagsPerSample + 1, "lag grid too short");
 static_assert(kGccLags - 1 - kGccLagZero > kRadiusSamples * 1.7320508 * kGccLagsPerSample + 1, "lag grid too short");
 
@@ -80,6 +99,13 @@ constexpr float kNoiseClimb = 1.01f;   // 2.7 dB/s while a bin stays loud
 constexpr float kNoiseMargin = 8.0f;
 constexpr float kPooledNoiseMargin = 4.0f;
 constexpr float kOnsetRise = 4.0f;
+// Coherence smoothing: each hop adds this share (a memory of about 5 hops,
+// 80 ms: long enough to read a coherence from, short enough to follow a
+// syllable's onset).
+constexpr float kCoherenceNew = 0.2f;
+// Coherence magnitudes are held below 1 so the ratio stays finite.
+constexpr float kMaxCoherence2 = 0.9999f;
+
 // Pooled bin weight past which the amount of evidence no longer limits the
 // confidence (a few syllable onsets' worth).
 constexpr float kConfidentWeight = 20.0f;
@@ -161,23 +187,74 @@ float GccBinWeightsPooled(const float power[kGccBins], const GccNoise& noise, co
   return total;
 }
 
+namespace {
+
+// cross_p += scale * weight * pair p's cross-spectrum reduced to unit magnitude.
+void AddPairCross(const GccBand& band, int p, const float weight[kGccBins], float scale, GccCross* cross) {
+  const float* ar = band.re[kPairA[p]];
+  const float* ai = band.im[kPairA[p]];
+  const float* br = band.re[kPairB[p]];
+  const float* bi = band.im[kPairB[p]];
+  for (int b = 0; b < kGccBins; ++b) {
+    if (weight[b] <= 0.0f) continue;
+    const float re = ar[b] * br[b] + ai[b] * bi[b];
+    const float im = ai[b] * br[b] - ar[b] * bi[b];
+    const float magnitude = std::sqrt(re * re + im * im);
+    if (!(magnitude > 1e-20f)) continue;
+    const float gain = scale * weight[b] / magnitude;
+    cross->re[p][b] += gain * re;
+    cross->im[p][b] += gain * im;
+  }
+}
+
+}  // namespace
+
 void GccAddCross(const GccBand& band, const float weight[kGccBins], float scale, GccCross* cross) {
+  for (int p = 0; p < kGccPairs; ++p) AddPairCross(band, p, weight, scale, cross);
+}
+
+void GccAddCrossPairs(const GccBand& band, const float weight[kGccPairs][kGccBins], float scale, GccCross* cross) {
+  for (int p = 0; p < kGccPairs; ++p) AddPairCross(band, p, weight[p], scale, cross);
+}
+
+void GccFollowCoherence(const GccBand& band, bool first, GccCovariance* c) {
+  // The first hop is written, not blended: the record starts out unset.
+  constexpr float kKeep = 1.0f - kCoherenceNew;
+  for (int m = 0; m < kBfChannels; ++m)
+    for (int b = 0; b < kGccBins; ++b) {
+      const float power = band.re[m][b] * band.re[m][b] + band.im[m][b] * band.im[m][b];
+      c->power[m][b] = first ? power : kKeep * c->power[m][b] + kCoherenceNew * power;
+    }
   for (int p = 0; p < kGccPairs; ++p) {
     const float* ar = band.re[kPairA[p]];
     const float* ai = band.im[kPairA[p]];
     const float* br = band.re[kPairB[p]];
     const float* bi = band.im[kPairB[p]];
     for (int b = 0; b < kGccBins; ++b) {
-      if (weight[b] <= 0.0f) continue;
       const float re = ar[b] * br[b] + ai[b] * bi[b];
       const float im = ai[b] * br[b] - ar[b] * bi[b];
-      const float magnitude = std::sqrt(re * re + im * im);
-      if (!(magnitude > 1e-20f)) continue;
-      const float gain = scale * weight[b] / magnitude;
-      cross->re[p][b] += gain * re;
-      cross->im[p][b] += gain * im;
+      c->re[p][b] = first ? re : kKeep * c->re[p][b] + kCoherenceNew * re;
+      c->im[p][b] = first ? im : kKeep * c->im[p][b] + kCoherenceNew * im;
     }
   }
+}
+
+void GccDirectShare(const GccCovariance& c, float share[kGccPairs][kGccBins]) {
+  for (int p = 0; p < kGccPairs; ++p)
+    for (int b = 0; b < kGccBins; ++b) {
+      share[p][b] = 0.0f;
+      const float scale = std::sqrt(c.power[kPairA[p]][b] * c.power[kPairB[p]][b]);
+      if (!(scale > 0.0f)) continue;
+      // The ratio that fits a coherence g made of a direct part (unit
+      // magnitude, any phase) and a diffuse part of coherence d:
+      // r = (d Re g - |g|^2 - sqrt(d^2 Re g^2 - d^2 |g|^2 + d^2 - 2 d Re g + |g|^2)) / (|g|^2 - 1).
+      const float real = c.re[p][b] / scale, imag = c.im[p][b] / scale;
+      const float g2 = std::min(real * real + imag * imag, kMaxCoherence2);
+      const float d = kDiffuseCoherence[static_cast<std::size_t>(b)];
+      const float root = d * d * real * real - d * d * g2 + d * d - 2.0f * d * real + g2;
+      const float ratio = (d * real - g2 - std::sqrt(root > 0.0f ? root : 0.0f)) / (g2 - 1.0f);
+      share[p][b] = ratio > 0.0f ? ratio / (1.0f + ratio) : 0.0f;
+    }
 }
 
 void GccCrossToLags(const GccCross& cross, GccLags lags) {

@@ -100,6 +100,30 @@ float GccBinWeightsPooled(const float power[kGccBins], const GccNoise& noise, co
 // magnitude (bins where a microphone is silent add nothing).
 void GccAddCross(const GccBand& band, const float weight[kGccBins], float scale, GccCross* cross);
 
+// The same with a weight per pair and bin.
+void GccAddCrossPairs(const GccBand& band, const float weight[kGccPairs][kGccBins], float scale, GccCross* cross);
+
+// The microphones' powers and the pairs' products a * conj(b) per band bin,
+// smoothed over recent hops (a coherence is read from them) or pooled over
+// a stretch (a spatial covariance).
+struct GccCovariance {
+  float power[kBfChannels][kGccBins];
+  float re[kGccPairs][kGccBins];
+  float im[kGccPairs][kGccBins];
+};
+
+// Smooths the hop's spectra into `c` over about 80 ms; the first hop of a
+// run starts it.
+void GccFollowCoherence(const GccBand& band, bool first, GccCovariance* c);
+
+// How much of each pair's bin is direct sound rather than diffuse (0..1),
+// from the pair's smoothed coherence against that of a diffuse field, which
+// for two omnidirectional microphones is real and a sinc of the spacing:
+// the coherent-to-diffuse power ratio r, read without knowing the direction,
+// gives r / (1 + r). Sound from any one direction counts as direct, a noise
+// source's as much as the talker's.
+void GccDirectShare(const GccCovariance& c, float share[kGccPairs][kGccBins]);
+
 // lags[p][l] = sum over band bins k of Re(cross_p(k) exp(-i w_k tau_l)).
 void GccCrossToLags(const GccCross& cross, GccLags lags);
 

@@ -15,15 +15,33 @@
 // the bins that hold noise alone; what the noise added to the counted bins
 // is then taken out (harder the more the learnt noise points one way), so
 // that a steady interferer's swings above the test do not pull the answer
-// toward it. Pooling the cross-spectra rather than per-hop scores
+// toward it. Each counted bin is also weighted, pair by pair, by how much of
+// it the pair hears as direct sound rather than diffuse (from the pair's
+// coherence): in diffuse noise and in a room's late reverberation that keeps
+// the bins whose phase the talker sets. A point noise is direct sound too, so
+// the more the learnt noise points one way the less this weighting counts.
+// Pooling the cross-spectra rather than per-hop scores
 // gives the same steered response at the cost of one evaluation for the
 // whole stretch, and keeps memory constant: a stretch of any length is used
 // whole. The search covers elevations 0-40 degrees in 5-degree steps (a
 // planar array hears a talker 30 degrees below as one 30 degrees above) and
 // refines the azimuth between the 1-degree grid points.
+//
+// The onsets find the talker among the room's sources, but over a short
+// stretch they are few and their peak wanders by several degrees. The same
+// pass therefore pools every hop's spatial covariance, and the principal
+// eigenvectors of what the noise leaves of it give a second, steadier
+// answer (see doa_covariance.h). That answer alone follows whatever source
+// is loudest, a point interferer as readily as the talker, so it only
+// refines the onsets' answer: it is taken when it lies near it and is
+// itself clear (its peak stands out of the sweep round the array and its
+// bins agree on it, as they do when a talker near the array is heard over
+// diffuse babble).
 #include <algorithm>
+#include <cmath>
 #include <cstring>
 
+#include "adsp_bf/doa_covariance.h"
 #include "adsp_bf/doa_tracker_enhanced.h"
 #include "common/adsp_common_fft_rel.h"
 #include "common/fft_rel_lanes.h"
@@ -61,6 +79,17 @@ constexpr float kNoiseRemovedPoint = 3.0f;
 constexpr float kLooseAgreement = 0.6f;
 constexpr float kPointAgreement = 0.9f;
 
+// A counted bin's weight is scaled by kDirectFloor plus the rest times the
+// pair's direct share, so that a bin the coherence reads as diffuse still
+// votes a little (the coherence of a few hops is itself noisy). The evidence
+// so weighted is pooled apart from the unweighted one and the two are mixed
+// by the learnt noise's agreement: all of the weighted below
+// kDiffuseAgreement (diffuse noise and babble measure 0.06-0.26 there), none
+// of it from kLooseAgreement on, where a noise source's own direct sound
+// would gain as much as the talker's.
+constexpr float kDirectFloor = 0.3f;
+constexpr float kDiffuseAgreement = 0.3f;
+
 // The evidence can agree well and still not tell directions apart: bins
 // below about 1 kHz see phase differences across this small array too
 // small to change much with azimuth, so a stretch whose counted bins are
@@ -75,6 +104,27 @@ constexpr float kPointAgreement = 0.9f;
 // agreement's figure as it is; linear between.
 constexpr float kFlatContrast = 0.01f;
 constexpr float kSharpContrast = 0.03f;
+
+// Over a stretch shorter than kShortHops (a second) the covariance's answer
+// replaces the onsets' when it lies within kRefineNearDeg of it, its bins
+// agree on its peak (which scores at least kRefineAgreement of the most
+// they could give) and the peak stands out of the sweep round the array by
+// kRefineContrast or more. Diffuse noise and reverberant rooms leave less
+// (over half a second, contrasts of 0.05-0.3 and agreements of 0.52-0.58;
+// a talker in babble gives 0.2-0.45 and 0.56-0.72). A longer stretch keeps
+// the onsets' answer: its onsets are many and already precise, and a strong
+// early reflection, coherent with the direct sound, is not split off by
+// the covariance (the eigenvector blends the two directions, up to 20
+// degrees from the talker for a reflection 1 dB down), while the onsets
+// resist it. The noise's covariance, learnt from the bins that hold noise
+// alone, is taken out kCovarianceNoiseRemoved times: those bins are the
+// quieter ones, and also hold some of the talker's own reverberant sound,
+// which a full removal would take from the talker's bins.
+constexpr int kShortHops = 62;
+constexpr float kRefineNearDeg = 20.0f;
+constexpr float kRefineAgreement = 0.54f;
+constexpr float kRefineContrast = 0.2f;
+constexpr float kCovarianceNoiseRemoved = 0.5f;
 
 float Sharpness(float contrast) {
   const float t = (contrast - kFlatContrast) / (kSharpContrast - kFlatContrast);
@@ -92,18 +142,44 @@ void FrameBand(const short* inp, const short order[kBfChannels], int hop, GccBan
   GccBandOf(spectra, band);
 }
 
-// How many times over the noise's part is removed from the counted bins,
-// from how firmly the noise's learnt cross-spectrum points one way.
-float NoiseRemovedFactor(const GccCross& noise_cross, const float noise_hops[kGccBins]) {
+float Ramp(float x, float from, float to) {
+  const float t = (x - from) / (to - from);
+  return t < 0.0f ? 0.0f : t > 1.0f ? 1.0f : t;
+}
+
+// How firmly the noise's learnt cross-spectrum points one way (0 when no
+// bin was learnt).
+float NoiseAgreement(const GccCross& noise_cross, const float noise_hops[kGccBins]) {
   float learnt = 0.0f;
   for (int b = 0; b < kGccBins; ++b) learnt += noise_hops[b];
-  if (!(learnt > 0.0f)) return kNoiseRemovedLoose;
+  if (!(learnt > 0.0f)) return 0.0f;
   GccLags lags;
   GccCrossToLags(noise_cross, lags);
-  const float agreement = GccAgreement(GccSearch(lags, kElevationStep).score, learnt);
-  float t = (agreement - kLooseAgreement) / (kPointAgreement - kLooseAgreement);
-  t = t < 0.0f ? 0.0f : t > 1.0f ? 1.0f : t;
-  return kNoiseRemovedLoose + t * (kNoiseRemovedPoint - kNoiseRemovedLoose);
+  return GccAgreement(GccSearch(lags, kElevationStep).score, learnt);
+}
+
+float AngleApart(float a, float b) {
+  const float d = std::fabs(a - b);
+  return d > 180.0f ? 360.0f - d : d;
+}
+
+// The onsets' azimuth over a short stretch, or the covariance evidence's
+// where it refines it.
+float Refined(const GccPeak& onsets, const GccCovariance& pooled, const GccCovariance& noise,
+              const float noise_hops[kGccBins], int hops) {
+  float noise_scale[kGccBins];
+  for (int b = 0; b < kGccBins; ++b)
+    noise_scale[b] = noise_hops[b] > 0.0f ? kCovarianceNoiseRemoved * static_cast<float>(hops) / noise_hops[b] : 0.0f;
+  GccCross cross{};
+  const float weight = GccAddPrincipal(pooled, noise, noise_scale, &cross);
+  if (!(weight > 0.0f)) return onsets.azimuth_deg;
+  GccLags lags;
+  GccCrossToLags(cross, lags);
+  const GccPeak peak = GccSearch(lags, kElevationStep);
+  const bool refines = AngleApart(peak.azimuth_deg, onsets.azimuth_deg) <= kRefineNearDeg &&
+                       peak.score >= kRefineAgreement * kGccPairs * weight &&
+                       GccPeakContrast(lags, peak) >= kRefineContrast;
+  return refines ? peak.azimuth_deg : onsets.azimuth_deg;
 }
 
 }  // namespace
@@ -146,13 +222,17 @@ DoaTrack DoaUtteranceEnhanced(const short* inp, const short order[kBfChannels], 
       GccFollowNoise(power, kGccNoiseStartHops + h, &noise);
     }
 
-  GccCross cross{}, noise_cross{};
-  float recent[kGccBins], weight[kGccBins], noise_like[kGccBins];
-  float noise_hops[kGccBins] = {}, noise_share[kGccBins] = {};
-  float pooled_weight = 0.0f;
+  GccCross cross{}, direct{}, noise_cross{};
+  GccCovariance coherence;
+  const bool short_stretch = hops < kShortHops;
+  GccCovariance pooled_cov{}, noise_cov{};
+  float recent[kGccBins], weight[kGccBins], noise_like[kGccBins], direct_weight[kGccPairs][kGccBins];
+  float noise_hops[kGccBins] = {}, noise_share[kGccBins] = {}, direct_noise_share[kGccPairs][kGccBins] = {};
+  float pooled_weight = 0.0f, pooled_direct = 0.0f;
   for (int h = 0; h < hops; ++h) {
     FrameBand(inp, order, h, &band);
     GccBandPower(band, power);
+    GccFollowCoherence(band, h == 0, &coherence);
     if (h == 0) std::memcpy(recent, power, sizeof recent);
     const float bin_sum = GccBinWeightsPooled(power, noise, recent, weight);
     float band_power = 0.0f, band_floor = 0.0f;
@@ -165,30 +245,62 @@ DoaTrack DoaUtteranceEnhanced(const short* inp, const short order[kBfChannels], 
       pooled_weight += hop_gate * bin_sum;
       for (int b = 0; b < kGccBins; ++b)
         if (weight[b] > 0.0f) noise_share[b] += hop_gate * weight[b] * std::min(1.0f, noise.power[b] / power[b]);
+      GccDirectShare(coherence, direct_weight);
+      float direct_sum = 0.0f;
+      for (int p = 0; p < kGccPairs; ++p)
+        for (int b = 0; b < kGccBins; ++b) {
+          float& w = direct_weight[p][b];
+          w = weight[b] * (kDirectFloor + (1.0f - kDirectFloor) * w);
+          direct_sum += w;
+          if (w > 0.0f) direct_noise_share[p][b] += hop_gate * w * std::min(1.0f, noise.power[b] / power[b]);
+        }
+      GccAddCrossPairs(band, direct_weight, hop_gate, &direct);
+      pooled_direct += hop_gate * direct_sum * (1.0f / kGccPairs);
     }
     for (int b = 0; b < kGccBins; ++b) {
       noise_like[b] = power[b] < kNoiseLike * noise.power[b] ? 1.0f : 0.0f;
       noise_hops[b] += noise_like[b];
     }
     GccAddCross(band, noise_like, 1.0f, &noise_cross);
+    if (short_stretch) {
+      GccAddCovariance(band, nullptr, &pooled_cov);
+      GccAddCovariance(band, noise_like, &noise_cov);
+    }
     for (int b = 0; b < kGccBins; ++b) recent[b] = kRecentKeep * recent[b] + (1.0f - kRecentKeep) * power[b];
   }
   if (!(pooled_weight > 0.0f)) return {0.0f, 0.0f, false};
   // What the noise put into the pooled bins: its mean phase-transformed
   // cross-spectrum, times the share of each counted bin's power it held.
-  const float removed = NoiseRemovedFactor(noise_cross, noise_hops);
+  const float agreement = NoiseAgreement(noise_cross, noise_hops);
+  const float removed =
+      kNoiseRemovedLoose + Ramp(agreement, kLooseAgreement, kPointAgreement) * (kNoiseRemovedPoint - kNoiseRemovedLoose);
   for (int b = 0; b < kGccBins; ++b) {
     if (!(noise_hops[b] > 0.0f)) continue;
     const float scale = removed * noise_share[b] / noise_hops[b];
     for (int p = 0; p < kGccPairs; ++p) {
+      const float scale_direct = removed * direct_noise_share[p][b] / noise_hops[b];
       cross.re[p][b] -= scale * noise_cross.re[p][b];
       cross.im[p][b] -= scale * noise_cross.im[p][b];
+      direct.re[p][b] -= scale_direct * noise_cross.re[p][b];
+      direct.im[p][b] -= scale_direct * noise_cross.im[p][b];
     }
   }
+  // The two pools, each per unit of its weight, mixed; the weight the
+  // confidence reads is mixed likewise.
+  const float mix = 1.0f - Ramp(agreement, kDiffuseAgreement, kLooseAgreement);
+  const float mixed_weight = (1.0f - mix) * pooled_weight + mix * pooled_direct;
+  const float plain_gain = mixed_weight * (1.0f - mix) / pooled_weight, direct_gain = mixed_weight * mix / pooled_direct;
+  for (int p = 0; p < kGccPairs; ++p)
+    for (int b = 0; b < kGccBins; ++b) {
+      cross.re[p][b] = plain_gain * cross.re[p][b] + direct_gain * direct.re[p][b];
+      cross.im[p][b] = plain_gain * cross.im[p][b] + direct_gain * direct.im[p][b];
+    }
+  pooled_weight = mixed_weight;
   GccLags lags;
   GccCrossToLags(cross, lags);
   const GccPeak peak = GccSearch(lags, kElevationStep);
-  return {peak.azimuth_deg, GccConfidence(peak.score, pooled_weight) * Sharpness(GccPeakContrast(lags, peak)), true};
+  return {short_stretch ? Refined(peak, pooled_cov, noise_cov, noise_hops, hops) : peak.azimuth_deg,
+          GccConfidence(peak.score, pooled_weight) * Sharpness(GccPeakContrast(lags, peak)), true};
 }
 
 }  // namespace vorn
