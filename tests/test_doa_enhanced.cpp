@@ -198,6 +198,39 @@ TEST(GccPrincipal, FollowsTheLoudestSourceAndTheTalkerOnceTheNoiseIsOut) {
   EXPECT_EQ(GccAddPrincipal(noise, noise, once, &cross), 0.0f);
 }
 
+// Onsets with two rises, here 3 over the part of a bin's recent level the
+// noise may account for (up to 24 times the noise) and 4 over the room's
+// sound above that: a rise that would pass over noise alone fails over the
+// tail of an earlier word; below the noise test's floor nothing counts,
+// however steep the rise.
+TEST(GccBinWeights, AsksASteeperRiseOverTheRoomThanOverTheNoise) {
+  struct Case {
+    const char* name;
+    float recent, power;
+    bool counts;
+  };
+  const Case cases[] = {
+      {"tripled over noise", 24.0f, 73.0f, true},
+      {"short of tripling over noise", 24.0f, 71.0f, false},
+      {"tripled but not quadrupled over a tail", 40.0f, 130.0f, false},
+      {"quadrupled over a tail", 40.0f, 140.0f, true},
+      {"steep but under the floor", 1.0f, 10.0f, false},
+  };
+  GccNoise noise;
+  float recent[kGccBins], power[kGccBins], weight[kGccBins];
+  for (int b = 0; b < kGccBins; ++b) {
+    const Case& c = cases[b % std::size(cases)];
+    noise.power[b] = 1.0f;
+    recent[b] = c.recent;
+    power[b] = c.power;
+  }
+  GccBinWeights(power, noise, recent, 3.0f, 4.0f, weight);
+  for (std::size_t i = 0; i < std::size(cases); ++i) {
+    SCOPED_TRACE(cases[i].name);
+    EXPECT_EQ(weight[i] > 0.0f, cases[i].counts);
+  }
+}
+
 // The speech presence rises a hop or two after a word's first onsets. A
 // burst at 200 degrees whose onset passes with the presence at 0 still
 // places the talker once the presence vouches for a later hop; it does not

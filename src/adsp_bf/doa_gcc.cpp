@@ -95,9 +95,13 @@ constexpr float kNoiseClimb = 1.01f;   // 2.7 dB/s while a bin stays loud
 // times the noise (9 dB: a noise bin gets there about once in a thousand
 // hops) and, in a stretch, the sound it holds above the noise at least
 // kOnsetRise times what its recent level held above it (the tracker
-// chooses its own rise, on the whole power).
+// chooses its own rises).
 constexpr float kNoiseMargin = 8.0f;
 constexpr float kPooledNoiseMargin = 4.0f;
+// The tracker's recent level counts as the room's sound only where it
+// stands this many times over the noise test's floor: nearer the floor it
+// is as likely the noise's own swell, which the noise test bounds already.
+constexpr float kRoomOverFloor = 3.0f;
 constexpr float kOnsetRise = 4.0f;
 // Coherence smoothing: each hop adds this share (a memory of about 5 hops,
 // 80 ms: long enough to read a coherence from, short enough to follow a
@@ -160,15 +164,19 @@ float OnsetWeight(float power, float recent, float noise, float smoothed, float 
 
 }  // namespace
 
-float GccBinWeights(const float power[kGccBins], const GccNoise& noise, const float recent[kGccBins], float onset_rise,
-                    float weight[kGccBins]) {
+float GccBinWeights(const float power[kGccBins], const GccNoise& noise, const float recent[kGccBins],
+                    float rise_over_noise, float rise_over_room, float weight[kGccBins]) {
   float total = 0.0f;
   for (int b = 0; b < kGccBins; ++b) {
     // The noise test looks at the power smoothed with the last hops: a
     // single hop's bin of noise swings far above its mean too often, and a
     // steady interferer's bins would then vote, sharply, at every swing.
     const float smoothed = 0.5f * (recent[b] + power[b]);
-    weight[b] = OnsetWeight(power[b], recent[b], 0.0f, smoothed, kNoiseMargin * noise.power[b], onset_rise);
+    const float floor = kNoiseMargin * noise.power[b];
+    const float room_floor = kRoomOverFloor * floor;
+    const float room = recent[b] > room_floor ? recent[b] - room_floor : 0.0f;
+    const float rise = power[b] - rise_over_noise * (recent[b] - room) - rise_over_room * room;
+    weight[b] = smoothed > floor && rise > 0.0f ? (smoothed - floor) / smoothed * (rise / power[b]) : 0.0f;
     total += weight[b];
   }
   return total;

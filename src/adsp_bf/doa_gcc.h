@@ -70,15 +70,21 @@ constexpr int kGccNoiseStartHops = 10;  // hops of plain mean before the estimat
 
 // Per-bin weight of the evidence. Only onsets count: the direct sound
 // reaches the array a few milliseconds before the room's reflections build
-// up, so a bin whose power has risen to at least `onset_rise` times its
-// recent (smoothed) level carries the talker's direction, while steady and
-// decaying sound carries the walls'; the steeper the rise asked for, the
-// less of the room is in the bins that pass. The weight grows with the rise
-// and with a Wiener-like gain of the smoothed power over the noise, which is
-// 0 up to 8 times the noise. `recent` is the smoothed power before this hop.
-// Returns the sum of the weights.
-float GccBinWeights(const float power[kGccBins], const GccNoise& noise, const float recent[kGccBins], float onset_rise,
-                    float weight[kGccBins]);
+// up, so a bin whose power has risen well above its recent (smoothed) level
+// carries the talker's direction, while steady and decaying sound carries
+// the walls'; the steeper the rise asked for, the less of the room is in
+// the bins that pass. How steep depends on what the recent level held. Up
+// to 24 times the noise (three times the noise test's floor) it may be the
+// noise alone, whose swings the noise test already bounds, and the bin must
+// rise to `rise_over_noise` times that part; what stood above it is the room's
+// sound, earlier words and their reverberation, over which a new word's
+// reflections rise too, and the bin must rise to `rise_over_room` times
+// that part. The weight grows with the rise and with a Wiener-like gain of
+// the smoothed power over the noise, which is 0 up to 8 times the noise.
+// `recent` is the smoothed power before this hop. Returns the sum of the
+// weights.
+float GccBinWeights(const float power[kGccBins], const GccNoise& noise, const float recent[kGccBins],
+                    float rise_over_noise, float rise_over_room, float weight[kGccBins]);
 
 // The same weights for a whole stretch, where evidence is scarce and a
 // wrong vote costs less (the stretch has many): the noise test looks at the

@@ -8,9 +8,11 @@
 // ones at the walls), the whole hop weighted by the speech presence and by
 // the far end's silence, held over its echo tail. An onset counts when its
 // bin has at least tripled: a mere doubling is too often the room's or the
-// noise's own swing. The presence rises a hop or two after a word's first
-// onsets, the clearest it has; those wait a few hops and count once the
-// presence vouches for the talker. Evidence is pooled as pair
+// noise's own swing, and over what the room still rings with of earlier
+// words, where it stands well clear of the noise, it must quadruple, as
+// their reflections rise with it. The presence rises a hop or two after a
+// word's first onsets, the clearest it has; those wait a few hops and count
+// once the presence vouches for the talker. Evidence is pooled as pair
 // correlations, which pool directions as vectors do: 355 and 5 degrees
 // average to 0, never 180. Outside speech nothing changes, so the direction
 // holds through pauses.
@@ -22,9 +24,12 @@
 // The fast one holds less and also forgets with time, about a quarter
 // second of speech; when it keeps pointing elsewhere the slow one restarts
 // from it, so a talker who walks is followed, within a second where the
-// onsets come often enough. A restart finds the talker mid-walk, so for
-// about a second of speech after it the slow pool keeps the fast one's
-// short memory: where the walk ends the direction settles on the new place
+// onsets come often enough. The farther off it points, up to a walk's
+// worth, the less of that evidence a restart takes: a walking talker soon
+// leaves the slow pool well behind, while a room's swings seldom reach as
+// far. A restart finds the talker mid-walk, so for about a second of speech
+// after it the slow pool is the fast one, short memory, forgetting with
+// time, and all: where the walk ends the direction settles on the new place
 // instead of averaging in the path that led there.
 #include "adsp_bf/doa_tracker_enhanced.h"
 
@@ -50,11 +55,21 @@ constexpr float kFastSpeechHops = 16.0f;
 constexpr float kMovedDeg = 20.0f;
 constexpr float kMoveAgreement = 0.25f;
 constexpr float kMoveEvidence = 3.5f;
+// Past kMovedDeg, evidence counts towards a restart as many times over as
+// the pools are kMovedDeg apart, up to this many, while they are no more
+// than kWalkedDeg apart: a talker who walks leaves the slow pool behind a
+// little at a time, while a fast pool that points farther off at once holds
+// a hop or two of noise or of the room as often as a talker.
+constexpr float kMostVotes = 2.0f;
+constexpr float kWalkedDeg = 60.0f;
 // Hops with evidence, after a restart, over which the slow pool forgets as
 // the fast one does: about a second of speech.
 constexpr int kMovingHops = 40;
-// The rise over its recent level that makes a bin an onset.
-constexpr float kOnsetRise = 3.0f;
+// The rises over its recent level that make a bin an onset: over the part
+// of that level the noise may account for, and over the room's sound above
+// it.
+constexpr float kRiseOverNoise = 3.0f;
+constexpr float kRiseOverRoom = 4.0f;
 // Onsets the presence did not vouch for keep this much of their weight per
 // hop while they wait (a few hops), and are taken once it vouches for a hop
 // at least this much.
@@ -97,7 +112,7 @@ void Pool(GccLags pool, float* pool_weight, const GccLags hop, float hop_weight,
 float Onsets(const GccBand& band, const float power[kGccBins], const GccNoise& noise, const float previous[kGccBins],
              float open, GccLags lags) {
   float weight[kGccBins];
-  const float sum = GccBinWeights(power, noise, previous, kOnsetRise, weight);
+  const float sum = GccBinWeights(power, noise, previous, kRiseOverNoise, kRiseOverRoom, weight);
   if (!(sum > 0.0f)) return 0.0f;
   GccCross cross{};
   GccAddCross(band, weight, open, &cross);
@@ -179,6 +194,7 @@ DoaTrack DoaTrackerHop(TDoaTrackerEnhanced* t, const float spectra[kBfChannels][
     // the next onset says counts against the last quarter second of speech
     // rather than against everything heard since the last onset.
     Fade(t->fast, &t->fast_weight, 1.0f - hop_gate / kFastSpeechHops);
+    if (t->moving_hops > 0) Fade(t->slow, &t->slow_weight, 1.0f - hop_gate / kFastSpeechHops);
   }
   if (evidence > 0.0f) {
     const float fast_keep = FastKeep(evidence, hop_gate);
@@ -190,9 +206,10 @@ DoaTrack DoaTrackerHop(TDoaTrackerEnhanced* t, const float spectra[kBfChannels][
 
     GccPeak slow = GccSearch(t->slow, kTrackElevationStep);
     const GccPeak fast = GccSearch(t->fast, kTrackElevationStep);
-    if (AngleBetween(fast.azimuth_deg, slow.azimuth_deg) > kMovedDeg &&
-        GccAgreement(fast.score, t->fast_weight) > kMoveAgreement) {
-      t->move_votes += evidence;
+    const float apart = AngleBetween(fast.azimuth_deg, slow.azimuth_deg);
+    if (apart > kMovedDeg && GccAgreement(fast.score, t->fast_weight) > kMoveAgreement) {
+      const float far = apart / kMovedDeg;
+      t->move_votes += evidence * (apart > kWalkedDeg ? 1.0f : far < kMostVotes ? far : kMostVotes);
     } else {
       t->move_votes = t->move_votes > evidence ? t->move_votes - evidence : 0.0f;
     }
