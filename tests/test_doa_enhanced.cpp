@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstring>
 #include <complex>
 #include <memory>
 #include <numbers>
@@ -80,6 +81,18 @@ TEST(GccBlocks, WindowAndCorrelationsMatchADirectComputation) {
                     .real();
       EXPECT_NEAR(lags[p][l], want, 2e-3) << "pair " << p << " lag " << l;
     }
+  // The eight-lane twin gives the plain routine's bits, the lags past its
+  // last whole vector included.
+  GccLags plain;
+  GccCrossToLagsPlain(cross, plain);
+#if defined(VORN_AVX2)
+  if (CpuHasAvx2()) {
+    GccLags twin;
+    GccCrossToLagsAvx2(cross, twin);
+    EXPECT_EQ(std::memcmp(twin, plain, sizeof plain), 0);
+  }
+#endif
+  EXPECT_EQ(std::memcmp(lags, plain, sizeof plain), 0);
 }
 
 // The direct share reads a plane wave as direct, the coherence of a diffuse

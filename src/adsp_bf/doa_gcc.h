@@ -13,6 +13,7 @@
 #pragma once
 
 #include "adsp_bf/audio_dsp_proc.h"
+#include "common/cpu_avx2.h"
 
 namespace vorn {
 
@@ -131,7 +132,13 @@ void GccFollowCoherence(const GccBand& band, bool first, GccCovariance* c);
 void GccDirectShare(const GccCovariance& c, float share[kGccPairs][kGccBins]);
 
 // lags[p][l] = sum over band bins k of Re(cross_p(k) exp(-i w_k tau_l)).
+// The eight-lane AVX2 twin is taken where the processor has it; both give
+// the same bits.
 void GccCrossToLags(const GccCross& cross, GccLags lags);
+void GccCrossToLagsPlain(const GccCross& cross, GccLags lags);
+#if defined(VORN_AVX2)
+void GccCrossToLagsAvx2(const GccCross& cross, GccLags lags);
+#endif
 
 // Where the pooled correlations point.
 struct GccPeak {
