@@ -404,4 +404,9 @@ float GccPeakContrast(const GccLags lags, const GccPeak& peak) {
   return mean < peak.score ? (peak.score - mean) / peak.score : 0.0f;
 }
 
+float GccAngleApart(float a_deg, float b_deg) {
+  const float d = std::fabs(a_deg - b_deg);
+  return d > 180.0f ? 360.0f - d : d;
+}
+
 }  // namespace vorn

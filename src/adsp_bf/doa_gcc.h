@@ -167,6 +167,9 @@ float GccConfidence(float score, float weight);
 // to the peak (0 when the peak does not stand above the mean).
 float GccPeakContrast(const GccLags lags, const GccPeak& peak);
 
+// How far apart two azimuths in [0, 360) lie round the circle (0..180).
+float GccAngleApart(float a_deg, float b_deg);
+
 // The summed correlations at one direction (integer degrees).
 float GccScore(const GccLags lags, int azimuth_deg, int elevation_deg);
 

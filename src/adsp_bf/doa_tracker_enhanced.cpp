@@ -79,12 +79,6 @@ constexpr int kEchoTailHops = 16;        // 256 ms, a room's echo tail
 constexpr int kTrackElevationStep = 20;  // heights 0, 20 and 40 degrees
 constexpr int kPooledElevationStep = 5;
 
-float AngleBetween(float a, float b) {
-  float d = std::fabs(a - b);
-  while (d >= 360.0f) d -= 360.0f;
-  return d > 180.0f ? 360.0f - d : d;
-}
-
 // How much of the fast pool a hop keeps: enough that the pool holds about
 // kFastEvidence of bin weight, and no more than it would keep to remember
 // kFastSpeechHops hops of speech, so that sparse evidence (noise, distance)
@@ -206,7 +200,7 @@ DoaTrack DoaTrackerHop(TDoaTrackerEnhanced* t, const float spectra[kBfChannels][
 
     GccPeak slow = GccSearch(t->slow, kTrackElevationStep);
     const GccPeak fast = GccSearch(t->fast, kTrackElevationStep);
-    const float apart = AngleBetween(fast.azimuth_deg, slow.azimuth_deg);
+    const float apart = GccAngleApart(fast.azimuth_deg, slow.azimuth_deg);
     if (apart > kMovedDeg && GccAgreement(fast.score, t->fast_weight) > kMoveAgreement) {
       const float far = apart / kMovedDeg;
       t->move_votes += evidence * (apart > kWalkedDeg ? 1.0f : far < kMostVotes ? far : kMostVotes);

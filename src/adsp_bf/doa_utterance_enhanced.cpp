@@ -126,11 +126,6 @@ constexpr float kRefineAgreement = 0.54f;
 constexpr float kRefineContrast = 0.2f;
 constexpr float kCovarianceNoiseRemoved = 0.5f;
 
-float Sharpness(float contrast) {
-  const float t = (contrast - kFlatContrast) / (kSharpContrast - kFlatContrast);
-  return t < 0.0f ? 0.0f : t > 1.0f ? 1.0f : t;
-}
-
 // The unwindowed spectra of hop h's 512-sample frame, microphone rows in order.
 void FrameBand(const short* inp, const short order[kBfChannels], int hop, GccBand* band) {
   float spectra[kBfChannels][kBfFftLen];
@@ -142,6 +137,7 @@ void FrameBand(const short* inp, const short order[kBfChannels], int hop, GccBan
   GccBandOf(spectra, band);
 }
 
+// 0 at or below `from`, 1 at or above `to`, linear between.
 float Ramp(float x, float from, float to) {
   const float t = (x - from) / (to - from);
   return t < 0.0f ? 0.0f : t > 1.0f ? 1.0f : t;
@@ -158,11 +154,6 @@ float NoiseAgreement(const GccCross& noise_cross, const float noise_hops[kGccBin
   return GccAgreement(GccSearch(lags, kElevationStep).score, learnt);
 }
 
-float AngleApart(float a, float b) {
-  const float d = std::fabs(a - b);
-  return d > 180.0f ? 360.0f - d : d;
-}
-
 // The onsets' azimuth over a short stretch, or the covariance evidence's
 // where it refines it.
 float Refined(const GccPeak& onsets, const GccCovariance& pooled, const GccCovariance& noise,
@@ -176,7 +167,7 @@ float Refined(const GccPeak& onsets, const GccCovariance& pooled, const GccCovar
   GccLags lags;
   GccCrossToLags(cross, lags);
   const GccPeak peak = GccSearch(lags, kElevationStep);
-  const bool refines = AngleApart(peak.azimuth_deg, onsets.azimuth_deg) <= kRefineNearDeg &&
+  const bool refines = GccAngleApart(peak.azimuth_deg, onsets.azimuth_deg) <= kRefineNearDeg &&
                        peak.score >= kRefineAgreement * kGccPairs * weight &&
                        GccPeakContrast(lags, peak) >= kRefineContrast;
   return refines ? peak.azimuth_deg : onsets.azimuth_deg;
@@ -299,8 +290,9 @@ DoaTrack DoaUtteranceEnhanced(const short* inp, const short order[kBfChannels], 
   GccLags lags;
   GccCrossToLags(cross, lags);
   const GccPeak peak = GccSearch(lags, kElevationStep);
+  const float sharpness = Ramp(GccPeakContrast(lags, peak), kFlatContrast, kSharpContrast);
   return {short_stretch ? Refined(peak, pooled_cov, noise_cov, noise_hops, hops) : peak.azimuth_deg,
-          GccConfidence(peak.score, pooled_weight) * Sharpness(GccPeakContrast(lags, peak)), true};
+          GccConfidence(peak.score, pooled_weight) * sharpness, true};
 }
 
 }  // namespace vorn
