@@ -149,6 +149,7 @@ ThreeMics Babble(const Scene& scene, int talkers, std::size_t n, std::uint32_t s
     voice.f0_hz = 100.0 + 120.0 * unit(rng);
     voice.syllable_hz = 3.0 + 2.0 * unit(rng);
     voice.lead_silence_s = 0.4 * unit(rng);
+    voice.speech_spectrum = scene.speech_spectrum_voices;
     const Signal talker = MakeSpeechLike(n, SubSeed(seed, 100u + static_cast<std::uint32_t>(k)), voice).samples;
     AddInto(out, ThroughRoom(scene, where, talker));
   }
@@ -265,6 +266,7 @@ bool RenderScene(const Scene& scene, RenderedScene* out, std::string* error) {
   // Talker.
   SpeechLikeOptions near_voice;
   near_voice.f0_hz = 130.0;
+  near_voice.speech_spectrum = scene.speech_spectrum_voices;
   const PlacedSource talker = Place(scene.talker, n, Samples(scene.talker_begin_s), Samples(scene.talker_end_s),
                                     SubSeed(scene.seed, 1), near_voice);
   const Point talker_at = PointToward(scene.array_centre, scene.azimuth_deg, scene.elevation_deg, scene.distance_m);
@@ -280,6 +282,7 @@ bool RenderScene(const Scene& scene, RenderedScene* out, std::string* error) {
   SpeechLikeOptions far_voice;
   far_voice.f0_hz = 210.0;
   far_voice.syllable_hz = 4.5;
+  far_voice.speech_spectrum = scene.speech_spectrum_voices;
   const PlacedSource far = Place(scene.far_end, n, Samples(scene.far_begin_s), Samples(scene.far_end_s),
                                  SubSeed(scene.seed, 2), far_voice);
   Signal drive = far.samples;

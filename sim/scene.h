@@ -46,6 +46,9 @@ struct Scene {
   double talker_level_dbfs = -30.0;
   double talker_begin_s = 4.0, talker_end_s = 12.0;
   Signal talker;  // empty: a speech-like talker from the seed
+  // Speech-like voices (the talker, babble, the far end) with the
+  // long-term spectrum of real speech rather than the plain darker one.
+  bool speech_spectrum_voices = false;
 
   std::vector<NoiseSource> noises;
 

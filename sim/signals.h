@@ -34,6 +34,10 @@ struct SpeechLikeOptions {
   double syllable_hz = 4.0;     // on/off rate of the envelope
   double duty = 0.6;            // share of each syllable period that is voiced
   double lead_silence_s = 0.0;  // silence before the first syllable
+  // Tilt the voice toward the long-term spectrum of real speech (see
+  // MakeSpeechLike). Off by default: the benches and networks tuned on the
+  // plain voice keep it.
+  bool speech_spectrum = false;
 };
 
 struct SpeechLike {

@@ -256,6 +256,40 @@ TEST(Simulator, UserTalkerOverEchoSpansLevelLagClippingErleAndFiles) {
   EXPECT_NEAR(RmsDbfs(before_talker), -22.0, 1.5);
 }
 
+// Octave band powers of a voice in dB re its 250-500 Hz octave, from the
+// mean power spectrum of Hann-windowed 1024-sample blocks (direct DFT).
+std::vector<double> OctavesReQuarterKilohertz(const Signal& x) {
+  constexpr std::size_t kBlock = 1024;
+  const double edges_hz[] = {250, 500, 1000, 2000, 4000, 8000};
+  std::vector<double> band(5, 0.0);
+  for (std::size_t start = kSampleRate; start + kBlock <= x.size(); start += 3 * kBlock)
+    for (std::size_t k = 16; k < kBlock / 2; ++k) {
+      std::complex<double> acc = 0.0;
+      for (std::size_t i = 0; i < kBlock; ++i)
+        acc += static_cast<double>(x[start + i]) * (0.5 - 0.5 * std::cos(2.0 * kPi * static_cast<double>(i) / kBlock)) *
+               std::polar(1.0, -2.0 * kPi * static_cast<double>(k * i) / kBlock);
+      const double hz = static_cast<double>(k) * kSampleRate / kBlock;
+      for (std::size_t b = 0; b < band.size(); ++b)
+        if (hz >= edges_hz[b] && hz < edges_hz[b + 1]) band[b] += std::norm(acc);
+    }
+  std::vector<double> db;
+  for (double p : band) db.push_back(10.0 * std::log10(p / band[0]));
+  return db;
+}
+
+TEST(Simulator, ASpeechSpectrumVoiceIsAsBrightAsSpeech) {
+  const std::size_t n = 3 * kSampleRate;
+  const std::vector<double> plain = OctavesReQuarterKilohertz(MakeSpeechLike(n, 11, {}).samples);
+  const std::vector<double> speech = OctavesReQuarterKilohertz(MakeSpeechLike(n, 11, {.speech_spectrum = true}).samples);
+  EXPECT_LT(plain[2], -25.0);  // 1-2 kHz: the plain voice is far darker than speech
+  // Speech's long-term octaves above 500 Hz: about -3, -9, -15, -20 dB.
+  const double low[] = {0.0, -10.0, -18.0, -18.0, -28.0}, high[] = {0.0, -3.0, -8.0, -8.0, -16.0};
+  for (std::size_t b = 1; b < speech.size(); ++b) {
+    EXPECT_GT(speech[b], low[b]) << "octave " << b;
+    EXPECT_LT(speech[b], high[b]) << "octave " << b;
+  }
+}
+
 TEST(Simulator, VadAndDoaScores) {
   std::vector<std::uint8_t> labels(100, 0), late(102, 0);
   for (std::size_t f = 20; f < 50; ++f) labels[f] = late[f + 2] = 1;

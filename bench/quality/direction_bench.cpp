@@ -361,7 +361,9 @@ std::string Markdown(const Results& results, const std::vector<DirectionScene>& 
         "the two pages is how much of its figures belongs to the scenes it was tuned on.\n\n";
   md +=
       "Scenes: a 5 × 4 × 3 m room, RT60 0.2-0.8 s; the talker 1.5 m from the array at elevations -30° to +40° and "
-      "azimuths off the 5° table, speaking 2-12 s; one noise per scene (diffuse pink noise, babble of six talkers "
+      "azimuths that step round the array from cell to cell, speaking 2-12 s with a speech-like voice whose "
+      "long-term spectrum is speech's (octaves above 500 Hz 7-22 dB below the 250-500 Hz one); one noise per "
+      "scene (diffuse pink noise, babble of six such talkers "
       "through the room, or one pink point source 1.6 m away and 100-160° from the talker) at 0, 5, 10 or 20 dB "
       "SNR, over sensor noise 40 dB down; " +
       std::to_string(

@@ -1,8 +1,7 @@
-// Scenes of the direction bench. Talkers sit off the 5-degree table, at
-// azimuths and elevations that change from cell to cell so that no method is
-// flattered by one lucky geometry; the interferer stands well away from the
-// talker, and the walking talker keeps its distance and height while it
-// goes round the array.
+// Scenes of the direction bench. Talkers sit at azimuths and elevations
+// that change from cell to cell so that no method is flattered by one lucky
+// geometry; the interferer stands well away from the talker, and the walking
+// talker keeps its distance and height while it goes round the array.
 #include "quality/direction_grid.h"
 
 #include <cmath>
@@ -31,6 +30,9 @@ Scene Talking(double rt60_s, std::uint32_t seed) {
   scene.far_begin_s = scene.far_end_s = 0.0;
   scene.talker_begin_s = 2.0;
   scene.talker_end_s = 12.0;
+  // Direction finding lives on the band above 1 kHz, where this small
+  // array's phase differences grow: the voices have speech's spectrum there.
+  scene.speech_spectrum_voices = true;
   scene.noises.push_back({NoiseKind::kSensor, NoiseColour::kWhite, kSensorSnrDb});
   return scene;
 }
@@ -80,6 +82,7 @@ bool AddWalkingTalker(const DirectionScene& cell, DirectionRender* out, std::str
   const std::size_t end = static_cast<std::size_t>(std::llround(scene.talker_end_s * kSampleRate));
   sim::SpeechLikeOptions voice;
   voice.f0_hz = 130.0;
+  voice.speech_spectrum = scene.speech_spectrum_voices;
   const sim::SpeechLike source = sim::MakeSpeechLike(end - begin, scene.seed * 2654435761u + 7u, voice);
 
   // Positions every few degrees along the walk, each owning a triangular
