@@ -109,9 +109,14 @@ constexpr float kSharpContrast = 0.03f;
 // replaces the onsets' when it lies within kRefineNearDeg of it, its bins
 // agree on its peak (which scores at least kRefineAgreement of the most
 // they could give) and the peak stands out of the sweep round the array by
-// kRefineContrast or more. Diffuse noise and reverberant rooms leave less
-// (over half a second, contrasts of 0.05-0.3 and agreements of 0.52-0.58;
-// a talker in babble gives 0.2-0.45 and 0.56-0.72). A longer stretch keeps
+// kRefineContrast or more. Over half a second of diffuse noise at 0 dB few
+// onsets count and their peak can wander 25-30 degrees, which the
+// covariance's answer corrects; one the covariance takes from a point
+// interferer (100 degrees or more from the talker) lands 70 degrees or more
+// from the onsets', so the limit sits between. Reverberant rooms with noise
+// leave bins that disagree (agreements of 0.45-0.53) and, at 5 dB, a peak
+// barely standing out (contrast 0.09); a talker in diffuse noise or babble
+// gives 0.52-0.81 and 0.15-0.7. A longer stretch keeps
 // the onsets' answer: its onsets are many and already precise, and a strong
 // early reflection, coherent with the direct sound, is not split off by
 // the covariance (the eigenvector blends the two directions, up to 20
@@ -121,9 +126,9 @@ constexpr float kSharpContrast = 0.03f;
 // quieter ones, and also hold some of the talker's own reverberant sound,
 // which a full removal would take from the talker's bins.
 constexpr int kShortHops = 62;
-constexpr float kRefineNearDeg = 20.0f;
+constexpr float kRefineNearDeg = 45.0f;
 constexpr float kRefineAgreement = 0.54f;
-constexpr float kRefineContrast = 0.2f;
+constexpr float kRefineContrast = 0.1f;
 constexpr float kCovarianceNoiseRemoved = 0.5f;
 
 // The unwindowed spectra of hop h's 512-sample frame, microphone rows in order.
