@@ -30,7 +30,12 @@
 // far. A restart finds the talker mid-walk, so for about a second of speech
 // after it the slow pool is the fast one, short memory, forgetting with
 // time, and all: where the walk ends the direction settles on the new place
-// instead of averaging in the path that led there.
+// instead of averaging in the path that led there. Short memory may end
+// before the walk does, and the slow pool then trails the talker by less
+// than a restart asks for; for a while after a restart's short memory,
+// a fast pool that keeps to one side of the slow one, however near, over
+// several words has a talker still moving, and the slow pool restarts from
+// it too, for a shorter memory.
 #include "adsp_bf/doa_tracker_enhanced.h"
 
 #include <cmath>
@@ -65,6 +70,15 @@ constexpr float kWalkedDeg = 60.0f;
 // Hops with evidence, after a restart, over which the slow pool forgets as
 // the fast one does: about a second of speech.
 constexpr int kMovingHops = 40;
+// Over this many hops with evidence once a restart's short memory has run
+// out, a fast pool that stays at least kAsideDeg to one side of the slow one
+// for kAsideEvidence of evidence restarts it, with kAsideMovingHops of short
+// memory. Only then: for a talker standing still, each word's reflections
+// lean the fast pool its own way for a while.
+constexpr int kAsideHops = 80;
+constexpr float kAsideDeg = 8.0f;
+constexpr float kAsideEvidence = 10.0f;
+constexpr int kAsideMovingHops = 20;
 // The rises over its recent level that make a bin an onset: over the part
 // of that level the noise may account for, and over the room's sound above
 // it.
@@ -112,6 +126,28 @@ float Onsets(const GccBand& band, const float power[kGccBins], const GccNoise& n
   GccAddCross(band, weight, open, &cross);
   GccCrossToLags(cross, lags);
   return open * sum;
+}
+
+// +1 when azimuth `a_deg` lies ahead of `b_deg` round the circle (the
+// shorter way), -1 otherwise.
+float SideOf(float a_deg, float b_deg) {
+  const float d = a_deg - b_deg;
+  return (d >= 0.0f) == (std::fabs(d) <= 180.0f) ? 1.0f : -1.0f;
+}
+
+// Counts the hop's evidence towards a restart while the fast pool keeps to
+// one side of the slow one, at least kAsideDeg off (`apart`); a hop nearer
+// or on the other side starts the count again. True when it is due.
+bool KeepsAside(TDoaTrackerEnhanced* t, float apart, float side, float evidence) {
+  if (apart < kAsideDeg) {
+    t->aside_votes = 0.0f;
+  } else if (side == t->aside_sign) {
+    t->aside_votes += evidence;
+  } else {
+    t->aside_sign = side;
+    t->aside_votes = evidence;
+  }
+  return t->aside_votes >= kAsideEvidence;
 }
 
 // Forms the hop's evidence from its onsets (weight `found`,
@@ -207,12 +243,22 @@ DoaTrack DoaTrackerHop(TDoaTrackerEnhanced* t, const float spectra[kBfChannels][
     } else {
       t->move_votes = t->move_votes > evidence ? t->move_votes - evidence : 0.0f;
     }
-    if (t->move_votes >= kMoveEvidence) {
+    if (!moving && t->aside_hops > 0) --t->aside_hops;
+    const bool aside =
+        !moving && t->aside_hops > 0 && KeepsAside(t, apart, SideOf(fast.azimuth_deg, slow.azimuth_deg), evidence);
+    const bool restart = t->move_votes >= kMoveEvidence;
+    if (restart || aside) {
       std::memcpy(t->slow, t->fast, sizeof t->slow);
       t->slow_weight = t->fast_weight;
       slow = fast;
+    }
+    if (restart) {
+      t->aside_hops = kAsideHops;
       t->move_votes = 0.0f;
       t->moving_hops = kMovingHops;
+    } else if (aside) {
+      t->aside_votes = 0.0f;
+      t->moving_hops = kAsideMovingHops;
     }
     t->azimuth_deg = slow.azimuth_deg;
     t->elevation_deg = slow.elevation_deg;

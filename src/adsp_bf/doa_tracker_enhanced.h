@@ -32,6 +32,9 @@ struct TDoaTrackerEnhanced {
   int far_tail_hops;                                   // hops left to hold it
   float move_votes;                                    // evidence that the fast pool points elsewhere
   int moving_hops;                                     // evidence hops of short memory left after a restart
+  float aside_votes;                                   // evidence that the fast pool keeps to one side of the slow
+  float aside_sign;                                    // which side: +1 ahead round the circle, -1 behind
+  int aside_hops;                                      // evidence hops left in which that may restart the slow
   float azimuth_deg, elevation_deg, confidence;
   float reported_confidence;  // of the azimuth last written by VornProc or VornDoa
   int hops;                   // hops analysed, saturating
