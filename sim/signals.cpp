@@ -128,9 +128,10 @@ SpeechLike MakeSpeechLike(std::size_t n, std::uint32_t seed, const SpeechLikeOpt
     // 4-8 kHz lie 16, 31, 41 and 60 dB below its 250-500 Hz octave, where
     // the long-term spectrum of speech has them about 3, 9, 15 and 20 dB
     // down (fricatives and the upper formants). Two first-order
-    // pre-emphases of coefficient 0.8 (+12 dB per octave above about
-    // 600 Hz) bring them to 7, 13, 13 and 22 dB down. What a direction
-    // finder or a beam can do with the band above 1 kHz depends on it.
+    // pre-emphases of coefficient 0.8 (together 7-10 dB per octave from
+    // 500 Hz to 4 kHz) bring them to 7, 13, 13 and 22 dB down. What a
+    // direction finder or a beam can do with the band above 1 kHz depends
+    // on it.
     constexpr float kEmphasis = 0.8f;
     for (int pass = 0; pass < 2; ++pass) {
       float previous = 0.0f;
