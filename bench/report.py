@@ -165,8 +165,8 @@ def main():
     direction_headline = os.path.join(data, "direction_headline.md")
     if os.path.exists(direction_headline):
         add("Direction finding, on its own grid of scenes (RT60 0.2-0.8 s; diffuse noise, babble, a point "
-            "interferer; 0-20 dB SNR; talkers from 30° below to 40° above the array; walking talkers); "
-            "details in [direction.md](direction.md):")
+            "interferer; 0-20 dB SNR; talkers from 30° below to 40° above the array; walking talkers; voices "
+            "with speech's long-term spectrum); details in [direction.md](direction.md):")
         add("")
         add(open(direction_headline).read().rstrip("\n"))
         add("")
