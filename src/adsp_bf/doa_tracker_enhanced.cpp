@@ -38,6 +38,7 @@
 // it too, for a shorter memory.
 #include "adsp_bf/doa_tracker_enhanced.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 
@@ -238,8 +239,7 @@ DoaTrack DoaTrackerHop(TDoaTrackerEnhanced* t, const float spectra[kBfChannels][
     const GccPeak fast = GccSearch(t->fast, kTrackElevationStep);
     const float apart = GccAngleApart(fast.azimuth_deg, slow.azimuth_deg);
     if (apart > kMovedDeg && GccAgreement(fast.score, t->fast_weight) > kMoveAgreement) {
-      const float far = apart / kMovedDeg;
-      t->move_votes += evidence * (apart > kWalkedDeg ? 1.0f : far < kMostVotes ? far : kMostVotes);
+      t->move_votes += evidence * (apart > kWalkedDeg ? 1.0f : std::min(apart / kMovedDeg, kMostVotes));
     } else {
       t->move_votes = t->move_votes > evidence ? t->move_votes - evidence : 0.0f;
     }

@@ -234,8 +234,7 @@ DoaTrack DoaUtteranceEnhanced(const short* inp, const short order[kBfChannels], 
     float band_power = 0.0f, band_floor = 0.0f;
     for (int b = 0; b < kGccBins; ++b) band_power += power[b], band_floor += noise.power[b];
     const float snr = band_floor > 0.0f ? band_power / band_floor : kHopSnrHigh;
-    float hop_gate = (snr - kHopSnrLow) / (kHopSnrHigh - kHopSnrLow);
-    hop_gate = hop_gate < 0.0f ? 0.0f : hop_gate > 1.0f ? 1.0f : hop_gate;
+    const float hop_gate = Ramp(snr, kHopSnrLow, kHopSnrHigh);
     if (hop_gate > 0.0f && bin_sum > 0.0f) {
       GccAddCross(band, weight, hop_gate, &cross);
       pooled_weight += hop_gate * bin_sum;
