@@ -252,12 +252,12 @@ DoaTrack DoaTrackerHop(TDoaTrackerEnhanced* t, const float spectra[kBfChannels][
       t->slow_weight = t->fast_weight;
       slow = fast;
     }
+    if (restart || aside) t->aside_votes = 0.0f;
     if (restart) {
       t->aside_hops = kAsideHops;
       t->move_votes = 0.0f;
       t->moving_hops = kMovingHops;
     } else if (aside) {
-      t->aside_votes = 0.0f;
       t->moving_hops = kAsideMovingHops;
     }
     t->azimuth_deg = slow.azimuth_deg;
