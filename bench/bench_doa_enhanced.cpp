@@ -1,9 +1,10 @@
 // Cost of direction finding per hop and per stretch, classic against
 // enhanced. Per hop: the classic doa_flag 1 work (three windowed transforms
 // and the 72-direction steered search with its history) against the
-// enhanced work (three transforms of the analysis buffers, the band, its
-// weights and, on a hop that carries evidence, the pair correlations and the
-// two pools' searches), on a hop with evidence and on a pause. Per stretch:
+// enhanced work (three transforms of the analysis buffers, the band and its
+// smoothed coherence, the onsets' weights scaled by their direct share and,
+// on a hop that carries evidence, the pair correlations and the two pools'
+// searches), on a hop with evidence and on a pause. Per stretch:
 // the enhanced search over 10 s against the classic one, which reads at most
 // its first second. The input is a talker at 70 degrees over sensor noise.
 #include <benchmark/benchmark.h>

@@ -248,22 +248,40 @@ void GccFollowCoherence(const GccBand& band, bool first, GccCovariance* c) {
   }
 }
 
+namespace {
+
+// The direct share of pair p's bin b (see GccDirectShare).
+float DirectShareOf(const GccCovariance& c, int p, int b) {
+  const float scale = std::sqrt(c.power[kPairA[p]][b] * c.power[kPairB[p]][b]);
+  if (!(scale > 0.0f)) return 0.0f;
+  // The ratio that fits a coherence g made of a direct part (unit
+  // magnitude, any phase) and a diffuse part of coherence d:
+  // r = (d Re g - |g|^2 - sqrt(d^2 Re g^2 - d^2 |g|^2 + d^2 - 2 d Re g + |g|^2)) / (|g|^2 - 1).
+  const float real = c.re[p][b] / scale, imag = c.im[p][b] / scale;
+  const float g2 = std::min(real * real + imag * imag, kMaxCoherence2);
+  const float d = kDiffuseCoherence[static_cast<std::size_t>(b)];
+  const float root = d * d * real * real - d * d * g2 + d * d - 2.0f * d * real + g2;
+  const float ratio = (d * real - g2 - std::sqrt(root > 0.0f ? root : 0.0f)) / (g2 - 1.0f);
+  return ratio > 0.0f ? ratio / (1.0f + ratio) : 0.0f;
+}
+
+}  // namespace
+
 void GccDirectShare(const GccCovariance& c, float share[kGccPairs][kGccBins]) {
   for (int p = 0; p < kGccPairs; ++p)
+    for (int b = 0; b < kGccBins; ++b) share[p][b] = DirectShareOf(c, p, b);
+}
+
+float GccDirectWeights(const GccCovariance& c, const float weight[kGccBins], float direct[kGccPairs][kGccBins]) {
+  float sum = 0.0f;
+  for (int p = 0; p < kGccPairs; ++p)
     for (int b = 0; b < kGccBins; ++b) {
-      share[p][b] = 0.0f;
-      const float scale = std::sqrt(c.power[kPairA[p]][b] * c.power[kPairB[p]][b]);
-      if (!(scale > 0.0f)) continue;
-      // The ratio that fits a coherence g made of a direct part (unit
-      // magnitude, any phase) and a diffuse part of coherence d:
-      // r = (d Re g - |g|^2 - sqrt(d^2 Re g^2 - d^2 |g|^2 + d^2 - 2 d Re g + |g|^2)) / (|g|^2 - 1).
-      const float real = c.re[p][b] / scale, imag = c.im[p][b] / scale;
-      const float g2 = std::min(real * real + imag * imag, kMaxCoherence2);
-      const float d = kDiffuseCoherence[static_cast<std::size_t>(b)];
-      const float root = d * d * real * real - d * d * g2 + d * d - 2.0f * d * real + g2;
-      const float ratio = (d * real - g2 - std::sqrt(root > 0.0f ? root : 0.0f)) / (g2 - 1.0f);
-      share[p][b] = ratio > 0.0f ? ratio / (1.0f + ratio) : 0.0f;
+      direct[p][b] = weight[b] > 0.0f
+                         ? weight[b] * (kGccDirectFloor + (1.0f - kGccDirectFloor) * DirectShareOf(c, p, b))
+                         : 0.0f;
+      sum += direct[p][b];
     }
+  return sum;
 }
 
 void GccCrossToLags(const GccCross& cross, GccLags lags) {

@@ -131,6 +131,14 @@ void GccFollowCoherence(const GccBand& band, bool first, GccCovariance* c);
 // source's as much as the talker's.
 void GccDirectShare(const GccCovariance& c, float share[kGccPairs][kGccBins]);
 
+// Bin weights scaled, pair by pair, by that direct share: weight times
+// (kGccDirectFloor plus the rest times the share), so that a bin the
+// coherence reads as diffuse still votes a little (the coherence of a few
+// hops is itself noisy). Only bins with weight are read. Returns the sum of
+// the scaled weights over pairs and bins.
+constexpr float kGccDirectFloor = 0.3f;
+float GccDirectWeights(const GccCovariance& c, const float weight[kGccBins], float direct[kGccPairs][kGccBins]);
+
 // lags[p][l] = sum over band bins k of Re(cross_p(k) exp(-i w_k tau_l)).
 // The eight-lane AVX2 twin is taken where the processor has it; both give
 // the same bits.

@@ -5,7 +5,11 @@
 // cross-spectra of the bins that stand well above the noise and have just
 // risen (onsets: the direct sound reaches the array before the room's
 // reverberation builds up, so rising bins point at the talker and decaying
-// ones at the walls), the whole hop weighted by the speech presence and by
+// ones at the walls), each pair's bin weighted by how much of it the pair
+// hears as direct sound rather than diffuse (from its coherence over the
+// last hops: an onset over a room still ringing, or over diffuse noise,
+// holds much of either, which can hold a reverberant room's direction 10
+// degrees or more off), the whole hop weighted by the speech presence and by
 // the far end's silence, held over its echo tail. An onset counts when its
 // bin has at least tripled: a mere doubling is too often the room's or the
 // noise's own swing, and over what the room still rings with of earlier
@@ -116,17 +120,19 @@ void Pool(GccLags pool, float* pool_weight, const GccLags hop, float hop_weight,
   *pool_weight = keep * *pool_weight + hop_weight;
 }
 
-// The hop's onsets as pair correlations scaled by
-// `open`; returns their bin weight (0, and `lags` untouched, when none).
+// The hop's onsets, each pair's bins weighted by their direct share, as
+// pair correlations scaled by `open`; returns their bin weight per pair (0,
+// and `lags` untouched, when none).
 float Onsets(const GccBand& band, const float power[kGccBins], const GccNoise& noise, const float previous[kGccBins],
-             float open, GccLags lags) {
+             const GccCovariance& coherence, float open, GccLags lags) {
   float weight[kGccBins];
-  const float sum = GccBinWeights(power, noise, previous, kRiseOverNoise, kRiseOverRoom, weight);
-  if (!(sum > 0.0f)) return 0.0f;
+  if (!(GccBinWeights(power, noise, previous, kRiseOverNoise, kRiseOverRoom, weight) > 0.0f)) return 0.0f;
+  float direct[kGccPairs][kGccBins];
+  const float sum = GccDirectWeights(coherence, weight, direct);
   GccCross cross{};
-  GccAddCross(band, weight, open, &cross);
+  GccAddCrossPairs(band, direct, open, &cross);
   GccCrossToLags(cross, lags);
-  return open * sum;
+  return open * sum * (1.0f / kGccPairs);
 }
 
 // +1 when azimuth `a_deg` lies ahead of `b_deg` round the circle (the
@@ -193,6 +199,7 @@ DoaTrack DoaTrackerHop(TDoaTrackerEnhanced* t, const float spectra[kBfChannels][
     return {t->azimuth_deg, t->confidence, false};
   }
   if (t->hops == 1) std::memcpy(t->recent_power, power, sizeof power);
+  GccFollowCoherence(band, t->hops == 1, &t->coherence);
   float previous[kGccBins];
   std::memcpy(previous, t->recent_power, sizeof previous);
   for (int b = 0; b < kGccBins; ++b)
@@ -218,7 +225,7 @@ DoaTrack DoaTrackerHop(TDoaTrackerEnhanced* t, const float spectra[kBfChannels][
   const float hop_gate = open * cues.presence;
   if (!(open > 0.0f)) std::memset(&t->waiting, 0, sizeof t->waiting);
   GccLags onsets, hop;
-  const float found = open > 0.0f ? Onsets(band, power, t->noise, previous, open, onsets) : 0.0f;
+  const float found = open > 0.0f ? Onsets(band, power, t->noise, previous, t->coherence, open, onsets) : 0.0f;
   const float evidence = Vouch(&t->waiting, onsets, found, cues.presence, hop);
   if (evidence <= 0.0f && hop_gate > 0.0f) {
     // Speech without usable bins: the fast pool still ages, so that what

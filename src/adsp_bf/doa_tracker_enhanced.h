@@ -17,6 +17,7 @@ struct DoaWaiting {
 struct TDoaTrackerEnhanced {
   float recent_power[kGccBins];  // smoothed band power of the last hops
   GccNoise noise;                // the noise under it
+  GccCovariance coherence;       // the microphones' smoothed spectra, for each pair's direct share
   // Talker evidence as pair correlations, pooled over about a second of
   // speech (the reported direction), over a fifth of a second (to notice a
   // talker who moves) and since the caller last asked for it (VornDoa).
@@ -40,7 +41,7 @@ struct TDoaTrackerEnhanced {
   int hops;                   // hops analysed, saturating
   int has_direction;          // 1 once any talker evidence has been pooled
 };
-static_assert(sizeof(TDoaTrackerEnhanced) <= 8192, "the direction tracker's budget is 8 KB");
+static_assert(sizeof(TDoaTrackerEnhanced) <= 12288, "the direction tracker's budget is 12 KB");
 
 // What the rest of the frame knows about this hop.
 struct DoaHopCues {

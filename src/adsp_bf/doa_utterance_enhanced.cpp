@@ -79,15 +79,12 @@ constexpr float kNoiseRemovedPoint = 3.0f;
 constexpr float kLooseAgreement = 0.6f;
 constexpr float kPointAgreement = 0.9f;
 
-// A counted bin's weight is scaled by kDirectFloor plus the rest times the
-// pair's direct share, so that a bin the coherence reads as diffuse still
-// votes a little (the coherence of a few hops is itself noisy). The evidence
-// so weighted is pooled apart from the unweighted one and the two are mixed
-// by the learnt noise's agreement: all of the weighted below
-// kDiffuseAgreement (diffuse noise and babble measure 0.06-0.26 there), none
-// of it from kLooseAgreement on, where a noise source's own direct sound
-// would gain as much as the talker's.
-constexpr float kDirectFloor = 0.3f;
+// The evidence weighted by each pair's direct share (GccDirectWeights) is
+// pooled apart from the unweighted one and the two are mixed by the learnt
+// noise's agreement: all of the weighted below kDiffuseAgreement (diffuse
+// noise and babble measure 0.06-0.26 there), none of it from
+// kLooseAgreement on, where a noise source's own direct sound would gain as
+// much as the talker's.
 constexpr float kDiffuseAgreement = 0.3f;
 
 // The evidence can agree well and still not tell directions apart: bins
@@ -240,15 +237,11 @@ DoaTrack DoaUtteranceEnhanced(const short* inp, const short order[kBfChannels], 
       pooled_weight += hop_gate * bin_sum;
       for (int b = 0; b < kGccBins; ++b)
         if (weight[b] > 0.0f) noise_share[b] += hop_gate * weight[b] * std::min(1.0f, noise.power[b] / power[b]);
-      GccDirectShare(coherence, direct_weight);
-      float direct_sum = 0.0f;
+      const float direct_sum = GccDirectWeights(coherence, weight, direct_weight);
       for (int p = 0; p < kGccPairs; ++p)
-        for (int b = 0; b < kGccBins; ++b) {
-          float& w = direct_weight[p][b];
-          w = weight[b] * (kDirectFloor + (1.0f - kDirectFloor) * w);
-          direct_sum += w;
-          if (w > 0.0f) direct_noise_share[p][b] += hop_gate * w * std::min(1.0f, noise.power[b] / power[b]);
-        }
+        for (int b = 0; b < kGccBins; ++b)
+          if (const float w = direct_weight[p][b]; w > 0.0f)
+            direct_noise_share[p][b] += hop_gate * w * std::min(1.0f, noise.power[b] / power[b]);
       GccAddCrossPairs(band, direct_weight, hop_gate, &direct);
       pooled_direct += hop_gate * direct_sum * (1.0f / kGccPairs);
     }
