@@ -84,6 +84,31 @@ TEST(BenchDirection, TheFreshDrawKeepsTheCellsAndChangesTheTalkers) {
   }
 }
 
+// A draw given as text puts each number where it belongs: the tuned draw's
+// numbers give the tuned draw's scenes, to the seed, azimuth and height.
+// Text that is not six such numbers, or a height off the seven, is refused.
+TEST(BenchDirection, AGivenDrawReadsItsSixNumbersInOrder) {
+  DirectionDrawSpec spec{};
+  std::string error;
+  ASSERT_TRUE(ParseDrawSpec("500,700,17,41,0,30", &spec, &error)) << error;
+  const std::vector<DirectionScene> tuned = DirectionScenes(DirectionDraw::kTuned);
+  const std::vector<DirectionScene> given = DirectionScenes(spec);
+  ASSERT_EQ(given.size(), tuned.size());
+  for (std::size_t i = 0; i < tuned.size(); ++i) {
+    SCOPED_TRACE(tuned[i].name);
+    EXPECT_EQ(given[i].scene.seed, tuned[i].scene.seed);
+    EXPECT_EQ(given[i].scene.azimuth_deg, tuned[i].scene.azimuth_deg);
+    EXPECT_EQ(given[i].scene.elevation_deg, tuned[i].scene.elevation_deg);
+  }
+  for (const char* bad : {"500,700,17,41,0", "500,700,17,41,0,30,1", "500,700,17,41,7,30", "500,700,17,41,-1,30",
+                          "-5,700,17,41,0,30", "500,700,17,41,0,30x", "", "500;700;17;41;0;30"}) {
+    SCOPED_TRACE(bad);
+    error.clear();
+    EXPECT_FALSE(ParseDrawSpec(bad, &spec, &error));
+    EXPECT_NE(error.find("STILL_SEED"), std::string::npos);
+  }
+}
+
 // A track that repeats the truth half a second late across 0/360 is found
 // half a second late and perfect there; pauses do not count.
 TEST(BenchDirection, TrackLagFindsTheDelayOverSpeechFrames) {

@@ -27,11 +27,12 @@ TrackLag FindTrackLag(const std::vector<double>& estimates_deg, const std::vecto
 
 // Renders and scores the grid's chosen draw (only the scenes whose name
 // contains `match`, when it is not empty) and writes OUT_DIR/direction.md
-// (direction_fresh.md for the fresh draw). Returns 0, or 1 with a message on
-// standard error when a scene or a system fails. Also writes
-// direction_headline.md (direction_fresh_headline.md), the classic |
+// (direction_fresh.md for the fresh draw, direction_draw.md for one given as
+// `given`). Returns 0, or 1 with a message on standard error when a scene or
+// a system fails. Also writes direction_headline.md
+// (direction_fresh_headline.md, direction_draw_headline.md), the classic |
 // enhanced | best baseline summary.
 int RunDirectionBench(const std::filesystem::path& out_dir, const std::string& match = "",
-                      DirectionDraw draw = DirectionDraw::kTuned);
+                      DirectionDraw draw = DirectionDraw::kTuned, const DirectionDrawSpec* given = nullptr);
 
 }  // namespace vorn::bench

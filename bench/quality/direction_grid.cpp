@@ -160,19 +160,33 @@ const char* NoiseName(DirectionNoise noise) {
   return "?";
 }
 
-// Where each draw's scenes come from: seeds, the azimuth rule (a start and
-// a step) and the first cell's height.
-struct Draw {
-  std::uint32_t still_seed, walk_seed;
-  double first_deg, step_deg;
-  int first_height;
-  double walk_first_deg;
-};
-constexpr Draw kTunedDraw{500u, 700u, 17.0, 41.0, 0, 30.0};
-constexpr Draw kFreshDraw{9100u, 9700u, 53.0, 67.0, 3, 75.0};
+constexpr DirectionDrawSpec kTunedDraw{500u, 700u, 17.0, 41.0, 0, 30.0};
+constexpr DirectionDrawSpec kFreshDraw{9100u, 9700u, 53.0, 67.0, 3, 75.0};
 
-std::vector<DirectionScene> DirectionScenes(DirectionDraw which) {
-  const Draw& draw = which == DirectionDraw::kFresh ? kFreshDraw : kTunedDraw;
+DirectionDrawSpec DrawSpecOf(DirectionDraw draw) { return draw == DirectionDraw::kFresh ? kFreshDraw : kTunedDraw; }
+
+bool ParseDrawSpec(const std::string& text, DirectionDrawSpec* spec, std::string* error) {
+  long long still = 0, walk = 0;
+  double first = 0.0, step = 0.0, walk_first = 0.0;
+  int height = 0, used = 0;
+  const bool read = std::sscanf(text.c_str(), "%lld,%lld,%lf,%lf,%d,%lf%n", &still, &walk, &first, &step, &height,
+                                &walk_first, &used) == 6 &&
+                    static_cast<std::size_t>(used) == text.size();
+  constexpr long long kMostSeed = 0xFFFFFFFFll;
+  const bool seeds = still >= 0 && still <= kMostSeed && walk >= 0 && walk <= kMostSeed;
+  if (!read || !seeds || height < 0 || height >= 7 || !std::isfinite(first) || !std::isfinite(step) ||
+      !std::isfinite(walk_first)) {
+    *error = "a draw is STILL_SEED,WALK_SEED,FIRST_DEG,STEP_DEG,FIRST_HEIGHT,WALK_FIRST_DEG (height 0-6), not \"" +
+             text + "\"";
+    return false;
+  }
+  *spec = {static_cast<std::uint32_t>(still), static_cast<std::uint32_t>(walk), first, step, height, walk_first};
+  return true;
+}
+
+std::vector<DirectionScene> DirectionScenes(DirectionDraw which) { return DirectionScenes(DrawSpecOf(which)); }
+
+std::vector<DirectionScene> DirectionScenes(const DirectionDrawSpec& draw) {
   std::vector<DirectionScene> grid;
   int cell = 0;
   for (double rt60 : kRt60s) {

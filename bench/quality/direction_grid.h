@@ -4,6 +4,7 @@
 // who walk 90 degrees round the array in 3 s.
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -34,10 +35,30 @@ struct DirectionRender {
 // on, or a fresh one with the same cells (rooms, noises, SNRs, walks) but
 // other voices, noise, azimuths and heights, never looked at while tuning.
 // The fresh draw tells how much of the tuned figures is the method's and how
-// much the scenes'.
-enum class DirectionDraw { kTuned, kFresh };
+// much the scenes'. A draw given on the command line checks a change on
+// scenes neither page holds.
+enum class DirectionDraw { kTuned, kFresh, kGiven };
+
+// Where a draw's scenes come from: seeds (one more per cell), the still
+// talkers' azimuths (a start and a step from cell to cell), the first still
+// cell's height (an index into the seven heights, -30 to +40 degrees) and
+// the first walker's starting azimuth.
+struct DirectionDrawSpec {
+  std::uint32_t still_seed, walk_seed;
+  double first_deg, step_deg;
+  int first_height;
+  double walk_first_deg;
+};
+
+// The tuned or the fresh draw's spec.
+DirectionDrawSpec DrawSpecOf(DirectionDraw draw);
+
+// Reads "STILL_SEED,WALK_SEED,FIRST_DEG,STEP_DEG,FIRST_HEIGHT,WALK_FIRST_DEG";
+// false with a message when the text is not six such numbers.
+bool ParseDrawSpec(const std::string& text, DirectionDrawSpec* spec, std::string* error);
 
 // Still talkers over the whole grid, then the walking ones.
+std::vector<DirectionScene> DirectionScenes(const DirectionDrawSpec& spec);
 std::vector<DirectionScene> DirectionScenes(DirectionDraw draw = DirectionDraw::kTuned);
 
 // Renders a scene; a walking talker is taken through the room's response at

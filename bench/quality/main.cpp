@@ -617,18 +617,19 @@ int main(int argc, char** argv) {
   // links); --match TEXT keeps the direction, echo or noise_vad section's scenes whose
   // name contains TEXT, or the beam section's part so named (look, adaptive,
   // fault): a quicker look while developing; --fresh runs the direction
-  // section on its fresh draw of scenes (direction_fresh.md); --system TEXT
+  // section on its fresh draw of scenes (direction_fresh.md), --draw SPEC on
+  // a draw given as ParseDrawSpec reads it (direction_draw.md); --system TEXT
   // keeps the echo section's systems whose "chain/system" label contains
   // TEXT and prints their figures per scene.
-  std::string only, match, system_match;
+  std::string only, match, system_match, draw_text;
   bool fresh = false;
   std::vector<std::string> rest;
   for (int i = 1; i < argc; ++i) {
     const std::string arg = argv[i];
     if (arg == "--fresh")
       fresh = true;
-    else if ((arg == "--only" || arg == "--match" || arg == "--system") && i + 1 < argc)
-      (arg == "--only" ? only : arg == "--match" ? match : system_match) = argv[++i];
+    else if ((arg == "--only" || arg == "--match" || arg == "--system" || arg == "--draw") && i + 1 < argc)
+      (arg == "--only" ? only : arg == "--match" ? match : arg == "--draw" ? draw_text : system_match) = argv[++i];
     else
       rest.push_back(arg);
   }
@@ -637,16 +638,27 @@ int main(int argc, char** argv) {
   // An unknown option (--help among them) is a request for the usage, never
   // the name of an output directory to fill with a whole report.
   const bool dashed = !rest.empty() && rest[0].rfind("-", 0) == 0;
-  if (rest.size() != 1 || !known || dashed || (fresh && only != "direction")) {
+  const bool drawn = fresh || !draw_text.empty();
+  if (rest.size() != 1 || !known || dashed || (drawn && only != "direction") || (fresh && !draw_text.empty())) {
     std::fprintf(stderr,
                  "usage: vorn_bench_quality OUT_DIR [--only direction|noise_vad|beam|level|echo] [--match TEXT] "
-                 "[--system TEXT] [--fresh (with --only direction)]\n");
+                 "[--system TEXT] [--fresh | --draw STILL_SEED,WALK_SEED,FIRST_DEG,STEP_DEG,FIRST_HEIGHT,"
+                 "WALK_FIRST_DEG (with --only direction)]\n");
+    return 2;
+  }
+  DirectionDrawSpec given{};
+  if (std::string draw_error; !draw_text.empty() && !ParseDrawSpec(draw_text, &given, &draw_error)) {
+    std::fprintf(stderr, "%s\n", draw_error.c_str());
     return 2;
   }
   const std::filesystem::path dir = rest[0];
   std::filesystem::create_directories(dir);
-  if (only == "direction")
-    return RunDirectionBench(dir, match, fresh ? DirectionDraw::kFresh : DirectionDraw::kTuned);
+  if (only == "direction") {
+    const DirectionDraw draw = fresh ? DirectionDraw::kFresh
+                               : draw_text.empty() ? DirectionDraw::kTuned
+                                                   : DirectionDraw::kGiven;
+    return RunDirectionBench(dir, match, draw, &given);
+  }
   if (only == "noise_vad") return vorn::bench::RunNoiseVadSection(dir, match);
   std::string echo_error;
   if (only == "echo") {
