@@ -88,11 +88,11 @@ TEST(BenchDirection, TheFreshDrawKeepsTheCellsAndChangesTheTalkers) {
 // numbers give the tuned draw's scenes, to the seed, azimuth and height.
 // Text that is not six such numbers, or a height off the seven, is refused.
 TEST(BenchDirection, AGivenDrawReadsItsSixNumbersInOrder) {
-  DirectionDrawSpec spec{};
+  DirectionDrawRecipe recipe{};
   std::string error;
-  ASSERT_TRUE(ParseDrawSpec("500,700,17,41,0,30", &spec, &error)) << error;
+  ASSERT_TRUE(ParseDrawRecipe("500,700,17,41,0,30", &recipe, &error)) << error;
   const std::vector<DirectionScene> tuned = DirectionScenes(DirectionDraw::kTuned);
-  const std::vector<DirectionScene> given = DirectionScenes(spec);
+  const std::vector<DirectionScene> given = DirectionScenes(recipe);
   ASSERT_EQ(given.size(), tuned.size());
   for (std::size_t i = 0; i < tuned.size(); ++i) {
     SCOPED_TRACE(tuned[i].name);
@@ -104,7 +104,7 @@ TEST(BenchDirection, AGivenDrawReadsItsSixNumbersInOrder) {
                           "-5,700,17,41,0,30", "500,700,17,41,0,30x", "", "500;700;17;41;0;30"}) {
     SCOPED_TRACE(bad);
     error.clear();
-    EXPECT_FALSE(ParseDrawSpec(bad, &spec, &error));
+    EXPECT_FALSE(ParseDrawRecipe(bad, &recipe, &error));
     EXPECT_NE(error.find("STILL_SEED"), std::string::npos);
   }
 }

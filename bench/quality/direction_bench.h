@@ -33,6 +33,6 @@ TrackLag FindTrackLag(const std::vector<double>& estimates_deg, const std::vecto
 // (direction_fresh_headline.md, direction_draw_headline.md), the classic |
 // enhanced | best baseline summary.
 int RunDirectionBench(const std::filesystem::path& out_dir, const std::string& match = "",
-                      DirectionDraw draw = DirectionDraw::kTuned, const DirectionDrawSpec* given = nullptr);
+                      DirectionDraw draw = DirectionDraw::kTuned, const DirectionDrawRecipe* given = nullptr);
 
 }  // namespace vorn::bench

@@ -160,12 +160,12 @@ const char* NoiseName(DirectionNoise noise) {
   return "?";
 }
 
-constexpr DirectionDrawSpec kTunedDraw{500u, 700u, 17.0, 41.0, 0, 30.0};
-constexpr DirectionDrawSpec kFreshDraw{9100u, 9700u, 53.0, 67.0, 3, 75.0};
+constexpr DirectionDrawRecipe kTunedDraw{500u, 700u, 17.0, 41.0, 0, 30.0};
+constexpr DirectionDrawRecipe kFreshDraw{9100u, 9700u, 53.0, 67.0, 3, 75.0};
 
-DirectionDrawSpec DrawSpecOf(DirectionDraw draw) { return draw == DirectionDraw::kFresh ? kFreshDraw : kTunedDraw; }
+DirectionDrawRecipe RecipeOf(DirectionDraw draw) { return draw == DirectionDraw::kFresh ? kFreshDraw : kTunedDraw; }
 
-bool ParseDrawSpec(const std::string& text, DirectionDrawSpec* spec, std::string* error) {
+bool ParseDrawRecipe(const std::string& text, DirectionDrawRecipe* recipe, std::string* error) {
   long long still = 0, walk = 0;
   double first = 0.0, step = 0.0, walk_first = 0.0;
   int height = 0, used = 0;
@@ -180,13 +180,13 @@ bool ParseDrawSpec(const std::string& text, DirectionDrawSpec* spec, std::string
              text + "\"";
     return false;
   }
-  *spec = {static_cast<std::uint32_t>(still), static_cast<std::uint32_t>(walk), first, step, height, walk_first};
+  *recipe = {static_cast<std::uint32_t>(still), static_cast<std::uint32_t>(walk), first, step, height, walk_first};
   return true;
 }
 
-std::vector<DirectionScene> DirectionScenes(DirectionDraw which) { return DirectionScenes(DrawSpecOf(which)); }
+std::vector<DirectionScene> DirectionScenes(DirectionDraw which) { return DirectionScenes(RecipeOf(which)); }
 
-std::vector<DirectionScene> DirectionScenes(const DirectionDrawSpec& draw) {
+std::vector<DirectionScene> DirectionScenes(const DirectionDrawRecipe& draw) {
   std::vector<DirectionScene> grid;
   int cell = 0;
   for (double rt60 : kRt60s) {

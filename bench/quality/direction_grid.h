@@ -43,22 +43,23 @@ enum class DirectionDraw { kTuned, kFresh, kGiven };
 // talkers' azimuths (a start and a step from cell to cell), the first still
 // cell's height (an index into the seven heights, -30 to +40 degrees) and
 // the first walker's starting azimuth.
-struct DirectionDrawSpec {
+struct DirectionDrawRecipe {
   std::uint32_t still_seed, walk_seed;
   double first_deg, step_deg;
   int first_height;
   double walk_first_deg;
 };
 
-// The tuned or the fresh draw's spec.
-DirectionDrawSpec DrawSpecOf(DirectionDraw draw);
+// The tuned or the fresh draw's recipe (a given draw has none of its own:
+// the tuned one is returned).
+DirectionDrawRecipe RecipeOf(DirectionDraw draw);
 
 // Reads "STILL_SEED,WALK_SEED,FIRST_DEG,STEP_DEG,FIRST_HEIGHT,WALK_FIRST_DEG";
 // false with a message when the text is not six such numbers.
-bool ParseDrawSpec(const std::string& text, DirectionDrawSpec* spec, std::string* error);
+bool ParseDrawRecipe(const std::string& text, DirectionDrawRecipe* recipe, std::string* error);
 
 // Still talkers over the whole grid, then the walking ones.
-std::vector<DirectionScene> DirectionScenes(const DirectionDrawSpec& spec);
+std::vector<DirectionScene> DirectionScenes(const DirectionDrawRecipe& recipe);
 std::vector<DirectionScene> DirectionScenes(DirectionDraw draw = DirectionDraw::kTuned);
 
 // Renders a scene; a walking talker is taken through the room's response at

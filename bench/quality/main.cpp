@@ -617,8 +617,8 @@ int main(int argc, char** argv) {
   // links); --match TEXT keeps the direction, echo or noise_vad section's scenes whose
   // name contains TEXT, or the beam section's part so named (look, adaptive,
   // fault): a quicker look while developing; --fresh runs the direction
-  // section on its fresh draw of scenes (direction_fresh.md), --draw SPEC on
-  // a draw given as ParseDrawSpec reads it (direction_draw.md); --system TEXT
+  // section on its fresh draw of scenes (direction_fresh.md), --draw NUMBERS on
+  // a draw given as ParseDrawRecipe reads it (direction_draw.md); --system TEXT
   // keeps the echo section's systems whose "chain/system" label contains
   // TEXT and prints their figures per scene.
   std::string only, match, system_match, draw_text;
@@ -646,8 +646,8 @@ int main(int argc, char** argv) {
                  "WALK_FIRST_DEG (with --only direction)]\n");
     return 2;
   }
-  DirectionDrawSpec given{};
-  if (std::string draw_error; !draw_text.empty() && !ParseDrawSpec(draw_text, &given, &draw_error)) {
+  DirectionDrawRecipe given{};
+  if (std::string draw_error; !draw_text.empty() && !ParseDrawRecipe(draw_text, &given, &draw_error)) {
     std::fprintf(stderr, "%s\n", draw_error.c_str());
     return 2;
   }

@@ -58,14 +58,16 @@ constexpr int kElevationStep = 5;
 // Band SNR (power over floor) at which a hop starts to count, and at which
 // it counts fully. With the talker as loud as the noise the talk's hops
 // stand only 2-3 times over the floor, and a gate from twice the floor kept
-// most of them out: over a long stretch every hop above the floor counts,
-// in proportion to how far it stands above it (the 10 s search at 0 dB, on
-// the bench grid's two draws and two more rendered with other seeds: 92, 67,
-// 58 and 42 % of talkers within 10 degrees gated from 2 to 8 times the
-// floor, 92, 67, 75 and 58 % from 1 to 6). Over a keyword the hops barely above the floor are as many as the
-// talker's own and would move its few onsets' peak, so a hop counts from
-// 1.2 times the floor (keyword mean errors 5.8, 12.3, 10.0 and 12.5 degrees
-// before, 5.1, 9.5, 7.3 and 11.4 with this gate).
+// most of them out. Over a stretch of a second or more every hop above the
+// floor counts, in proportion to how far it stands above it: the 10 s
+// search at 0 dB, on the bench grid's two draws and on two more (--draw
+// 13100,13700,29,59,5,140 and 17100,17700,11,47,2,200), found 92, 67, 58
+// and 42 % of talkers within 10 degrees gated from 2 to 8 times the floor,
+// 92, 67, 75 and 58 % from 1 to 6. Over a shorter stretch (a keyword) the
+// hops barely above the floor are as many as the talker's own and would
+// move its few onsets' peak, so a hop counts from 1.2 times the floor
+// (keyword mean errors 5.8, 12.3, 10.0 and 12.5 degrees before, 5.1, 9.5,
+// 7.3 and 11.4 with this gate).
 constexpr float kHopSnrLow = 1.0f, kHopSnrHigh = 6.0f;
 constexpr float kShortHopSnrLow = 1.2f, kShortHopSnrHigh = 5.0f;
 // A bin under kNoiseLike times the noise is taken as noise alone when the
