@@ -27,4 +27,17 @@ void GccAddCovariance(const GccBand& band, const float* weight, GccCovariance* c
 float GccAddPrincipal(const GccCovariance& pooled, const GccCovariance& noise, const float noise_scale[kGccBins],
                       GccCross* cross);
 
+// The same evidence from the talk's covariance whitened by the noise's:
+// per bin, the principal generalised eigenvector v of (talk, noise), both
+// taken per hop (each pooled sum over its count of hops), gives the
+// talker's steering vector as noise * v, whatever the noise's own
+// direction. A point noise that outweighs the talker in every bin, which
+// turns the plain principal eigenvector toward itself, is whitened away;
+// diffuse noise is no worse off than before. Each bin is weighted by how far
+// its whitened eigenvalue stands above the other two and by the share of
+// it that is not noise (1 - 1/eigenvalue: a whitened bin of noise alone has
+// every eigenvalue near 1). Returns the sum of the weights.
+float GccAddWhitenedPrincipal(const GccCovariance& talk, float talk_hops, const GccCovariance& noise,
+                              float noise_hops, GccCross* cross);
+
 }  // namespace vorn
