@@ -488,11 +488,13 @@ TEST(DoaUtteranceEnhanced, CountsTheTalksHopsFromTheNoiseFloorUp) {
 // A point interferer as loud as the talker in reverberant rooms, which
 // draws the onsets' peak aside (53 degrees in both rooms without the
 // whitened answer): the talk's covariance whitened by the pauses' points at
-// the talker whatever the interferer does.
+// the talker whatever the interferer does. Under emulation the first room
+// alone.
 TEST(DoaUtteranceEnhanced, PoolsTheTalksCovarianceWhitenedByThePauses) {
   const InterfererScene cases[] = {{0.6, 37.0, -30.0, 167.0, 0.0, 9203, true},
                                    {0.8, 105.0, -30.0, 265.0, 0.0, 9204, true}};
   for (const InterfererScene& c : cases) {
+    if (test::UnderEmulation() && c.seed != 9203) continue;
     SCOPED_TRACE(testing::Message() << "talker at " << c.talker_az << " deg, interferer at " << c.interferer_az);
     EXPECT_LE(SearchErrorOverAnInterferer(c), 10.0);
   }
