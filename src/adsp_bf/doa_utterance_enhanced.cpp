@@ -140,10 +140,11 @@ constexpr float kSharpContrast = 0.03f;
 // by the covariance (the eigenvector blends the two directions, up to 20
 // degrees from the talker for a reflection 1 dB down), while the onsets
 // resist it (the whitened answer it pools instead is held back for the
-// same reason where the noise is quiet). The noise's covariance, learnt from the bins that hold noise
-// alone, is taken out kCovarianceNoiseRemoved times: those bins are the
-// quieter ones, and also hold some of the talker's own reverberant sound,
-// which a full removal would take from the talker's bins.
+// same reason where the noise is quiet). The noise's covariance, learnt
+// from the bins that hold noise alone, is taken out kCovarianceNoiseRemoved
+// times: those bins are the quieter ones, and also hold some of the
+// talker's own reverberant sound, which a full removal would take from the
+// talker's bins.
 constexpr int kShortHops = 62;
 constexpr float kRefineNearDeg = 45.0f;
 constexpr float kRefineAgreement = 0.54f;
