@@ -469,12 +469,7 @@ TrackLag FindTrackLag(const std::vector<double>& estimates_deg, const std::vecto
 }
 
 int RunDirectionBench(const std::filesystem::path& out_dir, const std::string& match, DirectionDraw draw,
-                      const DirectionDrawRecipe* given) {
-  if (draw == DirectionDraw::kGiven && given == nullptr) {
-    std::fprintf(stderr, "a given draw needs its six numbers\n");
-    return 1;
-  }
-  const DirectionDrawRecipe recipe = draw == DirectionDraw::kGiven ? *given : RecipeOf(draw);
+                      const DirectionDrawRecipe& recipe) {
   std::vector<DirectionScene> cells = DirectionScenes(recipe);
   std::erase_if(cells, [&match](const DirectionScene& c) { return c.name.find(match) == std::string::npos; });
   Results results;

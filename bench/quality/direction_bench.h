@@ -25,14 +25,14 @@ TrackLag FindTrackLag(const std::vector<double>& estimates_deg, const std::vecto
                       const std::vector<std::uint8_t>& speech, std::size_t begin, std::size_t end,
                       std::size_t max_lag);
 
-// Renders and scores the grid's chosen draw (only the scenes whose name
-// contains `match`, when it is not empty) and writes OUT_DIR/direction.md
-// (direction_fresh.md for the fresh draw, direction_draw.md for one given as
-// `given`). Returns 0, or 1 with a message on standard error when a scene or
+// Renders and scores the grid's scenes as `recipe` draws them (only those
+// whose name contains `match`, when it is not empty) and writes the page of
+// `draw`: OUT_DIR/direction.md (direction_fresh.md for the fresh draw,
+// direction_draw.md for one given on the command line). Returns 0, or 1 with a message on standard error when a scene or
 // a system fails. Also writes direction_headline.md
 // (direction_fresh_headline.md, direction_draw_headline.md), the classic |
 // enhanced | best baseline summary.
-int RunDirectionBench(const std::filesystem::path& out_dir, const std::string& match = "",
-                      DirectionDraw draw = DirectionDraw::kTuned, const DirectionDrawRecipe* given = nullptr);
+int RunDirectionBench(const std::filesystem::path& out_dir, const std::string& match, DirectionDraw draw,
+                      const DirectionDrawRecipe& recipe);
 
 }  // namespace vorn::bench

@@ -657,7 +657,7 @@ int main(int argc, char** argv) {
     const DirectionDraw draw = fresh ? DirectionDraw::kFresh
                                : draw_text.empty() ? DirectionDraw::kTuned
                                                    : DirectionDraw::kGiven;
-    return RunDirectionBench(dir, match, draw, &given);
+    return RunDirectionBench(dir, match, draw, draw == DirectionDraw::kGiven ? given : RecipeOf(draw));
   }
   if (only == "noise_vad") return vorn::bench::RunNoiseVadSection(dir, match);
   std::string echo_error;
@@ -729,7 +729,8 @@ int main(int argc, char** argv) {
     std::fclose(headline);
   }
   std::printf("%s", md.c_str());
-  if (const int rc = RunDirectionBench(dir); rc != 0) return rc;
+  if (const int rc = RunDirectionBench(dir, "", DirectionDraw::kTuned, RecipeOf(DirectionDraw::kTuned)); rc != 0)
+    return rc;
   if (!RunEchoBench(dir, "", "", &echo_error)) {
     std::fprintf(stderr, "%s\n", echo_error.c_str());
     return 1;

@@ -205,15 +205,30 @@ float Ramp(float x, float from, float to) {
   return t < 0.0f ? 0.0f : t > 1.0f ? 1.0f : t;
 }
 
+// Where pooled evidence points, and how far that peak stands out of the
+// sweep round the array.
+struct Clarity {
+  GccPeak peak;
+  float contrast;
+};
+Clarity ClarityOf(const GccCross& cross) {
+  GccLags lags;
+  GccCrossToLags(cross, lags);
+  const GccPeak peak = GccSearch(lags, kElevationStep);
+  return {peak, GccPeakContrast(lags, peak)};
+}
+
+// The share of the most it could score that evidence of pooled weight
+// `weight` scores at its peak.
+float ShareOfMost(const Clarity& clarity, float weight) { return clarity.peak.score / (kGccPairs * weight); }
+
 // How firmly the noise's learnt cross-spectrum points one way (0 when no
 // bin was learnt).
 float NoiseAgreement(const GccCross& noise_cross, const float noise_hops[kGccBins]) {
   float learnt = 0.0f;
   for (int b = 0; b < kGccBins; ++b) learnt += noise_hops[b];
   if (!(learnt > 0.0f)) return 0.0f;
-  GccLags lags;
-  GccCrossToLags(noise_cross, lags);
-  return GccAgreement(GccSearch(lags, kElevationStep).score, learnt);
+  return GccAgreement(ClarityOf(noise_cross).peak.score, learnt);
 }
 
 // The onsets' azimuth over a short stretch, or the covariance evidence's
@@ -226,25 +241,11 @@ float Refined(const GccPeak& onsets, const GccCovariance& pooled, const GccCovar
   GccCross cross{};
   const float weight = GccAddPrincipal(pooled, noise, noise_scale, &cross);
   if (!(weight > 0.0f)) return onsets.azimuth_deg;
-  GccLags lags;
-  GccCrossToLags(cross, lags);
-  const GccPeak peak = GccSearch(lags, kElevationStep);
+  const Clarity clarity = ClarityOf(cross);
+  const GccPeak& peak = clarity.peak;
   const bool refines = GccAngleApart(peak.azimuth_deg, onsets.azimuth_deg) <= kRefineNearDeg &&
-                       peak.score >= kRefineAgreement * kGccPairs * weight &&
-                       GccPeakContrast(lags, peak) >= kRefineContrast;
+                       peak.score >= kRefineAgreement * kGccPairs * weight && clarity.contrast >= kRefineContrast;
   return refines ? peak.azimuth_deg : onsets.azimuth_deg;
-}
-
-// How well pooled evidence agrees on its own peak (see GccAgreement), and
-// how far that peak stands out of the sweep round the array.
-struct Clarity {
-  float agreement, contrast;
-};
-Clarity ClarityOf(const GccCross& cross, float weight) {
-  GccLags lags;
-  GccCrossToLags(cross, lags);
-  const GccPeak peak = GccSearch(lags, kElevationStep);
-  return {peak.score / (kGccPairs * weight), GccPeakContrast(lags, peak)};
 }
 
 // Mean power per hop over the band and the microphones.
@@ -265,14 +266,15 @@ void PoolWhitened(const GccCovariance& talk, float talk_hops, const GccCovarianc
   GccCross whitened{};
   const float whitened_weight = GccAddWhitenedPrincipal(talk, talk_hops, pauses, pause_hops, &whitened);
   if (!(whitened_weight > 0.0f)) return;
-  const Clarity clarity = ClarityOf(whitened, whitened_weight);
+  const Clarity clarity = ClarityOf(whitened);
+  const float agreement = ShareOfMost(clarity, whitened_weight);
   const float pauses_to_talk =
       static_cast<float>(BandPowerPerHop(pauses, pause_hops) / BandPowerPerHop(talk, talk_hops));
-  const float share = clarity.agreement * Ramp(clarity.agreement, kWhitenedLoose, kWhitenedFirm) *
+  const float share = agreement * Ramp(agreement, kWhitenedLoose, kWhitenedFirm) *
                       Ramp(clarity.contrast, kWhitenedFlat, kWhitenedSharp) *
                       Ramp(pauses_to_talk, kQuietPauses, kNoisyPauses);
   if (!(share > 0.0f)) return;
-  const float onsets = std::max(0.0f, ClarityOf(*cross, weight).agreement);
+  const float onsets = std::max(0.0f, ShareOfMost(ClarityOf(*cross), weight));
   const float onsets_gain = onsets / (onsets + share);
   const float whitened_gain = share / (onsets + share) * weight / whitened_weight;
   for (int p = 0; p < kGccPairs; ++p)
@@ -402,10 +404,9 @@ DoaTrack DoaUtteranceEnhanced(const short* inp, const short order[kBfChannels], 
   pooled_weight = mixed_weight;
   if (!short_stretch && pause_hops >= kMinPauseHops && pause_hops < static_cast<float>(hops))
     PoolWhitened(pooled_cov, static_cast<float>(hops) - pause_hops, noise_cov, pause_hops, pooled_weight, &cross);
-  GccLags lags;
-  GccCrossToLags(cross, lags);
-  const GccPeak peak = GccSearch(lags, kElevationStep);
-  const float sharpness = Ramp(GccPeakContrast(lags, peak), kFlatContrast, kSharpContrast);
+  const Clarity clarity = ClarityOf(cross);
+  const GccPeak& peak = clarity.peak;
+  const float sharpness = Ramp(clarity.contrast, kFlatContrast, kSharpContrast);
   return {short_stretch ? Refined(peak, pooled_cov, noise_cov, noise_hops, hops) : peak.azimuth_deg,
           GccConfidence(peak.score, pooled_weight) * sharpness, true};
 }
