@@ -496,31 +496,59 @@ TEST(DoaUtteranceEnhanced, PoolsTheTalksCovarianceWhitenedByThePauses) {
     if (!test::UnderEmulation() || c.seed == 9203) ExpectTalkerFoundOverTheInterferer(c);
 }
 
+// A keyword of half a second that a detector hands over 1 s into a
+// recording of a talker 1.5 m away in a room; the utterance search's error.
+struct KeywordScene {
+  double rt60_s, talker_az, talker_el;
+  sim::NoiseKind noise;
+  double snr_db, duration_s;
+  std::uint32_t seed;
+  bool speech_spectrum;
+};
+double KeywordSearchError(const KeywordScene& c) {
+  SCOPED_TRACE(testing::Message() << "talker at " << c.talker_az << " deg, seed " << c.seed);
+  sim::Scene scene{.room = {.rt60_s = c.rt60_s}, .duration_s = c.duration_s, .seed = c.seed,
+                   .azimuth_deg = c.talker_az, .elevation_deg = c.talker_el, .talker_begin_s = 1.0,
+                   .talker_end_s = c.duration_s, .talker = {},
+                   .noises = {{sim::NoiseKind::kSensor, sim::NoiseColour::kWhite, 40.0}},
+                   .far_begin_s = 0.0, .far_end_s = 0.0, .far_end = {}};
+  scene.speech_spectrum_voices = c.speech_spectrum;
+  scene.noises.push_back({.kind = c.noise, .colour = sim::NoiseColour::kPink, .snr_db = c.snr_db});
+  sim::RenderedScene rendered;
+  std::string error;
+  EXPECT_TRUE(sim::RenderScene(scene, &rendered, &error)) << error;
+  constexpr std::size_t kFrom = 3 * sim::kSampleRate, kTo = kFrom + 3 * sim::kSampleRate / 2;
+  if (rendered.mics.size() < kTo) return 180.0;
+  std::vector<short> keyword(rendered.mics.begin() + kFrom, rendered.mics.begin() + kTo);
+  FrontEnd fe;
+  EXPECT_EQ(fe.Search(keyword, 2), 0);
+  return AngleError(fe.pm.azimuth, c.talker_az);
+}
+
 // A keyword handed over by a detector opens with the talk. Babble round the
 // array as loud as the talker leaves few bins where the talker stands
 // clear; a noise estimate that took the first syllable for noise (as a
 // follower started on the stretch's first hops does) hides those too, and
 // the search errs by 150 degrees and more on two of these keywords.
 TEST(DoaUtteranceEnhanced, KeywordOpeningWithTheTalkInBabble) {
-  struct Case {
-    double talker_az, talker_el;
-    std::uint32_t seed;
-  };
-  const Case cases[] = {{313.0, -15.0, 504}, {217.0, 20.0, 520}, {20.0, 10.0, 530}, {60.0, -30.0, 560}};
-  for (const Case& c : cases) {
-    SCOPED_TRACE(testing::Message() << "talker at " << c.talker_az << " deg, seed " << c.seed);
-    sim::Scene scene{.room = {.rt60_s = 0.4}, .duration_s = 1.5, .seed = c.seed, .azimuth_deg = c.talker_az,
-                     .elevation_deg = c.talker_el, .talker_begin_s = 1.0, .talker_end_s = 1.5, .talker = {},
-                     .noises = {{sim::NoiseKind::kSensor, sim::NoiseColour::kWhite, 40.0}},
-                     .far_begin_s = 0.0, .far_end_s = 0.0, .far_end = {}};
-    scene.noises.push_back({.kind = sim::NoiseKind::kBabble, .snr_db = 0.0});
-    sim::RenderedScene rendered;
-    std::string error;
-    ASSERT_TRUE(sim::RenderScene(scene, &rendered, &error)) << error;
-    std::vector<short> keyword(rendered.mics.begin() + 3 * sim::kSampleRate, rendered.mics.end());
-    FrontEnd fe;
-    ASSERT_EQ(fe.Search(keyword, 2), 0);
-    EXPECT_LE(AngleError(fe.pm.azimuth, c.talker_az), 20.0);
+  const KeywordScene cases[] = {{0.4, 313.0, -15.0, sim::NoiseKind::kBabble, 0.0, 1.5, 504, false},
+                                {0.4, 217.0, 20.0, sim::NoiseKind::kBabble, 0.0, 1.5, 520, false},
+                                {0.4, 20.0, 10.0, sim::NoiseKind::kBabble, 0.0, 1.5, 530, false},
+                                {0.4, 60.0, -30.0, sim::NoiseKind::kBabble, 0.0, 1.5, 560, false}};
+  for (const KeywordScene& c : cases) EXPECT_LE(KeywordSearchError(c), 20.0);
+}
+
+// A keyword 20 dB over diffuse noise or babble in reverberant rooms: the
+// onsets stand clear of the noise and their peak is sharp and precise. The
+// covariance's answer, taken over them whole because its bins agreed,
+// blended in the talker's early reflections and erred by 4.5 and 5.1
+// degrees here. Under emulation the first room alone.
+TEST(DoaUtteranceEnhanced, KeywordKeepsSharpOnsetsOverTheReflections) {
+  const KeywordScene cases[] = {{0.8, 206.5, -25.0, sim::NoiseKind::kDiffuse, 20.0, 1.6, 9305, true},
+                                {0.8, 337.9, -1.0, sim::NoiseKind::kBabble, 20.0, 1.6, 9323, true}};
+  for (const KeywordScene& c : cases) {
+    if (test::UnderEmulation() && c.seed != 9305) continue;
+    EXPECT_LE(KeywordSearchError(c), 3.0);
   }
 }
 
