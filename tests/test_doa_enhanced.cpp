@@ -628,6 +628,28 @@ TEST(DoaUtteranceEnhanced, UsesTheWholeStretchAndTheMicrophoneOrder) {
   EXPECT_EQ(VornDoa(&fe.pm, keyword.data(), fe.order, 4096), VORN_ERR_NO_SEARCH);
 }
 
+// With one microphone silent only one pair hears anything, and a pair
+// cannot tell a source from its mirror image across the pair's axis: the
+// search and the tracker still answer, but with no confidence (they
+// reported 0.93-1.0 before, and 0.5 for a keyword).
+TEST(DoaEnhanced, NoConfidenceWithAMicrophoneSilent) {
+  for (int dead = 0; dead < 3; ++dead) {
+    SCOPED_TRACE(testing::Message() << "microphone " << dead << " silent");
+    std::vector<short> talk = sim::Interleave(Talker(3.0, 254.0, 0.0, 90 + dead));
+    for (std::size_t n = 0; n < talk.size() / 3; ++n) talk[3 * n + dead] = 0;
+    FrontEnd fe;
+    for (std::size_t f = 0; f + 1 < talk.size() / (3 * kFrame); ++f) fe.Frame(&talk[3 * kFrame * f], nullptr);
+    EXPECT_EQ(fe.Confidence(), 0.0f);
+    for (int flag : {2, 1}) {
+      ASSERT_EQ(fe.Search(talk, flag), 0);
+      EXPECT_EQ(fe.Confidence(), 0.0f) << "doa_flag " << flag;
+    }
+    std::vector<short> keyword(talk.begin(), talk.begin() + 3 * sim::kSampleRate / 2);
+    ASSERT_EQ(fe.Search(keyword, 2), 0);
+    EXPECT_EQ(fe.Confidence(), 0.0f) << "keyword";
+  }
+}
+
 // Per frame: the tracker locks on near 0/360 without splitting towards 180,
 // holds through a pause, follows a talker who moves or walks, stands still when the
 // caller withholds updates, and pays no attention to the loudspeaker while

@@ -422,6 +422,22 @@ float GccPeakContrast(const GccLags lags, const GccPeak& peak) {
   return mean < peak.score ? (peak.score - mean) / peak.score : 0.0f;
 }
 
+bool GccMicSilent(const float mic_power[kBfChannels]) {
+  // 20 dB: a microphone that quiet is dead or unplugged (a live one in the
+  // same small array hears the same sound to within a few dB).
+  constexpr float kSilentRatio = 0.01f;
+  float sorted[kBfChannels] = {mic_power[0], mic_power[1], mic_power[2]};
+  std::sort(sorted, sorted + kBfChannels);
+  return sorted[0] <= kSilentRatio * sorted[1];
+}
+
+void GccMicPowers(const GccCovariance& c, float mic_power[kBfChannels]) {
+  for (int m = 0; m < kBfChannels; ++m) {
+    mic_power[m] = 0.0f;
+    for (int b = 0; b < kGccBins; ++b) mic_power[m] += c.power[m][b];
+  }
+}
+
 float GccAngleApart(float a_deg, float b_deg) {
   const float d = std::fabs(a_deg - b_deg);
   return d > 180.0f ? 360.0f - d : d;

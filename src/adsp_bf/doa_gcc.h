@@ -175,6 +175,16 @@ float GccConfidence(float score, float weight);
 // to the peak (0 when the peak does not stand above the mean).
 float GccPeakContrast(const GccLags lags, const GccPeak& peak);
 
+// Whether a microphone has gone silent: its power over the band
+// (`mic_power`, any common scale) 20 dB or more under the middle
+// microphone's. Only one pair then hears anything, and a pair cannot tell
+// a source from its mirror image across the pair's axis, so the direction
+// found is a guess between two.
+bool GccMicSilent(const float mic_power[kBfChannels]);
+
+// The microphones' smoothed powers summed over the band, for GccMicSilent.
+void GccMicPowers(const GccCovariance& c, float mic_power[kBfChannels]);
+
 // How far apart two azimuths in [0, 360) lie round the circle (0..180).
 float GccAngleApart(float a_deg, float b_deg);
 

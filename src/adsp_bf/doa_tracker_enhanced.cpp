@@ -182,6 +182,14 @@ float Vouch(DoaWaiting* waiting, const GccLags onsets, float found, float presen
   return evidence;
 }
 
+// Whether a microphone has gone silent over the last few hops (see
+// GccMicSilent).
+bool OneMicSilent(const GccCovariance& coherence) {
+  float mic_power[kBfChannels];
+  GccMicPowers(coherence, mic_power);
+  return GccMicSilent(mic_power);
+}
+
 }  // namespace
 
 void DoaTrackerInit(TDoaTrackerEnhanced* t) { std::memset(t, 0, sizeof(*t)); }
@@ -269,7 +277,7 @@ DoaTrack DoaTrackerHop(TDoaTrackerEnhanced* t, const float spectra[kBfChannels][
     }
     t->azimuth_deg = slow.azimuth_deg;
     t->elevation_deg = slow.elevation_deg;
-    t->confidence = GccConfidence(slow.score, t->slow_weight);
+    t->confidence = GccConfidence(slow.score, t->slow_weight) * (OneMicSilent(t->coherence) ? 0.0f : 1.0f);
     t->has_direction = 1;
   }
   t->reported_confidence = t->confidence;
@@ -279,7 +287,8 @@ DoaTrack DoaTrackerHop(TDoaTrackerEnhanced* t, const float spectra[kBfChannels][
 DoaTrack DoaTrackerPooled(TDoaTrackerEnhanced* t) {
   if (!(t->since_asked_weight > 0.0f)) return {t->azimuth_deg, 0.0f, false};
   const GccPeak peak = GccSearch(t->since_asked, kPooledElevationStep);
-  const DoaTrack found{peak.azimuth_deg, GccConfidence(peak.score, t->since_asked_weight), true};
+  const float confidence = OneMicSilent(t->coherence) ? 0.0f : GccConfidence(peak.score, t->since_asked_weight);
+  const DoaTrack found{peak.azimuth_deg, confidence, true};
   std::memset(t->since_asked, 0, sizeof t->since_asked);
   t->since_asked_weight = 0.0f;
   return found;

@@ -434,8 +434,16 @@ DoaTrack DoaUtteranceEnhanced(const short* inp, const short order[kBfChannels], 
   const Clarity clarity = ClarityOf(cross);
   const GccPeak& peak = clarity.peak;
   const float sharpness = Ramp(clarity.contrast, kFlatContrast, kSharpContrast);
+  float mic_power[kBfChannels];
+  GccMicPowers(pooled_cov, mic_power);
+  if (!short_stretch) {
+    float pause_power[kBfChannels];
+    GccMicPowers(noise_cov, pause_power);
+    for (int m = 0; m < kBfChannels; ++m) mic_power[m] += pause_power[m];
+  }
+  const float trust = GccMicSilent(mic_power) ? 0.0f : 1.0f;
   return {short_stretch ? Refined(clarity, pooled_cov, noise_cov, noise_hops, hops) : peak.azimuth_deg,
-          GccConfidence(peak.score, pooled_weight) * sharpness, true};
+          GccConfidence(peak.score, pooled_weight) * sharpness * trust, true};
 }
 
 }  // namespace vorn
