@@ -33,10 +33,10 @@
 // eigenvectors of what the noise leaves of it give a second, steadier
 // answer (see doa_covariance.h). That answer alone follows whatever source
 // is loudest, a point interferer as readily as the talker, so it only
-// refines the onsets' answer: it is taken when it lies near it and is
-// itself clear (its peak stands out of the sweep round the array and its
-// bins agree on it, as they do when a talker near the array is heard over
-// diffuse babble).
+// refines the onsets' answer where it lies near it: the answer moves toward
+// it as far as its bins agree on its peak (as they do when a talker near
+// the array is heard over diffuse babble) and as the onsets' own peak is
+// blurred (where it is sharp, the onsets are the more precise).
 //
 // A longer stretch holds the talker's pauses too, and from them a second
 // answer of its own: the hops that stand barely above the noise floor give
