@@ -432,6 +432,29 @@ TEST(DoaUtteranceEnhanced, KeepsToTheTalkerOverAnInterfererOrAReflection) {
   }
 }
 
+// A talker 1.5 m from the array in a room, talking from `begin_s` to the
+// end of a recording `duration_s` long, over sensor noise 40 dB down and
+// one more noise, with no far end.
+struct RoomTalk {
+  double rt60_s, azimuth_deg, elevation_deg, begin_s, duration_s;
+  sim::NoiseSource noise;
+  std::uint32_t seed;
+  bool speech_spectrum;  // the voices have speech's long-term spectrum
+};
+sim::RenderedScene RenderRoomTalk(const RoomTalk& t) {
+  sim::Scene scene{.room = {.rt60_s = t.rt60_s}, .duration_s = t.duration_s, .seed = t.seed,
+                   .azimuth_deg = t.azimuth_deg, .elevation_deg = t.elevation_deg, .talker_begin_s = t.begin_s,
+                   .talker_end_s = t.duration_s, .talker = {},
+                   .noises = {{sim::NoiseKind::kSensor, sim::NoiseColour::kWhite, 40.0}},
+                   .far_begin_s = 0.0, .far_end_s = 0.0, .far_end = {}};
+  scene.speech_spectrum_voices = t.speech_spectrum;
+  scene.noises.push_back(t.noise);
+  sim::RenderedScene rendered;
+  std::string error;
+  EXPECT_TRUE(sim::RenderScene(scene, &rendered, &error)) << error;
+  return rendered;
+}
+
 // A talker 1.5 m away speaking from 2 s to 12 s over a pink point
 // interferer 1.6 m away in a room; the utterance search's error over the
 // talk (180 when the scene cannot be rendered).
@@ -441,16 +464,11 @@ struct InterfererScene {
   bool speech_spectrum;  // the talker's voice has speech's long-term spectrum
 };
 double SearchErrorOverAnInterferer(const InterfererScene& c) {
-  sim::Scene scene{.room = {.rt60_s = c.rt60_s}, .duration_s = 12.0, .seed = c.seed, .azimuth_deg = c.talker_az,
-                   .elevation_deg = c.talker_el, .talker_begin_s = 2.0, .talker_end_s = 12.0, .talker = {},
-                   .noises = {{sim::NoiseKind::kSensor, sim::NoiseColour::kWhite, 40.0}},
-                   .far_begin_s = 0.0, .far_end_s = 0.0, .far_end = {}};
-  scene.speech_spectrum_voices = c.speech_spectrum;
-  scene.noises.push_back({.kind = sim::NoiseKind::kInterferer, .colour = sim::NoiseColour::kPink, .snr_db = c.snr_db,
-                          .azimuth_deg = c.interferer_az, .elevation_deg = 0.0, .distance_m = 1.6});
-  sim::RenderedScene rendered;
-  std::string error;
-  EXPECT_TRUE(sim::RenderScene(scene, &rendered, &error)) << error;
+  const sim::RenderedScene rendered =
+      RenderRoomTalk({c.rt60_s, c.talker_az, c.talker_el, 2.0, 12.0,
+                      {.kind = sim::NoiseKind::kInterferer, .colour = sim::NoiseColour::kPink, .snr_db = c.snr_db,
+                       .azimuth_deg = c.interferer_az, .elevation_deg = 0.0, .distance_m = 1.6},
+                      c.seed, c.speech_spectrum});
   if (rendered.mics.size() < 3 * 3 * sim::kSampleRate) return 180.0;
   std::vector<short> talk(rendered.mics.begin() + 3 * 2 * sim::kSampleRate, rendered.mics.end());
   FrontEnd fe;
@@ -507,16 +525,10 @@ struct KeywordScene {
 };
 double KeywordSearchError(const KeywordScene& c) {
   SCOPED_TRACE(testing::Message() << "talker at " << c.talker_az << " deg, seed " << c.seed);
-  sim::Scene scene{.room = {.rt60_s = c.rt60_s}, .duration_s = c.duration_s, .seed = c.seed,
-                   .azimuth_deg = c.talker_az, .elevation_deg = c.talker_el, .talker_begin_s = 1.0,
-                   .talker_end_s = c.duration_s, .talker = {},
-                   .noises = {{sim::NoiseKind::kSensor, sim::NoiseColour::kWhite, 40.0}},
-                   .far_begin_s = 0.0, .far_end_s = 0.0, .far_end = {}};
-  scene.speech_spectrum_voices = c.speech_spectrum;
-  scene.noises.push_back({.kind = c.noise, .colour = sim::NoiseColour::kPink, .snr_db = c.snr_db});
-  sim::RenderedScene rendered;
-  std::string error;
-  EXPECT_TRUE(sim::RenderScene(scene, &rendered, &error)) << error;
+  const sim::RenderedScene rendered =
+      RenderRoomTalk({c.rt60_s, c.talker_az, c.talker_el, 1.0, c.duration_s,
+                      {.kind = c.noise, .colour = sim::NoiseColour::kPink, .snr_db = c.snr_db}, c.seed,
+                      c.speech_spectrum});
   constexpr std::size_t kFrom = 3 * sim::kSampleRate, kTo = kFrom + 3 * sim::kSampleRate / 2;
   if (rendered.mics.size() < kTo) return 180.0;
   std::vector<short> keyword(rendered.mics.begin() + kFrom, rendered.mics.begin() + kTo);
@@ -572,16 +584,12 @@ TEST(DoaUtteranceEnhanced, ConfidenceFallsWhereTheScoreHardlyPicksADirection) {
     if (c.rt60_s == 0.0) {
       talk = sim::Interleave(Talker(4.0, c.talker_az, 0.0, c.seed));
     } else {
-      sim::Scene scene{.room = {.rt60_s = c.rt60_s}, .duration_s = 6.0, .seed = c.seed, .azimuth_deg = c.talker_az,
-                       .elevation_deg = 0.0, .talker_begin_s = 0.0, .talker_end_s = 6.0, .talker = {},
-                       .noises = {{sim::NoiseKind::kSensor, sim::NoiseColour::kWhite, 40.0}},
-                       .far_begin_s = 0.0, .far_end_s = 0.0, .far_end = {}};
-      scene.noises.push_back({.kind = sim::NoiseKind::kDiffuse, .colour = sim::NoiseColour::kPink,
-                              .snr_db = c.diffuse_snr_db});
-      sim::RenderedScene rendered;
-      std::string error;
-      ASSERT_TRUE(sim::RenderScene(scene, &rendered, &error)) << error;
-      talk.assign(rendered.mics.begin(), rendered.mics.end());
+      talk = RenderRoomTalk({c.rt60_s, c.talker_az, 0.0, 0.0, 6.0,
+                             {.kind = sim::NoiseKind::kDiffuse, .colour = sim::NoiseColour::kPink,
+                              .snr_db = c.diffuse_snr_db},
+                             c.seed, false})
+                 .mics;
+      ASSERT_FALSE(talk.empty());
     }
     FrontEnd fe;
     ASSERT_EQ(fe.Search(talk, 2), 0);
@@ -768,15 +776,10 @@ TEST(DoaTrackerEnhanced, WeighsOnsetsByHowDirectlyThePairsHearThem) {
   for (const Case& c : cases) {
     if (test::UnderEmulation() && c.seed != 512 && c.seed != 524) continue;
     SCOPED_TRACE(testing::Message() << "talker at " << c.azimuth_deg << " deg, seed " << c.seed);
-    sim::Scene scene{.room = {.rt60_s = 0.4}, .duration_s = 12.0, .seed = c.seed, .azimuth_deg = c.azimuth_deg,
-                     .elevation_deg = 30.0, .talker_begin_s = 2.0, .talker_end_s = 12.0, .talker = {},
-                     .noises = {{sim::NoiseKind::kSensor, sim::NoiseColour::kWhite, 40.0}},
-                     .far_begin_s = 0.0, .far_end_s = 0.0, .far_end = {}};
-    scene.speech_spectrum_voices = true;
-    scene.noises.push_back({.kind = sim::NoiseKind::kDiffuse, .colour = sim::NoiseColour::kPink, .snr_db = 0.0});
-    sim::RenderedScene rendered;
-    std::string error;
-    ASSERT_TRUE(sim::RenderScene(scene, &rendered, &error)) << error;
+    const sim::RenderedScene rendered = RenderRoomTalk(
+        {0.4, c.azimuth_deg, 30.0, 2.0, 12.0,
+         {.kind = sim::NoiseKind::kDiffuse, .colour = sim::NoiseColour::kPink, .snr_db = 0.0}, c.seed, true});
+    ASSERT_FALSE(rendered.mics.empty());
     FrontEnd fe;
     const std::size_t count = rendered.mics.size() / (3 * kFrame);
     for (std::size_t f = 0; f < count; ++f) {

@@ -268,10 +268,7 @@ float Refined(const Clarity& onsets, const GccCovariance& pooled, const GccCovar
   const float share = Ramp(ShareOfMost(clarity, weight), kRefineLoose, kRefineFirm) *
                       (1.0f - Ramp(onsets.contrast, kOnsetsFlat, kOnsetsSharp));
   // The signed way round from the onsets' answer to the covariance's.
-  float turn = to - from;
-  if (turn > 180.0f) turn -= 360.0f;
-  if (turn < -180.0f) turn += 360.0f;
-  const float azimuth = from + share * turn;
+  const float azimuth = from + share * std::remainder(to - from, 360.0f);
   return azimuth < 0.0f ? azimuth + 360.0f : azimuth >= 360.0f ? azimuth - 360.0f : azimuth;
 }
 
