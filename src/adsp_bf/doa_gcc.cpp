@@ -103,6 +103,10 @@ constexpr float kPooledNoiseMargin = 4.0f;
 // stands this many times over the noise test's floor: nearer the floor it
 // is as likely the noise's own swell, which the noise test bounds already.
 constexpr float kRoomOverFloor = 3.0f;
+// The learnt noise's coherence is read from this bin up (1.5 kHz): below
+// it a diffuse field is itself coherent across the 6.8 cm pairs, above it
+// only a source in one direction keeps the pairs coherent.
+constexpr int kCoherenceLowBin = 48;
 constexpr float kOnsetRise = 4.0f;
 // Coherence smoothing: each hop adds this share (a memory of about 5 hops,
 // 80 ms: long enough to read a coherence from, short enough to follow a
@@ -136,34 +140,70 @@ void GccBandPower(const GccBand& band, float power[kGccBins]) {
   }
 }
 
-void GccFollowNoise(const float power[kGccBins], int learnt, GccNoise* noise) {
-  if (learnt < kGccNoiseStartHops) {
-    const float step = 1.0f / static_cast<float>(learnt + 1);
-    for (int b = 0; b < kGccBins; ++b) noise->power[b] += step * (power[b] - noise->power[b]);
-    return;
+namespace {
+
+// Pair p's cross-spectrum a * conj(b) over the band.
+void PairProducts(const GccBand& band, int p, float re[kGccBins], float im[kGccBins]) {
+  const float* ar = band.re[kPairA[p]];
+  const float* ai = band.im[kPairA[p]];
+  const float* br = band.re[kPairB[p]];
+  const float* bi = band.im[kPairB[p]];
+  for (int b = 0; b < kGccBins; ++b) {
+    re[b] = ar[b] * br[b] + ai[b] * bi[b];
+    im[b] = ai[b] * br[b] - ar[b] * bi[b];
   }
+}
+
+// How much of the hop's bin the noise estimate takes in: the plain mean's
+// share over the first hops, kNoiseAverage for a bin that counts as noise
+// afterwards, 0 for a louder one (whose mean then only climbs).
+float NoiseStep(float power, float mean, int learnt) {
+  if (learnt < kGccNoiseStartHops) return 1.0f / static_cast<float>(learnt + 1);
+  return power < kNoiseLike * mean ? kNoiseAverage : 0.0f;
+}
+
+}  // namespace
+
+void GccFollowNoise(const float power[kGccBins], int learnt, GccNoise* noise) {
   for (int b = 0; b < kGccBins; ++b) {
     float& mean = noise->power[b];
-    if (power[b] < kNoiseLike * mean)
-      mean += kNoiseAverage * (power[b] - mean);
+    const float step = NoiseStep(power[b], mean, learnt);
+    if (step > 0.0f)
+      mean += step * (power[b] - mean);
     else
       mean *= kNoiseClimb;
   }
 }
 
-namespace {
-
-// A bin's weight from its power, its recent level, the noise its rise is
-// judged above (0: the whole power), the smoothed power the noise test
-// reads and the floor that test holds it to.
-float OnsetWeight(float power, float recent, float noise, float smoothed, float floor, float onset_rise) {
-  const float recent_above = recent > noise ? recent - noise : 0.0f;
-  const float rise = power - noise - onset_rise * recent_above;
-  if (smoothed > floor && rise > 0.0f) return (smoothed - floor) / smoothed * (rise / power);
-  return 0.0f;
+void GccFollowNoise(const GccBand& band, const float power[kGccBins], int learnt, GccNoise* noise,
+                    GccNoiseCross* cross) {
+  // The steps are read before the power's mean moves, so both follow the
+  // same bins.
+  float step[kGccBins];
+  for (int b = 0; b < kGccBins; ++b) step[b] = NoiseStep(power[b], noise->power[b], learnt);
+  for (int p = 0; p < kGccPairs; ++p) {
+    float re[kGccBins], im[kGccBins];
+    PairProducts(band, p, re, im);
+    for (int b = 0; b < kGccBins; ++b) {
+      cross->re[p][b] += step[b] * (re[b] - cross->re[p][b]);
+      cross->im[p][b] += step[b] * (im[b] - cross->im[p][b]);
+    }
+  }
+  GccFollowNoise(power, learnt, noise);
 }
 
-}  // namespace
+float GccNoiseCoherence(const GccNoise& noise, const GccNoiseCross& cross) {
+  float sum = 0.0f;
+  int counted = 0;
+  for (int b = kCoherenceLowBin - kGccLowBin; b < kGccBins; ++b) {
+    if (!(noise.power[b] > 0.0f)) continue;
+    const float inverse = 1.0f / (noise.power[b] * noise.power[b]);
+    for (int p = 0; p < kGccPairs; ++p)
+      sum += (cross.re[p][b] * cross.re[p][b] + cross.im[p][b] * cross.im[p][b]) * inverse;
+    counted += kGccPairs;
+  }
+  return counted > 0 ? sum / static_cast<float>(counted) : 0.0f;
+}
 
 float GccBinWeights(const float power[kGccBins], const GccNoise& noise, const float recent[kGccBins],
                     float rise_over_noise, float rise_over_room, float weight[kGccBins]) {
@@ -185,29 +225,52 @@ float GccBinWeights(const float power[kGccBins], const GccNoise& noise, const fl
 
 float GccBinWeightsPooled(const float power[kGccBins], const GccNoise& noise, const float recent[kGccBins],
                           float weight[kGccBins]) {
-  float total = 0.0f;
-  for (int b = 0; b < kGccBins; ++b) {
-    const int first = b > 0 ? b - 1 : 0, last = b + 1 < kGccBins ? b + 1 : kGccBins - 1;
-    float smoothed = 0.0f, floor = 0.0f;
-    for (int j = first; j <= last; ++j) smoothed += 0.5f * (recent[j] + power[j]), floor += noise.power[j];
-    weight[b] = OnsetWeight(power[b], recent[b], noise.power[b], smoothed, kPooledNoiseMargin * floor, kOnsetRise);
-    total += weight[b];
+  // Each bin's smoothed power and noise summed with its neighbours' (one
+  // at the band's edges) once for the band, then the weights without
+  // branches (the tracker asks for them on every hop with onsets).
+  float smoothed[kGccBins], summed[kGccBins], floor[kGccBins];
+  for (int b = 0; b < kGccBins; ++b) smoothed[b] = 0.5f * (recent[b] + power[b]);
+  summed[0] = smoothed[0] + smoothed[1];
+  floor[0] = noise.power[0] + noise.power[1];
+  for (int b = 1; b + 1 < kGccBins; ++b) {
+    summed[b] = smoothed[b - 1] + smoothed[b] + smoothed[b + 1];
+    floor[b] = noise.power[b - 1] + noise.power[b] + noise.power[b + 1];
   }
+  summed[kGccBins - 1] = smoothed[kGccBins - 2] + smoothed[kGccBins - 1];
+  floor[kGccBins - 1] = noise.power[kGccBins - 2] + noise.power[kGccBins - 1];
+  for (int b = 0; b < kGccBins; ++b) {
+    const float margin = kPooledNoiseMargin * floor[b];
+    const float recent_above = recent[b] > noise.power[b] ? recent[b] - noise.power[b] : 0.0f;
+    const float rise = power[b] - noise.power[b] - kOnsetRise * recent_above;
+    const bool counts = summed[b] > margin && rise > 0.0f;
+    // The quotients are formed on every lane; where the bin does not count
+    // they may be undefined and are not used.
+    const float w = (summed[b] - margin) / summed[b] * (rise / power[b]);
+    weight[b] = counts ? w : 0.0f;
+  }
+  float total = 0.0f;
+  for (int b = 0; b < kGccBins; ++b) total += weight[b];
   return total;
 }
 
 namespace {
 
-// cross_p += scale * weight * pair p's cross-spectrum reduced to unit magnitude.
-void AddPairCross(const GccBand& band, int p, const float weight[kGccBins], float scale, GccCross* cross) {
+// cross_p += scale * weight * pair p's cross-spectrum, less `times` the
+// noise's (none when `noise` is null), reduced to unit magnitude.
+void AddPairCross(const GccBand& band, int p, const float weight[kGccBins], float scale, GccCross* cross,
+                  const GccNoiseCross* noise = nullptr, float times = 0.0f) {
   const float* ar = band.re[kPairA[p]];
   const float* ai = band.im[kPairA[p]];
   const float* br = band.re[kPairB[p]];
   const float* bi = band.im[kPairB[p]];
   for (int b = 0; b < kGccBins; ++b) {
     if (weight[b] <= 0.0f) continue;
-    const float re = ar[b] * br[b] + ai[b] * bi[b];
-    const float im = ai[b] * br[b] - ar[b] * bi[b];
+    float re = ar[b] * br[b] + ai[b] * bi[b];
+    float im = ai[b] * br[b] - ar[b] * bi[b];
+    if (noise != nullptr) {
+      re -= times * noise->re[p][b];
+      im -= times * noise->im[p][b];
+    }
     const float magnitude = std::sqrt(re * re + im * im);
     if (!(magnitude > 1e-20f)) continue;
     const float gain = scale * weight[b] / magnitude;
@@ -226,6 +289,11 @@ void GccAddCrossPairs(const GccBand& band, const float weight[kGccPairs][kGccBin
   for (int p = 0; p < kGccPairs; ++p) AddPairCross(band, p, weight[p], scale, cross);
 }
 
+void GccAddCrossPairs(const GccBand& band, const float weight[kGccPairs][kGccBins], float scale,
+                      const GccNoiseCross& noise, float times, GccCross* cross) {
+  for (int p = 0; p < kGccPairs; ++p) AddPairCross(band, p, weight[p], scale, cross, &noise, times);
+}
+
 void GccFollowCoherence(const GccBand& band, bool first, GccCovariance* c) {
   // The first hop is written, not blended: the record starts out unset.
   constexpr float kKeep = 1.0f - kCoherenceNew;
@@ -235,15 +303,11 @@ void GccFollowCoherence(const GccBand& band, bool first, GccCovariance* c) {
       c->power[m][b] = first ? power : kKeep * c->power[m][b] + kCoherenceNew * power;
     }
   for (int p = 0; p < kGccPairs; ++p) {
-    const float* ar = band.re[kPairA[p]];
-    const float* ai = band.im[kPairA[p]];
-    const float* br = band.re[kPairB[p]];
-    const float* bi = band.im[kPairB[p]];
+    float re[kGccBins], im[kGccBins];
+    PairProducts(band, p, re, im);
     for (int b = 0; b < kGccBins; ++b) {
-      const float re = ar[b] * br[b] + ai[b] * bi[b];
-      const float im = ai[b] * br[b] - ar[b] * bi[b];
-      c->re[p][b] = first ? re : kKeep * c->re[p][b] + kCoherenceNew * re;
-      c->im[p][b] = first ? im : kKeep * c->im[p][b] + kCoherenceNew * im;
+      c->re[p][b] = first ? re[b] : kKeep * c->re[p][b] + kCoherenceNew * re[b];
+      c->im[p][b] = first ? im[b] : kKeep * c->im[p][b] + kCoherenceNew * im[b];
     }
   }
 }
@@ -323,11 +387,22 @@ void TurnPhasors(float* phasor_re, float* phasor_im, int from) {
 
 }  // namespace
 
+namespace {
+
+// Whether pair p's bin b adds anything. A bin without weight adds a zero
+// term, which leaves every sum as it is (the sums start at +0, and no sum of
+// nonzero terms rounds to -0), so it is skipped; the hop's onsets leave most
+// bins so.
+bool Counts(const GccCross& cross, int p, int b) { return cross.re[p][b] != 0.0f || cross.im[p][b] != 0.0f; }
+
+}  // namespace
+
 void GccCrossToLagsPlain(const GccCross& cross, GccLags lags) {
   float phasor_re[kGccLags], phasor_im[kGccLags];
   StartLags(phasor_re, phasor_im, lags);
   for (int b = 0; b < kGccBins; ++b) {
-    for (int p = 0; p < kGccPairs; ++p) AddLagTerms(lags[p], cross.re[p][b], cross.im[p][b], phasor_re, phasor_im, 0);
+    for (int p = 0; p < kGccPairs; ++p)
+      if (Counts(cross, p, b)) AddLagTerms(lags[p], cross.re[p][b], cross.im[p][b], phasor_re, phasor_im, 0);
     TurnPhasors(phasor_re, phasor_im, 0);
   }
 }
@@ -342,6 +417,7 @@ VORN_TARGET_AVX2 void GccCrossToLagsAvx2(const GccCross& cross, GccLags lags) {
   StartLags(phasor_re, phasor_im, lags);
   for (int b = 0; b < kGccBins; ++b) {
     for (int p = 0; p < kGccPairs; ++p) {
+      if (!Counts(cross, p, b)) continue;
       const float cr = cross.re[p][b], ci = cross.im[p][b];
       const __m256 vr = _mm256_set1_ps(cr), vi = _mm256_set1_ps(ci);
       float* out = lags[p];

@@ -16,7 +16,13 @@
 // words, where it stands well clear of the noise, it must quadruple, as
 // their reflections rise with it. The presence rises a hop or two after a
 // word's first onsets, the clearest it has; those wait a few hops and count
-// once the presence vouches for the talker. Evidence is pooled as pair
+// once the presence vouches for the talker. Those rises are the test where
+// the noise comes from one place; in a diffuse noise (babble too), on a hop
+// where they find onsets, the hop's bins are judged as a whole stretch
+// judges them, which lets weaker speech count (see BinWeights). The
+// noise's pair cross-spectra, learnt alongside its power, tell the two
+// apart, and what the noise adds to a bin on average is taken out before
+// the bin's phase is read. Evidence is pooled as pair
 // correlations, which pool directions as vectors do: 355 and 5 degrees
 // average to 0, never 180. Outside speech nothing changes, so the direction
 // holds through pauses.
@@ -89,6 +95,22 @@ constexpr int kAsideMovingHops = 20;
 // it.
 constexpr float kRiseOverNoise = 3.0f;
 constexpr float kRiseOverRoom = 4.0f;
+// In a diffuse noise (babble too) the onsets are judged as a stretch judges
+// them (see GccBinWeightsPooled): at 5 dB the hop's own test leaves a
+// reverberant room's talker so few bins, mostly below 1 kHz, that the
+// direction they pool to sits 10-15 degrees off. A point noise source
+// would pass that test as readily as the talker, so where the learnt
+// noise is coherent (GccNoiseCoherence from kDiffuseNoiseCoherence; diffuse
+// noise and babble read 0.08-0.13, a point source at 2 m 0.11-0.31) the
+// hop's own test stays. The stretch's test is taken only on hops where the
+// hop's own finds onsets: taken on every hop it found evidence on most of
+// them, and the two searches each such hop runs cost more than the classic
+// tracker's whole hop.
+constexpr float kDiffuseNoiseCoherence = 0.14f;
+// What the noise adds to an onset's bin on average is taken out twice
+// over before the phase is read: the bin counted because it stood high,
+// so its noise was likely above its mean too.
+constexpr float kNoiseRemoved = 2.0f;
 // Onsets the presence did not vouch for keep this much of their weight per
 // hop while they wait (a few hops), and are taken once it vouches for a hop
 // at least this much.
@@ -120,17 +142,28 @@ void Pool(GccLags pool, float* pool_weight, const GccLags hop, float hop_weight,
   *pool_weight = keep * *pool_weight + hop_weight;
 }
 
-// The hop's onsets, each pair's bins weighted by their direct share, as
-// pair correlations scaled by `open`; returns their bin weight per pair (0,
-// and `lags` untouched, when none).
-float Onsets(const GccBand& band, const float power[kGccBins], const GccNoise& noise, const float previous[kGccBins],
-             const GccCovariance& coherence, float open, GccLags lags) {
+// The hop's bin weights: the hop's own test, or, where it finds onsets in
+// a diffuse noise, the stretch's more lenient one.
+float BinWeights(const float power[kGccBins], const GccNoise& noise, const GccNoiseCross& noise_cross,
+                 const float previous[kGccBins], float weight[kGccBins]) {
+  const float strict = GccBinWeights(power, noise, previous, kRiseOverNoise, kRiseOverRoom, weight);
+  if (strict > 0.0f && GccNoiseCoherence(noise, noise_cross) < kDiffuseNoiseCoherence)
+    return GccBinWeightsPooled(power, noise, previous, weight);
+  return strict;
+}
+
+// The hop's onsets, each pair's bins weighted by their direct share and
+// cleared of the noise's mean cross-spectrum, as pair correlations scaled
+// by `open`; returns their bin weight per pair (0, and `lags` untouched,
+// when none).
+float Onsets(const GccBand& band, const float power[kGccBins], const GccNoise& noise, const GccNoiseCross& noise_cross,
+             const float previous[kGccBins], const GccCovariance& coherence, float open, GccLags lags) {
   float weight[kGccBins];
-  if (!(GccBinWeights(power, noise, previous, kRiseOverNoise, kRiseOverRoom, weight) > 0.0f)) return 0.0f;
+  if (!(BinWeights(power, noise, noise_cross, previous, weight) > 0.0f)) return 0.0f;
   float direct[kGccPairs][kGccBins];
   const float sum = GccDirectWeights(coherence, weight, direct);
   GccCross cross{};
-  GccAddCrossPairs(band, direct, open, &cross);
+  GccAddCrossPairs(band, direct, open, noise_cross, kNoiseRemoved, &cross);
   GccCrossToLags(cross, lags);
   return open * sum * (1.0f / kGccPairs);
 }
@@ -212,7 +245,7 @@ DoaTrack DoaTrackerHop(TDoaTrackerEnhanced* t, const float spectra[kBfChannels][
   std::memcpy(previous, t->recent_power, sizeof previous);
   for (int b = 0; b < kGccBins; ++b)
     t->recent_power[b] = kRecentKeep * t->recent_power[b] + (1.0f - kRecentKeep) * power[b];
-  GccFollowNoise(power, t->hops - 1, &t->noise);
+  GccFollowNoise(band, power, t->hops - 1, &t->noise, &t->noise_cross);
   const bool warm = t->hops > kWarmUpHops;
   if (t->hops < 1000000) ++t->hops;
 
@@ -233,7 +266,8 @@ DoaTrack DoaTrackerHop(TDoaTrackerEnhanced* t, const float spectra[kBfChannels][
   const float hop_gate = open * cues.presence;
   if (!(open > 0.0f)) std::memset(&t->waiting, 0, sizeof t->waiting);
   GccLags onsets, hop;
-  const float found = open > 0.0f ? Onsets(band, power, t->noise, previous, t->coherence, open, onsets) : 0.0f;
+  const float found =
+      open > 0.0f ? Onsets(band, power, t->noise, t->noise_cross, previous, t->coherence, open, onsets) : 0.0f;
   const float evidence = Vouch(&t->waiting, onsets, found, cues.presence, hop);
   if (evidence <= 0.0f && hop_gate > 0.0f) {
     // Speech without usable bins: the fast pool still ages, so that what

@@ -17,6 +17,7 @@ struct DoaWaiting {
 struct TDoaTrackerEnhanced {
   float recent_power[kGccBins];  // smoothed band power of the last hops
   GccNoise noise;                // the noise under it
+  GccNoiseCross noise_cross;     // and its pair cross-spectra
   GccCovariance coherence;       // the microphones' smoothed spectra, for each pair's direct share
   // Talker evidence as pair correlations, pooled over about a second of
   // speech (the reported direction), over a fifth of a second (to notice a
@@ -41,7 +42,7 @@ struct TDoaTrackerEnhanced {
   int hops;                   // hops analysed, saturating
   int has_direction;          // 1 once any talker evidence has been pooled
 };
-static_assert(sizeof(TDoaTrackerEnhanced) <= 12288, "the direction tracker's budget is 12 KB");
+static_assert(sizeof(TDoaTrackerEnhanced) <= 17408, "the direction tracker's budget is 17 KB");
 
 // What the rest of the frame knows about this hop.
 struct DoaHopCues {
