@@ -823,6 +823,22 @@ TEST(DoaTrackerEnhanced, FollowsHoldsAndIgnoresTheLoudspeaker) {
   }
 }
 
+// Runs the tracker over a rendered scene and adds up its errors on the
+// speech frames from the talker's second second on.
+void ScoreTrackedSpeech(const sim::RenderedScene& rendered, double azimuth_deg, int* within, int* frames,
+                        double* error_sum) {
+  FrontEnd fe;
+  const std::size_t count = rendered.mics.size() / (3 * kFrame);
+  for (std::size_t f = 0; f < count; ++f) {
+    const int found = fe.Frame(&rendered.mics[3 * kFrame * f], nullptr);
+    if (f * kFrame < 3 * sim::kSampleRate || f >= rendered.truth.speech.size() || !rendered.truth.speech[f]) continue;
+    const double e = AngleError(found, azimuth_deg);
+    ++*frames;
+    *within += e <= 10.0 ? 1 : 0;
+    *error_sum += e;
+  }
+}
+
 // A talker 30 degrees above the array in a room with a 0.4 s reverberation
 // and diffuse noise as loud as them. Weighing every onset the same, the
 // tracker holds 40 % of these talkers' speech frames within 10 degrees
@@ -846,17 +862,7 @@ TEST(DoaTrackerEnhanced, WeighsOnsetsByHowDirectlyThePairsHearThem) {
         {0.4, c.azimuth_deg, 30.0, 2.0, 12.0,
          {.kind = sim::NoiseKind::kDiffuse, .colour = sim::NoiseColour::kPink, .snr_db = 0.0}, c.seed, true});
     ASSERT_FALSE(rendered.mics.empty());
-    FrontEnd fe;
-    const std::size_t count = rendered.mics.size() / (3 * kFrame);
-    for (std::size_t f = 0; f < count; ++f) {
-      const int azimuth = fe.Frame(&rendered.mics[3 * kFrame * f], nullptr);
-      // Speech frames from the talker's second second on.
-      if (f * kFrame < 3 * sim::kSampleRate || f >= rendered.truth.speech.size() || !rendered.truth.speech[f]) continue;
-      const double e = AngleError(azimuth, c.azimuth_deg);
-      ++frames;
-      within += e <= 10.0 ? 1 : 0;
-      error_sum += e;
-    }
+    ScoreTrackedSpeech(rendered, c.azimuth_deg, &within, &frames, &error_sum);
   }
   ASSERT_GT(frames, 0);
   EXPECT_GE(static_cast<double>(within) / frames, 0.6);
@@ -882,16 +888,7 @@ TEST(DoaTrackerEnhanced, CountsMoreOnsetsInADiffuseNoise) {
         {0.8, azimuth, 10.0, 2.0, 12.0,
          {.kind = sim::NoiseKind::kDiffuse, .colour = sim::NoiseColour::kPink, .snr_db = 5.0}, seed, true});
     ASSERT_FALSE(rendered.mics.empty());
-    FrontEnd fe;
-    const std::size_t count = rendered.mics.size() / (3 * kFrame);
-    for (std::size_t f = 0; f < count; ++f) {
-      const int found = fe.Frame(&rendered.mics[3 * kFrame * f], nullptr);
-      if (f * kFrame < 3 * sim::kSampleRate || f >= rendered.truth.speech.size() || !rendered.truth.speech[f]) continue;
-      const double e = AngleError(found, azimuth);
-      ++frames;
-      within += e <= 10.0 ? 1 : 0;
-      error_sum += e;
-    }
+    ScoreTrackedSpeech(rendered, azimuth, &within, &frames, &error_sum);
   }
   ASSERT_GT(frames, 0);
   EXPECT_LE(error_sum / frames, 6.0);
