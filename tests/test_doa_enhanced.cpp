@@ -176,6 +176,20 @@ TEST(GccSearch, FindsPlaneWavesBetweenTheGridPointsAtAnyHeight) {
     EXPECT_NEAR(peak.elevation_deg, std::fabs(elevation), 5.0);
     EXPECT_GT(GccConfidence(peak.score, kGccBins), 0.95f);
     EXPECT_LT(GccConfidence(peak.score / 10, kGccBins), 0.3f);  // most of the evidence elsewhere
+    // The coarse pass scores what GccScore does, and its eight-lane twin
+    // gives the same bits.
+    for (const int el : {0, 5, 17, 40}) {
+      float plain[kGccCoarseAzimuths];
+      GccCoarseScoresPlain(lags, el, plain);
+      for (int a = 0; a < kGccCoarseAzimuths; ++a) ASSERT_EQ(plain[a], GccScore(lags, a * kGccCoarseDeg, el)) << a;
+#if defined(VORN_AVX2)
+      if (CpuHasAvx2()) {
+        float twin[kGccCoarseAzimuths];
+        GccCoarseScoresAvx2(lags, el, twin);
+        EXPECT_EQ(std::memcmp(twin, plain, sizeof plain), 0) << "elevation " << el;
+      }
+#endif
+    }
   }
 }
 

@@ -32,14 +32,12 @@
 #include "common/adsp_common_util.h"
 #include "common/pcm_round.h"
 #include "common/simd4.h"
+#include "count_markers.h"
 
 #if !defined(VORN_SIMD4)
 #error "the kernel counts compare four-lane kernels with their plain twins"
 #endif
 
-// The counters look for these two symbols; they must stay out of line.
-extern "C" __attribute__((noinline)) void vorn_count_begin() { asm volatile(""); }
-extern "C" __attribute__((noinline)) void vorn_count_end() { asm volatile(""); }
 
 namespace {
 

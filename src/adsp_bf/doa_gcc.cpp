@@ -11,7 +11,9 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <cmath>
+#include <cstdint>
 
 #include "common/constexpr_trig.h"
 #include "common/cpu_avx2.h"
@@ -64,6 +66,16 @@ constexpr std::array<float, kGccMaxElevationDeg + 1> MakeElevationFactors() {
   return t;
 }
 constexpr auto kElevationFactors = MakeElevationFactors();
+
+// The in-plane pair delays of the search's coarse azimuths, a row per pair,
+// so that a vector reads consecutive azimuths.
+constexpr std::array<std::array<float, kGccCoarseAzimuths>, kGccPairs> MakeCoarseDelays() {
+  std::array<std::array<float, kGccCoarseAzimuths>, kGccPairs> t{};
+  for (int p = 0; p < kGccPairs; ++p)
+    for (int a = 0; a < kGccCoarseAzimuths; ++a) t[p][a] = kPairDelays[a * kGccCoarseDeg][p];
+  return t;
+}
+constexpr auto kCoarseDelays = MakeCoarseDelays();
 
 // Coherence of a spherically diffuse field between two microphones d apart,
 // sin(w d / c) / (w d / c), per band bin. The pairs are all d = sqrt(3) times
@@ -154,25 +166,45 @@ void PairProducts(const GccBand& band, int p, float re[kGccBins], float im[kGccB
   }
 }
 
-// How much of the hop's bin the noise estimate takes in: the plain mean's
-// share over the first hops, kNoiseAverage for a bin that counts as noise
-// afterwards, 0 for a louder one (whose mean then only climbs).
-float NoiseStep(float power, float mean, int learnt) {
-  if (learnt < kGccNoiseStartHops) return 1.0f / static_cast<float>(learnt + 1);
-  return power < kNoiseLike * mean ? kNoiseAverage : 0.0f;
+// `a` where `take_a`, else `b`. Both are formed before the choice, which is
+// a bitwise blend: the compiler then runs the loops that choose four bins
+// at a time, where a conditional would keep it to one (it may not form a
+// quotient or a product in a bin that did not ask for it, lest it raise a
+// floating-point exception the plain loop would not).
+float Pick(bool take_a, float a, float b) {
+  const std::uint32_t mask = 0u - static_cast<std::uint32_t>(take_a);
+  return std::bit_cast<float>((std::bit_cast<std::uint32_t>(a) & mask) | (std::bit_cast<std::uint32_t>(b) & ~mask));
+}
+
+// How much of each bin of the hop the noise estimate takes in: the plain
+// mean's share over the first hops, kNoiseAverage for a bin that counts as
+// noise afterwards, 0 for a louder one (whose mean then only climbs). The
+// loops are written without branches, so that the compiler can run them
+// four bins at a time.
+void NoiseSteps(const float power[kGccBins], const GccNoise& noise, int learnt, float step[kGccBins]) {
+  if (learnt < kGccNoiseStartHops) {
+    const float share = 1.0f / static_cast<float>(learnt + 1);
+    for (int b = 0; b < kGccBins; ++b) step[b] = share;
+    return;
+  }
+  for (int b = 0; b < kGccBins; ++b) step[b] = power[b] < kNoiseLike * noise.power[b] ? kNoiseAverage : 0.0f;
+}
+
+void ApplyNoiseSteps(const float power[kGccBins], const float step[kGccBins], GccNoise* noise) {
+  for (int b = 0; b < kGccBins; ++b) {
+    const float mean = noise->power[b];
+    const float averaged = mean + step[b] * (power[b] - mean);
+    const float climbed = mean * kNoiseClimb;
+    noise->power[b] = Pick(step[b] > 0.0f, averaged, climbed);
+  }
 }
 
 }  // namespace
 
 void GccFollowNoise(const float power[kGccBins], int learnt, GccNoise* noise) {
-  for (int b = 0; b < kGccBins; ++b) {
-    float& mean = noise->power[b];
-    const float step = NoiseStep(power[b], mean, learnt);
-    if (step > 0.0f)
-      mean += step * (power[b] - mean);
-    else
-      mean *= kNoiseClimb;
-  }
+  float step[kGccBins];
+  NoiseSteps(power, *noise, learnt, step);
+  ApplyNoiseSteps(power, step, noise);
 }
 
 void GccFollowNoise(const GccBand& band, const float power[kGccBins], int learnt, GccNoise* noise,
@@ -180,7 +212,7 @@ void GccFollowNoise(const GccBand& band, const float power[kGccBins], int learnt
   // The steps are read before the power's mean moves, so both follow the
   // same bins.
   float step[kGccBins];
-  for (int b = 0; b < kGccBins; ++b) step[b] = NoiseStep(power[b], noise->power[b], learnt);
+  NoiseSteps(power, *noise, learnt, step);
   for (int p = 0; p < kGccPairs; ++p) {
     float re[kGccBins], im[kGccBins];
     PairProducts(band, p, re, im);
@@ -189,7 +221,7 @@ void GccFollowNoise(const GccBand& band, const float power[kGccBins], int learnt
       cross->im[p][b] += step[b] * (im[b] - cross->im[p][b]);
     }
   }
-  GccFollowNoise(power, learnt, noise);
+  ApplyNoiseSteps(power, step, noise);
 }
 
 float GccNoiseCoherence(const GccNoise& noise, const GccNoiseCross& cross) {
@@ -207,7 +239,6 @@ float GccNoiseCoherence(const GccNoise& noise, const GccNoiseCross& cross) {
 
 float GccBinWeights(const float power[kGccBins], const GccNoise& noise, const float recent[kGccBins],
                     float rise_over_noise, float rise_over_room, float weight[kGccBins]) {
-  float total = 0.0f;
   for (int b = 0; b < kGccBins; ++b) {
     // The noise test looks at the power smoothed with the last hops: a
     // single hop's bin of noise swings far above its mean too often, and a
@@ -215,11 +246,15 @@ float GccBinWeights(const float power[kGccBins], const GccNoise& noise, const fl
     const float smoothed = 0.5f * (recent[b] + power[b]);
     const float floor = kNoiseMargin * noise.power[b];
     const float room_floor = kRoomOverFloor * floor;
-    const float room = recent[b] > room_floor ? recent[b] - room_floor : 0.0f;
+    const float room = Pick(recent[b] > room_floor, recent[b] - room_floor, 0.0f);
     const float rise = power[b] - rise_over_noise * (recent[b] - room) - rise_over_room * room;
-    weight[b] = smoothed > floor && rise > 0.0f ? (smoothed - floor) / smoothed * (rise / power[b]) : 0.0f;
-    total += weight[b];
+    // The quotients are formed on every bin; where the bin does not count
+    // they may be undefined and are not used.
+    const float w = (smoothed - floor) / smoothed * (rise / power[b]);
+    weight[b] = Pick((smoothed > floor) & (rise > 0.0f), w, 0.0f);
   }
+  float total = 0.0f;
+  for (int b = 0; b < kGccBins; ++b) total += weight[b];
   return total;
 }
 
@@ -240,13 +275,13 @@ float GccBinWeightsPooled(const float power[kGccBins], const GccNoise& noise, co
   floor[kGccBins - 1] = noise.power[kGccBins - 2] + noise.power[kGccBins - 1];
   for (int b = 0; b < kGccBins; ++b) {
     const float margin = kPooledNoiseMargin * floor[b];
-    const float recent_above = recent[b] > noise.power[b] ? recent[b] - noise.power[b] : 0.0f;
+    const float recent_above = Pick(recent[b] > noise.power[b], recent[b] - noise.power[b], 0.0f);
     const float rise = power[b] - noise.power[b] - kOnsetRise * recent_above;
-    const bool counts = summed[b] > margin && rise > 0.0f;
+    const bool counts = (summed[b] > margin) & (rise > 0.0f);
     // The quotients are formed on every lane; where the bin does not count
     // they may be undefined and are not used.
     const float w = (summed[b] - margin) / summed[b] * (rise / power[b]);
-    weight[b] = counts ? w : 0.0f;
+    weight[b] = Pick(counts, w, 0.0f);
   }
   float total = 0.0f;
   for (int b = 0; b < kGccBins; ++b) total += weight[b];
@@ -395,12 +430,22 @@ namespace {
 // bins so.
 bool Counts(const GccCross& cross, int p, int b) { return cross.re[p][b] != 0.0f || cross.im[p][b] != 0.0f; }
 
+// One past the last bin any pair counts in: the phasors need not be turned
+// beyond it (onsets seldom reach the top of the band).
+int CountedBins(const GccCross& cross) {
+  for (int b = kGccBins; b > 0; --b)
+    for (int p = 0; p < kGccPairs; ++p)
+      if (Counts(cross, p, b - 1)) return b;
+  return 0;
+}
+
 }  // namespace
 
 void GccCrossToLagsPlain(const GccCross& cross, GccLags lags) {
   float phasor_re[kGccLags], phasor_im[kGccLags];
   StartLags(phasor_re, phasor_im, lags);
-  for (int b = 0; b < kGccBins; ++b) {
+  const int bins = CountedBins(cross);
+  for (int b = 0; b < bins; ++b) {
     for (int p = 0; p < kGccPairs; ++p)
       if (Counts(cross, p, b)) AddLagTerms(lags[p], cross.re[p][b], cross.im[p][b], phasor_re, phasor_im, 0);
     TurnPhasors(phasor_re, phasor_im, 0);
@@ -415,7 +460,8 @@ VORN_TARGET_AVX2 void GccCrossToLagsAvx2(const GccCross& cross, GccLags lags) {
   constexpr int kVectorLags = kGccLags / 8 * 8;
   alignas(32) float phasor_re[kGccLags], phasor_im[kGccLags];
   StartLags(phasor_re, phasor_im, lags);
-  for (int b = 0; b < kGccBins; ++b) {
+  const int bins = CountedBins(cross);
+  for (int b = 0; b < bins; ++b) {
     for (int p = 0; p < kGccPairs; ++p) {
       if (!Counts(cross, p, b)) continue;
       const float cr = cross.re[p][b], ci = cross.im[p][b];
@@ -450,9 +496,11 @@ float GccConfidence(float score, float weight) {
   return GccAgreement(score, weight) * (1.0f - std::exp(-weight / kConfidentWeight));
 }
 
-float GccScore(const GccLags lags, int azimuth_deg, int elevation_deg) {
-  const std::array<float, kGccPairs>& delays = kPairDelays[static_cast<std::size_t>(Wrap360(azimuth_deg))];
-  const float factor = kElevationFactors[static_cast<std::size_t>(elevation_deg)];
+namespace {
+
+// The summed correlations at the direction whose in-plane pair delays are
+// `delays`, at the height whose cosine is `factor`.
+float ScoreAt(const GccLags lags, const std::array<float, kGccPairs>& delays, float factor) {
   float score = 0.0f;
   for (int p = 0; p < kGccPairs; ++p) {
     const float at = delays[p] * factor * kGccLagsPerSample + kGccLagZero;
@@ -463,13 +511,65 @@ float GccScore(const GccLags lags, int azimuth_deg, int elevation_deg) {
   return score;
 }
 
+}  // namespace
+
+float GccScore(const GccLags lags, int azimuth_deg, int elevation_deg) {
+  return ScoreAt(lags, kPairDelays[static_cast<std::size_t>(Wrap360(azimuth_deg))],
+                 kElevationFactors[static_cast<std::size_t>(elevation_deg)]);
+}
+
+void GccCoarseScores(const GccLags lags, int elevation_deg, float scores[kGccCoarseAzimuths]) {
+#if defined(VORN_AVX2)
+  if (CpuHasAvx2()) {
+    GccCoarseScoresAvx2(lags, elevation_deg, scores);
+    return;
+  }
+#endif
+  GccCoarseScoresPlain(lags, elevation_deg, scores);
+}
+
+void GccCoarseScoresPlain(const GccLags lags, int elevation_deg, float scores[kGccCoarseAzimuths]) {
+  const float factor = kElevationFactors[static_cast<std::size_t>(elevation_deg)];
+  for (int a = 0; a < kGccCoarseAzimuths; ++a)
+    scores[a] = ScoreAt(lags, kPairDelays[static_cast<std::size_t>(a * kGccCoarseDeg)], factor);
+}
+
+#if defined(VORN_AVX2)
+// Eight azimuths per vector, each lane doing ScoreAt's operations in its
+// order (the lag's whole part by truncation, as the cast does, and no fused
+// multiply-add), so the bits are the same.
+VORN_TARGET_AVX2 void GccCoarseScoresAvx2(const GccLags lags, int elevation_deg,
+                                          float scores[kGccCoarseAzimuths]) {
+  static_assert(kGccCoarseAzimuths % 8 == 0);
+  const __m256 factor = _mm256_set1_ps(kElevationFactors[static_cast<std::size_t>(elevation_deg)]);
+  const __m256 per_sample = _mm256_set1_ps(static_cast<float>(kGccLagsPerSample));
+  const __m256 zero_lag = _mm256_set1_ps(static_cast<float>(kGccLagZero));
+  for (int a = 0; a < kGccCoarseAzimuths; a += 8) {
+    __m256 score = _mm256_setzero_ps();
+    for (int p = 0; p < kGccPairs; ++p) {
+      const __m256 delays = _mm256_loadu_ps(&kCoarseDelays[static_cast<std::size_t>(p)][static_cast<std::size_t>(a)]);
+      const __m256 at = _mm256_add_ps(_mm256_mul_ps(_mm256_mul_ps(delays, factor), per_sample), zero_lag);
+      const __m256i i = _mm256_cvttps_epi32(at);
+      const __m256 frac = _mm256_sub_ps(at, _mm256_cvtepi32_ps(i));
+      const __m256 low = _mm256_i32gather_ps(lags[p], i, 4);
+      const __m256 high = _mm256_i32gather_ps(lags[p] + 1, i, 4);
+      score = _mm256_add_ps(score, _mm256_add_ps(low, _mm256_mul_ps(frac, _mm256_sub_ps(high, low))));
+    }
+    _mm256_storeu_ps(scores + a, score);
+  }
+}
+#endif
+
 GccPeak GccSearch(const GccLags lags, int elevation_step_deg) {
-  constexpr int kCoarseDeg = 5;
+  constexpr int kCoarseDeg = kGccCoarseDeg;
   int best_az = 0, best_el = 0;
   float best = GccScore(lags, 0, 0);
-  for (int el = 0; el <= kGccMaxElevationDeg; el += elevation_step_deg)
-    for (int az = 0; az < 360; az += kCoarseDeg)
-      if (const float s = GccScore(lags, az, el); s > best) best = s, best_az = az, best_el = el;
+  for (int el = 0; el <= kGccMaxElevationDeg; el += elevation_step_deg) {
+    float scores[kGccCoarseAzimuths];
+    GccCoarseScores(lags, el, scores);
+    for (int a = 0; a < kGccCoarseAzimuths; ++a)
+      if (scores[a] > best) best = scores[a], best_az = a * kCoarseDeg, best_el = el;
+  }
   // One degree round the coarse winner, on its height and the neighbouring ones.
   int fine_az = best_az, fine_el = best_el;
   for (int el = best_el - elevation_step_deg; el <= best_el + elevation_step_deg; el += elevation_step_deg) {
@@ -489,12 +589,12 @@ GccPeak GccSearch(const GccLags lags, int elevation_step_deg) {
 }
 
 float GccPeakContrast(const GccLags lags, const GccPeak& peak) {
-  constexpr int kSweepDeg = 5;
   if (!(peak.score > 0.0f)) return 0.0f;
-  const int elevation = static_cast<int>(peak.elevation_deg);
+  float scores[kGccCoarseAzimuths];
+  GccCoarseScores(lags, static_cast<int>(peak.elevation_deg), scores);
   float sum = 0.0f;
-  for (int az = 0; az < 360; az += kSweepDeg) sum += GccScore(lags, az, elevation);
-  const float mean = sum / static_cast<float>(360 / kSweepDeg);
+  for (int a = 0; a < kGccCoarseAzimuths; ++a) sum += scores[a];
+  const float mean = sum / static_cast<float>(kGccCoarseAzimuths);
   return mean < peak.score ? (peak.score - mean) / peak.score : 0.0f;
 }
 

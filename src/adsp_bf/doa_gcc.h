@@ -187,6 +187,17 @@ constexpr int kGccMaxElevationDeg = 40;
 // `elevation_step_deg` steps (a divisor of 40).
 GccPeak GccSearch(const GccLags lags, int elevation_step_deg);
 
+// The 5-degree pass at one elevation: scores[a] is GccScore at azimuth
+// kGccCoarseDeg * a. The eight-lane AVX2 twin is taken where the processor
+// has it; both give the same bits.
+constexpr int kGccCoarseDeg = 5;
+constexpr int kGccCoarseAzimuths = 360 / kGccCoarseDeg;
+void GccCoarseScores(const GccLags lags, int elevation_deg, float scores[kGccCoarseAzimuths]);
+void GccCoarseScoresPlain(const GccLags lags, int elevation_deg, float scores[kGccCoarseAzimuths]);
+#if defined(VORN_AVX2)
+void GccCoarseScoresAvx2(const GccLags lags, int elevation_deg, float scores[kGccCoarseAzimuths]);
+#endif
+
 // How much pooled evidence agrees on its peak (0..1): the peak's score
 // against the largest it could reach (every weighted bin of every pair in
 // phase, `weight` being the bin weights pooled).
