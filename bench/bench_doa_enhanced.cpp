@@ -12,11 +12,7 @@
 #include <cstring>
 #include <vector>
 
-#include "adsp_bf/adsp_doa.h"
-#include "adsp_bf/audio_dsp_proc.h"
-#include "adsp_bf/doa_tracker_enhanced.h"
-#include "common/adsp_common_fft_rel.h"
-#include "common/adsp_common_rom.h"
+#include "doa_hop_work.h"
 #include "sim/signals.h"
 
 namespace {
@@ -34,32 +30,17 @@ const std::vector<short>& Input() {
   return pcm;
 }
 
-// The analysis buffers of hop h, as the beamformer keeps them.
-void FillBuffers(std::size_t h, float au[kBfChannels][kBfFftLen]) {
-  const short* frame = Input().data() + h * kBfHop * kBfChannels;
-  for (int m = 0; m < kBfChannels; ++m)
-    for (int n = 0; n < kBfFftLen; ++n) au[m][n] = frame[kBfChannels * n + m];
-}
-
 void BM_ClassicDoaHop(benchmark::State& state) {
   std::vector<float> buffer(kBfBuffSize / sizeof(float));
-  T_AudioDspParam pm{buffer.data(), kBfBuffSize, kBfParamSize, 0, 0, 0, 1, 0, 0, 0, 1, 0};
-  if (BFInit(&pm) != 0) {
+  T_AudioDspState* st = bench::ClassicDoaState(buffer.data());
+  if (st == nullptr) {
     state.SkipWithError("BFInit failed");
     return;
   }
-  auto* st = static_cast<T_AudioDspState*>(pm.p_data);
-  std::fill(st->ns_psd, st->ns_psd + kBfNumBins, 1e4f);
   std::size_t h = 0;
   for (auto _ : state) {
-    FillBuffers(h, st->au);
-    st->frame_num = st->frame_num < kBfFrameNumMax ? st->frame_num + 1 : kBfFrameNumMax;
-    float windowed[kBfChannels][kBfFftLen];
-    for (int m = 0; m < kBfChannels; ++m) {
-      for (int n = 0; n < kBfFftLen; ++n) windowed[m][n] = st->au[m][n] * hanmming_win[n];
-      fft_rel(windowed[m], kBfFftLen, kBfFftOrder);
-    }
-    benchmark::DoNotOptimize(DOA(st, windowed));
+    bench::FillBuffers(Input().data(), h, st->au);
+    benchmark::DoNotOptimize(bench::ClassicDoaHop(st));
     h = h + 1 == kHops ? 0 : h + 1;
   }
 }
@@ -72,24 +53,15 @@ void BM_EnhancedDoaHop(benchmark::State& state) {
   DoaTrackerInit(&tracker);
   const DoaHopCues cues{static_cast<float>(state.range(0)), 0.0f, false, true};
   float au[kBfChannels][kBfFftLen];
-  float spectra[kBfChannels][kBfFftLen];
   // Past the tracker's warm-up, with the noise learnt.
   for (std::size_t h = 0; h < 100; ++h) {
-    FillBuffers(h, au);
-    for (int m = 0; m < kBfChannels; ++m) {
-      std::memcpy(spectra[m], au[m], sizeof spectra[m]);
-      fft_rel(spectra[m], kBfFftLen, kBfFftOrder);
-    }
-    DoaTrackerHop(&tracker, spectra, cues);
+    bench::FillBuffers(Input().data(), h, au);
+    bench::EnhancedDoaHop(&tracker, au, cues);
   }
   std::size_t h = 100;
   for (auto _ : state) {
-    FillBuffers(h, au);
-    for (int m = 0; m < kBfChannels; ++m) {
-      std::memcpy(spectra[m], au[m], sizeof spectra[m]);
-      fft_rel(spectra[m], kBfFftLen, kBfFftOrder);
-    }
-    benchmark::DoNotOptimize(DoaTrackerHop(&tracker, spectra, cues));
+    bench::FillBuffers(Input().data(), h, au);
+    benchmark::DoNotOptimize(bench::EnhancedDoaHop(&tracker, au, cues));
     h = h + 1 == kHops ? 100 : h + 1;
   }
 }

@@ -19,12 +19,8 @@
 #include <string>
 #include <vector>
 
-#include "adsp_bf/adsp_doa.h"
-#include "adsp_bf/audio_dsp_proc.h"
-#include "adsp_bf/doa_tracker_enhanced.h"
-#include "common/adsp_common_fft_rel.h"
-#include "common/adsp_common_rom.h"
 #include "count_markers.h"
+#include "doa_hop_work.h"
 
 namespace {
 
@@ -68,40 +64,14 @@ Input Talker(std::size_t hops) {
   return in;
 }
 
-// The analysis buffers of hop h, as the beamformer keeps them.
-void FillBuffers(const Input& in, std::size_t h, float au[kBfChannels][kBfFftLen]) {
-  const short* frame = in.pcm.data() + h * kBfHop * kBfChannels;
-  for (int m = 0; m < kBfChannels; ++m)
-    for (int n = 0; n < kBfFftLen; ++n) au[m][n] = frame[kBfChannels * n + m];
-}
-
-float ClassicHop(T_AudioDspState* st) {
-  st->frame_num = st->frame_num < kBfFrameNumMax ? st->frame_num + 1 : kBfFrameNumMax;
-  float windowed[kBfChannels][kBfFftLen];
-  for (int m = 0; m < kBfChannels; ++m) {
-    for (int n = 0; n < kBfFftLen; ++n) windowed[m][n] = st->au[m][n] * hanmming_win[n];
-    fft_rel(windowed[m], kBfFftLen, kBfFftOrder);
-  }
-  return DOA(st, windowed);
-}
-
-float EnhancedHop(TDoaTrackerEnhanced* t, const float au[kBfChannels][kBfFftLen], const DoaHopCues& cues) {
-  float spectra[kBfChannels][kBfFftLen];
-  for (int m = 0; m < kBfChannels; ++m) {
-    std::memcpy(spectra[m], au[m], sizeof spectra[m]);
-    fft_rel(spectra[m], kBfFftLen, kBfFftOrder);
-  }
-  return DoaTrackerHop(t, spectra, cues).azimuth_deg;
-}
-
 // The counted hops, from kWarmHops on; the sum of the azimuths keeps them
 // from being dropped.
 __attribute__((noinline)) double CountedClassicHops(const Input& in, T_AudioDspState* st) {
   double sum = 0.0;
   vorn_count_begin();
   for (std::size_t h = kWarmHops; h < in.hops; ++h) {
-    FillBuffers(in, h, st->au);
-    sum += ClassicHop(st);
+    bench::FillBuffers(in.pcm.data(), h, st->au);
+    sum += bench::ClassicDoaHop(st);
   }
   vorn_count_end();
   return sum;
@@ -112,8 +82,8 @@ __attribute__((noinline)) double CountedEnhancedHops(const Input& in, TDoaTracke
   float au[kBfChannels][kBfFftLen];
   vorn_count_begin();
   for (std::size_t h = kWarmHops; h < in.hops; ++h) {
-    FillBuffers(in, h, au);
-    sum += EnhancedHop(t, au, cues);
+    bench::FillBuffers(in.pcm.data(), h, au);
+    sum += bench::EnhancedDoaHop(t, au, cues).azimuth_deg;
   }
   vorn_count_end();
   return sum;
@@ -121,12 +91,11 @@ __attribute__((noinline)) double CountedEnhancedHops(const Input& in, TDoaTracke
 
 double Classic(const Input& in) {
   std::vector<float> buffer(kBfBuffSize / sizeof(float));
-  T_AudioDspParam pm{buffer.data(), kBfBuffSize, kBfParamSize, 0, 0, 0, 1, 0, 0, 0, 1, 0};
-  if (BFInit(&pm) != 0) return -1.0;
-  auto* st = static_cast<T_AudioDspState*>(pm.p_data);
+  T_AudioDspState* st = bench::ClassicDoaState(buffer.data());
+  if (st == nullptr) return -1.0;
   for (std::size_t h = 0; h < kWarmHops; ++h) {
-    FillBuffers(in, h, st->au);
-    ClassicHop(st);
+    bench::FillBuffers(in.pcm.data(), h, st->au);
+    bench::ClassicDoaHop(st);
   }
   return CountedClassicHops(in, st);
 }
@@ -137,8 +106,8 @@ double Enhanced(const Input& in, float presence) {
   const DoaHopCues cues{presence, 0.0f, false, true};
   float au[kBfChannels][kBfFftLen];
   for (std::size_t h = 0; h < kWarmHops; ++h) {
-    FillBuffers(in, h, au);
-    EnhancedHop(&tracker, au, cues);
+    bench::FillBuffers(in.pcm.data(), h, au);
+    bench::EnhancedDoaHop(&tracker, au, cues);
   }
   return CountedEnhancedHops(in, &tracker, cues);
 }

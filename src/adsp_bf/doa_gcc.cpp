@@ -561,20 +561,19 @@ VORN_TARGET_AVX2 void GccCoarseScoresAvx2(const GccLags lags, int elevation_deg,
 #endif
 
 GccPeak GccSearch(const GccLags lags, int elevation_step_deg) {
-  constexpr int kCoarseDeg = kGccCoarseDeg;
   int best_az = 0, best_el = 0;
   float best = GccScore(lags, 0, 0);
   for (int el = 0; el <= kGccMaxElevationDeg; el += elevation_step_deg) {
     float scores[kGccCoarseAzimuths];
     GccCoarseScores(lags, el, scores);
     for (int a = 0; a < kGccCoarseAzimuths; ++a)
-      if (scores[a] > best) best = scores[a], best_az = a * kCoarseDeg, best_el = el;
+      if (scores[a] > best) best = scores[a], best_az = a * kGccCoarseDeg, best_el = el;
   }
   // One degree round the coarse winner, on its height and the neighbouring ones.
   int fine_az = best_az, fine_el = best_el;
   for (int el = best_el - elevation_step_deg; el <= best_el + elevation_step_deg; el += elevation_step_deg) {
     if (el < 0 || el > kGccMaxElevationDeg) continue;
-    for (int az = best_az - kCoarseDeg + 1; az < best_az + kCoarseDeg; ++az)
+    for (int az = best_az - kGccCoarseDeg + 1; az < best_az + kGccCoarseDeg; ++az)
       if (const float s = GccScore(lags, az, el); s > best) best = s, fine_az = az, fine_el = el;
   }
   const float left = GccScore(lags, fine_az - 1, fine_el);
